@@ -1,0 +1,57 @@
+// The one-slot mailbox between the viewer link's receive thread and the control thread.
+//
+// A writer may replace a text that has not been taken, and any process that maps the region may
+// write one; nobody waits for anybody. What is promised: a reader that finds the mailbox full sees
+// the whole text of its writer, as long as no second text arrives at that very moment; and whatever
+// the field holds, never more than 511 characters are taken from it.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+#include "base/shared.h"
+#include "base/shared_text.h"
+
+namespace nimbus {
+
+/// 512 bytes of the display region: one pending command text, all zero when empty.
+class CommandMailbox {
+ public:
+  static constexpr std::size_t kSize = 512;
+
+  /// Replaces the content by `text` up to its first NUL, cut to 511 characters. The first byte
+  /// goes last, because it is what the reader polls. Viewer link's receive thread.
+  void post(std::string_view text) noexcept {
+    text = text.substr(0, std::min(text.find('\0'), kSize - 1));
+    clear();
+    if (text.empty()) return;
+    for (std::size_t i = 1; i < text.size(); ++i) chars_[i] = text[i];
+    chars_[0].store_release(text[0]);
+  }
+
+  /// Whether a text is waiting. Control thread.
+  [[nodiscard]] bool full() const noexcept { return chars_[0].load_acquire() != '\0'; }
+
+  /// Copies the waiting text out and empties the mailbox, before anybody acts on the text. Empty
+  /// when none is waiting. Control thread.
+  [[nodiscard]] TextCopy<kSize> take() noexcept {
+    TextCopy<kSize> text;
+    if (!full()) return text;
+    for (std::size_t i = 0; i < kSize - 1; ++i) text.data()[i] = chars_[i];
+    clear();
+    return text;
+  }
+
+ private:
+  void clear() noexcept {
+    for (auto& c : chars_) c = '\0';
+  }
+
+  std::array<Shared<char>, kSize> chars_;
+};
+
+static_assert(sizeof(CommandMailbox) == CommandMailbox::kSize);
+
+}  // namespace nimbus

@@ -1,0 +1,69 @@
+// The table of contents of the service: what starts, and in which order. Every module is started
+// here and nowhere else, and this is the one file that knows them all.
+#include "app/startup.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+
+#include "app/display_region.h"
+#include "app/status_loop.h"
+#include "app/version.h"
+#include "base/log.h"
+#include "config/config.h"
+#include "config/loader.h"
+#include "control/rc_map.h"
+#include "net/sources.h"
+#include "net/viewers.h"
+
+namespace nimbus {
+namespace {
+
+void print_banner() {
+  std::printf("\033[1;37mTervado Nimbus v.%d.%d.%d\033[0m\n", kVersionMajor, kVersionMinor,
+              kVersionPatch);
+}
+
+/// What the display draws until the first camera data arrives.
+void show_splash(DisplayRegion& display) {
+  std::array<char, 20> version;
+  std::snprintf(version.data(), version.size(), "v.%d.%d.%d", kVersionMajor, kVersionMinor,
+                kVersionPatch);
+  display.product_name.assign("Tervado Nimbus");
+  display.version_text.assign(version.data());
+}
+
+/// Without its file the service goes on with zeroed settings: that way it can still be reached.
+void load_config() {
+  log_text("Loading config file... ");
+  log_text(config_load(parse_rc_input_map) == 0 ? "done\n" : "failed\n");
+  std::array<char, 20> version;
+  std::snprintf(version.data(), version.size(), "%d.%d.%d", kVersionMajor, kVersionMinor,
+                kVersionPatch);
+  config_get()->service_version.assign(version.data());
+}
+
+/// The display learns these once, at start; later changes of the file do not refresh them.
+void show_settings(DisplayRegion& display, const Config& config) {
+  display.osd_enabled = config.osd_enabled;
+  display.internal_camera_enabled = config.internal_camera_enabled;
+  display.internal_camera_fullscreen = config.internal_camera_fullscreen;
+}
+
+}  // namespace
+
+int run_service() {
+  DisplayRegion* const display = map_display_region();
+  if (display == nullptr) return EXIT_FAILURE;
+  print_banner();
+  show_splash(*display);
+  load_config();
+  Config* const config = config_get();
+  show_settings(*display, *config);
+
+  if (init_network(nullptr) == -1) return EXIT_FAILURE;
+  if (init_sources(nullptr) == -1) return EXIT_FAILURE;
+  run_status_loop(*display, *config);
+}
+
+}  // namespace nimbus

@@ -1,0 +1,13 @@
+// What the main thread does for the life of the process.
+#pragma once
+
+#include "app/display_region.h"
+#include "config/config.h"
+
+namespace nimbus {
+
+/// Once a second: expires silent viewers and sources, probes the access point and tells every
+/// viewer how things stand. The period is a second plus the time of the work. Main thread.
+[[noreturn]] void run_status_loop(const DisplayRegion& display, Config& config);
+
+}  // namespace nimbus

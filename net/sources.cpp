@@ -1,0 +1,108 @@
+#include "net/sources.h"
+
+#include "app/display_region.h"
+#include "base/log.h"
+#include "config/config.h"
+#include "net/viewers.h"
+
+namespace nimbus {
+namespace {
+
+UdpLink data_link;
+UdpLink video_link;
+DisplayRegion* display = nullptr;
+Config* config = nullptr;
+CameraDataHandler camera_data_handler = nullptr;
+
+void set_data_connected(std::uint8_t connected) {
+  display->data_connected = connected;
+  config->data_connected = connected;
+}
+
+void reset_camera_timer() {
+  display->timer_state = 0;
+  display->timer_start_ms = 0;
+  display->timer_elapsed_ms = 0;
+}
+
+void data_found() {
+  log_text("Data found\n");
+  set_data_connected(1);
+  display->telemetry_status_text.clear();
+  display->product_name.clear();
+  display->version_text.clear();
+  reset_camera_timer();
+}
+
+void data_lost() {
+  log_text("Data lost\n");
+  set_data_connected(0);
+  display->telemetry_status_text.assign("telemetry disconnected");
+  reset_camera_timer();
+}
+
+void data_packet(const Datagram& datagram) {
+  if (camera_data_handler != nullptr) camera_data_handler(datagram.bytes);
+}
+
+void mark_video_connected() {
+  display->video_connected = 1;
+  display->video_status_text.clear();
+}
+
+void video_found() {
+  log_text("Video found\n");
+  mark_video_connected();
+}
+
+void video_lost() {
+  log_text("Video lost\n");
+  display->video_connected = 0;
+  display->video_status_text.assign("video disconnected");
+}
+
+void video_packet(const Datagram& datagram) {
+  // On every datagram: one that races with the watchdog must not leave "disconnected" behind.
+  mark_video_connected();
+  if (config->disable_video_stream != 0) return;
+  broadcast(datagram.bytes, FrameKind::video);
+}
+
+/// Opens a link and reports how it went. The callbacks follow once the link is open: a datagram
+/// that arrives in between only counts as received.
+bool open_source(const char* name, UdpLink& link, std::uint16_t port) {
+  log_text("Init %s source... ", name);
+  const bool opened = link.open(port) == 0;
+  log_text(opened ? "done\n" : "fail\n");
+  return opened;
+}
+
+void install(UdpLink& link, void (*packet)(const Datagram&), void (*found)(), void (*lost)()) {
+  link.on_packet.store_release(packet);
+  link.on_found.store_release(found);
+  link.on_lost.store_release(lost);
+}
+
+}  // namespace
+
+int init_sources(CameraDataHandler on_camera_data) {
+  display = display_region();
+  config = config_get();
+  camera_data_handler = on_camera_data;
+  data_lost();
+  video_lost();
+  if (!open_source("data", data_link, kDataPort)) return -1;
+  install(data_link, data_packet, data_found, data_lost);
+  if (!open_source("video", video_link, kVideoPort)) return -1;
+  install(video_link, video_packet, video_found, video_lost);
+  return 0;
+}
+
+void check_sources() noexcept {
+  data_link.watchdog();
+  video_link.watchdog();
+}
+
+const UdpLink& camera_link() noexcept { return data_link; }
+
+}  // namespace nimbus

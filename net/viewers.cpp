@@ -1,0 +1,228 @@
+#include "net/viewers.h"
+
+#include <arpa/inet.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "app/display_region.h"
+#include "base/clock.h"
+#include "base/log.h"
+#include "base/wire.h"
+
+namespace nimbus {
+namespace {
+
+// --- The frame, in both directions -------------------------------------------------------------
+//   0  u8   0x42
+//   1  u8   outbound: 1 for relayed video, else 0; inbound: ignored
+//   2  u16  0
+//   4  u32  outbound: the broadcast's number; inbound: ignored
+//   8  u16  reserved, sent as 0, ignored
+//  10  u16  0
+//  12       payload
+constexpr std::size_t kHeaderSize = 12;
+constexpr std::uint8_t kMagic = 0x42;
+
+// --- Inbound payloads, by their first byte -----------------------------------------------------
+enum class Inbound : std::uint8_t {
+  register_viewer = 0,  //  1 u8 mode: 1 is data-only
+  leave = 1,
+  speed = 5,      //  1 u8 mode, 2 i16 pan, 4 i16 tilt, 6 i16 roll
+  command = '{',  //  a JSON text from this byte on, up to a NUL or the datagram's end
+};
+constexpr std::uint8_t kDataOnlyMode = 1;
+constexpr std::size_t kLongestFixedPayload = 8;
+
+// --- Policy ------------------------------------------------------------------------------------
+// The pause after every send keeps the fan-out from overrunning a viewer's Wi-Fi.
+constexpr useconds_t kPauseAfterSendUs = 1000;
+// A broadcast waits for the one before it, but never longer than 50 ms: a stuck sender must not
+// stop the others.
+constexpr int kGuardAttempts = 100;
+constexpr useconds_t kGuardSleepUs = 500;
+
+UdpLink viewer_link;
+std::array<ViewerClient, kMaxViewers> viewers;
+Shared<std::uint32_t> frame_counter;
+Shared<std::uint8_t> send_busy;
+DisplayRegion* display = nullptr;
+ViewerSpeedHandler speed_handler = nullptr;
+
+// --- The table ---------------------------------------------------------------------------------
+
+bool holds(const ViewerClient& slot, Endpoint viewer) {
+  return slot.address == viewer.address && slot.port == viewer.port;
+}
+
+bool is_free(const ViewerClient& slot) { return slot.address.load_acquire() == 0; }
+
+/// Empties the slot if `viewer` still holds it. The receive thread (leave) and the main thread
+/// (time-out) may both try: one of them wins, and a newcomer in the slot is never dropped for it.
+bool release(ViewerClient& slot, Endpoint viewer) {
+  if (!slot.port.replace(viewer.port, 0)) return false;
+  slot.last_seen_ms = 0;
+  slot.data_only = 0;
+  slot.address.store_release(0);
+  return true;
+}
+
+/// Where a broadcast sends for this slot: port 0 when it is not served. An address and a port of
+/// two different viewers are never paired: the port still stands after the address was read.
+Endpoint destination_of(const ViewerClient& slot) {
+  const std::uint32_t port = slot.port.load_acquire();
+  if (port == 0) return {};
+  const in_addr_t address = slot.address.load_acquire();
+  if (address == 0 || slot.port != port) return {};
+  return {address, static_cast<std::uint16_t>(port)};
+}
+
+// --- Inbound -----------------------------------------------------------------------------------
+
+void handle_register(Endpoint viewer, bool data_only) {
+  if (register_viewer(viewer, data_only) == 0) return;
+  log_text("New client connected from %s:%d %s\n", address_text(viewer.address).data(), viewer.port,
+           data_only ? "(only data)" : " ");
+}
+
+void handle_leave(Endpoint viewer) {
+  auto* const slot = std::find_if(viewers.begin(), viewers.end(),
+                                  [viewer](const auto& entry) { return holds(entry, viewer); });
+  if (slot == viewers.end() || !release(*slot, viewer)) return;
+  log_text("Client %s:%d removed\n", address_text(viewer.address).data(), viewer.port);
+}
+
+/// The service's own frames, looped back to it.
+bool is_own_frame(Endpoint sender) {
+  return sender.address == htonl(INADDR_LOOPBACK) && sender.port == kViewerPort;
+}
+
+void dispatch(const Datagram& datagram) {
+  // Fields behind the end of a short datagram read as zero: a lone magic byte is a registration.
+  std::array<std::uint8_t, kHeaderSize + kLongestFixedPayload> head{};
+  std::copy_n(datagram.bytes.begin(), std::min(datagram.bytes.size(), head.size()), head.begin());
+  if (head[0] != kMagic || is_own_frame(datagram.sender)) return;
+  const auto payload = std::span<const std::uint8_t>(head).subspan(kHeaderSize);
+  switch (static_cast<Inbound>(payload[0])) {
+    case Inbound::register_viewer:
+      handle_register(datagram.sender, payload[1] == kDataOnlyMode);
+      break;
+    case Inbound::leave:
+      handle_leave(datagram.sender);
+      break;
+    case Inbound::speed:
+      if (speed_handler != nullptr) {
+        speed_handler(payload[1], load_le<std::int16_t>(payload, 2),
+                      load_le<std::int16_t>(payload, 4), load_le<std::int16_t>(payload, 6));
+      }
+      break;
+    case Inbound::command: {
+      const auto text = datagram.bytes.subspan(kHeaderSize);
+      display->command_mailbox.post({reinterpret_cast<const char*>(text.data()), text.size()});
+      break;
+    }
+  }
+}
+
+// --- Outbound ----------------------------------------------------------------------------------
+
+/// Waits while another thread broadcasts. Advisory: it keeps the frames of two broadcasts from
+/// interleaving, but nothing depends on it.
+void wait_for_turn() {
+  for (int i = 0; i < kGuardAttempts && send_busy != 0; ++i) usleep(kGuardSleepUs);
+}
+
+std::array<std::uint8_t, kHeaderSize> frame_header(FrameKind kind, std::uint32_t number) {
+  std::array<std::uint8_t, kHeaderSize> header{};
+  header[0] = kMagic;
+  header[1] = static_cast<std::uint8_t>(kind);
+  store_le(header, 4, number);
+  return header;
+}
+
+}  // namespace
+
+int init_network(ViewerSpeedHandler on_speed) {
+  display = display_region();
+  speed_handler = on_speed;
+  frame_counter = 0;
+  log_text("Init network... ");
+  if (viewer_link.open(kViewerPort) == -1) {
+    log_text("fail\n");
+    return -1;
+  }
+  log_text("done\n");
+  viewer_link.on_packet.store_release(dispatch);
+  return 0;
+}
+
+void broadcast(std::span<const std::uint8_t> payload, FrameKind kind) noexcept {
+  wait_for_turn();
+  // Header and payload are gathered by the kernel: no frame buffer that two threads could share.
+  auto header = frame_header(kind, frame_counter);
+  send_busy = 1;
+  const std::size_t length = static_cast<std::uint16_t>(kHeaderSize + payload.size());
+  const std::size_t header_length = std::min(length, kHeaderSize);
+  const std::array<iovec, 2> parts{{
+      {header.data(), header_length},
+      {const_cast<std::uint8_t*>(payload.data()), length - header_length},
+  }};
+  for (const auto& slot : viewers) {
+    const Endpoint viewer = destination_of(slot);
+    if (viewer.port == 0) continue;
+    viewer_link.send_to(parts, viewer);
+    usleep(kPauseAfterSendUs);
+  }
+  send_busy = 0;
+  frame_counter = frame_counter + 1;
+}
+
+void send_status(std::uint8_t type, const std::array<std::uint8_t, 6>& values) noexcept {
+  std::array<std::uint8_t, 7> payload{type};
+  std::copy(values.begin(), values.end(), payload.begin() + 1);
+  broadcast(payload, FrameKind::data);
+}
+
+void send_triple(std::uint8_t type, const std::array<std::int16_t, 3>& values) noexcept {
+  std::array<std::uint8_t, 7> payload{type};
+  for (std::size_t i = 0; i < values.size(); ++i) store_le(payload, 1 + 2 * i, values[i]);
+  broadcast(payload, FrameKind::data);
+}
+
+int register_viewer(Endpoint viewer, bool data_only) noexcept {
+  if (viewer.port == 0) return 0;  // a sender without a port cannot be sent to (RFC 768)
+  const auto set = [&](ViewerClient& slot) {
+    slot.data_only = data_only ? 1 : 0;
+    slot.last_seen_ms.store_release(now_ms());
+  };
+  for (auto& slot : viewers) {
+    if (!holds(slot, viewer)) continue;
+    set(slot);
+    return 0;
+  }
+  auto* const slot = std::find_if(viewers.begin(), viewers.end(), is_free);
+  if (slot == viewers.end()) return 0;
+  slot->address.store_release(viewer.address);
+  set(*slot);
+  slot->port.store_release(viewer.port);
+  return 1;
+}
+
+void check_viewer_timeouts() noexcept {
+  std::uint8_t count = 0;
+  for (auto& slot : viewers) {
+    if (is_free(slot)) continue;
+    const Endpoint viewer = destination_of(slot);
+    // Port 0: the receive thread is filling the slot at this moment.
+    if (viewer.port != 0 && age_ms(slot.last_seen_ms) > kViewerTimeoutMs && release(slot, viewer)) {
+      log_text("Client %s:%d lost\n", address_text(viewer.address).data(), viewer.port);
+      continue;
+    }
+    ++count;
+  }
+  display->viewer_count = count;
+}
+
+}  // namespace nimbus

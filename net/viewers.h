@@ -1,0 +1,64 @@
+// The viewer table, the viewer protocol and the relay to every viewer, on UDP port 4242.
+//
+// Any host may send anything here at any rate. A datagram registers a viewer, keeps it registered,
+// lets it leave, carries a command or a speed, or is ignored; none is answered directly. Whatever
+// is broadcast goes as one frame to each registered viewer, spaced by a millisecond.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "base/shared.h"
+#include "net/udp_link.h"
+
+namespace nimbus {
+
+inline constexpr std::uint16_t kViewerPort = 4242;
+inline constexpr std::size_t kMaxViewers = 10;
+
+/// A viewer that has not registered again for longer than this is lost.
+inline constexpr std::uint32_t kViewerTimeoutMs = 5000;
+
+/// The byte of the frame header that tells relayed video from everything else.
+enum class FrameKind : std::uint8_t { data = 0, video = 1 };
+
+/// One slot of the viewer table. `address` is the slot's ownership, written first when it fills and
+/// last when it empties; `port` is its visibility to broadcasts, written last when it fills and
+/// first when it empties.
+struct ViewerClient {
+  Shared<in_addr_t> address;           ///< network byte order; 0: the slot is free
+  Shared<std::uint32_t> port;          ///< host byte order; 0: not served
+  Shared<std::uint32_t> last_seen_ms;  ///< now_ms of the last registration
+  Shared<std::uint8_t> data_only;      ///< 1: announced as data-only, which changes nothing else
+};
+
+/// Called with a viewer's speed message: the mode, and pan, tilt and roll as they stood on the
+/// wire.
+using ViewerSpeedHandler = void (*)(int mode, int pan, int tilt, int roll);
+
+/// Opens the viewer link. The handler of speed messages may be null. Returns 0, or -1 after "fail"
+/// on standard error when the port cannot be bound. Main thread, once, with the display region
+/// mapped.
+int init_network(ViewerSpeedHandler on_speed);
+
+/// Sends the payload as one frame to every registered viewer, 1 ms apart. The payload is not
+/// copied and may be at most 65,523 bytes long: the frame's length is cut to 16 bits. Any thread.
+void broadcast(std::span<const std::uint8_t> payload, FrameKind kind) noexcept;
+
+/// Broadcasts a 7-byte status message: the type and six bytes. Any thread.
+void send_status(std::uint8_t type, const std::array<std::uint8_t, 6>& values) noexcept;
+
+/// Broadcasts a 7-byte triple message: the type and three 16-bit values, little-endian. Any thread.
+void send_triple(std::uint8_t type, const std::array<std::int16_t, 3>& values) noexcept;
+
+/// Registers a viewer or keeps it registered. Returns 1 when it is new, 0 when it is known, has no
+/// port, or finds all slots taken. Viewer link's receive thread.
+int register_viewer(Endpoint viewer, bool data_only) noexcept;
+
+/// Drops the viewers that have fallen silent and counts the others into the display region. Main
+/// thread, once a second.
+void check_viewer_timeouts() noexcept;
+
+}  // namespace nimbus

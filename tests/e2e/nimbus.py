@@ -1,0 +1,370 @@
+"""The service and its neighbours, as the end-to-end tests see them.
+
+Everything here works on the outside of the real binary: its console, its UDP ports, its shared
+memory and the board tools that it runs. The tests run inside the sandbox (tools/sandbox/enter), one
+service at a time.
+"""
+
+import dataclasses
+import mmap
+import os
+import pathlib
+import signal
+import socket
+import struct
+import subprocess
+import threading
+import time
+
+VIEWER_PORT = 4242
+DATA_PORT = 5000
+VIDEO_PORT = 5001
+
+BANNER = b"\x1b[1;37mTervado Nimbus v.0.3.7\x1b[0m\n"
+READY = "Init video source... done\n"
+
+# Sanitized and emulated runs stretch every time limit (never a lower bound).
+TIME_SCALE = float(os.environ.get("NIMBUS_TIME_SCALE", "1"))
+
+
+def limit(seconds):
+    """A time limit, stretched for slow builds."""
+    return seconds * TIME_SCALE
+
+
+def wait_until(condition, seconds, what="the condition"):
+    """Waits until condition() is true and returns its value; fails after the limit."""
+    deadline = time.monotonic() + limit(seconds)
+    while True:
+        value = condition()
+        if value:
+            return value
+        assert time.monotonic() < deadline, f"{what} did not come true within {limit(seconds)} s"
+        time.sleep(0.002)
+
+
+class Console:
+    """What a process writes to one of its standard streams, with the time of each piece."""
+
+    def __init__(self, pipe):
+        self.pieces = []  # (monotonic time, bytes)
+        self._condition = threading.Condition()
+        self._closed = False
+        self._thread = threading.Thread(target=self._read, args=(pipe,), daemon=True)
+        self._thread.start()
+
+    def _read(self, pipe):
+        while data := os.read(pipe.fileno(), 65536):
+            with self._condition:
+                self.pieces.append((time.monotonic(), data))
+                self._condition.notify_all()
+        with self._condition:
+            self._closed = True
+            self._condition.notify_all()
+
+    def bytes(self):
+        with self._condition:
+            return b"".join(data for _, data in self.pieces)
+
+    def text(self):
+        return self.bytes().decode("utf-8", "replace")
+
+    def wait(self, text, seconds=5, count=1):
+        """Waits until the text has been written `count` times; returns everything so far."""
+        deadline = time.monotonic() + limit(seconds)
+        with self._condition:
+            while True:
+                so_far = b"".join(data for _, data in self.pieces).decode("utf-8", "replace")
+                if so_far.count(text) >= count:
+                    return so_far
+                rest = deadline - time.monotonic()
+                assert rest > 0 and not self._closed, f"no {text!r} (x{count}) in {so_far!r}"
+                self._condition.wait(rest)
+
+    def wait_closed(self, seconds=5):
+        self._thread.join(limit(seconds))
+        assert not self._thread.is_alive(), "the stream is still open"
+
+
+class Service:
+    """One run of the service. `folder` is its working directory."""
+
+    def __init__(self, binary, folder, conf=None, env=None, wait_ready=True, **popen):
+        if conf is not None:
+            data = conf if isinstance(conf, bytes) else conf.encode()
+            (folder / "tervado.conf").write_bytes(data)
+        self.started = time.monotonic()
+        self.process = subprocess.Popen(
+            [str(binary)], cwd=folder, env={**os.environ, **(env or {})},
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **popen)
+        self.out = Console(self.process.stdout)
+        self.err = Console(self.process.stderr)
+        if wait_ready:
+            self.err.wait(READY, 10)
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def running(self):
+        return self.process.poll() is None
+
+    def wait_exit(self, seconds=5):
+        """The exit status, once the process has ended by itself and its console is complete."""
+        status = self.process.wait(limit(seconds))
+        self.out.wait_closed()
+        self.err.wait_closed()
+        return status
+
+    def stop(self):
+        """Ends the service, which must still be running."""
+        assert self.running(), f"the service ended: {self.process.returncode} {self.err.text()}"
+        self.kill()
+
+    def kill(self, signum=signal.SIGKILL):
+        if self.running():
+            self.process.send_signal(signum)
+        self.process.wait()
+
+
+@dataclasses.dataclass(frozen=True)
+class Frame:
+    """A datagram from the service, with the time of its receipt."""
+
+    data: bytes
+    time: float
+
+    @property
+    def header(self):
+        return self.data[:12]
+
+    @property
+    def video(self):
+        return self.data[1] == 1
+
+    @property
+    def counter(self):
+        return struct.unpack_from("<I", self.data, 4)[0]
+
+    @property
+    def payload(self):
+        return self.data[12:]
+
+    def triple(self):
+        """The three values of a triple message."""
+        return struct.unpack("<3h", self.payload[1:])
+
+
+def udp_socket(host, port=0, receive_buffer=32 * 1024 * 1024):
+    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    try:
+        sock.setsockopt(socket.SOL_SOCKET, 33, receive_buffer)  # SO_RCVBUFFORCE
+    except PermissionError:
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+    sock.bind((host, port))
+    return sock
+
+
+class Viewer:
+    """A viewer on 127.0.0.x. Collects every frame that it is sent."""
+
+    def __init__(self, host="127.0.0.1", port=0):
+        self.socket = udp_socket(host, port)
+        self.address = self.socket.getsockname()
+        self.frames = []
+        self._condition = threading.Condition()
+        self._stop = threading.Event()
+        threading.Thread(target=self._receive, daemon=True).start()
+
+    def _receive(self):
+        while not self._stop.is_set():
+            try:
+                data = self.socket.recv(65536)
+            except OSError:
+                return
+            with self._condition:
+                self.frames.append(Frame(data, time.monotonic()))
+                self._condition.notify_all()
+
+    def send_raw(self, data, port=VIEWER_PORT):
+        self.socket.sendto(data, ("127.0.0.1", port))
+
+    def send(self, payload):
+        """Sends a frame with that payload."""
+        self.send_raw(b"\x42" + bytes(11) + payload)
+
+    def register(self, mode=0):
+        self.send(bytes([0, mode]))
+
+    def leave(self):
+        self.send(b"\x01")
+
+    def speed(self, mode, pan, tilt, roll):
+        self.send(struct.pack("<BB3h", 5, mode, pan, tilt, roll))
+
+    def command(self, text):
+        self.send(text.encode() if isinstance(text, str) else text)
+
+    def keep_alive(self, period=1.0):
+        """Registers again and again, from a thread of its own, until close()."""
+
+        def repeat():
+            while not self._stop.is_set():
+                try:
+                    self.register()
+                except OSError:
+                    return
+                self._stop.wait(period)
+
+        threading.Thread(target=repeat, daemon=True).start()
+
+    def wait(self, condition, seconds=5, what="the frame", start=0):
+        """Waits for the first frame, from index `start` on, that fulfils the condition."""
+        deadline = time.monotonic() + limit(seconds)
+        with self._condition:
+            while True:
+                for frame in self.frames[start:]:
+                    if condition(frame):
+                        return frame
+                rest = deadline - time.monotonic()
+                assert rest > 0, f"{what} did not arrive within {limit(seconds)} s"
+                self._condition.wait(rest)
+
+    def wait_count(self, condition, count, seconds=5):
+        """Waits until `count` frames fulfil the condition; returns all that do."""
+
+        def chosen():
+            with self._condition:
+                return [frame for frame in self.frames if condition(frame)]
+
+        wait_until(lambda: len(chosen()) >= count, seconds, f"{count} frames")
+        return chosen()
+
+    def message(self, kind, seconds=5, start=0):
+        """Waits for a data frame whose payload starts with that type byte."""
+        return self.wait(lambda f: not f.video and f.payload[:1] == bytes([kind]), seconds,
+                         f"message {kind}", start)
+
+    def close(self):
+        self._stop.set()
+        # Wakes the receive thread, which closing alone would not.
+        try:
+            self.socket.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self.socket.close()
+
+
+class Bridge:
+    """One of the bridge's two senders: camera data (DATA_PORT) or video (VIDEO_PORT)."""
+
+    def __init__(self, port, host="127.0.0.1"):
+        self.port = port
+        self.socket = udp_socket(host)
+        self.address = self.socket.getsockname()
+
+    def send(self, data):
+        self.socket.sendto(data, ("127.0.0.1", self.port))
+
+    def receive(self, seconds=5):
+        self.socket.settimeout(limit(seconds))
+        return self.socket.recv(65536)
+
+    def close(self):
+        self.socket.close()
+
+
+class SharedMemory:
+    """A shared-memory object as a sibling process sees it."""
+
+    def __init__(self, name, size):
+        self.path = pathlib.Path("/dev/shm") / name
+        self.size = size
+        self._map = None
+
+    def create(self, content=None):
+        """Creates the object before the service does."""
+        self.path.write_bytes(content if content is not None else bytes(self.size))
+        self.path.chmod(0o600)
+
+    @property
+    def memory(self):
+        if self._map is None:
+            with self.path.open("r+b") as file:
+                self._map = mmap.mmap(file.fileno(), self.size)
+        return self._map
+
+    def bytes(self, offset=0, length=None):
+        return self.memory[offset:self.size if length is None else offset + length]
+
+    def write(self, offset, data):
+        self.memory[offset:offset + len(data)] = data
+
+    def u8(self, offset):
+        return self.memory[offset]
+
+    def value(self, kind, offset):
+        """One little-endian value, by its struct letter."""
+        return struct.unpack_from("<" + kind, self.memory, offset)[0]
+
+    def text(self, offset, size):
+        return bytes(self.bytes(offset, size)).split(b"\0")[0].decode()
+
+    def close(self):
+        if self._map is not None:
+            self._map.close()
+            self._map = None
+
+
+class DisplayRegion(SharedMemory):
+    """The display region, by the offsets of its format."""
+
+    PRODUCT_NAME = (0, 128)
+    VERSION_TEXT = (286, 76)
+    VIEWER_COUNT = 362
+    DATA_CONNECTED = 363
+    VIDEO_CONNECTED = 364
+    TELEMETRY_STATUS_TEXT = (365, 128)
+    VIDEO_STATUS_TEXT = (493, 128)
+    TIMER_STATE = 634
+    TIMER_START_MS = 636
+    TIMER_ELAPSED_MS = 640
+    OSD_ENABLED = 1017
+    INTERNAL_CAMERA_ENABLED = 1018
+    INTERNAL_CAMERA_FULLSCREEN = 1019
+    RC_STATUS = 1175
+    RC_CHANNEL_MAP = (1242, 32)
+    COMMAND_MAILBOX = (1858, 512)
+
+    SIZE = 2672
+
+    def __init__(self):
+        super().__init__("hud_mem", self.SIZE)
+
+
+class Standins:
+    """The stand-ins for the board's tools."""
+
+    def __init__(self):
+        self.folder = pathlib.Path(os.environ["NIMBUS_STANDINS"])
+
+    def clear(self):
+        for file in self.folder.iterdir():
+            file.unlink()
+
+    def calls(self, name=None):
+        """The calls so far as [name, argument...], of all tools or of one."""
+        file = self.folder / "calls"
+        lines = file.read_text().splitlines() if file.exists() else []
+        calls = [line.split("\t") for line in lines]
+        return calls if name is None else [call for call in calls if call[0] == name]
+
+    def answer(self, name, script):
+        """Makes a tool run that shell script from now on."""
+        fresh = self.folder / f".{name}"
+        fresh.write_text("#!/bin/sh\n" + script + "\n")
+        fresh.chmod(0o755)
+        fresh.rename(self.folder / name)
+
+    def reset(self, name):
+        (self.folder / name).unlink(missing_ok=True)
