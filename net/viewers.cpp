@@ -99,33 +99,6 @@ bool is_own_frame(Endpoint sender) {
   return sender.address == htonl(INADDR_LOOPBACK) && sender.port == kViewerPort;
 }
 
-void dispatch(const Datagram& datagram) {
-  // Fields behind the end of a short datagram read as zero: a lone magic byte is a registration.
-  std::array<std::uint8_t, kHeaderSize + kLongestFixedPayload> head{};
-  std::copy_n(datagram.bytes.begin(), std::min(datagram.bytes.size(), head.size()), head.begin());
-  if (head[0] != kMagic || is_own_frame(datagram.sender)) return;
-  const auto payload = std::span<const std::uint8_t>(head).subspan(kHeaderSize);
-  switch (static_cast<Inbound>(payload[0])) {
-    case Inbound::register_viewer:
-      handle_register(datagram.sender, payload[1] == kDataOnlyMode);
-      break;
-    case Inbound::leave:
-      handle_leave(datagram.sender);
-      break;
-    case Inbound::speed:
-      if (speed_handler != nullptr) {
-        speed_handler(payload[1], load_le<std::int16_t>(payload, 2),
-                      load_le<std::int16_t>(payload, 4), load_le<std::int16_t>(payload, 6));
-      }
-      break;
-    case Inbound::command: {
-      const auto text = datagram.bytes.subspan(kHeaderSize);
-      display->command_mailbox.post({reinterpret_cast<const char*>(text.data()), text.size()});
-      break;
-    }
-  }
-}
-
 // --- Outbound ----------------------------------------------------------------------------------
 
 /// Waits while another thread broadcasts. Advisory: it keeps the frames of two broadcasts from
@@ -154,8 +127,35 @@ int init_network(ViewerSpeedHandler on_speed) {
     return -1;
   }
   log_text("done\n");
-  viewer_link.on_packet.store_release(dispatch);
+  viewer_link.on_packet.store_release(handle_viewer_datagram);
   return 0;
+}
+
+void handle_viewer_datagram(const Datagram& datagram) noexcept {
+  // Fields behind the end of a short datagram read as zero: a lone magic byte is a registration.
+  std::array<std::uint8_t, kHeaderSize + kLongestFixedPayload> head{};
+  std::copy_n(datagram.bytes.begin(), std::min(datagram.bytes.size(), head.size()), head.begin());
+  if (head[0] != kMagic || is_own_frame(datagram.sender)) return;
+  const auto payload = std::span<const std::uint8_t>(head).subspan(kHeaderSize);
+  switch (static_cast<Inbound>(payload[0])) {
+    case Inbound::register_viewer:
+      handle_register(datagram.sender, payload[1] == kDataOnlyMode);
+      break;
+    case Inbound::leave:
+      handle_leave(datagram.sender);
+      break;
+    case Inbound::speed:
+      if (speed_handler != nullptr) {
+        speed_handler(payload[1], load_le<std::int16_t>(payload, 2),
+                      load_le<std::int16_t>(payload, 4), load_le<std::int16_t>(payload, 6));
+      }
+      break;
+    case Inbound::command: {
+      const auto text = datagram.bytes.subspan(kHeaderSize);
+      display->command_mailbox.post({reinterpret_cast<const char*>(text.data()), text.size()});
+      break;
+    }
+  }
 }
 
 void broadcast(std::span<const std::uint8_t> payload, FrameKind kind) noexcept {

@@ -53,6 +53,9 @@ void send_status(std::uint8_t type, const std::array<std::uint8_t, 6>& values) n
 /// Broadcasts a 7-byte triple message: the type and three 16-bit values, little-endian. Any thread.
 void send_triple(std::uint8_t type, const std::array<std::int16_t, 3>& values) noexcept;
 
+/// Acts on one datagram from a viewer, or from anybody. Viewer link's receive thread.
+void handle_viewer_datagram(const Datagram& datagram) noexcept;
+
 /// Registers a viewer or keeps it registered. Returns 1 when it is new, 0 when it is known, has no
 /// port, or finds all slots taken. Viewer link's receive thread.
 int register_viewer(Endpoint viewer, bool data_only) noexcept;
