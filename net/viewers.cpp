@@ -192,7 +192,8 @@ void send_triple(std::uint8_t type, const std::array<std::int16_t, 3>& values) n
 }
 
 int register_viewer(Endpoint viewer, bool data_only) noexcept {
-  if (viewer.port == 0) return 0;  // a sender without a port cannot be sent to (RFC 768)
+  // Who has no port (RFC 768) or no address yet cannot be sent to.
+  if (viewer.port == 0 || viewer.address == INADDR_ANY) return 0;
   const auto set = [&](ViewerClient& slot) {
     slot.data_only = data_only ? 1 : 0;
     slot.last_seen_ms.store_release(now_ms());

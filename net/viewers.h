@@ -57,7 +57,7 @@ void send_triple(std::uint8_t type, const std::array<std::int16_t, 3>& values) n
 void handle_viewer_datagram(const Datagram& datagram) noexcept;
 
 /// Registers a viewer or keeps it registered. Returns 1 when it is new, 0 when it is known, has no
-/// port, or finds all slots taken. Viewer link's receive thread.
+/// address or port, or finds all slots taken. Viewer link's receive thread.
 int register_viewer(Endpoint viewer, bool data_only) noexcept;
 
 /// Drops the viewers that have fallen silent and counts the others into the display region. Main

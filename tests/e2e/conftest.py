@@ -1,8 +1,11 @@
 """Fixtures of the end-to-end tests. `./dev test` runs them, each worker in a sandbox of its own."""
 
+import contextlib
 import os
 import pathlib
+import re
 import shutil
+import signal
 
 import pytest
 
@@ -117,3 +120,142 @@ def region():
     shared = nimbus.DisplayRegion()
     yield shared
     shared.close()
+
+
+@pytest.fixture
+def launch(build, tmp_path):
+    """launch(conf, ...) runs the service like start(), on standard streams of the test's own."""
+    with contextlib.ExitStack() as ends:
+
+        def launch_service(conf="", folder=tmp_path, **options):
+            service = nimbus.BareService(build / "nimbus", folder, conf, **options)
+            ends.callback(lambda: service.process.returncode is None and service.stop())
+            return service
+
+        yield launch_service
+
+
+@pytest.fixture
+def access_point(standins):
+    one = nimbus.AccessPoint(standins)
+    yield one
+    one.close()
+
+
+@pytest.fixture
+def unsanitized(build):
+    """For tests of the plain build only: a sanitizer brings its own allocator, threads and time."""
+    cache = build / "CMakeCache.txt"
+    if cache.exists() and re.search(r"^NIMBUS_SANITIZE:\w+=.", cache.read_text(), re.MULTILINE):
+        pytest.skip("the build is sanitized")
+
+
+@pytest.fixture
+def preload(build, unsanitized):
+    """preload(name) is the environment in which the service runs with that library."""
+
+    def environment(name):
+        library = build / "tests" / "preload" / f"{name}.so"
+        assert library.exists(), f"{library} is not built"
+        return {"LD_PRELOAD": str(library)}
+
+    return environment
+
+
+@pytest.fixture
+def steady(service, passes):
+    """A running service that has come to its status loop: every link has its callbacks."""
+    passes(1)
+    return service
+
+
+@pytest.fixture
+def held(access_point, service):
+    """A running service whose status loop stands still, until access_point.answer() lets it go on
+    to the next probe: nothing is broadcast and nothing expires but by the test."""
+    access_point.wait_probe(10)
+    return service
+
+
+@pytest.fixture
+def settled(viewers):
+    """settled(service) is what the console has said since the start, once everything that was sent
+    to the viewer port has been handled. Needs a free slot for a moment."""
+
+    def wait(service):
+        last = viewers("127.255.255.254")
+        last.register()
+        last.leave()
+        service.err.wait(nimbus.removed(last))
+        said = nimbus.events(service)
+        return said.replace(nimbus.connected(last), "").replace(nimbus.removed(last), "")
+
+    return wait
+
+
+@pytest.fixture
+def join(viewers):
+    """join(service) makes a viewer that is registered with that service."""
+
+    def make(service):
+        viewer = viewers()
+        viewer.register()
+        service.err.wait(nimbus.connected(viewer))
+        return viewer
+
+    return make
+
+
+def orphans():
+    """The processes whose parents have ended, by what they are."""
+    found = {}
+    for status in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        with contextlib.suppress(OSError):
+            name, rest = status.read_text().split("(", 1)[1].rsplit(")", 1)
+            if rest.split()[1] == "1":
+                found[int(status.parent.name)] = name
+    return found
+
+
+@pytest.fixture(autouse=True)
+def no_orphans(clean_board):
+    """A command that outlived its service must not meddle with the next test: a probe for hostapd,
+    for one, would be counted there."""
+    before = orphans().keys()
+
+    def left():
+        return {pid: name for pid, name in orphans().items() if pid not in before}
+
+    yield
+    try:
+        nimbus.wait_until(lambda: not left(), 5, "the end of the service's commands")
+    except AssertionError:
+        for pid in left():
+            os.kill(pid, signal.SIGKILL)
+        raise
+
+
+@pytest.fixture
+def passes(standins):
+    """passes(n) waits until the status loop has come to its probe for hostapd n times."""
+
+    def wait(count):
+        nimbus.wait_until(lambda: len(standins.calls("pidof")) >= count, count + 5,
+                          f"{count} passes of the status loop")
+
+    return wait
+
+
+@pytest.fixture
+def crowd(viewers):
+    """crowd(service, count) registers that many viewers on as many hosts, in the order of their
+    slots."""
+
+    def make(service, count):
+        made = [viewers(f"127.0.{n}.{n + 1}") for n in range(count)]
+        for viewer in made:
+            viewer.register()
+            service.err.wait(nimbus.connected(viewer))
+        return made
+
+    return make

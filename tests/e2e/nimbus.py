@@ -5,6 +5,7 @@ memory and the board tools that it runs. The tests run inside the sandbox (tools
 service at a time.
 """
 
+import contextlib
 import dataclasses
 import mmap
 import os
@@ -380,3 +381,192 @@ class Standins:
 
     def reset(self, name):
         (self.folder / name).unlink(missing_ok=True)
+
+
+def bound_ports():
+    """The UDP ports that are bound in the sandbox."""
+    rows = pathlib.Path("/proc/net/udp").read_text().splitlines()[1:]
+    return {int(row.split()[1].split(":")[1], 16) for row in rows}
+
+
+def datagrams_sent():
+    """How many UDP datagrams have left any socket of the sandbox so far."""
+    rows = pathlib.Path("/proc/net/snmp").read_text().splitlines()
+    names, values = (row.split() for row in rows if row.startswith("Udp:"))
+    return int(values[names.index("OutDatagrams")])
+
+
+class BareService(Service):
+    """A run of the service whose standard streams are the test's own; /dev/null, if it names none.
+    `wrapper` is a command that runs the command behind it; `conf` must be None where `folder`
+    cannot be written."""
+
+    def __init__(self, binary, folder, conf="", env=None, wrapper=(), wait_ready=True, **popen):
+        if conf is not None:
+            data = conf if isinstance(conf, bytes) else conf.encode()
+            (folder / "tervado.conf").write_bytes(data)
+        streams = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.DEVNULL)
+        self.process = subprocess.Popen([*wrapper, str(binary)], cwd=folder,
+                                        env={**os.environ, **(env or {})}, **{**streams, **popen})
+        if self.process.stderr:
+            self.err = Console(self.process.stderr)
+        if wait_ready:
+            self._wait_ready()
+
+    def _wait_ready(self):
+        try:
+            wait_until(lambda: VIDEO_PORT in bound_ports() or not self.running(), 10, "the start")
+            assert self.running(), f"the service ended: {self.process.returncode}"
+        except AssertionError:
+            self.kill()
+            raise
+
+    def wait_exit(self, seconds=5):
+        return self.process.wait(limit(seconds))
+
+    def stop(self):
+        assert self.running(), f"the service ended: {self.process.returncode}"
+        self.kill()
+
+    def descriptors(self):
+        """What its descriptors stand for, by their numbers."""
+        folder = pathlib.Path(f"/proc/{self.pid}/fd")
+        return {int(fd.name): os.readlink(fd) for fd in folder.iterdir()}
+
+    def threads(self):
+        return len(list(pathlib.Path(f"/proc/{self.pid}/task").iterdir()))
+
+
+class AccessPoint:
+    """The access-point daemon, as the service's probe for it finds it. Every probe waits for the
+    test's answer, and with it the status loop, between its second and its third message."""
+
+    def __init__(self, standins):
+        self._standins = standins
+        standins.answer("pidof", 'probe="$NIMBUS_STANDINS/probe.$$"\n'
+                                 'mkfifo "$probe"\n'
+                                 '[ -e "$0" ] || exit 1\n'  # close() has been here before
+                                 'read -r answer <"$probe"\n'
+                                 'eval "$answer"')
+
+    def _probes(self):
+        return list(self._standins.folder.glob("probe.*"))
+
+    def wait_probe(self, seconds=5):
+        """Waits until the status loop stands at a probe."""
+        return wait_until(self._probes, seconds, "a probe for hostapd")[0]
+
+    def answer(self, status, seconds=5):
+        """Ends the probe with that status, or by that shell command."""
+        probe = self.wait_probe(seconds)
+        with open(wait_until(lambda: self._open(probe), seconds, "the probe's wait"), "w") as pipe:
+            probe.unlink()
+            pipe.write(f"exit {status}\n" if isinstance(status, int) else f"{status}\n")
+
+    @staticmethod
+    def _open(probe):
+        try:
+            return os.open(probe, os.O_WRONLY | os.O_NONBLOCK)
+        except OSError:  # nobody reads it yet
+            return None
+
+    def close(self):
+        """Ends what still waits."""
+        self._standins.reset("pidof")
+        for probe in self._probes():
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(int(probe.suffix[1:]), signal.SIGKILL)
+
+
+def connected(viewer, note=" "):
+    """What the console says when that viewer is registered."""
+    host, port = viewer.address
+    return f"New client connected from {host}:{port} {note}\n"
+
+
+def removed(viewer):
+    """What the console says when that viewer leaves."""
+    host, port = viewer.address
+    return f"Client {host}:{port} removed\n"
+
+
+def lost(viewer):
+    """What the console says when that viewer has fallen silent."""
+    host, port = viewer.address
+    return f"Client {host}:{port} lost\n"
+
+
+def events(service):
+    """What the console has said since the service was ready."""
+    return service.err.text().partition(READY)[2]
+
+
+def time_of(console, text):
+    """When the console had said the text for the first time."""
+    said = b""
+    for when, piece in list(console.pieces):
+        said += piece
+        if text.encode() in said:
+            return when
+    raise AssertionError(f"no {text!r} in {said!r}")
+
+
+def forge(source, data, port=VIEWER_PORT):
+    """Sends a datagram to 127.0.0.1 that seems to come from `source`, a (host, port) pair."""
+    datagram = struct.pack(">4H", source[1], port, 8 + len(data), 0) + data  # 0: no checksum
+    packet = struct.pack(">BBHHHBBH4s4s", 0x45, 0, 20 + len(datagram), 0, 0, 64,
+                         socket.IPPROTO_UDP, 0, socket.inet_aton(source[0]),
+                         socket.inet_aton("127.0.0.1")) + datagram
+    with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW) as raw:
+        raw.sendto(packet, ("127.0.0.1", 0))
+
+
+def socket_queue(port):
+    """How many bytes wait in the socket bound to that port, and how many datagrams it has lost."""
+    for row in pathlib.Path("/proc/net/udp").read_text().splitlines()[1:]:
+        fields = row.split()
+        if fields[1] == f"00000000:{port:04X}":
+            return int(fields[4].split(":")[1], 16), int(fields[-1])
+    raise AssertionError(f"nobody has bound port {port}")
+
+
+def wait_round(standins):
+    """Waits until the status loop has looked at viewers and sources once more, a second before it
+    does so again."""
+    rounds = len(standins.calls("pidof"))
+    wait_until(lambda: len(standins.calls("pidof")) > rounds, 5, "another round")
+
+
+class StampedViewer(Viewer):
+    """A viewer whose frames carry the time at which the kernel was handed them: nanoseconds of the
+    wall clock, free of what this process does to wake up and read them."""
+
+    _SO_TIMESTAMPNS = 64  # the one with 64-bit seconds on every machine
+
+    def _receive(self):
+        while not self._stop.is_set():
+            try:
+                data, extras, _, _ = self.socket.recvmsg(65536, 64)
+            except OSError:
+                return
+            if not extras:  # no datagram: the socket was shut down
+                return
+            seconds, nanoseconds = struct.unpack("qq", extras[0][2])
+            with self._condition:
+                self.frames.append(Frame(data, seconds * 1_000_000_000 + nanoseconds))
+                self._condition.notify_all()
+
+    def register(self, mode=0):
+        self.socket.setsockopt(socket.SOL_SOCKET, self._SO_TIMESTAMPNS, 1)
+        super().register(mode)
+
+
+# What a clean start says, in its order: the banner on standard output, the others on standard
+# error. Each is one write.
+START_TEXTS = (BANNER,
+               b"Loading config file... ", b"done\n",
+               b"Init network... ", b"done\n",
+               b"Data lost\n",
+               b"Video lost\n",
+               b"Init data source... ", b"done\n",
+               b"Init video source... ", b"done\n")

@@ -1,0 +1,359 @@
+// What the service costs over the bare loop that no relay can do without.
+//
+//   tools/sandbox/enter build/release/bench/relay_bench
+//       --service build/release/nimbus --bare build/release/bench/bare_relay
+//
+// `./dev bench` runs it. The bare loop (bare_relay.c) is one thread that receives a datagram, puts
+// a header in front, and sends it to a fixed list of viewers with the same pause of 1 ms after each
+// send. Whatever the service needs beyond that is its own: the viewer table, the send guard, the
+// time stamp for the watchdog, the display region, the gathering of header and payload.
+//
+//   wall     From the bridge's first send to the last viewer's last receipt, for a window of
+//            datagrams sent back to back, divided by their number. The pauses are most of it.
+//   cpu      CPU time of the relay's whole process over such a window, until it is idle again,
+//            divided by the number of datagrams. Its child processes do not count.
+//   latency  From the bridge's send of a single datagram, into an idle relay, to the first viewer's
+//            receipt.
+//   memory   Resident memory (VmRSS), the largest of all runs.
+//   start    From the start of the process to its last start-up text.
+//
+// Both relays run, and every measurement of one is followed by the same of the other; neither is
+// always the first. "service" and "bare loop" are the medians of all measurements. "ratio" is the
+// median of the ratios within each pair, not the ratio of the medians: what slows the machine down
+// for a while slows down both of a pair. "spread" is half the distance between the quartiles of
+// those ratios. Compared with itself, the bare loop comes out within 2 % of 1 for wall and cpu and
+// within 4 % for latency, also on a busy machine; a limit that is missed by less deserves a second
+// run, with more --rounds.
+//
+// The relays share the machine with this driver. So the viewers' sockets are large enough for all
+// that a measurement sends to them, nothing receives while a relay is measured, and the time of a
+// receipt is the kernel's stamp on the datagram. Nothing may be lost: a frame that is missing, out
+// of order or of the wrong length ends the benchmark with an error.
+//
+// Once a second the service also tells every viewer how things stand and probes for the access
+// point, in turn with the video. Most windows see nothing of it, and so do the medians. The figures
+// under the table include it: the rate with ten viewers while the next datagrams always wait, and
+// what a second without video costs. They have no limit, and are measured once.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "bench/relay.h"
+#include "bench/samples.h"
+#include "bench/traffic.h"
+#include "net/viewers.h"
+
+namespace nimbus::bench {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+// --- What is measured --------------------------------------------------------------------------
+
+/// One kind of traffic.
+struct Case {
+  std::size_t bytes;    ///< of one datagram
+  std::size_t viewers;  ///< 1 to kMaxViewers
+  std::size_t window;   ///< datagrams sent back to back; they fit a relay's receive buffer
+  std::size_t windows;  ///< of each relay in one round
+  std::size_t singles;  ///< datagrams sent one by one to each relay in one round
+};
+
+constexpr std::array kCases{
+    Case{.bytes = 1'400, .viewers = 1, .window = 32, .windows = 15, .singles = 80},
+    Case{.bytes = 1'400, .viewers = 10, .window = 4, .windows = 15, .singles = 60},
+    Case{.bytes = 60'000, .viewers = 1, .window = 32, .windows = 15, .singles = 80},
+    Case{.bytes = 60'000, .viewers = 10, .window = 4, .windows = 15, .singles = 60},
+};
+
+// RTP packets, seven packets of an MPEG transport stream, the largest datagram that is relayed.
+constexpr std::array<std::size_t, 3> kSteadySizes{1'400, 1'316, 60'000};
+constexpr milliseconds kSteadyTime{2'500};
+
+constexpr double kWallLimit = 1.05;
+constexpr double kCpuLimit = 1.15;
+constexpr double kLatencyLimit = 1.25;
+constexpr double kMemoryLimitKib = 4096;
+constexpr double kStartLimitMs = 20;
+
+// How long a fresh service is busy with its first status messages and the probe that goes with
+// them.
+constexpr milliseconds kWarmUp{150};
+
+// The service forgets a viewer after five seconds.
+constexpr milliseconds kRegisterPeriod{1'000};
+constexpr milliseconds kRegisterTime{2};
+
+// --- How it is measured ------------------------------------------------------------------------
+
+double microseconds(nanoseconds time) { return static_cast<double>(time.count()) / 1e3; }
+
+/// A figure of both relays, each time measured of one right after the other.
+struct Pair {
+  Samples service;
+  Samples bare;
+  Samples ratio;
+
+  void add(double of_service, double of_bare) {
+    service.add(of_service);
+    bare.add(of_bare);
+    ratio.add(of_service / of_bare);
+  }
+};
+
+/// What was measured with one kind of traffic, in microseconds; wall and cpu for one datagram.
+struct Results {
+  Pair wall;
+  Pair cpu;
+  Pair latency;
+};
+
+struct Measurement {
+  std::array<Results, kCases.size()> cases;
+  Pair start_ms;
+  Pair resident_kib;
+};
+
+struct Binaries {
+  std::filesystem::path service;
+  std::filesystem::path bare;
+};
+
+/// One round with one kind of traffic: both relays run, and are used in turn.
+class Round {
+ public:
+  Round(const Binaries& binaries, const Case& traffic)
+      : traffic_(traffic),
+        around_(traffic.bytes, traffic.viewers),
+        service_(Relay::start_service(binaries.service, around_)),
+        bare_(Relay::start_bare(binaries.bare, around_)) {
+    const nanoseconds end = wall_clock() + kWarmUp;
+    while (wall_clock() < end) in_turn(traffic_.window, [](const Effort&, const Effort&) {});
+  }
+
+  void measure(Results& results) {
+    const auto datagrams = static_cast<double>(traffic_.window);
+    for (std::size_t i = 0; i < traffic_.windows; ++i) {
+      in_turn(traffic_.window, [&](const Effort& service, const Effort& bare) {
+        results.wall.add(microseconds(service.wall) / datagrams,
+                         microseconds(bare.wall) / datagrams);
+        results.cpu.add(microseconds(service.cpu) / datagrams, microseconds(bare.cpu) / datagrams);
+      });
+    }
+    for (std::size_t i = 0; i < traffic_.singles; ++i) {
+      in_turn(1, [&](const Effort& service, const Effort& bare) {
+        results.latency.add(microseconds(service.latency), microseconds(bare.latency));
+      });
+    }
+  }
+
+  [[nodiscard]] const Relay& service() const { return service_; }
+  [[nodiscard]] const Relay& bare() const { return bare_; }
+
+ private:
+  /// Neither is always the first.
+  void in_turn(std::size_t datagrams, const auto& take) {
+    keep_viewers();
+    service_first_ = !service_first_;
+    if (service_first_) {
+      const Effort service = service_.relay(datagrams);
+      take(service, bare_.relay(datagrams));
+    } else {
+      const Effort bare = bare_.relay(datagrams);
+      take(service_.relay(datagrams), bare);
+    }
+  }
+
+  void keep_viewers() {
+    if (wall_clock() - registered_ < kRegisterPeriod) return;
+    around_.register_viewers();
+    std::this_thread::sleep_for(kRegisterTime);
+    registered_ = wall_clock();
+  }
+
+  const Case& traffic_;
+  Surroundings around_;
+  Relay service_;
+  Relay bare_;
+  nanoseconds registered_ = wall_clock();
+  bool service_first_ = false;
+};
+
+Measurement measure(const Binaries& binaries, int rounds) {
+  Measurement result;
+  for (int i = 0; i < rounds; ++i) {
+    std::fprintf(stderr, "round %d of %d\n", i + 1, rounds);
+    for (std::size_t k = 0; k < kCases.size(); ++k) {
+      Round round(binaries, kCases[k]);
+      round.measure(result.cases[k]);
+      const Relay& service = round.service();
+      const Relay& bare = round.bare();
+      result.start_ms.add(microseconds(service.start_time()) / 1e3,
+                          microseconds(bare.start_time()) / 1e3);
+      result.resident_kib.add(service.process().resident_kib(), bare.process().resident_kib());
+    }
+  }
+  return result;
+}
+
+/// CPU microseconds that a second with ten viewers and no video costs the service.
+double idle_cost(const Binaries& binaries) {
+  Surroundings around(kSteadySizes.front(), kMaxViewers);
+  const Relay service = Relay::start_service(binaries.service, around);
+  const nanoseconds before = service.process().cpu_time();
+  std::this_thread::sleep_for(kSteadyTime);
+  const std::chrono::duration<double> time = kSteadyTime;
+  return microseconds(service.process().cpu_time() - before) / time.count();
+}
+
+// --- How it is shown ---------------------------------------------------------------------------
+
+/// The one table. Remembers whether a limit was missed.
+class Table {
+ public:
+  Table() {
+    std::printf("%-8s %9s %7s %12s %12s %6s %6s %6s\n", "", "datagram", "viewers", "service",
+                "bare loop", "ratio", "limit", "spread");
+  }
+
+  void compare(const char* what, const Case& traffic, const Pair& pair, double limit) {
+    const double ratio = pair.ratio.median();
+    std::printf("%-8s %7zu B %7zu %9.1f us %9.1f us %6.3f %6.2f %6.3f%s\n", what, traffic.bytes,
+                traffic.viewers, pair.service.median(), pair.bare.median(), ratio, limit,
+                pair.ratio.spread(), verdict(ratio <= limit));
+  }
+
+  void absolute(const char* what, double service, double bare, double limit, const char* unit) {
+    std::printf("%-8s %17s %8.1f %-3s %8.1f %-3s %6s %5.0f %s%s\n", what, "", service, unit, bare,
+                unit, "", limit, unit, verdict(service <= limit));
+  }
+
+  [[nodiscard]] bool all_hold() const { return all_hold_; }
+
+ private:
+  const char* verdict(bool holds) {
+    all_hold_ = all_hold_ && holds;
+    return holds ? "" : "  MISSED";
+  }
+
+  bool all_hold_ = true;
+};
+
+/// Returns whether all limits hold.
+bool print_table(const Measurement& measured) {
+  struct Row {
+    const char* name;
+    Pair Results::*figure;
+    double limit;
+  };
+  constexpr std::array kRows{
+      Row{"wall", &Results::wall, kWallLimit},
+      Row{"cpu", &Results::cpu, kCpuLimit},
+      Row{"latency", &Results::latency, kLatencyLimit},
+  };
+  Table table;
+  for (const auto& row : kRows) {
+    for (std::size_t i = 0; i < kCases.size(); ++i) {
+      table.compare(row.name, kCases[i], measured.cases[i].*row.figure, row.limit);
+    }
+  }
+  table.absolute("memory", measured.resident_kib.service.largest(),
+                 measured.resident_kib.bare.largest(), kMemoryLimitKib, "KiB");
+  table.absolute("start", measured.start_ms.service.median(), measured.start_ms.bare.median(),
+                 kStartLimitMs, "ms");
+  return table.all_hold();
+}
+
+void print_figures(const Binaries& binaries, const Measurement& measured) {
+  std::printf("\nwith %zu viewers, status messages included:\n", kMaxViewers);
+  for (const std::size_t bytes : kSteadySizes) {
+    Surroundings around(bytes, kMaxViewers);
+    const double bare = Relay::start_bare(binaries.bare, around).relay_steadily(kSteadyTime);
+    const double rate = Relay::start_service(binaries.service, around).relay_steadily(kSteadyTime);
+    std::printf("  %6zu B: %5.1f datagrams/s (bare loop %5.1f), video of %6.2f Mbit/s\n", bytes,
+                rate, bare, rate * static_cast<double>(bytes) * 8 / 1e6);
+  }
+  for (std::size_t i = 0; i < kCases.size(); ++i) {
+    if (kCases[i].viewers != kMaxViewers) continue;
+    std::printf("  %6zu B: %5.1f us of CPU per datagram and viewer\n", kCases[i].bytes,
+                measured.cases[i].cpu.service.median() / static_cast<double>(kMaxViewers));
+  }
+  std::printf("  no video: %.1f us of CPU per second\n", idle_cost(binaries));
+}
+
+// --- The whole ---------------------------------------------------------------------------------
+
+struct Options {
+  Binaries binaries;
+  int rounds = 6;
+  bool no_limits = false;
+};
+
+/// Returns whether all limits hold.
+bool run(const Options& options) {
+  const Binaries binaries{std::filesystem::absolute(options.binaries.service),
+                          std::filesystem::absolute(options.binaries.bare)};
+  // The service's working directory, with all of its settings at zero. It goes with the sandbox.
+  const std::filesystem::path folder = "/run/relay_bench";
+  std::filesystem::create_directory(folder);
+  std::filesystem::current_path(folder);
+  std::ofstream("tervado.conf") << "";
+
+  const Measurement measured = measure(binaries, options.rounds);
+  const bool all_hold = print_table(measured);
+  print_figures(binaries, measured);
+  return all_hold;
+}
+
+constexpr int kExitLimitMissed = 1;
+constexpr int kExitFailed = 2;
+
+int fail(const char* text) {
+  std::fprintf(stderr, "relay_bench: %s\n", text);
+  return kExitFailed;
+}
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app(
+      "Measures the service's relay against a bare loop. Exit status: 0 when all limits "
+      "hold, 1 when one is missed, 2 when the measurement fails.");
+  app.add_option("--service", options.binaries.service, "the service's binary")
+      ->required()
+      ->check(CLI::ExistingFile);
+  app.add_option("--bare", options.binaries.bare, "the bare loop's binary")
+      ->required()
+      ->check(CLI::ExistingFile);
+  app.add_option("--rounds", options.rounds, "how often each relay runs with each traffic")
+      ->check(CLI::Range(1, 100))
+      ->capture_default_str();
+  app.add_flag("--no-limits", options.no_limits, "exit with 0 also when a limit is missed");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& help) {
+    return app.exit(help);
+  } catch (const CLI::ParseError& error) {
+    return fail(error.what());
+  }
+  if (std::getenv("NIMBUS_SANDBOX") == nullptr) {
+    return fail("runs in the sandbox only: tools/sandbox/enter relay_bench ...");
+  }
+  try {
+    return run(options) || options.no_limits ? EXIT_SUCCESS : kExitLimitMissed;
+  } catch (const std::exception& error) {
+    return fail(error.what());
+  }
+}
+
+}  // namespace
+}  // namespace nimbus::bench
+
+int main(int argc, char** argv) { return nimbus::bench::main(argc, argv); }

@@ -1,0 +1,281 @@
+#include "net/viewers.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/display_region.h"
+#include "tests/unit/support.h"
+#include "tests/unit/wall_clock.h"
+
+namespace nimbus {
+namespace {
+
+using namespace std::string_literals;
+using test::Texts;
+
+using Speed = std::array<int, 4>;
+
+/// The speed messages that were handed on.
+std::vector<Speed> speeds;
+
+Endpoint endpoint(const char* address, std::uint16_t port) { return {inet_addr(address), port}; }
+
+const Endpoint kViewer = endpoint("127.0.0.1", 1000);
+
+/// The n-th of many viewers, on one of two hosts.
+Endpoint viewer_number(std::size_t n) {
+  return endpoint(n % 2 == 0 ? "127.0.0.1" : "192.168.1.20", static_cast<std::uint16_t>(1000 + n));
+}
+
+void receive(std::string_view datagram, Endpoint sender = kViewer) {
+  handle_viewer_datagram(
+      {{reinterpret_cast<const std::uint8_t*>(datagram.data()), datagram.size()}, sender});
+}
+
+/// A frame with that payload. The header holds what is to be ignored.
+std::string frame(const std::string& payload) {
+  return "\x42\xFF\1\2\3\4\5\6\7\x08\x09\x0A" + payload;
+}
+
+/// The table, empty at the start of every test.
+class Viewers : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    // The link stays open as long as the process, also when the tests are repeated.
+    static const bool started = start();
+    ASSERT_TRUE(started);
+  }
+
+  Viewers() {
+    static_cast<void>(display_region()->command_mailbox.take());
+    speeds.clear();
+  }
+
+  void TearDown() override {
+    for (const auto viewer : registered_) receive(frame("\1"), viewer);
+    EXPECT_EQ(count(), 0);
+  }
+
+  int add(Endpoint viewer, bool data_only = false) {
+    registered_.push_back(viewer);
+    return register_viewer(viewer, data_only);
+  }
+
+  /// The number of viewers, as the display learns it after the pass of each second.
+  static int count() {
+    check_viewer_timeouts();
+    return display_region()->viewer_count;
+  }
+
+  static std::string command() {
+    return std::string(display_region()->command_mailbox.take().view());
+  }
+
+  test::Console console_;
+
+ private:
+  static bool start() {
+    std::filesystem::remove_all("/dev/shm/hud_mem");
+    if (map_display_region() == nullptr) return false;
+    test::Console console;
+    const int result = init_network([](int mode, int pan, int tilt, int roll) {
+      speeds.push_back({mode, pan, tilt, roll});
+    });
+    EXPECT_EQ(console.texts(), (Texts{"Init network... ", "done\n"}));
+    return result == 0;
+  }
+
+  std::vector<Endpoint> registered_;
+};
+
+// --- The table ---------------------------------------------------------------------------------
+
+TEST_F(Viewers, AViewerIsNewOnce) {
+  EXPECT_EQ(add(kViewer), 1);
+  EXPECT_EQ(add(kViewer), 0);
+  EXPECT_EQ(add(kViewer, true), 0) << "a change of its mode is no new viewer";
+  EXPECT_EQ(add(kViewer), 0);
+  EXPECT_EQ(count(), 1);
+}
+
+TEST_F(Viewers, AViewerIsAnAddressAndAPort) {
+  EXPECT_EQ(add(endpoint("127.0.0.1", 1000)), 1);
+  EXPECT_EQ(add(endpoint("127.0.0.1", 1001)), 1);
+  EXPECT_EQ(add(endpoint("127.0.0.2", 1000)), 1);
+  EXPECT_EQ(add(endpoint("127.0.0.1", 65'535), true), 1);
+  EXPECT_EQ(add(endpoint("127.0.0.1", 65'535)), 0);
+  EXPECT_EQ(count(), 4);
+}
+
+TEST_F(Viewers, TheTableHasTenSlots) {
+  for (std::size_t n = 0; n < 10; ++n) EXPECT_EQ(add(viewer_number(n), n % 3 == 0), 1) << n;
+  EXPECT_EQ(count(), 10);
+  EXPECT_EQ(add(viewer_number(10)), 0);
+  EXPECT_EQ(add(viewer_number(10), true), 0);
+  for (std::size_t n = 0; n < 10; ++n) EXPECT_EQ(add(viewer_number(n)), 0) << n;
+  EXPECT_EQ(add(viewer_number(10)), 0) << "served only when a slot is free";
+  EXPECT_EQ(count(), 10);
+}
+
+TEST_F(Viewers, AFreedSlotIsTakenByTheNext) {
+  for (std::size_t n = 0; n < 10; ++n) ASSERT_EQ(add(viewer_number(n)), 1);
+  for (const std::size_t leaving : {std::size_t{4}, std::size_t{0}, std::size_t{9}}) {
+    const std::size_t newcomer = 10 + leaving;
+    ASSERT_EQ(add(viewer_number(newcomer)), 0);
+    receive(frame("\1"), viewer_number(leaving));
+    EXPECT_EQ(count(), 9);
+    EXPECT_EQ(add(viewer_number(newcomer)), 1);
+    EXPECT_EQ(add(viewer_number(leaving)), 0) << "its slot has gone to the newcomer";
+  }
+}
+
+TEST_F(Viewers, ASenderWithoutAPortIsRefused) {
+  EXPECT_EQ(add(endpoint("127.0.0.1", 0)), 0);
+  receive(frame("\0\0"s), endpoint("127.0.0.1", 0));
+  EXPECT_EQ(count(), 0);
+  for (std::size_t n = 0; n < 10; ++n) EXPECT_EQ(add(viewer_number(n)), 1) << "it takes no slot";
+  EXPECT_EQ(console_.texts(), Texts{});
+}
+
+TEST_F(Viewers, AViewerIsLostAfterMoreThanFiveSeconds) {
+  // The second one goes through the wrap of the clock.
+  for (const std::uint32_t start : {1000U, 4'294'967'000U}) {
+    test::WallClock clock;
+    clock.set_ms(start);
+    ASSERT_EQ(add(kViewer), 1);
+    clock.set_ms(start + 5000);
+    EXPECT_EQ(count(), 1);
+    EXPECT_EQ(console_.texts(), Texts{});
+    clock.set_ms(start + 5001);
+    EXPECT_EQ(count(), 0);
+    EXPECT_EQ(console_.texts(), Texts{"Client 127.0.0.1:1000 lost\n"});
+    EXPECT_EQ(count(), 0);
+    EXPECT_EQ(console_.texts(), Texts{});
+  }
+}
+
+TEST_F(Viewers, OnlyARegistrationKeepsAViewer) {
+  const Endpoint other = endpoint("127.0.0.2", 2000);
+  test::WallClock clock;
+  clock.set_ms(0);
+  ASSERT_EQ(add(kViewer), 1);
+  ASSERT_EQ(add(other), 1);
+  clock.set_ms(5000);
+  EXPECT_EQ(add(other), 0);
+  receive(frame("{\"cmd\":1}"));
+  receive(frame("\5\1\0\0\0\0\0\0"s));
+  clock.set_ms(5001);
+  EXPECT_EQ(count(), 1);
+  EXPECT_EQ(console_.texts(), Texts{"Client 127.0.0.1:1000 lost\n"});
+  clock.set_ms(10'000);
+  EXPECT_EQ(count(), 1);
+  clock.set_ms(10'001);
+  EXPECT_EQ(count(), 0);
+}
+
+// --- The protocol ------------------------------------------------------------------------------
+
+TEST_F(Viewers, ARegistrationIsAnnouncedOnce) {
+  struct Row {
+    std::string payload;
+    const char* mode;
+  };
+  const Row rows[] = {
+      {"\0\0"s, " "}, {"\0\1"s, "(only data)"},       {"\0\2"s, " "}, {"\0\xFF"s, " "},
+      {"\0"s, " "},   {"\0\1\2\3\4"s, "(only data)"}, {"", " "}};
+  for (const auto& [payload, mode] : rows) {
+    receive(frame(payload));
+    EXPECT_EQ(console_.texts(), Texts{"New client connected from 127.0.0.1:1000 "s + mode + '\n'});
+    receive(frame("\0\0"s));
+    receive(frame("\0\1"s));
+    EXPECT_EQ(console_.texts(), Texts{});
+    receive(frame("\1"));
+    EXPECT_EQ(console_.texts(), Texts{"Client 127.0.0.1:1000 removed\n"});
+  }
+}
+
+TEST_F(Viewers, ALoneMagicByteIsARegistration) {
+  receive("\x42");
+  EXPECT_EQ(console_.texts(), Texts{"New client connected from 127.0.0.1:1000  \n"});
+  receive(frame("\1"));
+}
+
+TEST_F(Viewers, OnlyTheViewerItselfLeaves) {
+  ASSERT_EQ(add(kViewer), 1);
+  receive(frame("\1"), endpoint("127.0.0.1", 1001));
+  receive(frame("\1"), endpoint("127.0.0.2", 1000));
+  EXPECT_EQ(console_.texts(), Texts{});
+  EXPECT_EQ(count(), 1);
+  receive(frame("\1\xFF"));
+  EXPECT_EQ(console_.texts(), Texts{"Client 127.0.0.1:1000 removed\n"});
+  receive(frame("\1"));
+  EXPECT_EQ(console_.texts(), Texts{});
+}
+
+/// Values go through as they stand on the wire; what a short frame lacks is zero.
+TEST_F(Viewers, ASpeedIsHandedOn) {
+  receive(frame("\5\1\x10\x27\xF0\xD8\xFF\xFF"));
+  receive(frame("\5\xFF\xFF\x7F\0\x80\1\0\x55"s));
+  receive(frame("\5\2\x34"));
+  receive(frame("\5"));
+  EXPECT_EQ(
+      speeds,
+      (std::vector<Speed>{
+          {1, 10'000, -10'000, -1}, {255, 32'767, -32'768, 1}, {2, 0x34, 0, 0}, {0, 0, 0, 0}}));
+}
+
+TEST_F(Viewers, ACommandGoesToTheMailbox) {
+  receive(frame("{\"cmd\":\"first\"}"));
+  receive(frame("{\"cmd\":\"a\"}\0tail"s));
+  EXPECT_EQ(command(), "{\"cmd\":\"a\"}") << "the last one, up to its NUL";
+  receive(frame("{"));
+  EXPECT_EQ(command(), "{");
+  for (const std::size_t length : {510, 511, 512, 59'988}) {
+    const std::string text = '{' + std::string(length - 1, 'x');
+    receive(frame(text));
+    EXPECT_EQ(command(), text.substr(0, 511));
+  }
+}
+
+TEST_F(Viewers, AFrameOfAnotherKindIsIgnored) {
+  for (int first = 0; first < 256; ++first) {
+    if (first == 0x42) continue;
+    receive(static_cast<char>(first) + std::string(20, '\0'));
+  }
+  for (int type = 0; type < 256; ++type) {
+    if (type == 0 || type == 1 || type == 5 || type == '{') continue;
+    receive(frame(static_cast<char>(type) + "\1\2\3\4\5\6\7"s));
+  }
+  receive({});
+  EXPECT_EQ(count(), 0);
+  EXPECT_EQ(console_.texts(), Texts{});
+  EXPECT_EQ(speeds, std::vector<Speed>{});
+  EXPECT_EQ(command(), "");
+}
+
+/// What comes from the service's own address and port has looped back.
+TEST_F(Viewers, TheServicesOwnFramesAreIgnored) {
+  const Endpoint service = endpoint("127.0.0.1", kViewerPort);
+  receive(frame("\0\0"s), service);
+  receive(frame("\5\1\1\0\1\0\1\0"s), service);
+  receive(frame("{}"), service);
+  EXPECT_EQ(count(), 0);
+  EXPECT_EQ(speeds, std::vector<Speed>{});
+  EXPECT_EQ(command(), "");
+  for (const Endpoint other : {endpoint("127.0.0.1", 4243), endpoint("127.0.0.2", kViewerPort)}) {
+    receive(frame("\0\0"s), other);
+    EXPECT_EQ(count(), 1);
+    receive(frame("\1"), other);
+  }
+}
+
+}  // namespace
+}  // namespace nimbus
