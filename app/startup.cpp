@@ -12,7 +12,9 @@
 #include "base/log.h"
 #include "config/config.h"
 #include "config/loader.h"
+#include "control/control.h"
 #include "control/rc_map.h"
+#include "control/speed_mixer.h"
 #include "net/sources.h"
 #include "net/viewers.h"
 
@@ -61,8 +63,9 @@ int run_service() {
   Config* const config = config_get();
   show_settings(*display, *config);
 
-  if (init_network(nullptr) == -1) return EXIT_FAILURE;
+  if (init_network(set_viewer_speed) == -1) return EXIT_FAILURE;
   if (init_sources(nullptr) == -1) return EXIT_FAILURE;
+  init_control();
   run_status_loop(*display, *config);
 }
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "app/version.h"
+#include "control/control.h"
 #include "net/sources.h"
 #include "net/viewers.h"
 
@@ -61,6 +62,7 @@ void run_status_loop(const DisplayRegion& display, Config& config) {
   for (;;) {
     check_viewer_timeouts();
     check_sources();
+    check_telemetry_timeouts();
     send_source_status(kCameraDataSource, display.data_connected);
     send_source_status(kVideoSource, display.video_connected);
     probe_access_point(config);
