@@ -15,6 +15,7 @@
 #include "control/control.h"
 #include "control/rc_map.h"
 #include "control/speed_mixer.h"
+#include "control/telemetry.h"
 #include "net/sources.h"
 #include "net/viewers.h"
 
@@ -64,7 +65,7 @@ int run_service() {
   show_settings(*display, *config);
 
   if (init_network(set_viewer_speed) == -1) return EXIT_FAILURE;
-  if (init_sources(nullptr) == -1) return EXIT_FAILURE;
+  if (init_sources(scan_camera_datagram) == -1) return EXIT_FAILURE;
   init_control();
   run_status_loop(*display, *config);
 }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 
@@ -52,19 +53,22 @@ constexpr std::array<ByteWord, 2> kAntiFlickers{{{"50", 1}, {"60", 2}}};
 constexpr std::array<ByteWord, 3> kShotModes{{{"raw", 0}, {"jpg", 1}, {"jpg+raw", 2}}};
 constexpr std::array<ByteWord, 2> kFocusTypes{{{"afc", 2}, {"afs", 1}}};
 
-constexpr std::array<Word<DumlPayload<2>>, 5> kWhiteBalances{{
-    {"auto",         {0x00, 0x44}},
-    {"sunny",        {0x01, 0x30}},
-    {"cloudy",       {0x02, 0x40}},
-    {"incandescent", {0x04, 0x44}},
-    {"neon",         {0x05, 0x19}},
+// The second byte that goes with the code of each white balance that can be commanded.
+constexpr std::array<ByteWord, 5> kWhiteBalanceTints{{
+    {"auto", 0x44}, {"sunny", 0x30}, {"cloudy", 0x40}, {"incandescent", 0x44}, {"neon", 0x19},
 }};
 // clang-format on
 
-constexpr std::uint8_t kCustomWhiteBalance = 0x06;
+/// The camera reports slower ISO values, but takes none below this.
+constexpr int kLowestIso = 100;
+
 constexpr useconds_t kFocusTypeSettlesUs = 20'000;
 
 std::uint8_t low_byte(std::int32_t value) { return static_cast<std::uint8_t>(value); }
+
+std::int32_t send_white_balance(std::string_view name, std::uint8_t tint) {
+  return send_frame(kWhiteBalance, {code_of(kWhiteBalances, name, 0), tint});
+}
 
 std::int32_t set_custom_white_balance(const char* temperature) {
   if (temperature == nullptr) return -1;
@@ -73,7 +77,7 @@ std::int32_t set_custom_white_balance(const char* temperature) {
   // that 1901 to 1999 K count as 2000.
   const std::int64_t hundreds = (std::int64_t{parse_i32(temperature)} - 2000) / 100;
   if (hundreds < 0) return -1;
-  return send_frame(kWhiteBalance, {kCustomWhiteBalance, static_cast<std::uint8_t>(hundreds + 20)});
+  return send_white_balance("custom", static_cast<std::uint8_t>(hundreds + 20));
 }
 
 }  // namespace
@@ -110,7 +114,7 @@ std::int32_t camera_set_ev(double value) noexcept {
 
 std::int32_t camera_set_iso(int iso) noexcept {
   log_text("Camera set iso %d\n", iso);
-  return send_frame(kIso, {code_of(kIsoValues, iso, 0)});
+  return send_frame(kIso, {iso < kLowestIso ? std::uint8_t{0} : code_of(kIsoValues, iso, 0)});
 }
 
 std::int32_t camera_set_shutter(const char* text) noexcept {
@@ -151,8 +155,8 @@ std::int32_t camera_set_exposure_point(int point) noexcept {
 std::int32_t camera_set_white_balance(const char* name, const char* temperature) noexcept {
   log_text("Camera set WB %s\n", name);
   if (std::string_view(name) == "custom") return set_custom_white_balance(temperature);
-  const auto* const payload = find_word(kWhiteBalances, name);
-  return payload == nullptr ? -1 : send_frame(kWhiteBalance, *payload);
+  const auto* const tint = find_word(kWhiteBalanceTints, name);
+  return tint == nullptr ? -1 : send_white_balance(name, *tint);
 }
 
 std::int32_t camera_set_color(const char* profile) noexcept {
@@ -167,7 +171,10 @@ std::int32_t camera_set_histogram(int enable) noexcept {
 
 std::int32_t camera_set_video_resolution(int width, int height, int fps) noexcept {
   log_text("Camera set video resolution %dx%d@%d\n", width, height, fps);
-  const std::uint8_t resolution = code_of(kResolutions, PictureSize{width, height}, 0);
+  const auto* const found = std::find_if(
+      kResolutions.begin(), kResolutions.end(),
+      [&](const auto& row) { return row.value.width == width && row.value.height == height; });
+  const std::uint8_t resolution = found == kResolutions.end() ? 0 : found->code;
   const std::uint8_t frame_rate = code_of(kFrameRates, fps, 0);
   send_frame(kVideoFormat, {resolution, frame_rate});
   return send_frame(kVideoFormatAgain, {resolution, frame_rate});

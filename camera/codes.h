@@ -1,12 +1,11 @@
-// The camera's codes and what they stand for. Commands look up the code of a value.
+// The camera's codes and what they stand for. Commands look up the code of a value, reports the
+// value of a code.
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string_view>
-
-#include "base/word_table.h"
 
 namespace nimbus {
 
@@ -24,6 +23,14 @@ template <typename Table, typename Value>
   const auto found = std::find_if(std::begin(table), std::end(table),
                                   [&value](const auto& row) { return row.value == value; });
   return found == std::end(table) ? unknown : found->code;
+}
+
+/// The value of that code, or a zero or empty one. The table is any range of Code.
+template <typename Table>
+[[nodiscard]] constexpr auto value_of(const Table& table, std::uint8_t code) noexcept {
+  const auto found = std::find_if(std::begin(table), std::end(table),
+                                  [code](const auto& row) { return row.code == code; });
+  return found == std::end(table) ? decltype(found->value){} : found->value;
 }
 
 inline constexpr std::array<Code<std::string_view>, 12> kColours{{
@@ -48,8 +55,11 @@ inline constexpr std::array<Code<double>, 19> kEvSteps{{
     {1.7, 21},  {2.0, 22},  {2.3, 23}, {2.7, 24},  {3.0, 25},
 }};
 
-/// ISO values that can be commanded. 0 stands for automatic, like every value that is not listed.
-inline constexpr std::array<Code<int>, 7> kIsoValues{{
+/// ISO values, 0 for the automatic.
+inline constexpr std::array<Code<std::uint16_t>, 10> kIsoValues{{
+    {0, 0},
+    {25, 1},
+    {50, 2},
     {100, 3},
     {200, 4},
     {400, 5},
@@ -59,22 +69,22 @@ inline constexpr std::array<Code<int>, 7> kIsoValues{{
     {6400, 9},
 }};
 
-struct PictureSize {
-  int width;
-  int height;
-  bool operator==(const PictureSize&) const = default;
+struct Resolution {
+  std::uint16_t width = 0;   ///< pixels
+  std::uint16_t height = 0;  ///< pixels
+  std::string_view label;
 };
 
-inline constexpr std::array<Code<PictureSize>, 5> kResolutions{{
-    {{1280, 720}, 4},
-    {{1920, 1080}, 10},
-    {{3840, 2160}, 16},
-    {{4096, 2160}, 22},
-    {{2704, 1520}, 24},
+inline constexpr std::array<Code<Resolution>, 5> kResolutions{{
+    {{1280, 720, "720p"}, 4},
+    {{1920, 1080, "1080p"}, 10},
+    {{3840, 2160, "3.8K"}, 16},
+    {{4096, 2160, "4K"}, 22},
+    {{2704, 1520, "2.7K"}, 24},
 }};
 
 /// Frames a second.
-inline constexpr std::array<Code<int>, 7> kFrameRates{{
+inline constexpr std::array<Code<std::uint16_t>, 7> kFrameRates{{
     {24, 1},
     {25, 2},
     {30, 3},
@@ -82,6 +92,34 @@ inline constexpr std::array<Code<int>, 7> kFrameRates{{
     {50, 5},
     {60, 6},
     {120, 7},
+}};
+
+inline constexpr std::array<Code<std::string_view>, 7> kWhiteBalances{{
+    {"auto", 0},
+    {"sunny", 1},
+    {"cloudy", 2},
+    {"unknown", 3},
+    {"incandescent", 4},
+    {"neon", 5},
+    {"custom", 6},
+}};
+
+// What the camera's reports call things; its commands have other words for them.
+inline constexpr std::array<Code<std::string_view>, 3> kCameraModeNames{{
+    {"photo", 0},
+    {"video", 1},
+    {"play", 7},
+}};
+inline constexpr std::array<Code<std::string_view>, 4> kExposureModeNames{{
+    {"auto", 1},
+    {"S", 2},
+    {"A", 3},
+    {"M", 4},
+}};
+inline constexpr std::array<Code<std::string_view>, 3> kPhotoFormatNames{{
+    {"RAW", 0},
+    {"JPG", 1},
+    {"JPG+RAW", 2},
 }};
 
 /// Every shutter time that the camera takes, longest exposure first: seconds with an "s", fractions

@@ -34,6 +34,9 @@ struct ConfigField {
 
 inline constexpr std::size_t kConfigFieldCount = 39;
 
+/// No text of the record is longer, its NUL included.
+inline constexpr std::size_t kLongestConfigText = decltype(Config::rc_input_map)::kCapacity;
+
 /// All keys, in the order in which the loader tests them.
 extern const std::array<ConfigField, kConfigFieldCount> kConfigFields;
 

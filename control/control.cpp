@@ -15,6 +15,7 @@
 #include "camera/camera.h"
 #include "config/config.h"
 #include "control/interpreter.h"
+#include "control/rc_input.h"
 #include "control/speed_mixer.h"
 #include "net/viewers.h"
 
@@ -108,6 +109,7 @@ void init_control() noexcept {
   config = config_get();
   display->focus_point_x = 0.5;
   display->focus_point_y = 0.5;
+  start_thread(rc_input_thread);
   start_thread(speed_stream_thread);
   start_thread(control_thread);
 }
