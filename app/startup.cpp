@@ -10,6 +10,7 @@
 #include "app/status_loop.h"
 #include "app/version.h"
 #include "base/log.h"
+#include "config/commands.h"
 #include "config/config.h"
 #include "config/loader.h"
 #include "control/control.h"
@@ -66,6 +67,8 @@ int run_service() {
 
   if (init_network(set_viewer_speed) == -1) return EXIT_FAILURE;
   if (init_sources(scan_camera_datagram) == -1) return EXIT_FAILURE;
+  init_config_commands(
+      {.publish_channel_map = parse_rc_input_map, .send_to_viewers = broadcast_text});
   init_control();
   run_status_loop(*display, *config);
 }

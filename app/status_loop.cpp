@@ -4,9 +4,9 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 
 #include "app/version.h"
+#include "base/shell.h"
 #include "control/control.h"
 #include "net/sources.h"
 #include "net/viewers.h"
@@ -53,7 +53,7 @@ void send_version_status() {
 }
 
 void probe_access_point(Config& config) {
-  config.ap_running = std::system("pidof hostapd > /dev/null") == 0 ? 1 : 0;
+  config.ap_running = run_shell("pidof hostapd > /dev/null") == 0 ? 1 : 0;
 }
 
 }  // namespace

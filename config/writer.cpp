@@ -7,12 +7,12 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
+#include <cstdint>
 #include <string_view>
 
 #include "base/log.h"
+#include "base/shell.h"
+#include "base/text_builder.h"
 #include "base/unique_fd.h"
 #include "config/config.h"
 #include "config/fields.h"
@@ -135,79 +135,38 @@ constexpr std::array<Block, kConfigFieldCount> kBlocks{{
 #define CARD_FILE "/boot/tervado-nimbus.conf"
 #define WORKING_COPY "/run/tervado.conf"
 
-/// The whole file, built in memory and written at once.
-class FileText {
- public:
-  /// Adds a text as it is.
-  void add(std::string_view text) noexcept {
-    for (const char c : text) put(c);
+// Comments, keys and the longest value of every field together are half of this.
+constexpr std::size_t kFileSize = 16 * 1024;
+
+/// Adds lines that end with LF here; in the file they end with CR LF.
+void add_lines(TextBuilder& file, std::string_view lines) {
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    file.add(lines[i] == '\n' ? "\r\n" : lines.substr(i, 1));
   }
-
-  /// Adds lines that end with LF here; in the file they end with CR LF.
-  void add_lines(std::string_view lines) noexcept {
-    for (const char c : lines) {
-      if (c == '\n') put('\r');
-      put(c);
-    }
-  }
-
-  [[nodiscard]] std::string_view view() const noexcept { return {chars_.data(), length_}; }
-
- private:
-  // Comments, keys and the longest value of every field together are half of this.
-  static constexpr std::size_t kCapacity = 16 * 1024;
-
-  void put(char c) noexcept {
-    if (length_ < chars_.size()) chars_[length_++] = c;
-  }
-
-  std::array<char, kCapacity> chars_;
-  std::size_t length_ = 0;
-};
-
-void add_number(FileText& file, std::int32_t number) {
-  std::array<char, 12> text;
-  std::snprintf(text.data(), text.size(), "%d", number);
-  file.add(text.data());
 }
 
-void add_text(FileText& file, SharedTextRef field) {
+void add_value(TextBuilder& file, const ConfigField& field, Config& config) {
+  if (field.byte != nullptr) {
+    file.add(std::int32_t{config.*field.byte});
+    return;
+  }
+  if (field.number != nullptr) {
+    file.add(config.*field.number);
+    return;
+  }
+  const std::string_view quote = field.kind == FieldKind::quoted_text ? "\"" : "";
   std::array<char, kLongestConfigText> text;
-  file.add(field.copy_to(text));
+  file.add(quote).add(field.text(config).copy_to(text)).add(quote);
 }
 
-void add_value(FileText& file, const ConfigField& field, Config& config) {
-  switch (field.kind) {
-    case FieldKind::flag:
-    case FieldKind::byte:
-      add_number(file, config.*field.byte);
-      break;
-    case FieldKind::number:
-      add_number(file, config.*field.number);
-      break;
-    case FieldKind::text:
-    case FieldKind::channel_map:
-      add_text(file, field.text(config));
-      break;
-    case FieldKind::quoted_text:
-      file.add("\"");
-      add_text(file, field.text(config));
-      file.add("\"");
-      break;
-  }
-}
-
-FileText build_file(Config& config) {
-  FileText file;
-  file.add_lines("# Tervado config file\n\n");
+void build_file(TextBuilder& file, Config& config) {
+  add_lines(file, "# Tervado config file\n\n");
   for (const Block& block : kBlocks) {
-    file.add_lines(block.comment);
-    file.add(block.key);
-    file.add("=");
+    add_lines(file, block.comment);
+    file.add(block.key).add("=");
     add_value(file, *find_config_field(block.key), config);
-    file.add_lines("\n\n");
+    add_lines(file, "\n\n");
   }
-  return file;
 }
 
 /// Two threads may save at a time. Each writes the whole file while it holds it, so that the file
@@ -226,11 +185,14 @@ bool write_file(std::string_view text) {
 
 int config_save() noexcept {
   log_text("Save config\n");
-  [[maybe_unused]] int status = std::system("mount -o rw,remount /boot");
-  if (!write_file(build_file(*config_get()).view())) return -1;
-  status = std::system("umount /boot");
-  status = std::system("mount /boot");
-  return std::system("cat " CARD_FILE " | sed 's/\\r$//' > " WORKING_COPY);
+  run_shell("mount -o rw,remount /boot");
+  std::array<char, kFileSize> buffer;
+  TextBuilder file(buffer);
+  build_file(file, *config_get());
+  if (!write_file(file.view())) return -1;
+  run_shell("umount /boot");
+  run_shell("mount /boot");
+  return run_shell("cat " CARD_FILE " | sed 's/\\r$//' > " WORKING_COPY);
 }
 
 }  // namespace nimbus

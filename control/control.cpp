@@ -13,6 +13,7 @@
 #include "base/ticker.h"
 #include "base/wire.h"
 #include "camera/camera.h"
+#include "config/commands.h"
 #include "config/config.h"
 #include "control/interpreter.h"
 #include "control/rc_input.h"
@@ -45,6 +46,8 @@ Shared<std::uint32_t> last_rc_report;  // now_ms
 void take_command() {
   if (!display->command_mailbox.full()) return;
   const auto text = display->command_mailbox.take();
+  // Each acts on the commands that it knows.
+  config_parse_command(text.c_str());
   interpret_command(text.c_str());
 }
 

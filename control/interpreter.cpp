@@ -2,17 +2,16 @@
 // only text members are looked at, and words count only when they match a row of the table exactly.
 #include "control/interpreter.h"
 
-#include <cjson/cJSON.h>
 #include <unistd.h>
 
 #include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <string_view>
 
 #include "app/display_region.h"
+#include "base/json.h"
 #include "base/log.h"
 #include "base/number.h"
 #include "base/word_table.h"
@@ -225,7 +224,7 @@ struct Row {
 constexpr const char* kAny = nullptr;
 
 // Rows are tested one after the other, each by itself: a command may match several.
-constexpr std::array<Row, 36> kRows{{
+constexpr auto kRows = std::to_array<Row>({
     // clang-format off
     {"camera",           "mode",      set_camera_mode},
     {"horizont",         "calibrate", run<gimbal_calibrate>},
@@ -265,23 +264,7 @@ constexpr std::array<Row, 36> kRows{{
     // On purpose a second time: a colour command has always gone to the camera twice.
     {"color",            kAny,        run_with_param<camera_set_color>},
     // clang-format on
-}};
-
-// --- The text ----------------------------------------------------------------------------------
-
-/// The text of a member, or null when it is missing or no text.
-const char* member(const cJSON* object, const char* name) {
-  return cJSON_GetStringValue(cJSON_GetObjectItem(object, name));
-}
-
-const char* member_or_empty(const cJSON* object, const char* name) {
-  const char* const text = member(object, name);
-  return text == nullptr ? "" : text;
-}
-
-struct DeleteJson {
-  void operator()(cJSON* json) const { cJSON_Delete(json); }
-};
+});
 
 bool matches(const Row& row, const Command& command) {
   return command.cmd == row.cmd &&
@@ -291,12 +274,11 @@ bool matches(const Row& row, const Command& command) {
 }  // namespace
 
 void interpret_command(const char* text) noexcept {
-  const std::unique_ptr<cJSON, DeleteJson> json(cJSON_Parse(text));
+  const JsonObject json(text);
   const Command command{
-      .cmd = member_or_empty(json.get(), "cmd"),
-      .param = member_or_empty(json.get(), "param"),
-      .value = {member(json.get(), "value1"), member(json.get(), "value2"),
-                member(json.get(), "value3"), member(json.get(), "value4")},
+      .cmd = json.text_or_empty("cmd"),
+      .param = json.text_or_empty("param"),
+      .value = {json.text("value1"), json.text("value2"), json.text("value3"), json.text("value4")},
   };
   for (const Row& row : kRows) {
     if (matches(row, command) && row.action(command) == Next::end) return;

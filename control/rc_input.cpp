@@ -9,10 +9,10 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 
 #include "app/display_region.h"
 #include "base/number.h"
+#include "base/shell.h"
 #include "camera/camera.h"
 #include "camera/codes.h"
 #include "camera/gimbal.h"
@@ -249,7 +249,7 @@ void switch_internal_camera(const Receiver& rc, std::uint8_t fullscreen) {
   rc.display.internal_camera_fullscreen = fullscreen;
   config_save();
   // Its supervisor starts it again, with the new layout.
-  [[maybe_unused]] const int status = std::system("killall -q raspivid");
+  run_shell("killall -q raspivid");
 }
 
 void lock_orientation(const Receiver& rc, std::uint8_t lock) {
