@@ -18,7 +18,8 @@ template <std::integral Int, std::floating_point Float>
   if (value != value) return 0;
   // One past the largest Int is a power of two and so exact in every floating type; the largest
   // Int itself may not be.
-  constexpr Float kPastMax = static_cast<Float>(Limits::max() / 2 + 1) * Float{2};
+  constexpr Float kPastMax =
+      static_cast<Float>(std::uint64_t{1} << (Limits::digits - 1)) * Float{2};
   if (value >= kPastMax) return Limits::max();
   if (value <= static_cast<Float>(Limits::min())) return Limits::min();
   return static_cast<Int>(value);

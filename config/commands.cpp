@@ -33,7 +33,7 @@ constexpr std::size_t kScanSize = 60'000;
 constexpr useconds_t kHdmiModeSettlesUs = 1'000'000;
 constexpr int kExitRestart = 3;
 
-ConfigCommandHooks hooks{};
+ConfigCommandHooks command_hooks{};
 
 /// The members of a command. They live as long as the parsed text.
 class Arguments {
@@ -63,7 +63,7 @@ class Arguments {
 };
 
 void store(std::string_view key, const char* value) {
-  store_config_field(*find_config_field(key), value, hooks.publish_channel_map);
+  store_config_field(*find_config_field(key), value, command_hooks.publish_channel_map);
 }
 
 void reset_receiver() { display_region()->rc_status = 0; }
@@ -279,7 +279,7 @@ void send_report(const Arguments& /*unused*/) {
   static std::array<char, kReportSize> report;
   log_text("config request\n");
   config_report(report);
-  hooks.send_to_viewers(report.data());
+  command_hooks.send_to_viewers(report.data());
 }
 
 void scan_networks(const Arguments& arguments) {
@@ -300,7 +300,7 @@ void scan_networks(const Arguments& arguments) {
       .add(list.view())
       .add("\"}");
   log_parts({"scan results: ", reply.view(), "\n"});
-  hooks.send_to_viewers(reply.view());
+  command_hooks.send_to_viewers(reply.view());
 }
 
 void recalibrate_receiver() {
@@ -335,7 +335,7 @@ constexpr std::array<Word<void (*)(const Arguments&)>, 7> kCommands{{
 
 }  // namespace
 
-void init_config_commands(const ConfigCommandHooks& given) noexcept { hooks = given; }
+void init_config_commands(const ConfigCommandHooks& hooks) noexcept { command_hooks = hooks; }
 
 void config_parse_command(const char* text) noexcept {
   std::printf("config_parse_command %s\n", text);

@@ -136,7 +136,7 @@ constexpr std::array<Block, kConfigFieldCount> kBlocks{{
 #define WORKING_COPY "/run/tervado.conf"
 
 // Comments, keys and the longest value of every field together are half of this.
-constexpr std::size_t kFileSize = 16 * 1024;
+constexpr std::size_t kFileSize = 16'384;
 
 /// Adds lines that end with LF here; in the file they end with CR LF.
 void add_lines(TextBuilder& file, std::string_view lines) {
