@@ -10,9 +10,13 @@
 #include "app/status_loop.h"
 #include "app/version.h"
 #include "base/log.h"
+#include "config/commands.h"
 #include "config/config.h"
 #include "config/loader.h"
+#include "control/control.h"
 #include "control/rc_map.h"
+#include "control/speed_mixer.h"
+#include "control/telemetry.h"
 #include "net/sources.h"
 #include "net/viewers.h"
 
@@ -61,8 +65,11 @@ int run_service() {
   Config* const config = config_get();
   show_settings(*display, *config);
 
-  if (init_network(nullptr) == -1) return EXIT_FAILURE;
-  if (init_sources(nullptr) == -1) return EXIT_FAILURE;
+  if (init_network(set_viewer_speed) == -1) return EXIT_FAILURE;
+  if (init_sources(scan_camera_datagram) == -1) return EXIT_FAILURE;
+  init_config_commands(
+      {.publish_channel_map = parse_rc_input_map, .send_to_viewers = broadcast_text});
+  init_control();
   run_status_loop(*display, *config);
 }
 

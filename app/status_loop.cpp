@@ -4,9 +4,10 @@
 
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 
 #include "app/version.h"
+#include "base/shell.h"
+#include "control/control.h"
 #include "net/sources.h"
 #include "net/viewers.h"
 
@@ -52,7 +53,7 @@ void send_version_status() {
 }
 
 void probe_access_point(Config& config) {
-  config.ap_running = std::system("pidof hostapd > /dev/null") == 0 ? 1 : 0;
+  config.ap_running = run_shell("pidof hostapd > /dev/null") == 0 ? 1 : 0;
 }
 
 }  // namespace
@@ -61,6 +62,7 @@ void run_status_loop(const DisplayRegion& display, Config& config) {
   for (;;) {
     check_viewer_timeouts();
     check_sources();
+    check_telemetry_timeouts();
     send_source_status(kCameraDataSource, display.data_connected);
     send_source_status(kVideoSource, display.video_connected);
     probe_access_point(config);

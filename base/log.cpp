@@ -1,5 +1,6 @@
 #include "base/log.h"
 
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,18 @@ void log_text(const char* format, ...) noexcept {
   const auto bytes = std::min(static_cast<std::size_t>(length), text.size() - 1);
   // A console that is gone or full is no reason to stop: the result has no use.
   [[maybe_unused]] const auto written = write(STDERR_FILENO, text.data(), bytes);
+}
+
+void log_parts(std::initializer_list<std::string_view> parts) noexcept {
+  std::array<iovec, 8> pieces;
+  std::size_t count = 0;
+  for (const std::string_view part : parts) {
+    if (count == pieces.size()) break;
+    // writev(2) does not write through the pointer.
+    pieces[count++] = {const_cast<char*>(part.data()), part.size()};
+  }
+  [[maybe_unused]] const auto written =
+      writev(STDERR_FILENO, pieces.data(), static_cast<int>(count));
 }
 
 }  // namespace nimbus

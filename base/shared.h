@@ -47,6 +47,9 @@ class Shared {
   /// Stores the value after everything that this thread wrote before.
   void store_release(T value) noexcept { ref().store(value, std::memory_order_release); }
 
+  /// Stores `desired` and returns what was there. Orders like load_acquire and store_release.
+  T exchange(T desired) noexcept { return ref().exchange(desired, std::memory_order_acq_rel); }
+
   /// Stores `desired` if the value is still `expected`; false if somebody else was faster.
   [[nodiscard]] bool replace(T expected, T desired) noexcept {
     return ref().compare_exchange_strong(expected, desired, std::memory_order_acq_rel);

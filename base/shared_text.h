@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <span>
 #include <string_view>
 
 #include "base/shared.h"
@@ -38,6 +39,18 @@ class SharedTextRef {
     for (std::size_t i = 0; i < text.size(); ++i) chars_[i] = text[i];
   }
 
+  /// Copies the text into `out`, cut to its size, whether or not the field holds a NUL; adds none.
+  /// Returns what was copied.
+  std::string_view copy_to(std::span<char> out) const noexcept {
+    std::size_t length = 0;
+    while (length < std::min(capacity_ - 1, out.size())) {
+      const char c = chars_[length];
+      if (c == '\0') break;
+      out[length++] = c;
+    }
+    return {out.data(), length};
+  }
+
   /// Empties the text by its first byte; the rest stays as it was.
   void clear() const noexcept { chars_[0] = '\0'; }
 
@@ -61,13 +74,9 @@ class SharedText {
   [[nodiscard]] bool empty() const noexcept { return chars_[0] == '\0'; }
 
   /// Copies the text out, bounded whether or not the field holds a NUL.
-  [[nodiscard]] TextCopy<N> copy() const noexcept {
+  [[nodiscard]] TextCopy<N> copy() noexcept {
     TextCopy<N> out;
-    for (std::size_t i = 0; i < N - 1; ++i) {
-      const char c = chars_[i];
-      if (c == '\0') break;
-      out.data()[i] = c;
-    }
+    ref().copy_to({out.data(), N - 1});
     return out;
   }
 

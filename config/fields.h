@@ -34,10 +34,21 @@ struct ConfigField {
 
 inline constexpr std::size_t kConfigFieldCount = 39;
 
+/// No text of the record is longer, its NUL included.
+inline constexpr std::size_t kLongestConfigText = decltype(Config::rc_input_map)::kCapacity;
+
 /// All keys, in the order in which the loader tests them.
 extern const std::array<ConfigField, kConfigFieldCount> kConfigFields;
 
 /// The field of exactly that key, or null. Any thread.
 [[nodiscard]] const ConfigField* find_config_field(std::string_view key) noexcept;
+
+/// Called with the stored map text whenever the file holds an "rc_input_map".
+using PublishChannelMap = void (*)(std::string_view map);
+
+/// Stores a value, given as text, in a field of the record, as its kind has it. A new channel map
+/// is published if the function is not null. Main thread at start, control thread afterwards.
+void store_config_field(const ConfigField& field, const char* value,
+                        PublishChannelMap publish_channel_map) noexcept;
 
 }  // namespace nimbus

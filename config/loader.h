@@ -1,12 +1,9 @@
 // Fills the configuration record from the file "tervado.conf".
 #pragma once
 
-#include <string_view>
+#include "config/fields.h"
 
 namespace nimbus {
-
-/// Called with the stored map text whenever the file holds an "rc_input_map".
-using PublishChannelMap = void (*)(std::string_view map);
 
 /// Zeroes the record, maps the shared region beside it, and reads "tervado.conf" in the working
 /// directory. Returns 0, or -1 when the file cannot be opened; the record then stays zeroed, with

@@ -1,7 +1,6 @@
 #include "net/udp_link.h"
 
 #include <arpa/inet.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -9,6 +8,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "base/thread.h"
 
 namespace nimbus {
 namespace {
@@ -51,9 +51,7 @@ int UdpLink::open(std::uint16_t port) noexcept {
   enlarge_receive_buffer(socket_);
   const sockaddr_in address = socket_address({INADDR_ANY, port});
   if (bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) return -1;
-  pthread_t thread;
-  // Without its thread the link is deaf, but the service goes on.
-  if (pthread_create(&thread, nullptr, run, this) == 0) pthread_detach(thread);
+  start_thread(run, this);
   return 0;
 }
 

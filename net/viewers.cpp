@@ -179,6 +179,10 @@ void broadcast(std::span<const std::uint8_t> payload, FrameKind kind) noexcept {
   frame_counter = frame_counter + 1;
 }
 
+void broadcast_text(std::string_view text) noexcept {
+  broadcast({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, FrameKind::data);
+}
+
 void send_status(std::uint8_t type, const std::array<std::uint8_t, 6>& values) noexcept {
   std::array<std::uint8_t, 7> payload{type};
   std::copy(values.begin(), values.end(), payload.begin() + 1);

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 #include "base/shared.h"
 #include "net/udp_link.h"
@@ -46,6 +47,9 @@ int init_network(ViewerSpeedHandler on_speed);
 /// Sends the payload as one frame to every registered viewer, 1 ms apart. The payload is not
 /// copied and may be at most 65,523 bytes long: the frame's length is cut to 16 bits. Any thread.
 void broadcast(std::span<const std::uint8_t> payload, FrameKind kind) noexcept;
+
+/// Broadcasts a text, without a NUL. Any thread.
+void broadcast_text(std::string_view text) noexcept;
 
 /// Broadcasts a 7-byte status message: the type and six bytes. Any thread.
 void send_status(std::uint8_t type, const std::array<std::uint8_t, 6>& values) noexcept;

@@ -1,0 +1,43 @@
+// What the board's network tools and interfaces tell. The tools run while the caller waits.
+// Interface names with anything but letters, digits, ".", "-" and "_" are taken for tools that
+// cannot be started. Control thread.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "base/text_builder.h"
+
+namespace nimbus {
+
+/// Appends the names of the Wi-Fi networks that an interface sees, comma-separated, as the tool
+/// prints them: not escaped, a hidden one empty, one for each access point. Returns the tool's wait
+/// status, or -1 when it cannot be started.
+int wifi_scan(const char* iface, TextBuilder& list) noexcept;
+
+/// Appends {"name":..,"addr":..} for each interface that has an IPv4 address, but for "lo", in the
+/// system's order, comma-separated. An item that does not fit whole is left out.
+void iface_list_json(TextBuilder& list) noexcept;
+
+/// The first IPv4 address of an interface into `address`, NUL-terminated and cut to it; nothing is
+/// written when it has none.
+void iface_address(const char* iface, std::span<char> address) noexcept;
+
+/// The network that an interface is connected to, up to 39 bytes, with its line end. Empty when
+/// there is none. Static storage, overwritten by the next call.
+const char* wifi_status_ssid(const char* iface) noexcept;
+
+/// A Wi-Fi client connection.
+struct WlanStatus {
+  std::int32_t freq = 0;     ///< as the tool reports it
+  std::uint8_t quality = 0;  ///< of quality_max
+  std::uint8_t quality_max = 0;
+  std::uint8_t signal = 0;     ///< as the tool reports it, cut to a byte
+  const char* ssid = nullptr;  ///< static storage, overwritten by the next call
+};
+
+/// Takes over what "./bin/wlanstatus" reports; members that it does not name stay as they are.
+/// Returns the tool's wait status, or -1 when it cannot be started.
+int wifi_link_status(const char* iface, WlanStatus& status) noexcept;
+
+}  // namespace nimbus

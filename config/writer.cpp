@@ -1,0 +1,198 @@
+// The file on the card ends its lines with CR LF, so that it can be edited on any desktop; the
+// working copy, which the loader reads at the next start, has plain line ends.
+#include "config/writer.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+#include "base/log.h"
+#include "base/shell.h"
+#include "base/text_builder.h"
+#include "base/unique_fd.h"
+#include "config/config.h"
+#include "config/fields.h"
+
+namespace nimbus {
+namespace {
+
+/// One key of the file with the comment lines above it.
+struct Block {
+  std::string_view comment;
+  std::string_view key;
+};
+
+// The order of the file. The blanks at some line ends are part of it.
+constexpr std::array<Block, kConfigFieldCount> kBlocks{{
+    {"# Video out selection\n"
+     "# 1 - use HDMI\n"
+     "# 0 - use TV-out\n",
+     "hdmi_enabled"},
+    {"# Video transcode enabled\n", "video_transcode_enabled"},
+    {"# Transcoded video bitrate (bit/s)\n", "video_bitrate"},
+    {"# Transcoded video width\n", "video_width"},
+    {"# Transcoded video height\n", "video_height"},
+    {"# Disable video stream to Kestrava\n"
+     "# 1 - video stream disabled\n"
+     "# 0 - video stream enabled (default)\n",
+     "disable_video_stream"},
+    {"# Video horizontal flip\n"
+     "# 1 - flipped\n"
+     "# 0 - normal\n",
+     "video_hflip"},
+    {"# Video vertical flip\n"
+     "# 1 - flipped\n"
+     "# 0 - normal\n",
+     "video_vflip"},
+    {"# Use RC control\n"
+     "# 1 - enabled\n"
+     "# 0 - disabled\n",
+     "rc_input_enabled"},
+    {"# RC1 mode\n"
+     "# pwm - PWM mode\n"
+     "# ppm - PPM mode\n",
+     "rc_input_mode"},
+    {"# RC2 mode\n"
+     "# sbus - Sbus mode\n"
+     "# ppm - PPM mode\n",
+     "rc2_input_mode"},
+    {"# RC channels mapping\n"
+     "# pan,tilt,zoom... etc\n",
+     "rc_input_map"},
+    {"# RC pan speed (%)\n"
+     "# 0 - 100\n",
+     "rc_input_speed_pan"},
+    {"# RC tilt speed (%)\n"
+     "# 0 - 100\n",
+     "rc_input_speed_tilt"},
+    {"# RC dutch speed (%)\n"
+     "# 0 - 100\n",
+     "rc_input_speed_dutch"},
+    {"# RC pan inverse\n"
+     "# 0 - no\n"
+     "# 1 - inverse\n",
+     "rc_input_inverse_pan"},
+    {"# RC tilt inverse\n"
+     "# 0 - no\n"
+     "# 1 - inverse\n",
+     "rc_input_inverse_tilt"},
+    {"# RC dutch inverse\n"
+     "# 0 - no\n"
+     "# 1 - inverse\n",
+     "rc_input_inverse_dutch"},
+    {"# RC exponential pan/tilt\n", "rc_input_exp"},
+    {"# RC pan/tilt absolute\n", "rc_input_abs"},
+    {"# Interface for Wi-Fi access point\n"
+     "# disabled if empty\n",
+     "ap_iface"},
+    {"# SSID for Wi-Fi access point\n", "ap_ssid"},
+    {"# Password for Wi-Fi access point\n", "ap_psk"},
+    {"# Wi-Fi Access Point mode\n"
+     "# 2 - 2.4GHz, 5 - 5GHz\n",
+     "ap_mode"},
+    {"# Wi-Fi Access Point country code\n"
+     "# 00, CN, US\n",
+     "ap_country"},
+    {"# Wi-Fi Access Point channel\n"
+     "# 1 - 13 for 2.4Ghz and 36 - 42 for 5Ghz\n",
+     "ap_channel"},
+    {"# Interface for Wi-Fi network connection\n"
+     "# disabled if empty\n",
+     "wifi_iface"},
+    {"# SSID for network connection \n", "wifi_ssid"},
+    {"# Password for network connection \n", "wifi_psk"},
+    {"# Interface for DJI Osmo connection\n"
+     "# disabled if empty\n",
+     "camera_iface"},
+    {"# DJI Osmo Wi-Fi SSID \n", "camera_ssid"},
+    {"# DJI Osmo Wi-Fi password \n", "camera_psk"},
+    {"# OSD enable \n"
+     "# 1 - enabled\n"
+     "# 0 - disabled\n",
+     "osd_enabled"},
+    {"# OSD borders width (pixels)\n"
+     "# 0 - disabled\n",
+     "osd_border_width"},
+    {"# OSD borders height (pixels)\n"
+     "# 0 - disabled\n",
+     "osd_border_height"},
+    {"# OSD top text offset (pixels)\n", "osd_top_offset"},
+    {"# OSD bottom text offset (pixels)\n", "osd_bottom_offset"},
+    {"# Internal camera enable \n"
+     "# 1 - enabled\n"
+     "# 0 - disabled\n",
+     "internal_camera_enabled"},
+    {"# Internal camera fullscreen \n"
+     "# 1 - fullscreen\n"
+     "# 0 - windowed\n",
+     "internal_camera_fullscreen"},
+}};
+
+#define CARD_FILE "/boot/tervado-nimbus.conf"
+#define WORKING_COPY "/run/tervado.conf"
+
+// Comments, keys and the longest value of every field together are half of this.
+constexpr std::size_t kFileSize = 16'384;
+
+/// Adds lines that end with LF here; in the file they end with CR LF.
+void add_lines(TextBuilder& file, std::string_view lines) {
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    file.add(lines[i] == '\n' ? "\r\n" : lines.substr(i, 1));
+  }
+}
+
+void add_value(TextBuilder& file, const ConfigField& field, Config& config) {
+  if (field.byte != nullptr) {
+    file.add(std::int32_t{config.*field.byte});
+    return;
+  }
+  if (field.number != nullptr) {
+    file.add(config.*field.number);
+    return;
+  }
+  const std::string_view quote = field.kind == FieldKind::quoted_text ? "\"" : "";
+  std::array<char, kLongestConfigText> text;
+  file.add(quote).add(field.text(config).copy_to(text)).add(quote);
+}
+
+void build_file(TextBuilder& file, Config& config) {
+  add_lines(file, "# Tervado config file\n\n");
+  for (const Block& block : kBlocks) {
+    add_lines(file, block.comment);
+    file.add(block.key).add("=");
+    add_value(file, *find_config_field(block.key), config);
+    add_lines(file, "\n\n");
+  }
+}
+
+/// Two threads may save at a time. Each writes the whole file while it holds it, so that the file
+/// is never a mix of both.
+bool write_file(std::string_view text) {
+  const UniqueFd fd(open(CARD_FILE, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+  if (!fd) return false;
+  flock(fd.get(), LOCK_EX);
+  // A write that fails is not noticed: there is nobody to tell, and the next save tries again.
+  [[maybe_unused]] const int truncated = ftruncate(fd.get(), 0);
+  [[maybe_unused]] const auto written = write(fd.get(), text.data(), text.size());
+  return true;
+}
+
+}  // namespace
+
+int config_save() noexcept {
+  log_text("Save config\n");
+  run_shell("mount -o rw,remount /boot");
+  std::array<char, kFileSize> buffer;
+  TextBuilder file(buffer);
+  build_file(file, *config_get());
+  if (!write_file(file.view())) return -1;
+  run_shell("umount /boot");
+  run_shell("mount /boot");
+  return run_shell("cat " CARD_FILE " | sed 's/\\r$//' > " WORKING_COPY);
+}
+
+}  // namespace nimbus
