@@ -11,6 +11,22 @@
 
 namespace nimbus {
 
+namespace detail {
+
+/// Copies up to the first NUL, or to the end of either span.
+inline std::string_view copy_text(std::span<const Shared<char>> chars,
+                                  std::span<char> out) noexcept {
+  std::size_t length = 0;
+  while (length < std::min(chars.size(), out.size())) {
+    const char c = chars[length];
+    if (c == '\0') break;
+    out[length++] = c;
+  }
+  return {out.data(), length};
+}
+
+}  // namespace detail
+
 /// A private copy of a SharedText<N>: NUL-terminated, at most N - 1 characters.
 template <std::size_t N>
 class TextCopy {
@@ -42,13 +58,7 @@ class SharedTextRef {
   /// Copies the text into `out`, cut to its size, whether or not the field holds a NUL; adds none.
   /// Returns what was copied.
   std::string_view copy_to(std::span<char> out) const noexcept {
-    std::size_t length = 0;
-    while (length < std::min(capacity_ - 1, out.size())) {
-      const char c = chars_[length];
-      if (c == '\0') break;
-      out[length++] = c;
-    }
-    return {out.data(), length};
+    return detail::copy_text({chars_, capacity_ - 1}, out);
   }
 
   /// Empties the text by its first byte; the rest stays as it was.
@@ -74,9 +84,9 @@ class SharedText {
   [[nodiscard]] bool empty() const noexcept { return chars_[0] == '\0'; }
 
   /// Copies the text out, bounded whether or not the field holds a NUL.
-  [[nodiscard]] TextCopy<N> copy() noexcept {
+  [[nodiscard]] TextCopy<N> copy() const noexcept {
     TextCopy<N> out;
-    ref().copy_to({out.data(), N - 1});
+    detail::copy_text(chars_, {out.data(), N - 1});
     return out;
   }
 

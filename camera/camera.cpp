@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cmath>
 
 #include "base/log.h"
 #include "base/number.h"
@@ -125,8 +126,13 @@ std::int32_t camera_set_shutter(const char* text) noexcept {
 
 std::int32_t camera_set_aperture(double f_number) noexcept {
   log_text("Camera set aperture %1.2f\n", f_number);
+  // f-numbers come in single precision, and the float nearest to a decimal number may lie below it:
+  // taken one step further from zero, 2.8 is 280 hundredths and not 279.
+  const auto single = static_cast<float>(f_number);
+  const double hundredths =
+      double{std::nextafter(single, std::copysign(HUGE_VALF, single))} * 100.0;
   DumlPayload<2> payload;
-  store_le(payload, 0, static_cast<std::int16_t>(to_integer<std::int32_t>(f_number * 100.0)));
+  store_le(payload, 0, static_cast<std::int16_t>(to_integer<std::int32_t>(hundredths)));
   return send_frame(kAperture, payload);
 }
 

@@ -73,6 +73,7 @@ struct Resolution {
   std::uint16_t width = 0;   ///< pixels
   std::uint16_t height = 0;  ///< pixels
   std::string_view label;
+  bool operator==(const Resolution&) const = default;
 };
 
 inline constexpr std::array<Code<Resolution>, 5> kResolutions{{

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>
@@ -132,14 +131,6 @@ Next set_white_balance(const Command& command) {
   return Next::row;
 }
 
-Next set_aperture(const Command& command) {
-  // The double nearest to a decimal number may lie below it, and the wire takes hundredths
-  // truncated: one step away from zero, "4.6" is 460 of them and not 459.
-  const double f_number = std::strtod(command.param, nullptr);
-  camera_set_aperture(std::nextafter(f_number, std::copysign(HUGE_VAL, f_number)));
-  return Next::row;
-}
-
 constexpr std::array<Word<int>, 8> kIsoWords{{
     {"auto", 0},
     {"100", 100},
@@ -213,6 +204,9 @@ Next run_with_value(const Command& command) {
 }
 
 void set_histogram(const char* enable) { camera_set_histogram(parse_i32(enable)); }
+void set_aperture(const char* f_number) {
+  camera_set_aperture(static_cast<float>(std::strtod(f_number, nullptr)));
+}
 void set_ev(const char* value) { camera_set_ev(std::strtod(value, nullptr)); }
 
 struct Row {
@@ -251,7 +245,7 @@ constexpr auto kRows = std::to_array<Row>({
     {"hystogram",        kAny,        run_with_param<set_histogram>},
     {"video_mode",       kAny,        run_with_param<camera_set_exposure_mode>},
     {"shutter",          kAny,        run_with_param<camera_set_shutter>},
-    {"aperture",         kAny,        set_aperture},
+    {"aperture",         kAny,        run_with_param<set_aperture>},
     {"iso",              kAny,        set_iso},
     {"ev",               kAny,        run_with_param<set_ev>},
     {"video_resolution", kAny,        set_video_resolution},

@@ -234,9 +234,13 @@ constinit std::array<SteppedSetting, 3> stepped_settings{{
 
 void center(const Receiver& rc) {
   if (!rc.assigned(RcFunction::center)) return;
-  const bool on = rc.centred(RcFunction::center) > kLeverOn;
-  if (on && !center_latch) gimbal_set_next_position();
-  center_latch = on;
+  const double value = rc.centred(RcFunction::center);
+  if (value > kLeverOn) {
+    if (!center_latch) gimbal_set_next_position();
+    center_latch = true;
+  } else if (value <= kLeverOn) {
+    center_latch = false;
+  }
 }
 
 void hide_osd(const Receiver& rc) {

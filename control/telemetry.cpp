@@ -382,10 +382,12 @@ bool is_intact(std::span<const std::uint8_t> frame) {
 }  // namespace
 
 void decode_camera_frame(std::span<const std::uint8_t> frame) noexcept {
+  DisplayRegion* const display = display_region();
+  if (display == nullptr) return;
   for (const Kind& kind : kKinds) {
     if (kind.length != frame.size()) continue;
     if (kind.command_set != kAnySet && kind.command_set != frame[kCommandSetOffset]) continue;
-    kind.decode(FrameView(frame), *display_region());
+    kind.decode(FrameView(frame), *display);
   }
 }
 

@@ -22,7 +22,7 @@ DATA_PORT = 5000
 VIDEO_PORT = 5001
 
 BANNER = b"\x1b[1;37mTervado Nimbus v.0.3.7\x1b[0m\n"
-READY = "Init video source... done\n"
+READY = "Init control\n"
 
 # Sanitized and emulated runs stretch every time limit (never a lower bound).
 TIME_SCALE = float(os.environ.get("NIMBUS_TIME_SCALE", "1"))
@@ -569,4 +569,5 @@ START_TEXTS = (BANNER,
                b"Data lost\n",
                b"Video lost\n",
                b"Init data source... ", b"done\n",
-               b"Init video source... ", b"done\n")
+               b"Init video source... ", b"done\n",
+               b"Init control\n")

@@ -3,6 +3,7 @@
 
 import re
 import stat
+import struct
 
 import pytest
 
@@ -20,6 +21,11 @@ OWN_BYTES = {
     634: b"\0",  # camera timer
     636: bytes(8),
     1017: bytes(3),  # settings for the display
+    1032: struct.pack("<2d", 0.5, 0.5),  # focus point
+    # Time stamps of telemetry long gone, and a command that was never taken.
+    876: bytes(4),
+    1012: bytes(4),
+    1858: bytes(512),
 }
 
 CONFIG_SIZE = 2336

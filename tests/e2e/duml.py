@@ -1,0 +1,207 @@
+"""The camera's protocol, the viewers' commands, and the camera's end of the link, as the tests know
+them.
+
+The checksums are worked out bit by bit here, apart from the service's own code.
+"""
+
+import dataclasses
+import os
+import socket
+import struct
+import threading
+import time
+
+import nimbus
+from nimbus import limit
+
+# --- Frames --------------------------------------------------------------------------------------
+
+START = 0x55
+VERSION = 1
+HEADER_SIZE = 11
+OVERHEAD = HEADER_SIZE + 2
+RECEIVERS = {0x02: 0x01, 0x04: 0x04}  # by the command set
+CAMERA, GIMBAL = RECEIVERS
+
+
+def reflected_crc(data, polynomial, crc):
+    """A reflected CRC with the reflected polynomial, from the seed `crc`, one bit at a time."""
+    for byte in data:
+        crc ^= byte
+        for _ in range(8):
+            crc = (crc >> 1) ^ (polynomial if crc & 1 else 0)
+    return crc
+
+
+def crc8(data):
+    """The check of a frame's first three bytes."""
+    return reflected_crc(data, 0x8C, 0x77)
+
+
+def crc16(data):
+    """The check of a whole frame less its last two bytes."""
+    return reflected_crc(data, 0x8408, 0x3692)
+
+
+@dataclasses.dataclass(frozen=True)
+class Command:
+    """What a frame says: everything in it but its number and its checks."""
+
+    set: int
+    id: int
+    payload: bytes = b""
+    sender: int = 0x02
+    type: int = 0x40
+
+    def frame(self, sequence):
+        """The whole frame with that number."""
+        size = len(self.payload) + OVERHEAD
+        start = struct.pack("<BH", START, size | VERSION << 10)
+        body = start + bytes([crc8(start)]) + struct.pack(
+            "<BBHBBB", self.sender, RECEIVERS[self.set], sequence, self.type, self.set, self.id)
+        body += self.payload
+        return body + struct.pack("<H", crc16(body))
+
+
+def camera(number, payload="", sender=0x02):
+    """A command to the camera, its payload in hexadecimal."""
+    return Command(CAMERA, number, bytes.fromhex(payload), sender)
+
+
+def gimbal(number, payload="", **others):
+    """A command to the gimbal, its payload in hexadecimal."""
+    return Command(GIMBAL, number, bytes.fromhex(payload), **others)
+
+
+def speed(pan, roll, tilt):
+    """The gimbal's speed frame, in the order of the wire."""
+    return Command(GIMBAL, 0x0C, struct.pack("<3h", pan, roll, tilt) + b"\x90")
+
+
+def parse(data):
+    """The command and the number of a frame, which must be sound in every byte."""
+    assert len(data) >= OVERHEAD, f"a frame of {len(data)} bytes"
+    sender, _, sequence, kind, command_set, number = struct.unpack_from("<BBHBBB", data, 4)
+    assert command_set in RECEIVERS, f"an unknown command set in {data.hex(' ')}"
+    command = Command(command_set, number, data[HEADER_SIZE:-2], sender, kind)
+    assert data == command.frame(sequence), f"an unsound frame: {data.hex(' ')}"
+    return command, sequence
+
+
+# --- What becomes frames -------------------------------------------------------------------------
+
+
+def command(cmd, param=None, *values):
+    """The members of a command, less those that are None."""
+    members = {"cmd": cmd, "param": param}
+    members.update({f"value{n}": value for n, value in enumerate(values, 1)})
+    return {name: value for name, value in members.items() if value is not None}
+
+
+# --- The camera ----------------------------------------------------------------------------------
+
+
+@dataclasses.dataclass(frozen=True)
+class Event:
+    """One datagram at the camera's socket, with the time at which the kernel took it in: seconds of
+    the wall clock, free of what this process does to wake up and read it."""
+
+    data: bytes
+    time: float
+    source: tuple  # host and port
+    is_frame: bool  # else a text that the service wrote on its console
+
+    @property
+    def text(self):
+        return self.data.decode("utf-8", "surrogateescape")
+
+
+class Camera(nimbus.Bridge):
+    """The camera behind its bridge. Collects what it is sent, and the texts on the console of a
+    service that was started with `take_console`."""
+
+    _SO_TIMESTAMPNS = 64  # the one with 64-bit seconds on every machine
+
+    def __init__(self, host="127.0.0.1"):
+        super().__init__(nimbus.DATA_PORT, host)
+        self.socket.setsockopt(socket.SOL_SOCKET, self._SO_TIMESTAMPNS, 1)
+        self._console = nimbus.udp_socket("127.0.0.1")
+        self._console.connect(self.address)
+        self._events = []
+        self._condition = threading.Condition()
+        threading.Thread(target=self._receive, daemon=True).start()
+
+    def _receive(self):
+        console = self._console.getsockname()
+        while not self._stop.is_set():
+            try:
+                data, extras, _, source = self.socket.recvmsg(65536, 64)
+            except OSError:
+                return
+            if not extras:  # woken by close()
+                return
+            seconds, nanoseconds = struct.unpack("qq", extras[0][2])
+            with self._condition:
+                self._events.append(Event(data, seconds + nanoseconds / 1e9, source,
+                                          source != console))
+                self._condition.notify_all()
+
+    def take_console(self):
+        """Makes the camera's socket the standard error of the process that calls this."""
+        os.dup2(self._console.fileno(), 2)
+
+    def events(self, start=0):
+        with self._condition:
+            return self._events[start:]
+
+    def count(self):
+        """How many events there are."""
+        with self._condition:
+            return len(self._events)
+
+    def frames(self, start=0):
+        """The frames among the events."""
+        return [event for event in self.events(start) if event.is_frame]
+
+    def console(self):
+        """Everything that was said on the console."""
+        return "".join(event.text for event in self.events() if not event.is_frame)
+
+    def wait(self, condition, seconds=5, what="the event", start=0):
+        """Waits until condition(events from index `start` on) is true and returns its value."""
+        deadline = time.monotonic() + limit(seconds)
+        with self._condition:
+            while not (value := condition(self._events[start:])):
+                rest = deadline - time.monotonic()
+                assert rest > 0, f"{what} did not come within {limit(seconds)} s"
+                self._condition.wait(rest)
+        return value
+
+    def wait_text(self, text, seconds=5, start=0):
+        """Waits until exactly that text has been written on the console."""
+        return self.wait(lambda events: [event for event in events
+                                         if not event.is_frame and event.text == text],
+                         seconds, f"the text {text!r}", start)[0]
+
+    def wait_frames(self, count, seconds=5, start=0):
+        """Waits for that many frames; returns all that came."""
+
+        def enough(events):
+            frames = [event for event in events if event.is_frame]
+            return frames if len(frames) >= count else None
+
+        return self.wait(enough, seconds, f"{count} frames", start)
+
+    def introduce(self):
+        """Says a word to the service, which thereby knows the camera's address."""
+        start = self.count()
+        self.send(b"\0")
+        self.wait_text("Data found\n", start=start)
+
+    def close(self):
+        if self._stop.is_set():
+            return
+        self._stop.set()
+        self._console.sendto(b"", self.address)  # wakes the receive thread, which closing would not
+        self._console.close()
+        super().close()

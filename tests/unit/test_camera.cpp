@@ -1,0 +1,143 @@
+#include "camera/camera.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
+
+#include "tests/unit/camera_end.h"
+#include "tests/unit/support.h"
+
+namespace nimbus {
+namespace {
+
+using test::Bytes;
+using test::Texts;
+
+// The results of the operations, and arguments that no command passes on. The commands' words and
+// frames are tested from outside.
+struct Call {
+  const char* name;
+  std::function<std::int32_t()> run;
+  std::int32_t result;  ///< the length of the last frame, -1 where there is none
+  Texts lines;
+  Bytes payload;  ///< of the last frame
+};
+
+using IntLimits = std::numeric_limits<std::int32_t>;
+
+const Call kCalls[] = {
+    {"record", [] { return camera_record(-7); }, 14, {"Record start\n"}, {1}},
+    {"record stop", [] { return camera_record(0); }, 14, {"Record stop\n"}, {0}},
+    {"mode", [] { return camera_set_mode(1); }, 14, {"Camera set mode video\n"}, {1}},
+    {"mode 2", [] { return camera_set_mode(2); }, -1, {}, {}},
+    {"mode -1", [] { return camera_set_mode(-1); }, -1, {}, {}},
+    {"ev", [] { return camera_set_ev(-0.0); }, 14, {}, {16}},
+    {"ev 0.33", [] { return camera_set_ev(0.33); }, -1, {}, {}},
+    {"iso 0", [] { return camera_set_iso(0); }, 14, {"Camera set iso 0\n"}, {0}},
+    {"iso 150", [] { return camera_set_iso(150); }, 14, {"Camera set iso 150\n"}, {0}},
+    {"iso -1", [] { return camera_set_iso(-1); }, 14, {"Camera set iso -1\n"}, {0}},
+    {"aperture",
+     [] { return camera_set_aperture(2.8); },
+     15,
+     {"Camera set aperture 2.80\n"},
+     {0x18, 0x01}},
+    {"aperture, truncated",
+     [] { return camera_set_aperture(2.799); },
+     15,
+     {"Camera set aperture 2.80\n"},
+     {0x17, 0x01}},
+    {"aperture, negative",
+     [] { return camera_set_aperture(-0.019); },
+     15,
+     {"Camera set aperture -0.02\n"},
+     {0xFF, 0xFF}},
+    {"white balance",
+     [] { return camera_set_white_balance("custom", nullptr); },
+     -1,
+     {"Camera set WB custom\n"},
+     {}},
+    {"no temperature needed",
+     [] { return camera_set_white_balance("neon", nullptr); },
+     15,
+     {"Camera set WB neon\n"},
+     {0x05, 0x19}},
+    {"histogram",
+     [] { return camera_set_histogram(IntLimits::min()); },
+     14,
+     {"Camera histogram enable\n"},
+     {0}},
+    {"resolution",
+     [] { return camera_set_video_resolution(640, 480, 30); },
+     15,
+     {"Camera set video resolution 640x480@30\n"},
+     {0x00, 0x03}},
+    {"frame rate",
+     [] { return camera_set_video_resolution(1920, 1080, -1); },
+     15,
+     {"Camera set video resolution 1920x1080@-1\n"},
+     {0x0A, 0x00}},
+    {"mixed size",
+     [] { return camera_set_video_resolution(3840, 1080, 25); },
+     15,
+     {"Camera set video resolution 3840x1080@25\n"},
+     {0x00, 0x02}},
+    {"exposure lock",
+     [] { return camera_set_ae_lock(257); },
+     14,
+     {"Camera set auto exposure lock to 257\n"},
+     {1}},
+    {"exposure point",
+     [] { return camera_set_exposure_point(-2); },
+     14,
+     {"Camera set exposure point -2\n"},
+     {0xFE}},
+    {"exposure center",
+     [] { return camera_set_exposure_center(); },
+     14,
+     {"Camera set exposure to center\n"},
+     {0}},
+    {"exposure mode",
+     [] { return camera_set_exposure_mode("?"); },
+     -1,
+     {"Camera set video mode ?\n"},
+     {}},
+    {"aspect ratio",
+     [] { return camera_set_aspect_ratio("21:9"); },
+     -1,
+     {"Camera set image aspect ratio 21:9\n"},
+     {}},
+    {"shot mode", [] { return camera_set_shot_mode("?"); }, -1, {"Camera set shot mode ?\n"}, {}},
+    {"focus type",
+     [] { return camera_set_focus_type("?"); },
+     -1,
+     {"Camera set focus type ?\n"},
+     {}},
+    {"reset", [] { return camera_reset(); }, 14, {}, {0}},
+    {"format", [] { return camera_format_card(); }, 13, {"Format microSD card\n"}, {}},
+};
+
+TEST(Camera, Calls) {
+  test::CameraEnd camera;
+  for (const Call& call : kCalls) {
+    SCOPED_TRACE(call.name);
+    test::Console console;
+    EXPECT_EQ(call.run(), call.result);
+    EXPECT_EQ(console.texts(), call.lines);
+    Bytes last;
+    for (;;) {
+      const Bytes frame = camera.receive(std::chrono::milliseconds(0));
+      if (frame.empty()) break;
+      EXPECT_TRUE(test::is_sound(frame));
+      last = frame;
+    }
+    ASSERT_EQ(last.size(), call.result < 0 ? 0U : static_cast<unsigned>(call.result));
+    if (last.empty()) continue;
+    EXPECT_EQ(Bytes(last.begin() + 11, last.end() - 2), call.payload);
+  }
+}
+
+}  // namespace
+}  // namespace nimbus

@@ -1,0 +1,297 @@
+#include "config/writer.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <initializer_list>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "config/config.h"
+#include "config/loader.h"
+#include "tests/unit/support.h"
+
+namespace nimbus {
+namespace {
+
+namespace fs = std::filesystem;
+using test::read_file;
+using test::Texts;
+using test::write_file;
+
+const fs::path kCardFile = "/boot/tervado-nimbus.conf";
+const fs::path kWorkingCopy = "/run/tervado.conf";
+const fs::path kGoldenFile =
+    fs::path(__FILE__).parent_path().parent_path() / "e2e" / "golden" / "tervado-nimbus.conf";
+
+std::string without_cr(std::string text) {
+  for (std::size_t at = 0; (at = text.find("\r\n", at)) != std::string::npos;) text.erase(at, 1);
+  return text;
+}
+
+/// The line of a key, without its end. Empty when there is none.
+std::string line_of(const std::string& file, const std::string& key) {
+  const auto start = file.find("\n" + key + "=");
+  if (start == std::string::npos) return {};
+  return file.substr(start + 1, file.find("\r\n", start) - start - 1);
+}
+
+/// The golden file, with nothing behind the "=" of any key.
+std::string file_without_values() {
+  std::string file = read_file(kGoldenFile);
+  EXPECT_FALSE(file.empty()) << kGoldenFile;
+  for (std::size_t start = 0; start < file.size(); start = file.find('\n', start) + 1) {
+    const auto end = file.find("\r\n", start);
+    const auto equals = file.find('=', start);
+    if (file[start] != '#' && equals < end) file.erase(equals + 1, end - equals - 1);
+  }
+  return file;
+}
+
+/// A fresh card and a record of zeros.
+class Writer : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const auto& entry : fs::directory_iterator(kCardFile.parent_path())) {
+      fs::remove_all(entry);
+    }
+    fs::remove_all(kWorkingCopy);
+    test::set_bytes(config, std::string(sizeof(Config), '\0'));
+  }
+  void TearDown() override { test::set_bytes(config, std::string(sizeof(Config), '\0')); }
+
+  Config& config = *config_get();
+};
+
+TEST_F(Writer, RecordOfZeros) {
+  test::Console console;
+  EXPECT_EQ(config_save(), 0);
+  EXPECT_EQ(console.texts(), Texts{"Save config\n"});
+  std::string expected = file_without_values();
+  const auto put = [&expected](const std::string& key, const std::string& value) {
+    const std::string line = "\n" + key + "=";
+    const auto at = expected.find(line);
+    ASSERT_NE(at, std::string::npos) << key;
+    expected.insert(at + line.size(), value);
+  };
+  for (const char* const key : {"hdmi_enabled",
+                                "video_transcode_enabled",
+                                "video_bitrate",
+                                "video_width",
+                                "video_height",
+                                "disable_video_stream",
+                                "video_hflip",
+                                "video_vflip",
+                                "rc_input_enabled",
+                                "rc_input_speed_pan",
+                                "rc_input_speed_tilt",
+                                "rc_input_speed_dutch",
+                                "rc_input_inverse_pan",
+                                "rc_input_inverse_tilt",
+                                "rc_input_inverse_dutch",
+                                "rc_input_exp",
+                                "rc_input_abs",
+                                "ap_mode",
+                                "ap_channel",
+                                "osd_enabled",
+                                "osd_border_width",
+                                "osd_border_height",
+                                "osd_top_offset",
+                                "osd_bottom_offset",
+                                "internal_camera_enabled",
+                                "internal_camera_fullscreen"}) {
+    put(key, "0");
+  }
+  for (const char* const key :
+       {"ap_ssid", "ap_psk", "wifi_ssid", "wifi_psk", "camera_ssid", "camera_psk"}) {
+    put(key, "\"\"");
+  }
+  EXPECT_EQ(read_file(kCardFile), expected);
+  EXPECT_EQ(read_file(kWorkingCopy), without_cr(expected));
+}
+
+TEST_F(Writer, BytesAreUnsignedAndNumbersSigned) {
+  config.hdmi_enabled = 255;  // whatever another thread leaves there
+  config.osd_border_width = 200;
+  config.rc_input_inverse_pan = 2;
+  config.rc_input_speed_pan = std::numeric_limits<std::int32_t>::min();
+  config.ap_channel = std::numeric_limits<std::int32_t>::max();
+  config_save();
+  const std::string file = read_file(kCardFile);
+  EXPECT_EQ(line_of(file, "hdmi_enabled"), "hdmi_enabled=255");
+  EXPECT_EQ(line_of(file, "osd_border_width"), "osd_border_width=200");
+  EXPECT_EQ(line_of(file, "rc_input_inverse_pan"), "rc_input_inverse_pan=2");
+  EXPECT_EQ(line_of(file, "rc_input_speed_pan"), "rc_input_speed_pan=-2147483648");
+  EXPECT_EQ(line_of(file, "ap_channel"), "ap_channel=2147483647");
+}
+
+// --- Texts ---------------------------------------------------------------------------------------
+
+struct TextField {
+  const char* key;
+  SharedTextRef text;
+  std::size_t longest;
+  bool quoted;
+};
+
+std::initializer_list<TextField> text_fields(Config& config) {
+  static const std::initializer_list<TextField> fields{
+      {"rc_input_mode", config.rc_input_mode.ref(), 5, false},
+      {"rc2_input_mode", config.rc2_input_mode.ref(), 5, false},
+      {"rc_input_map", config.rc_input_map.ref(), 511, false},
+      {"ap_iface", config.ap_iface.ref(), 9, false},
+      {"ap_ssid", config.ap_ssid.ref(), 255, true},
+      {"ap_psk", config.ap_psk.ref(), 255, true},
+      {"ap_country", config.ap_country.ref(), 9, false},
+      {"wifi_iface", config.wifi_iface.ref(), 9, false},
+      {"wifi_ssid", config.wifi_ssid.ref(), 255, true},
+      {"wifi_psk", config.wifi_psk.ref(), 255, true},
+      {"camera_iface", config.camera_iface.ref(), 9, false},
+      {"camera_ssid", config.camera_ssid.ref(), 255, true},
+      {"camera_psk", config.camera_psk.ref(), 255, true},
+  };
+  return fields;
+}
+
+void fill_texts(Config& config) {
+  char letter = 'a';
+  for (const TextField& field : text_fields(config)) {
+    field.text.assign(std::string(field.longest, letter++));
+  }
+}
+
+void expect_full_texts(Config& config) {
+  const std::string file = read_file(kCardFile);
+  char letter = 'a';
+  for (const TextField& field : text_fields(config)) {
+    SCOPED_TRACE(field.key);
+    const std::string text(field.longest, letter++);
+    EXPECT_EQ(line_of(file, field.key),
+              std::string(field.key) + (field.quoted ? "=\"" + text + "\"" : "=" + text));
+  }
+}
+
+TEST_F(Writer, TextsAtTheirFullLength) {
+  fill_texts(config);
+  EXPECT_EQ(config_save(), 0);
+  expect_full_texts(config);
+}
+
+// A record that another thread is rewriting may hold a text without an end for a moment.
+TEST_F(Writer, TextsWithoutTheirNul) {
+  fill_texts(config);
+  std::string bytes = test::bytes_of(config);
+  for (std::size_t i = 1; i < bytes.size(); ++i) {
+    const bool behind_a_text = bytes[i - 1] >= 'a' && bytes[i - 1] <= 'm';
+    if (behind_a_text && bytes[i] == '\0') bytes[i] = '!';
+  }
+  test::set_bytes(config, bytes);
+  EXPECT_EQ(config_save(), 0);
+  expect_full_texts(config);
+}
+
+// The loader's lines end after 199 bytes, key included; a longer text loses the rest on its way.
+TEST_F(Writer, LongTextIsCutByTheNextStart) {
+  fill_texts(config);
+  const std::string map = std::string(100, ',') + std::string(150, 'x');
+  config.rc_input_map.assign(map);
+  config.ap_ssid.assign("short");
+  config.rc_input_inverse_pan = 2;
+  config_save();
+  const fs::path folder = fs::temp_directory_path() / "nimbus_writer_test";
+  fs::remove_all(folder);
+  fs::create_directory(folder);
+  fs::create_symlink(kWorkingCopy, folder / "tervado.conf");
+  const fs::path before = fs::current_path();
+  fs::current_path(folder);
+  EXPECT_EQ(config_load(nullptr), 0);
+  fs::current_path(before);
+  fs::remove_all(folder);
+  EXPECT_EQ(config.rc_input_map.copy().view(),
+            map.substr(0, 199 - std::string_view("rc_input_map=").size()));
+  EXPECT_EQ(config.ap_ssid.copy().view(), "short");
+  EXPECT_EQ(config.rc_input_inverse_pan, 2);
+}
+
+// --- Failures ------------------------------------------------------------------------------------
+
+TEST_F(Writer, ResultOfARefusedFile) {
+  fs::create_directory(kCardFile);
+  write_file(kWorkingCopy, "former");
+  EXPECT_EQ(config_save(), -1);
+  EXPECT_EQ(read_file(kWorkingCopy), "former");
+}
+
+TEST_F(Writer, ResultIsTheStatusOfTheLastCommand) {
+  fs::create_directory(kWorkingCopy);
+  const int status = config_save();
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_NE(WEXITSTATUS(status), 0);
+  EXPECT_EQ(line_of(read_file(kCardFile), "hdmi_enabled"), "hdmi_enabled=0");
+}
+
+TEST_F(Writer, FullPartitionCutsTheFile) {
+  fill_texts(config);
+  config_save();
+  const std::string whole = read_file(kCardFile);
+  constexpr std::size_t kRoom = 4096;
+  ASSERT_GT(whole.size(), kRoom);
+  // By their paths: the names are those of the sandbox's stand-ins.
+  ASSERT_EQ(std::system("/bin/mount -t tmpfs -o size=4k test /boot"), 0);
+  EXPECT_EQ(config_save(), 0);
+  EXPECT_EQ(read_file(kCardFile), whole.substr(0, kRoom));
+  ASSERT_EQ(std::system("/bin/umount /boot"), 0);
+  config_save();
+  EXPECT_EQ(read_file(kCardFile), whole);
+}
+
+TEST_F(Writer, NoDescriptorIsLeft) {
+  config_save();
+  const auto before = test::open_descriptors();
+  config_save();
+  fs::remove(kCardFile);
+  fs::create_directory(kCardFile);
+  config_save();
+  EXPECT_EQ(test::open_descriptors(), before);
+}
+
+// --- Two threads ---------------------------------------------------------------------------------
+
+// The RC thread and the control thread may save at a time. The record changes meanwhile: both files
+// are of different lengths.
+TEST_F(Writer, TwoThreadsSave) {
+  const auto file_with = [this](std::int32_t bitrate) {
+    config.video_bitrate = bitrate;
+    config_save();
+    return read_file(kCardFile);
+  };
+  constexpr std::int32_t kShort = 1;
+  constexpr std::int32_t kLong = std::numeric_limits<std::int32_t>::min();
+  const std::string short_file = file_with(kShort);
+  const std::string long_file = file_with(kLong);
+  ASSERT_NE(short_file.size(), long_file.size());
+
+  const test::Background other([this] {
+    config.video_bitrate = kShort;
+    config.video_bitrate = kLong;
+  });
+  for (int round = 0; round < 60 && !HasFailure(); ++round) {
+    SCOPED_TRACE(round);
+    {
+      const std::jthread first(config_save);
+      const std::jthread second(config_save);
+    }
+    const std::string file = read_file(kCardFile);
+    EXPECT_TRUE(file == short_file || file == long_file) << file;
+    EXPECT_EQ(read_file(kWorkingCopy), without_cr(file));
+  }
+}
+
+}  // namespace
+}  // namespace nimbus
