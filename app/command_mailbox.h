@@ -25,6 +25,7 @@ class CommandMailbox {
   /// goes last, because it is what the reader polls. Viewer link's receive thread.
   void post(std::string_view text) noexcept {
     text = text.substr(0, std::min(text.find('\0'), kSize - 1));
+    chars_[0] = '\0';  // from here on, nobody takes what is left of an earlier text
     clear();
     if (text.empty()) return;
     for (std::size_t i = 1; i < text.size(); ++i) chars_[i] = text[i];
@@ -45,8 +46,10 @@ class CommandMailbox {
   }
 
  private:
+  /// The first byte goes last: a writer that waits for an empty mailbox may write from then on.
   void clear() noexcept {
-    for (auto& c : chars_) c = '\0';
+    for (std::size_t i = 1; i < kSize; ++i) chars_[i] = '\0';
+    chars_[0].store_release('\0');
   }
 
   std::array<Shared<char>, kSize> chars_;

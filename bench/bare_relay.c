@@ -9,7 +9,6 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -23,16 +22,13 @@ enum {
 };
 
 static struct sockaddr_in address_of(uint32_t host, uint16_t port) {
-  struct sockaddr_in address;
-  memset(&address, 0, sizeof(address));
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(host);
-  address.sin_port = htons(port);
+  const struct sockaddr_in address = {
+      .sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(host)}};
   return address;
 }
 
+// Fills in what is not always zero.
 static void put_header(uint8_t* frame, uint32_t number) {
-  memset(frame, 0, kHeaderSize);
   frame[0] = 0x42;
   frame[1] = 1;
   for (int i = 0; i < 4; ++i) frame[4 + i] = (uint8_t)(number >> (8 * i));

@@ -32,6 +32,11 @@ int occurrences(std::string_view text, std::string_view part) {
   return count;
 }
 
+std::string last_line(std::string text) {
+  while (text.ends_with('\n')) text.pop_back();
+  return text.substr(text.rfind('\n') + 1);
+}
+
 }  // namespace
 
 Child::Child(std::vector<std::string> command) : name_(command.front()) {
@@ -41,6 +46,7 @@ Child::Child(std::vector<std::string> command) : name_(command.front()) {
   const UniqueFd write_end(ends[1]);
 
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (auto& word : command) arguments.push_back(word.data());
   arguments.push_back(nullptr);
 
@@ -80,8 +86,8 @@ void Child::wait_for(std::string_view text, int count) {
       length = read(errors_.get(), piece.data(), piece.size());
     }
     if (length <= 0) {
-      throw std::runtime_error(name_ + " did not say \"" + std::string(text) +
-                               "\" but: " + written_);
+      throw std::runtime_error(name_ +
+                               " is silent or has ended; its last words: " + last_line(written_));
     }
     written_.append(piece.data(), static_cast<std::size_t>(length));
   }

@@ -21,9 +21,9 @@
 // always the first. "service" and "bare loop" are the medians of all measurements. "ratio" is the
 // median of the ratios within each pair, not the ratio of the medians: what slows the machine down
 // for a while slows down both of a pair. "spread" is half the distance between the quartiles of
-// those ratios. Compared with itself, the bare loop comes out within 2 % of 1 for wall and cpu and
-// within 4 % for latency, also on a busy machine; a limit that is missed by less deserves a second
-// run, with more --rounds.
+// those ratios. Compared with itself, the bare loop comes out within 3 % of 1 for wall and cpu, and
+// for latency within 5 %, or 10 % on a busy machine; a limit that is missed by less deserves a
+// second run, with more --rounds.
 //
 // The relays share the machine with this driver. So the viewers' sockets are large enough for all
 // that a measurement sends to them, nothing receives while a relay is measured, and the time of a
@@ -68,10 +68,10 @@ struct Case {
 };
 
 constexpr std::array kCases{
-    Case{.bytes = 1'400, .viewers = 1, .window = 32, .windows = 15, .singles = 80},
-    Case{.bytes = 1'400, .viewers = 10, .window = 4, .windows = 15, .singles = 60},
-    Case{.bytes = 60'000, .viewers = 1, .window = 32, .windows = 15, .singles = 80},
-    Case{.bytes = 60'000, .viewers = 10, .window = 4, .windows = 15, .singles = 60},
+    Case{.bytes = 1'400, .viewers = 1, .window = 32, .windows = 9, .singles = 48},
+    Case{.bytes = 1'400, .viewers = 10, .window = 4, .windows = 9, .singles = 36},
+    Case{.bytes = 60'000, .viewers = 1, .window = 32, .windows = 9, .singles = 48},
+    Case{.bytes = 60'000, .viewers = 10, .window = 4, .windows = 9, .singles = 36},
 };
 
 // RTP packets, seven packets of an MPEG transport stream, the largest datagram that is relayed.
@@ -293,7 +293,7 @@ void print_figures(const Binaries& binaries, const Measurement& measured) {
 
 struct Options {
   Binaries binaries;
-  int rounds = 6;
+  int rounds = 10;
   bool no_limits = false;
 };
 
@@ -321,11 +321,14 @@ int fail(const char* text) {
   return kExitFailed;
 }
 
-int main(int argc, char** argv) {
+/// Returns the exit status. Throws what std::exception describes.
+int run_command(int argc, char** argv) {
   Options options;
   CLI::App app(
-      "Measures the service's relay against a bare loop. Exit status: 0 when all limits "
-      "hold, 1 when one is missed, 2 when the measurement fails.");
+      "Measures the service's relay against a bare loop. Exit status: 0 when all limits hold, 1 "
+      "when "
+      "one is missed, 2 when the measurement fails.",
+      "relay_bench");
   app.add_option("--service", options.binaries.service, "the service's binary")
       ->required()
       ->check(CLI::ExistingFile);
@@ -340,20 +343,20 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& help) {
     return app.exit(help);
-  } catch (const CLI::ParseError& error) {
-    return fail(error.what());
   }
   if (std::getenv("NIMBUS_SANDBOX") == nullptr) {
     return fail("runs in the sandbox only: tools/sandbox/enter relay_bench ...");
   }
-  try {
-    return run(options) || options.no_limits ? EXIT_SUCCESS : kExitLimitMissed;
-  } catch (const std::exception& error) {
-    return fail(error.what());
-  }
+  return run(options) || options.no_limits ? EXIT_SUCCESS : kExitLimitMissed;
 }
 
 }  // namespace
 }  // namespace nimbus::bench
 
-int main(int argc, char** argv) { return nimbus::bench::main(argc, argv); }
+int main(int argc, char** argv) {
+  try {
+    return nimbus::bench::run_command(argc, argv);
+  } catch (const std::exception& error) {
+    return nimbus::bench::fail(error.what());
+  }
+}

@@ -6,6 +6,7 @@ service at a time.
 """
 
 import contextlib
+import ctypes
 import dataclasses
 import mmap
 import os
@@ -571,3 +572,22 @@ START_TEXTS = (BANNER,
                b"Init data source... ", b"done\n",
                b"Init video source... ", b"done\n",
                b"Init control\n")
+
+
+@contextlib.contextmanager
+def frozen(service):
+    """Holds all threads of the service where they are, but for its main thread."""
+    ptrace = ctypes.CDLL(None, use_errno=True).ptrace
+    ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
+    seize, interrupt, detach, wait_all = 0x4206, 0x4207, 17, 0x40000000
+    threads = [int(entry) for entry in os.listdir(f"/proc/{service.pid}/task")]
+    threads.remove(service.pid)
+    for thread in threads:
+        assert ptrace(seize, thread, None, None) == 0, os.strerror(ctypes.get_errno())
+        assert ptrace(interrupt, thread, None, None) == 0, os.strerror(ctypes.get_errno())
+        os.waitpid(thread, wait_all)
+    try:
+        yield
+    finally:
+        for thread in threads:
+            ptrace(detach, thread, None, None)

@@ -314,6 +314,24 @@ def test_frames_stay_whole_under_all_kinds_of_traffic(steady, crowd, viewers, vi
     assert stream.sent > 30 * seconds / limit(1)
 
 
+def test_stuck_broadcast_does_not_stop_the_others(held, access_point, crowd, video):
+    """A broadcast waits for the one before it, but not for long; when that goes on at last, its
+    frames are whole."""
+    everybody = crowd(held, MAX_VIEWERS)
+    payloads = [numbered(n, 1400) for n in range(40)]
+    for payload in payloads:
+        video.send(payload)
+    wait_video(everybody[0], 3)
+    with nimbus.frozen(held):  # some viewers have got the frame that others lack
+        access_point.answer(1)
+        for viewer in everybody:
+            viewer.message(6, 1)
+            viewer.message(11, 1)
+    for viewer in everybody:
+        wait_video(viewer, len(payloads))
+        assert check_frames(viewer) == list(range(len(payloads)))
+
+
 def test_nothing_for_a_viewer_that_left(held, stamped, video):
     """Only a frame that is on its way at that moment may still arrive."""
     leaver, stayer = stamped(held, 2)

@@ -119,17 +119,21 @@ def test_display_region(start, passes, data, video, region):
     assert events(service) == "Video found\nVideo lost\nData found\nData lost\n"
 
 
-def test_every_video_datagram_tells_the_display(steady, video, region):
-    """Also one that is not the first: a display that was told otherwise recovers at once."""
+@pytest.mark.parametrize("conf", ["", "disable_video_stream=1\n"], ids=["relayed", "disabled"])
+def test_every_video_datagram_tells_the_display(start, passes, video, region, conf):
+    """Also one that is not the first, and is not relayed: a display that was told otherwise
+    recovers at once."""
+    service = start(conf)
+    passes(1)
     video.send(b"video")
-    steady.err.wait("Video found\n")
-    wait_until(lambda: region.u8(VIDEO_CONNECTED) == 1, 5)
+    service.err.wait("Video found\n")
+    wait_until(lambda: region.u8(VIDEO_CONNECTED) == 1 and region.u8(VIDEO_TEXT) == 0, 5)
     region.write(VIDEO_CONNECTED, b"\0")
     region.write(VIDEO_TEXT, b"video disconnected\0")
     video.send(b"video")
     wait_until(lambda: region.u8(VIDEO_CONNECTED) == 1 and region.u8(VIDEO_TEXT) == 0, 0.9)
     assert region.bytes(VIDEO_TEXT, 19) == b"\0ideo disconnected\0"
-    assert events(steady) == "Video found\n"
+    assert events(service) == "Video found\n"
 
 
 def test_further_camera_data_leaves_the_display_alone(steady, data, region):
