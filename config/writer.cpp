@@ -3,11 +3,11 @@
 #include "config/writer.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdint>
+#include <mutex>
 #include <string_view>
 
 #include "base/log.h"
@@ -169,14 +169,10 @@ void build_file(TextBuilder& file, Config& config) {
   }
 }
 
-/// Two threads may save at a time. Each writes the whole file while it holds it, so that the file
-/// is never a mix of both.
 bool write_file(std::string_view text) {
-  const UniqueFd fd(open(CARD_FILE, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+  const UniqueFd fd(open(CARD_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (!fd) return false;
-  flock(fd.get(), LOCK_EX);
   // A write that fails is not noticed: there is nobody to tell, and the next save tries again.
-  [[maybe_unused]] const int truncated = ftruncate(fd.get(), 0);
   [[maybe_unused]] const auto written = write(fd.get(), text.data(), text.size());
   return true;
 }
@@ -184,6 +180,10 @@ bool write_file(std::string_view text) {
 }  // namespace
 
 int config_save() noexcept {
+  // The control thread and the RC thread may save at a time. One save must not find the partition
+  // that the other has just unmounted, nor make its copy of a file half written.
+  static std::mutex saving;
+  const std::lock_guard lock(saving);
   log_text("Save config\n");
   run_shell("mount -o rw,remount /boot");
   std::array<char, kFileSize> buffer;

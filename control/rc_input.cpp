@@ -1,7 +1,7 @@
 // The RC reader process gives, for each control function that is assigned to a live channel, a
 // centred value (-1.0 to 1.0) and a position (0.0 to 1.0). Sticks act in proportion; switches act
-// once per movement, which their latches see to. Anything may stand in the region: a value that is
-// no number acts like none.
+// once per movement, which their latches see to. Anything may stand in the region: a value that
+// is no number moves no stick and pushes no switch, and a focus point that is none is at the edge.
 #include "control/rc_input.h"
 
 #include <unistd.h>

@@ -91,9 +91,10 @@ class Camera:
         return frame_of(self.noise(length - 13), self._rng.randrange(256))
 
     def rubbish(self):
-        return self._rng.choice((
-            b"\0", self.noise(self._rng.randrange(1, 40)), bytes([START]) * self._rng.randrange(1, 5),
-            bytes([START, self._rng.randrange(10)])))
+        rng = self._rng
+        return rng.choice((b"\0", self.noise(rng.randrange(1, 40)),
+                           bytes([START]) * rng.randrange(1, 5),
+                           bytes([START, rng.randrange(10)])))
 
     def report(self):
         return self._rng.choice((self.flag_17, self.flags_30, self.gimbal, self.lens, self.status,
@@ -184,13 +185,12 @@ def rounded(number):
     """A number without its decimals, halves away from zero."""
     if not math.isfinite(number):
         return number
-    return int(decimal.Decimal(number).quantize(0, decimal.ROUND_HALF_UP,
-                                                decimal.Context(prec=400)))
+    return int(decimal.Decimal(number).to_integral_value(decimal.ROUND_HALF_UP))
 
 
-def tenths(number):
+def tenth(number):
     """A tenth, cut toward zero."""
-    return int(decimal.Decimal(number) / 10)
+    return int(number / 10)
 
 
 class Frame:
@@ -243,16 +243,18 @@ class Model:
         self._seen = seen
         for frame in self.frames(datagram):
             self._effects.kinds.append(len(frame))
-            decoders = {
-                17: {4: self._flag_17}, 30: self._flags_30, 36: self._tracking,
-                53: {4: self._gimbal, 5: self._recording}, 57: {4: self._gimbal, 5: self._recording},
-                58: self._lens, 62: self._status, 77: self._histogram, 107: self._settings}
-            decoder = decoders.get(len(frame))
-            if isinstance(decoder, dict):
-                decoder = decoder.get(frame[9])
+            decoder = self._decoder(len(frame), frame[9])
             if decoder:
                 decoder(Frame(frame))
         return self._effects
+
+    def _decoder(self, length, command_set):
+        if length in (53, 57):
+            return {4: self._gimbal, 5: self._recording}.get(command_set)
+        if length == 17:
+            return self._flag_17 if command_set == 4 else None
+        return {30: self._flags_30, 36: self._tracking, 58: self._lens, 62: self._status,
+                77: self._histogram, 107: self._settings}.get(length)
 
     @staticmethod
     def frames(datagram):
@@ -318,7 +320,7 @@ class Model:
             self._sequence += 1
 
     def _gimbal(self, frame):
-        a1, a2, a3 = (tenths(frame.value("h", at)) for at in (11, 13, 19))
+        a1, a2, a3 = (tenth(frame.value("h", at)) for at in (11, 13, 19))
         self._store(gimbal_angle_1=a3, gimbal_angle_2=a1, gimbal_angle_3=a2,
                     byte_628=int(frame[34] == 0))
         self._relay(triple(0, a3 * 100, a1 * 100, a2 * 100), triple(10, a3, a1, a2),

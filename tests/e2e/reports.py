@@ -169,7 +169,7 @@ REPORTS = {
     "settings": SETTINGS,
 }
 
-# --- The display region ----------------------------------------------------------------------------
+# --- The display region --------------------------------------------------------------------------
 
 # By name: offset, kind. Texts are of the kind "Ns" with the size of their field.
 FIELDS = {

@@ -11,8 +11,8 @@ import pytest
 from nimbus import limit, wait_until
 from reports import (
     FIELDS, FLAG_17, FLAGS_30, GIMBAL, HISTOGRAM, LENS, NOW, RECORDING, REPORTS, SETTINGS, STATUS,
-    TAIL, TEXTS, TRACKING, VOLATILE, assert_messages, crc8, crc16, differences, frame_of, low16,
-    now_ms, status, stored, triple)
+    TAIL, TEXTS, TRACKING, VOLATILE, Report, assert_messages, crc8, crc16, differences, frame_of,
+    low16, now_ms, status, stored, triple)
 
 pytest_plugins = ["desk"]
 
@@ -289,7 +289,7 @@ class Codes:
     """A code in a report and what it fills: where the code itself goes, and by code what goes into
     other fields. Codes without an entry fill them with `other`."""
 
-    report: object
+    report: Report
     code: str
     stored: str
     message: int  # the code's place in the report's message
@@ -652,13 +652,13 @@ def test_restore_begins_anew_with_every_sight(desk):
     for point, sequence in ((0.25, 0), (0.75, 2)):
         desk.exchange(TRACKING.frame(x=point, y=0.5, **ON))
         desk.exchange(TRACKING.frame())
-        assert waited(desk.console(), 0, 1999) == ""
-        time.sleep(1.2)
+        assert waited(desk.console(), 0, 2000) == ""
+        time.sleep(1.05)
         desk.exchange(TRACKING.frame(x=point, y=point, **ON))
-        time.sleep(1.2)  # more than two seconds after the first sight
+        time.sleep(1.05)  # more than two seconds after the first sight
         after = now_ms()
         desk.exchange(TRACKING.frame(on_2=7))
-        assert waited(desk.console(), 1000, limit(1900)) == ""
+        assert waited(desk.console(), 1050, 2000) == ""
         assert desk.frames() == []
         while now_ms() - after <= 1000:
             time.sleep(0.01)

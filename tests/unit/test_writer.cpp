@@ -3,15 +3,17 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
 #include <limits>
+#include <random>
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 
 #include "config/config.h"
 #include "config/loader.h"
@@ -263,32 +265,96 @@ TEST_F(Writer, NoDescriptorIsLeft) {
 
 // --- Two threads ---------------------------------------------------------------------------------
 
-// The RC thread and the control thread may save at a time. The record changes meanwhile: both files
-// are of different lengths.
-TEST_F(Writer, TwoThreadsSave) {
-  const auto file_with = [this](std::int32_t bitrate) {
+// The RC thread and the control thread may save at a time.
+class TwoSaves : public Writer {
+ protected:
+  static constexpr std::int32_t kFirst = 1;
+  static constexpr std::int32_t kLast = std::numeric_limits<std::int32_t>::min();
+
+  void SetUp() override {
+    Writer::SetUp();
+    first_file = save(kFirst);
+    last_file = save(kLast);
+  }
+
+  void TearDown() override {
+    for (const char* const tool : {"mount", "umount"}) fs::remove(standin(tool));
+    Writer::TearDown();
+  }
+
+  static fs::path standin(const char* tool) {
+    return fs::path(std::getenv("NIMBUS_STANDINS")) / tool;
+  }
+
+  /// Makes a tool run that shell script from now on.
+  static void answer(const char* tool, const std::string& script) {
+    write_file(standin(tool), "#!/bin/sh\n" + script);
+    fs::permissions(standin(tool), fs::perms::owner_all);
+  }
+
+  std::string save(std::int32_t bitrate) {
     config.video_bitrate = bitrate;
     config_save();
     return read_file(kCardFile);
-  };
-  constexpr std::int32_t kShort = 1;
-  constexpr std::int32_t kLong = std::numeric_limits<std::int32_t>::min();
-  const std::string short_file = file_with(kShort);
-  const std::string long_file = file_with(kLong);
-  ASSERT_NE(short_file.size(), long_file.size());
+  }
 
+  std::string first_file;
+  std::string last_file;
+};
+
+// Their files differ in length. The settings of the later save are what is left, whole, in both
+// places.
+TEST_F(TwoSaves, BeginAtAnyDistance) {
+  ASSERT_NE(first_file.size(), last_file.size());
+  std::minstd_rand chance;
+  std::uniform_int_distribution distance_us(0, 15'000);
+  for (int round = 0; round < 100 && !HasFailure(); ++round) {
+    SCOPED_TRACE(round);
+    config.video_bitrate = kLast;
+    {
+      const std::jthread first(config_save);
+      std::this_thread::sleep_for(std::chrono::microseconds(distance_us(chance)));
+      config.video_bitrate = kFirst;
+      const std::jthread second(config_save);
+    }
+    EXPECT_EQ(read_file(kCardFile), first_file);
+    EXPECT_EQ(read_file(kWorkingCopy), without_cr(first_file));
+  }
+}
+
+// What is written into the empty folder, while the other save has the partition unmounted, is lost.
+TEST_F(TwoSaves, OneFindsThePartitionAway) {
+  const fs::path away = "/run/card_away";
+  fs::remove(away);
+  answer("umount",
+         "[ -e " + away.string() + " ] || mv " + kCardFile.string() + " " + away.string() + "\n");
+  answer("mount", "[ $# = 1 ] && [ -e " + away.string() + " ] || exit 0\nsleep 0.2\nmv " +
+                      away.string() + " " + kCardFile.string() + "\n");
+  config.video_bitrate = kFirst;
+  {
+    const std::jthread first(config_save);
+    while (!fs::exists(away)) std::this_thread::yield();
+    config.video_bitrate = kLast;
+    const std::jthread second(config_save);
+  }
+  EXPECT_EQ(read_file(kCardFile), last_file);
+  EXPECT_EQ(read_file(kWorkingCopy), without_cr(last_file));
+}
+
+// A setting may change while it is saved; the file has its value of some moment.
+TEST_F(TwoSaves, WhileASettingChanges) {
   const test::Background other([this] {
-    config.video_bitrate = kShort;
-    config.video_bitrate = kLong;
+    config.video_bitrate = kFirst;
+    config.video_bitrate = kLast;
   });
-  for (int round = 0; round < 60 && !HasFailure(); ++round) {
+  for (int round = 0; round < 50 && !HasFailure(); ++round) {
     SCOPED_TRACE(round);
     {
       const std::jthread first(config_save);
       const std::jthread second(config_save);
     }
     const std::string file = read_file(kCardFile);
-    EXPECT_TRUE(file == short_file || file == long_file) << file;
+    EXPECT_TRUE(file == first_file || file == last_file) << file;
     EXPECT_EQ(read_file(kWorkingCopy), without_cr(file));
   }
 }
