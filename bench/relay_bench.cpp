@@ -17,13 +17,12 @@
 //   memory   Resident memory (VmRSS), the largest of all runs.
 //   start    From the start of the process to its last start-up text.
 //
-// Both relays run, and every measurement of one is followed by the same of the other; neither is
-// always the first. "service" and "bare loop" are the medians of all measurements. "ratio" is the
-// median of the ratios within each pair, not the ratio of the medians: what slows the machine down
-// for a while slows down both of a pair. "spread" is half the distance between the quartiles of
-// those ratios. Compared with itself, the bare loop comes out within 3 % of 1 for wall and cpu, and
-// for latency within 5 %, or 10 % on a busy machine; a limit that is missed by less deserves a
-// second run, with more --rounds.
+// Both relays run, and are measured in turn, strictly alternating. "service" and "bare loop" are
+// the medians of all measurements. "ratio" is the median of the ratios within each pair, not the
+// ratio of the medians: what slows the machine down for a while slows down both of a pair. "spread"
+// is half the distance between the quartiles of those ratios. Compared with itself, the bare loop
+// comes out within 3 % of 1 for wall and cpu, and for latency within 5 %, or 10 % on a busy
+// machine; a limit that is missed by less deserves a second run, with more --rounds.
 //
 // The relays share the machine with this driver. So the viewers' sockets are large enough for all
 // that a measurement sends to them, nothing receives while a relay is measured, and the time of a
@@ -159,17 +158,13 @@ class Round {
   [[nodiscard]] const Relay& bare() const { return bare_; }
 
  private:
-  /// Neither is always the first.
+  /// Strictly alternating, so that before each measurement of either it was the other's turn: what
+  /// ran last, and on which core, matters to a latency of some 30 us.
   void in_turn(std::size_t datagrams, const auto& take) {
     keep_viewers();
-    service_first_ = !service_first_;
-    if (service_first_) {
-      const Effort service = service_.relay(datagrams);
-      take(service, bare_.relay(datagrams));
-    } else {
-      const Effort bare = bare_.relay(datagrams);
-      take(service_.relay(datagrams), bare);
-    }
+    const Effort service = service_.relay(datagrams);
+    const Effort bare = bare_.relay(datagrams);
+    take(service, bare);
   }
 
   void keep_viewers() {
@@ -184,7 +179,6 @@ class Round {
   Relay service_;
   Relay bare_;
   nanoseconds registered_ = wall_clock();
-  bool service_first_ = false;
 };
 
 Measurement measure(const Binaries& binaries, int rounds) {
