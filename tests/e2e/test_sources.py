@@ -11,8 +11,8 @@ import pytest
 import nimbus
 from nimbus import events, limit, wait_round, wait_until
 
-# Long enough for a source to be lost, and a round of the status loop to notice.
-LOSS_SECONDS = 2.5
+# Long enough for a loss to be noticed, on a busy machine too; test_time_to_loss is the strict one.
+LOSS_SECONDS = 6
 
 NETWORK_BYTES = 644  # of the display region, from its start: splash, connection state, camera timer
 STALE = 0xA5  # what an earlier run has left in all of them
