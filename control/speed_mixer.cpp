@@ -47,16 +47,14 @@ void set(SharedSpeed& source, const Speed& speed) {
   source.pan = inverted(speed.pan, config.rc_input_inverse_pan);
   source.tilt = inverted(speed.tilt, config.rc_input_inverse_tilt);
   source.roll = inverted(speed.roll, config.rc_input_inverse_dutch);
-  if (!is_zero(sum())) {
-    mixer.active.store_release(1);
-    return;
-  }
-  // The exchange sees what another setter stored before it set `active`: if that one's speed makes
-  // the sum non-zero after all, the stream must go on.
-  mixer.active.exchange(0);
-  if (!is_zero(sum())) {
-    mixer.active.store_release(1);
-    return;
+  // Another setter may do the same at this moment. The exchange sees what it stored before it set
+  // `active`: only a flag that still fits the sum afterwards stays.
+  for (;;) {
+    const bool moves = !is_zero(sum());
+    mixer.active.exchange(moves ? 1 : 0);
+    if (is_zero(sum()) == moves) continue;
+    if (moves) return;
+    break;
   }
   gimbal_speed(0.0, 0.0, 0.0);
 }
