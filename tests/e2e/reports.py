@@ -6,6 +6,7 @@ import struct
 import time
 
 import nimbus
+from duml import crc8, crc16
 
 # --- Values in bytes -----------------------------------------------------------------------------
 
@@ -65,25 +66,6 @@ OVERHEAD = HEADER_SIZE + 2
 
 # A frame is taken only with something behind it.
 TAIL = b"\0"
-
-
-def reflected_crc(data, polynomial, crc):
-    """A reflected CRC with the reflected polynomial, from the seed `crc`, one bit at a time."""
-    for byte in data:
-        crc ^= byte
-        for _ in range(8):
-            crc = (crc >> 1) ^ (polynomial if crc & 1 else 0)
-    return crc
-
-
-def crc8(data):
-    """The check of a frame's first three bytes."""
-    return reflected_crc(data, 0x8C, 0x77)
-
-
-def crc16(data):
-    """The check of a whole frame less its last two bytes."""
-    return reflected_crc(data, 0x8408, 0x3692)
 
 
 def sealed(frame):
