@@ -7,7 +7,7 @@ import shutil
 
 import pytest
 
-from nimbus import wait_until
+from nimbus import BANNER, wait_until
 
 CARD_FILE = pathlib.Path("/boot/tervado-nimbus.conf")
 WORKING_COPY = pathlib.Path("/run/tervado.conf")
@@ -35,6 +35,7 @@ class Board:
         self.service = start(conf)
         self.viewer = viewer
         viewer.register()
+        self.service.out.wait(BANNER.decode())
         self.service.err.wait("New client connected")
         self._fences = 0
         self._said = [len(stream.text()) for stream in self._streams()]
