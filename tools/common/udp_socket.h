@@ -1,0 +1,37 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "base/unique_fd.h"
+
+namespace nimbus::tools {
+
+/// A connected UDP socket of a tool: what it sends goes to its peer, what it receives comes from
+/// it. One thread at a time. Members throw Failure where something is said to fail.
+class UdpSocket {
+ public:
+  /// A socket to a host (a name or a numeric IPv4 address) and port (host byte order), on any free
+  /// port of its own. Throws Failure when the host is not known.
+  UdpSocket(const std::string& host, std::uint16_t port);
+
+  /// Sends one datagram. False when the peer's host refused an earlier one (nobody listens there);
+  /// throws Failure when the network cannot take it.
+  bool send(std::span<const std::uint8_t> datagram);
+
+  /// Waits for one datagram, at most so long, and gives the part of `buffer` that it fills; longer
+  /// ones are cut. Nothing when the time is over or a signal came.
+  std::optional<std::span<std::uint8_t>> receive(std::span<std::uint8_t> buffer,
+                                                 std::chrono::milliseconds wait);
+
+  /// For poll(2).
+  int fd() const { return socket_.get(); }
+
+ private:
+  UniqueFd socket_;
+};
+
+}  // namespace nimbus::tools
