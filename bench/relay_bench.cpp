@@ -33,17 +33,14 @@
 // point, in turn with the video. Most windows see nothing of it, and so do the medians. The figures
 // under the table include it: the rate with ten viewers while the next datagrams always wait, and
 // what a second without video costs. They have no limit, and are measured once.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
+#include "bench/driver.h"
 #include "bench/relay.h"
 #include "bench/samples.h"
 #include "bench/traffic.h"
@@ -285,72 +282,26 @@ void print_figures(const Binaries& binaries, const Measurement& measured) {
 
 // --- The whole ---------------------------------------------------------------------------------
 
-struct Options {
-  Binaries binaries;
-  int rounds = 10;
-  bool no_limits = false;
-};
-
 /// Returns whether all limits hold.
-bool run(const Options& options) {
-  const Binaries binaries{std::filesystem::absolute(options.binaries.service),
-                          std::filesystem::absolute(options.binaries.bare)};
-  // The service's working directory, with all of its settings at zero. It goes with the sandbox.
-  const std::filesystem::path folder = "/run/relay_bench";
-  std::filesystem::create_directory(folder);
-  std::filesystem::current_path(folder);
-  std::ofstream("tervado.conf") << "";
-
-  const Measurement measured = measure(binaries, options.rounds);
+bool run(const Binaries& binaries, int rounds) {
+  const Measurement measured = measure(binaries, rounds);
   const bool all_hold = print_table(measured);
   print_figures(binaries, measured);
   return all_hold;
-}
-
-constexpr int kExitLimitMissed = 1;
-constexpr int kExitFailed = 2;
-
-int fail(const char* text) {
-  std::fprintf(stderr, "relay_bench: %s\n", text);
-  return kExitFailed;
-}
-
-/// Returns the exit status. Throws what std::exception describes.
-int run_command(int argc, char** argv) {
-  Options options;
-  CLI::App app(
-      "Measures the service's relay against a bare loop. Exit status: 0 when all limits hold, 1 "
-      "when "
-      "one is missed, 2 when the measurement fails.",
-      "relay_bench");
-  app.add_option("--service", options.binaries.service, "the service's binary")
-      ->required()
-      ->check(CLI::ExistingFile);
-  app.add_option("--bare", options.binaries.bare, "the bare loop's binary")
-      ->required()
-      ->check(CLI::ExistingFile);
-  app.add_option("--rounds", options.rounds, "how often each relay runs with each traffic")
-      ->check(CLI::Range(1, 100))
-      ->capture_default_str();
-  app.add_flag("--no-limits", options.no_limits, "exit with 0 also when a limit is missed");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& help) {
-    return app.exit(help);
-  }
-  if (std::getenv("NIMBUS_SANDBOX") == nullptr) {
-    return fail("runs in the sandbox only: tools/sandbox/enter relay_bench ...");
-  }
-  return run(options) || options.no_limits ? EXIT_SUCCESS : kExitLimitMissed;
 }
 
 }  // namespace
 }  // namespace nimbus::bench
 
 int main(int argc, char** argv) {
-  try {
-    return nimbus::bench::run_command(argc, argv);
-  } catch (const std::exception& error) {
-    return nimbus::bench::fail(error.what());
-  }
+  using namespace nimbus::bench;
+  Binaries binaries;
+  int rounds = 10;
+  CLI::App app("Measures the service's relay against a bare loop.", "relay_bench");
+  add_binary(app, "--service", binaries.service, "the service's binary");
+  add_binary(app, "--bare", binaries.bare, "the bare loop's binary");
+  app.add_option("--rounds", rounds, "how often each relay runs with each traffic")
+      ->check(CLI::Range(1, 100))
+      ->capture_default_str();
+  return run_driver(app, argc, argv, [&] { return run(binaries, rounds); });
 }

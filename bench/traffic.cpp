@@ -1,17 +1,12 @@
 #include "bench/traffic.h"
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
-#include <time.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 #include <span>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <thread>
 
 #include "base/wire.h"
@@ -21,45 +16,13 @@ namespace nimbus::bench {
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::nanoseconds;
 
-constexpr std::size_t kHeaderSize = 12;
 constexpr std::size_t kNumberSize = 4;
-constexpr std::uint8_t kMagic = 0x42;
 
 // Everything that one measurement sends to a viewer waits in its socket. The relays ask for as
 // much.
 constexpr int kReceiveBufferBytes = 4 * 1024 * 1024;
 constexpr std::size_t kBatch = 64;
-
-void check(bool done, const char* what) {
-  if (!done) throw std::system_error(errno, std::generic_category(), what);
-}
-
-UniqueFd udp_socket() {
-  UniqueFd result(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
-  check(static_cast<bool>(result), "socket");
-  return result;
-}
-
-sockaddr_in local(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-void send(const UniqueFd& socket, std::span<const std::uint8_t> bytes, std::uint16_t port) {
-  const sockaddr_in to = local(port);
-  check(sendto(socket.get(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
-               sizeof(to)) == static_cast<ssize_t>(bytes.size()),
-        "sendto");
-}
-
-nanoseconds duration_of(const timespec& time) {
-  return std::chrono::seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
-}
 
 void enlarge_receive_buffer(const UniqueFd& socket) {
   int size = kReceiveBufferBytes;
@@ -74,24 +37,7 @@ void enlarge_receive_buffer(const UniqueFd& socket) {
   }
 }
 
-/// The kernel's stamp on a received datagram.
-nanoseconds arrival_of(msghdr& message) {
-  for (auto* item = CMSG_FIRSTHDR(&message); item != nullptr; item = CMSG_NXTHDR(&message, item)) {
-    if (item->cmsg_level != SOL_SOCKET || item->cmsg_type != SCM_TIMESTAMPNS) continue;
-    timespec time{};
-    std::memcpy(&time, CMSG_DATA(item), sizeof(time));
-    return duration_of(time);
-  }
-  throw std::runtime_error("a datagram without a time stamp");
-}
-
 }  // namespace
-
-nanoseconds wall_clock() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  return duration_of(now);
-}
 
 Bridge::Bridge(std::size_t size) : socket_(udp_socket()), datagram_(size) {}
 
@@ -100,17 +46,8 @@ void Bridge::send(std::uint16_t port) {
   bench::send(socket_, datagram_, port);
 }
 
-Viewer::Viewer() : socket_(udp_socket()) {
+Viewer::Viewer() : socket_(stamped_udp_socket()), port_(port_of(socket_)) {
   enlarge_receive_buffer(socket_);
-  const int on = 1;
-  check(setsockopt(socket_.get(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on)) == 0,
-        "SO_TIMESTAMPNS");
-  sockaddr_in address = local(0);
-  socklen_t length = sizeof(address);
-  check(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), length) == 0, "bind");
-  check(getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &length) == 0,
-        "getsockname");
-  port_ = ntohs(address.sin_port);
 }
 
 void Viewer::register_with_service() {
@@ -128,7 +65,7 @@ void Viewer::expect(const Bridge& bridge) {
 void Viewer::drain() {
   struct Slot {
     std::array<std::uint8_t, kHeaderSize + kNumberSize> head;
-    alignas(cmsghdr) std::array<std::uint8_t, CMSG_SPACE(sizeof(timespec))> control;
+    alignas(cmsghdr) StampSpace control;
     iovec part;
   };
   std::array<Slot, kBatch> slots{};

@@ -7,11 +7,9 @@
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "bench/udp.h"
 
 namespace nimbus::bench {
-
-/// Nanoseconds of the clock that the kernel stamps received datagrams with (CLOCK_REALTIME).
-[[nodiscard]] std::chrono::nanoseconds wall_clock();
 
 /// Sends video to relays. Each datagram starts with its number, by which the viewers know
 /// that none is missing.
@@ -59,7 +57,7 @@ class Viewer {
 
  private:
   UniqueFd socket_;
-  std::uint16_t port_ = 0;
+  std::uint16_t port_;
   std::size_t frame_size_ = 0;
   std::uint32_t first_number_ = 0;
   std::vector<std::chrono::nanoseconds> arrivals_;

@@ -8,12 +8,12 @@
 #include <array>
 #include <bit>
 #include <cmath>
-#include <cstdio>
 
 #include "app/display_region.h"
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/number.h"
+#include "base/text_builder.h"
 #include "base/wire.h"
 #include "camera/codes.h"
 #include "camera/duml.h"
@@ -263,19 +263,16 @@ void decode_histogram(const FrameView& frame, DisplayRegion& display) {
 /// The exposure time as the display shows it: seconds (8", 1.3") or a fraction of one (1/500 ).
 /// A code that is neither keeps the text as it is.
 void show_shutter(const FrameView& frame, DisplayRegion& display) {
-  const unsigned whole = frame.u16(51) & 0x7FFFU;
-  const unsigned tenths = frame.u8(53);
+  const std::int32_t whole = frame.u16(51) & 0x7FFF;
+  const std::int32_t tenths = frame.u8(53);
   const bool fraction = frame.bit(52, 7) != 0;
   if (!fraction && frame.u8(52) != 0) return;
-  const char* const prefix = fraction ? "1/" : "";
-  const char unit = fraction ? ' ' : '"';
-  std::array<char, 24> text;
-  if (tenths == 0) {
-    std::snprintf(text.data(), text.size(), "%s%u%c", prefix, whole, unit);
-  } else {
-    std::snprintf(text.data(), text.size(), "%s%u.%u%c", prefix, whole, tenths, unit);
-  }
-  display.shutter_text.assign(text.data());
+  std::array<char, 24> buffer;
+  TextBuilder text(buffer);
+  text.add(fraction ? "1/" : "").add(whole);
+  if (tenths != 0) text.add(".").add(tenths);
+  text.add(fraction ? " " : "\"");
+  display.shutter_text.assign(text.view());
 }
 
 void store_camera_settings(const FrameView& frame, DisplayRegion& display) {

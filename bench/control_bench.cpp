@@ -1,0 +1,219 @@
+// How fast the service obeys, and what it costs while nothing happens.
+//
+//   tools/sandbox/enter build/release/bench/control_bench --service build/release/nimbus
+//
+//   command  From a viewer's send of a command to the arrival of its frame at the bridge. Commands
+//            wait in a mailbox that is looked into every 50 ms, so half of that is the least that
+//            the median can be. They are sent at moments that have nothing to do with that period.
+//   stream   The gimbal's speed, one frame each 30 ms: how far the last of many frames lies from
+//            where the first and the period say, per second (drift); and how far a frame is from
+//            its place at most (jitter, which is the machine's and has no limit).
+//   idle     CPU time of the service in a minute without traffic, as a share of one core; its
+//            once-a-second probe is a child process and does not count.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <poll.h>
+
+#include "base/wire.h"
+#include "bench/child.h"
+#include "bench/driver.h"
+#include "bench/samples.h"
+#include "bench/udp.h"
+#include "net/sources.h"
+#include "net/viewers.h"
+
+namespace nimbus::bench {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+constexpr double kMedianLimitMs = 30;
+constexpr double kWorstLimitMs = 60;
+constexpr double kDriftLimitMs = 1;
+constexpr double kIdleLimitPercent = 0.5;
+
+constexpr int kMailboxPeriodUs = 50'000;
+constexpr Milliseconds kStreamPeriod{30};
+constexpr milliseconds kPatience{2'000};
+
+constexpr std::string_view kReady = "Init control\n";
+constexpr std::string_view kCommand = R"({"cmd":"record","param":"start"})";
+constexpr std::array<std::uint8_t, 8> kFullSpeed{5, 1, 0x10, 0x27, 0, 0, 0, 0};
+constexpr std::array<std::uint8_t, 8> kStop{5, 1};
+
+// The command set and id of a frame, and what tells the two frames of these measurements.
+constexpr std::size_t kCommandSetOffset = 9;
+constexpr std::array<std::uint8_t, 2> kRecordFrame{2, 0x02};
+constexpr std::array<std::uint8_t, 2> kSpeedFrame{4, 0x0C};
+
+/// The bridge's end of the camera link: it has said something, so the service answers it.
+class CameraEnd {
+ public:
+  CameraEnd() : socket_(stamped_udp_socket()) {
+    constexpr std::array<std::uint8_t, 1> kSignOfLife{0};
+    send(socket_, kSignOfLife, kDataPort);
+  }
+
+  /// When the next frame of that command set and id arrived; nothing when none does in time.
+  std::optional<nanoseconds> next(const std::array<std::uint8_t, 2>& kind) {
+    for (;;) {
+      pollfd readable{socket_.get(), POLLIN, 0};
+      if (poll(&readable, 1, static_cast<int>(kPatience.count())) <= 0) return std::nullopt;
+      std::array<std::uint8_t, 256> frame{};
+      alignas(cmsghdr) StampSpace control;
+      iovec part{frame.data(), frame.size()};
+      msghdr message{};
+      message.msg_iov = &part;
+      message.msg_iovlen = 1;
+      message.msg_control = control.data();
+      message.msg_controllen = control.size();
+      check(recvmsg(socket_.get(), &message, 0) >= 0, "recvmsg");
+      if (std::equal(kind.begin(), kind.end(), frame.begin() + kCommandSetOffset)) {
+        return arrival_of(message);
+      }
+    }
+  }
+
+ private:
+  UniqueFd socket_;
+};
+
+/// A viewer that says things and does not listen.
+class ViewerEnd {
+ public:
+  ViewerEnd() : socket_(udp_socket()) {}
+
+  void say(std::span<const std::uint8_t> payload) {
+    std::vector<std::uint8_t> frame(kHeaderSize);
+    frame[0] = kMagic;
+    frame.insert(frame.end(), payload.begin(), payload.end());
+    send(socket_, frame, kViewerPort);
+  }
+
+  void say(std::string_view text) {
+    say(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+  }
+
+ private:
+  UniqueFd socket_;
+};
+
+nanoseconds frame_of(CameraEnd& camera, const std::array<std::uint8_t, 2>& kind) {
+  const auto arrival = camera.next(kind);
+  if (!arrival) throw std::runtime_error("the service sends no frame");
+  return *arrival;
+}
+
+/// Milliseconds from each command to its frame.
+Samples command_latency(CameraEnd& camera, ViewerEnd& viewer, int commands) {
+  Samples latency;
+  std::mt19937 random(1);
+  // Whole periods of the mailbox: each frame shows where its period began, and no part of one may
+  // be favoured.
+  std::uniform_int_distribution<int> pause_us(0, 4 * kMailboxPeriodUs);
+  for (int i = 0; i < commands; ++i) {
+    std::this_thread::sleep_for(std::chrono::microseconds(pause_us(random)));
+    const nanoseconds sent = wall_clock();
+    viewer.say(kCommand);
+    latency.add(Milliseconds(frame_of(camera, kRecordFrame) - sent).count());
+  }
+  return latency;
+}
+
+struct Stream {
+  double drift_ms;   ///< per second
+  double jitter_ms;  ///< the largest
+};
+
+Stream stream_period(CameraEnd& camera, ViewerEnd& viewer, int frames) {
+  viewer.say(kFullSpeed);
+  frame_of(camera, kSpeedFrame);
+  const nanoseconds first = frame_of(camera, kSpeedFrame);
+  Samples jitter;
+  double offset_ms = 0;
+  for (int i = 1; i <= frames; ++i) {
+    offset_ms = (Milliseconds(frame_of(camera, kSpeedFrame) - first) - kStreamPeriod * i).count();
+    jitter.add(std::abs(offset_ms));
+  }
+  viewer.say(kStop);
+  const double seconds = std::chrono::duration<double>(kStreamPeriod * frames).count();
+  return {.drift_ms = std::abs(offset_ms) / seconds, .jitter_ms = jitter.largest()};
+}
+
+/// Percent of one core.
+double idle_share(const Child& service, std::chrono::seconds time) {
+  const nanoseconds before = service.cpu_time();
+  std::this_thread::sleep_for(time);
+  return 100.0 * std::chrono::duration<double>(service.cpu_time() - before) / time;
+}
+
+/// Prints one figure, and returns whether its limit holds.
+bool show(const char* what, const char* figure, double value, const char* unit, double limit) {
+  const bool holds = value <= limit;
+  std::printf("%-8s %-7s %8.3f %-4s %6.1f%s\n", what, figure, value, unit, limit,
+              holds ? "" : "  MISSED");
+  return holds;
+}
+
+struct Options {
+  std::filesystem::path service;
+  int commands = 500;
+  int frames = 1'000;
+  int idle_seconds = 60;
+};
+
+/// Returns whether all limits hold.
+bool run(const Options& options) {
+  Child service({options.service});
+  service.wait_for(kReady);
+  CameraEnd camera;
+  ViewerEnd viewer;
+  std::fprintf(stderr, "%d commands, %d frames of the stream, %d s of nothing\n", options.commands,
+               options.frames, options.idle_seconds);
+  const Samples latency = command_latency(camera, viewer, options.commands);
+  const Stream stream = stream_period(camera, viewer, options.frames);
+  const double idle = idle_share(service, std::chrono::seconds(options.idle_seconds));
+
+  std::printf("%-8s %-7s %8s %-4s %6s\n", "", "", "service", "", "limit");
+  bool all_hold = show("command", "median", latency.median(), "ms", kMedianLimitMs);
+  all_hold &= show("command", "worst", latency.largest(), "ms", kWorstLimitMs);
+  all_hold &= show("stream", "drift", stream.drift_ms, "ms/s", kDriftLimitMs);
+  std::printf("%-8s %-7s %8.3f ms\n", "stream", "jitter", stream.jitter_ms);
+  all_hold &= show("idle", "cpu", idle, "%", kIdleLimitPercent);
+  return all_hold;
+}
+
+}  // namespace
+}  // namespace nimbus::bench
+
+int main(int argc, char** argv) {
+  using namespace nimbus::bench;
+  Options options;
+  CLI::App app("Measures how fast the service obeys, and what it costs while nothing happens.",
+               "control_bench");
+  add_binary(app, "--service", options.service, "the service's binary");
+  app.add_option("--commands", options.commands, "how many commands are sent")
+      ->check(CLI::Range(1, 1'000))  // each is a line on the service's console, a pipe
+      ->capture_default_str();
+  app.add_option("--frames", options.frames, "how many frames of the stream are looked at")
+      ->check(CLI::Range(1, 1'000'000))
+      ->capture_default_str();
+  app.add_option("--idle-seconds", options.idle_seconds, "how long nothing happens")
+      ->check(CLI::Range(1, 3'600))
+      ->capture_default_str();
+  return run_driver(app, argc, argv, [&] { return run(options); });
+}
