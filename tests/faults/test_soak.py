@@ -1,0 +1,57 @@
+"""Everybody at once, for as long as it takes: ten viewers, video at the relay's capacity, a hundred
+reports and ten commands a second, sticks that never rest."""
+
+import statistics
+
+import nimbus
+from house import CONFIGURATION, SPEED_PERIOD, House
+from nimbus import DATA_PORT, VIDEO_PORT, VIEWER_PORT
+from test_floods import GROWTH_BYTES, resources
+
+WARM_UP = 5
+MISSED_SHARE = 0.001  # of the gimbal stream's periods; this machine, too, may miss some
+
+
+def periods(times):
+    """What the gimbal stream's frames tell: how many periods passed, how many had no frame, and the
+    longest gap."""
+    count = round((times[-1] - times[0]) / SPEED_PERIOD)
+    gaps = [after - before for before, after in zip(times, times[1:])]
+    return count, max(0, count - len(gaps)), max(gaps)
+
+
+def test_soak(start, region, pytestconfig):
+    seconds = pytestconfig.getoption("--soak-seconds")
+    viewers = pytestconfig.getoption("--soak-viewers")
+    service = start(CONFIGURATION)
+    house = House(service, region, viewers)
+    house.move_in()
+    house.live(WARM_UP)
+    before = resources(service)
+    video, reports, commands, frames, first = (
+        house.video.sent, house.camera.reports, house.operator.sent, house.camera.frames,
+        len(house.camera.speeds))
+    house.live(seconds)
+    after = resources(service)
+    passed, missed, gap = periods(house.camera.speeds[first:])
+    video, reports, commands, frames = (
+        house.video.sent - video, house.camera.reports - reports, house.operator.sent - commands,
+        house.camera.frames - frames)
+    house.move_out()
+    print(f"""
+{seconds:.0f} s with {viewers} viewers
+video      {video / seconds:.1f} datagrams/s, all of them relayed to everybody in order
+reports    {reports / seconds:.1f}/s; {sum(house.audience.messages) / viewers:.0f} messages to each viewer
+commands   {commands / seconds:.1f}/s; {frames} frames to the camera, all sound
+stream     {passed} periods of 30 ms, {missed} missed; longest gap {gap * 1000:.1f} ms
+memory     {before[0] // 1024} KiB, then {after[0] // 1024} KiB; {after[1]} descriptors, {after[2]} threads
+""")
+    assert after[0] <= before[0] + GROWTH_BYTES
+    assert after[1:] == before[1:]
+    assert missed <= MISSED_SHARE * passed
+    for port in (VIEWER_PORT, DATA_PORT, VIDEO_PORT):
+        assert nimbus.socket_queue(port) == (0, 0), f"port {port} has lost something"
+    assert house.audience.reports >= house.operator.asked * viewers - viewers
+    assert min(house.audience.versions) >= seconds / nimbus.limit(1.3)
+    assert statistics.mean(house.audience.video) == house.video.sent
+    house.close()
