@@ -28,6 +28,9 @@ READY = "Init control\n"
 # Sanitized and emulated runs stretch every time limit (never a lower bound).
 TIME_SCALE = float(os.environ.get("NIMBUS_TIME_SCALE", "1"))
 
+# What runs a binary of another processor.
+EMULATOR = os.environ.get("NIMBUS_EMULATOR", "").split()
+
 
 def limit(seconds):
     """A time limit, stretched for slow builds."""
@@ -97,7 +100,7 @@ class Service:
             (folder / "tervado.conf").write_bytes(data)
         self.started = time.monotonic()
         self.process = subprocess.Popen(
-            [str(binary)], cwd=folder, env={**os.environ, **(env or {})},
+            [*EMULATOR, str(binary)], cwd=folder, env={**os.environ, **(env or {})},
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **popen)
         self.out = Console(self.process.stdout)
         self.err = Console(self.process.stderr)
@@ -407,7 +410,7 @@ class BareService(Service):
             data = conf if isinstance(conf, bytes) else conf.encode()
             (folder / "tervado.conf").write_bytes(data)
         streams = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.DEVNULL)
-        self.process = subprocess.Popen([*wrapper, str(binary)], cwd=folder,
+        self.process = subprocess.Popen([*wrapper, *EMULATOR, str(binary)], cwd=folder,
                                         env={**os.environ, **(env or {})}, **{**streams, **popen})
         if self.process.stderr:
             self.err = Console(self.process.stderr)

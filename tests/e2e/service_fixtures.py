@@ -144,10 +144,13 @@ def access_point(standins):
 
 @pytest.fixture
 def unsanitized(build):
-    """For tests of the plain build only: a sanitizer brings its own allocator, threads and time."""
+    """For tests of the plain build only: a sanitizer, or an emulator, brings its own allocator,
+    threads and time."""
     cache = build / "CMakeCache.txt"
     if cache.exists() and re.search(r"^NIMBUS_SANITIZE:\w+=.", cache.read_text(), re.MULTILINE):
         pytest.skip("the build is sanitized")
+    if nimbus.EMULATOR:
+        pytest.skip("the build is emulated")
 
 
 @pytest.fixture
