@@ -5,7 +5,7 @@
 namespace nimbus {
 namespace {
 
-// Published check values.
+// Known check values.
 constexpr std::array<std::uint8_t, 12> kExample{0x55, 0x0E, 0x04, 0x66, 0x02, 0x01,
                                                 0x19, 0x28, 0x40, 0x02, 0x01, 0x01};
 static_assert(duml_crc16(kExample) == 0x3312);
@@ -31,7 +31,8 @@ static_assert(kShotExample.bytes()[2] == 0x04 && kShotExample.bytes()[3] == 0x66
 Shared<std::uint16_t> duml_sequence;
 
 std::int32_t send_to_camera(std::span<const std::uint8_t> frame) noexcept {
-  return static_cast<std::int32_t>(camera_link().send_to_peer(frame));
+  const auto length = static_cast<std::uint16_t>(frame.size());
+  return static_cast<std::int32_t>(camera_link().send_to_peer(frame.first(length)));
 }
 
 }  // namespace nimbus

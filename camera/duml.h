@@ -121,8 +121,9 @@ class DumlTemplate {
 /// lock: two frames built at the same moment may carry the same number.
 extern Shared<std::uint16_t> duml_sequence;
 
-/// Sends a finished frame to the camera through the bridge. Returns the number of bytes sent, or -1
-/// when the bridge has not been heard from or the system call fails. Any thread.
+/// Sends a finished frame to the camera through the bridge; its length is cut to 16 bits. Returns
+/// the number of bytes sent, or -1 when the bridge has not been heard from or the system call
+/// fails. Any thread.
 std::int32_t send_to_camera(std::span<const std::uint8_t> frame) noexcept;
 
 /// Copies the template, takes the next sequence number, and fills in the payload and the CRC-16.

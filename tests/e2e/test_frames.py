@@ -20,7 +20,7 @@ RESET = command("resetcamera")
 # --- The yardstick -------------------------------------------------------------------------------
 
 
-def test_checksums_of_published_frames():
+def test_checksums_of_known_frames():
     """The tests' own checksums are right."""
     assert duml.crc16(bytes.fromhex("55 0E 04 66 02 01 19 28 40 02 01 01")) == 0x3312
     lengths = {13: 0x33, 14: 0x66, 15: 0xA2, 17: 0x92, 18: 0xC7, 20: 0x6D, 21: 0xA9, 34: 0xEA}

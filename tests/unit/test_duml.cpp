@@ -32,7 +32,7 @@ TEST(DumlCrc, OfNothingIsTheSeed) {
   EXPECT_EQ(duml_crc16({}), 0x3692);
 }
 
-TEST(DumlCrc, OfPublishedFrames) {
+TEST(DumlCrc, OfAKnownFrame) {
   const Bytes frame{0x55, 0x0E, 0x04, 0x66, 0x02, 0x01, 0x19, 0x28, 0x40, 0x02, 0x01, 0x01};
   EXPECT_EQ(duml_crc8(std::span(frame).first(3)), 0x66);
   EXPECT_EQ(duml_crc16(frame), 0x3312);
@@ -84,7 +84,7 @@ TEST(DumlTemplate, HeaderChecksOfTheLengthsInUse) {
 constexpr DumlTemplate<1> kShot({.set = CommandSet::camera, .id = 0x01}, {0x01});
 constexpr DumlTemplate<0> kFormat({.set = CommandSet::camera, .id = 0x72});
 
-TEST(SealFrame, AsPublished) {
+TEST(SealFrame, AsKnown) {
   duml_sequence = 0x2819;
   EXPECT_EQ(
       vector_of(seal_frame(kShot, kShot.payload())),
@@ -159,7 +159,14 @@ TEST(SendToCamera, IsOneDatagramAndReturnsItsLength) {
 TEST(SendToCamera, WhatTheSystemRefuses) {
   peer_is_known = true;
   const test::CameraEnd camera;
-  EXPECT_EQ(send_to_camera(Bytes(65'536)), -1);  // no UDP datagram is that long
+  EXPECT_EQ(send_to_camera(Bytes(65'535)), -1);  // no UDP datagram is that long
+}
+
+TEST(SendToCamera, ALengthIsCutTo16Bits) {
+  peer_is_known = true;
+  test::CameraEnd camera;
+  EXPECT_EQ(send_to_camera(Bytes(65'536 + 3, 7)), 3);
+  EXPECT_EQ(camera.receive(), Bytes(3, 7));
 }
 
 }  // namespace
