@@ -66,9 +66,7 @@ void send_rc_report() {
   if (config->rc_input_enabled == 0 || age_ms(last_rc_report) <= kRcReportPeriodMs) return;
   last_rc_report = now_ms();
   const auto& channels = display->rc_channel_values;
-  std::array<std::uint8_t, kRcReportChannelsOffset +
-                               2 * std::tuple_size_v<std::remove_reference_t<decltype(channels)>>>
-      report{};
+  std::array<std::uint8_t, kRcReportChannelsOffset + sizeof(channels)> report{};
   report[0] = kRcReportType;
   report[1] = display->rc_status;
   report[2] = static_cast<std::uint8_t>(channels.size());
@@ -96,6 +94,8 @@ void* speed_stream_thread(void* /*unused*/) noexcept {
     ticker.wait();
   }
 }
+
+// --- Telemetry that stops coming ---------------------------------------------------------------
 
 /// Clears a time stamp of telemetry that has stopped coming, and says so.
 void expire(Shared<std::uint32_t>& stamp, const char* text) {
