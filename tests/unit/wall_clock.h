@@ -14,7 +14,8 @@ namespace nimbus::test {
 /// The answer to whoever reads the wall clock; null: the real time.
 inline std::atomic<timespec (*)()> wall_clock_answer = nullptr;
 
-/// Owns the wall clock: once it was set, it stands still for the rest of the lifetime.
+/// Owns the wall clock: once it was set, it stands still for the rest of the lifetime. Other
+/// threads may read it at any moment.
 class WallClock {
  public:
   WallClock() = default;
@@ -23,8 +24,12 @@ class WallClock {
   ~WallClock() { set(nullptr); }
 
   void set(timespec time) {
-    time_ = time;
-    set([] { return time_; });
+    nanoseconds_ = std::int64_t{time.tv_sec} * kNsPerSecond + time.tv_nsec;
+    set([] {
+      const std::int64_t shown = nanoseconds_;
+      return timespec{static_cast<time_t>(shown / kNsPerSecond),
+                      static_cast<long>(shown % kNsPerSecond)};
+    });
   }
 
   /// The time at which now_ms() is that number.
@@ -37,7 +42,8 @@ class WallClock {
   void set(timespec (*answer)()) { wall_clock_answer = answer; }
 
  private:
-  static inline timespec time_{};
+  static constexpr std::int64_t kNsPerSecond = 1'000'000'000;
+  static inline std::atomic<std::int64_t> nanoseconds_ = 0;
 };
 
 }  // namespace nimbus::test
