@@ -42,10 +42,13 @@ class Station:
     def post(self, what):
         """Sends a command, an object or a text of any bytes, and waits until it lies in the mailbox
         or has been taken from there."""
-        text = json.dumps(what) if isinstance(what, dict) else what
+        self.viewer.command(json.dumps(what) if isinstance(what, dict) else what)
+        self.wait_handled()
+
+    def wait_handled(self):
+        """Waits until the viewer's datagrams so far have been handled."""
         start = self.camera.count()
-        self.viewer.command(text)
-        # The viewer's datagrams are handled one by one, and the second of these is announced.
+        # They are handled one by one, and the second of these is announced.
         self.viewer.register()
         self.viewer.leave()
         host, port = self.viewer.address

@@ -5,6 +5,7 @@ gimbal() a whole frame.
 """
 
 import struct
+import subprocess
 import time
 
 import pytest
@@ -371,7 +372,8 @@ TABLES = {
     "white balance": [
         *(white_balance(text, camera(0x2C, payload)) for text, payload in WHITE_BALANCES.items()),
         white_balance("sunny", camera(0x2C, "01 30"), value="5600"),
-        *(white_balance(text) for text in ("Auto", "shade", "", FORMATS)),
+        *(white_balance(text) for text in ("Auto", "Custom", "unknown", "shade", "",
+                                               FORMATS)),
         white_balance("custom"),
         white_balance("", value="5600"),
         (command("wb"), ["Camera set WB \n"]),
@@ -436,7 +438,7 @@ TABLES = {
                                       camera(0x2A, f"{code:02X}")))
           for text, code in ISO.items()),
         *((command("iso", text), NOTHING)
-          for text in ("125", "150", "0", "12800", "Auto", "AUTO", "100 ", " 100", "1e2", "0100",
+          for text in ("25", "50", "125", "150", "0", "12800", "Auto", "AUTO", "100 ", " 100", "1e2", "0100",
                        "")),
         (command("iso"), NOTHING),
     ],
@@ -486,11 +488,21 @@ def test_effects(station, rows):
     station.check(rows)
 
 
-@pytest.mark.parametrize("whole", [range(1, 9), range(9, 17), range(17, 25), range(25, 33)],
-                         ids=lambda whole: f"{whole[0]}.0-{whole[-1]}.9")
-def test_every_tenth_of_an_aperture(station, whole):
-    """No decimal loses its last hundredth on the way to the camera."""
-    station.check([f_number(f"{w}.{tenth}") for w in whole for tenth in range(10)])
+@pytest.fixture
+def german(tmp_path):
+    """The environment of a board whose locale writes numbers with commas."""
+    try:
+        subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", tmp_path / "de_DE.UTF-8"],
+                       check=True, capture_output=True)
+    except (OSError, subprocess.CalledProcessError):
+        pytest.skip("this machine cannot make a locale")
+    return {"LOCPATH": str(tmp_path), "LC_ALL": "de_DE.UTF-8", "LANG": "de_DE.UTF-8"}
+
+
+def test_numbers_have_points_in_every_locale(stations, german):
+    stations(env=german).check([
+        f_number("2.8"), ev("0.3", 17), *TABLES["focus point"][:1], *TABLES["tracking"][:1],
+        ('{"x":1.5,"cmd":"shot"}', SHOT)])
 
 
 def test_the_tables_are_whole():
@@ -575,7 +587,10 @@ def test_speed(station, what, expected):
 def test_zero_speed_of_a_command_is_one_frame(station):
     station.check([(STOP, [speed(0, 0, 0)]),
                    (command("position", "moverel", "0", "0"), [speed(0, 0, 0)]),
-                   (command("position", "moverel", "x", ""), [speed(0, 0, 0)])])
+                   (command("position", "moverel", "x", ""), [speed(0, 0, 0)]),
+                   # A roll that is no text is none.
+                   ({**command("position", "moverel", "0", "0"), "value3": 4000},
+                    [speed(0, 0, 0)])])
 
 
 # --- Orientation ---------------------------------------------------------------------------------

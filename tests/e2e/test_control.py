@@ -1,6 +1,7 @@
 """The control threads: the command mailbox, the RC report, telemetry that stops coming, and what
 start-up says and sets for them."""
 
+import os
 import random
 import struct
 import time
@@ -142,6 +143,23 @@ def test_a_second_command_replaces_the_first(station):
     station.fence()
     assert not [effect for effect in station.effects() if isinstance(effect, str)
                 and ("first" in effect or "long" in effect)]
+
+
+def test_the_settings_see_a_command_first(start, viewers, cameras):
+    """Every command goes to both, and either acts on its own; the console tells the order."""
+    camera_ = cameras()
+
+    def one_console():
+        camera_.take_console()
+        os.dup2(2, 1)
+
+    start(wait_ready=False, preexec_fn=one_console)
+    camera_.wait_text("Init control\n", 10)
+    first = camera_.count()
+    viewers().command('{"cmd":"shot"}')
+    camera_.wait_text("Camera shot\n")
+    assert [event.text for event in camera_.events(first)] == [
+        'config_parse_command {"cmd":"shot"}\n', "Camera shot\n"]
 
 
 # --- A command that takes its time ---------------------------------------------------------------

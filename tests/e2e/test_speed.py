@@ -83,15 +83,6 @@ def stops(station, stop):
     return count
 
 
-def handled(station):
-    """Waits until the viewer's datagrams so far have been handled."""
-    start = station.camera.count()
-    station.viewer.register()
-    station.viewer.leave()
-    host, port = station.viewer.address
-    station.camera.wait_text(f"Client {host}:{port} removed\n", start=start)
-
-
 def move(*values):
     """The command for a relative move: its tilt is turned, its unit a viewer's."""
     return command("position", "moverel", *values)
@@ -158,7 +149,7 @@ def test_other_modes_change_nothing(station, mode):
     def speeds_of_that_mode():
         for values in ((-8000, 400, 400), (0, 0, 0), (12, 12, 12)):
             station.viewer.speed(mode, *values)
-        handled(station)
+        station.wait_handled()
 
     with changes_nothing(station):
         speeds_of_that_mode()
@@ -186,7 +177,7 @@ def test_missing_bytes_are_zero(station, length):
     def short():
         station.viewer.send_raw(LONG_DATAGRAM)
         station.viewer.send(whole[:length])
-        handled(station)
+        station.wait_handled()
 
     if length == 1:  # without its mode, it is no speed
         with changes_nothing(station):
@@ -244,7 +235,7 @@ def test_speeds_that_cancel_out_stop_the_gimbal(station, viewer_speed, values, m
     with changes_to(station, backwards):
         station.viewer.speed(1, 0, 0, 0)
     station.viewer.speed(1, *viewer_speed)
-    handled(station)
+    station.wait_handled()
     time.sleep(limit(PERIOD))
     with changes_nothing(station):
         pass
@@ -386,7 +377,7 @@ def test_the_stream_keeps_its_period_under_a_flood_of_speeds(station, viewers):
 def test_a_speed_that_is_set_before_the_camera_is_heard_is_not_lost(stations):
     station = stations(introduce=False)
     station.viewer.speed(1, 4000, -2000, 1000)
-    handled(station)
+    station.wait_handled()
     time.sleep(SILENCE)
     assert station.camera.frames() == []
     station.camera.introduce()
@@ -433,7 +424,7 @@ def test_the_gimbal_is_left_with_the_sum_of_the_last_speeds(station, viewers):
         senders[0].command(json.dumps(move(str(value), "0")))
 
     def settle():
-        handled(station)
+        station.wait_handled()
         wait_until(lambda: not any(station.region.bytes(mailbox, size)), 5, "the last command")
         station.fence()
 
