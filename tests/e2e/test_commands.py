@@ -635,6 +635,12 @@ PAUSES = {
     "exposure point": (command("exposure", "point", "7"), [0.1, 0.1]),
     "exposure center": (command("exposure", "center"), [0.1]),
     "focus point": (command("focus", "point", "0.5", "0.5"), [0.02]),
+    # Nothing else holds the mailbox.
+    "calibration": (command("horizont", "calibrate"), [0, 0]),
+    "gimbal mode": (command("gimbal", "mode", "fpv"), [0]),
+    "tracking": (command("tracking", "start", "0", "0", "1", "1"), [0]),
+    "color": (command("color", "art"), [0]),
+    "video resolution": (command("video_resolution", "1280x720@24"), [0]),
 }
 
 
