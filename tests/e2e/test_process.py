@@ -20,7 +20,7 @@ STANDARD_DESCRIPTORS = {0, 1, 2}
 
 def in_shell(script):
     """A command that runs the command behind it by an `exec` of that shell script."""
-    return ["sh", "-c", script.replace("SERVICE", '"$0"')]
+    return ["sh", "-c", script.replace("SERVICE", '"$0" "$@"')]
 
 
 def send(port, data):
