@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 
 #include "app/display_region.h"
@@ -67,8 +68,8 @@ struct Receiver {
   static std::size_t index(RcFunction function) { return static_cast<std::size_t>(function); }
 };
 
-// --- What is remembered from cycle to cycle
-// ------------------------------------------------------- RC thread only.
+// --- What is remembered from cycle to cycle -----------------------------------------------------
+// RC thread only.
 
 bool was_in_charge = false;
 bool switch_latch = false;  // "record" and "record-shot" share it
@@ -170,8 +171,7 @@ void record_or_shoot(const Receiver& rc) {
   }
 }
 
-// --- Stepped settings
-// ------------------------------------------------------------------------------
+// --- Stepped settings ---------------------------------------------------------------------------
 
 constexpr std::array<int, 8> kIsoSteps{0, 100, 200, 400, 800, 1600, 3200, 6400};
 constexpr std::array<const char*, 4> kExposureModeSteps{"auto", "manual", "shutter", "aperture"};
@@ -229,8 +229,7 @@ constinit std::array<SteppedSetting, 3> stepped_settings{{
      [](std::size_t step) { camera_set_exposure_mode(kExposureModeSteps[step]); }},
 }};
 
-// --- Levers and two-position switches
-// -------------------------------------------------------------
+// --- Levers and two-position switches -----------------------------------------------------------
 
 void center(const Receiver& rc) {
   if (!rc.assigned(RcFunction::center)) return;
@@ -261,7 +260,8 @@ void lock_orientation(const Receiver& rc, std::uint8_t lock) {
   rc.display.orientation_lock = lock;
 }
 
-/// A switch that acts when its position changes. It is taken to be down at start.
+/// A switch that acts when its position changes. It is taken to be down at start; what is no number
+/// leaves it where it is.
 struct TwoPositionSwitch {
   RcFunction function;
   void (*act)(const Receiver&, std::uint8_t up);
@@ -270,8 +270,9 @@ struct TwoPositionSwitch {
 
   void cycle(const Receiver& rc) {
     if (!rc.assigned(function)) return;
-    const std::uint8_t up = rc.centred(function) > kLeverOn ? 1 : 0;
-    if (up == latch) return;
+    const double value = rc.centred(function);
+    const std::uint8_t up = value > kLeverOn ? 1 : 0;
+    if (up == latch || std::isnan(value)) return;
     act(rc, up);
     latch = up;
   }

@@ -319,6 +319,35 @@ def test_leaving_ends_a_commanded_speed(cockpit, leave_and_return):
     assert cockpit.seen() == NOTHING
 
 
+def enable_rc(cockpit, value):
+    """Changes the setting, by a viewer's command."""
+    cockpit.station.send({"cmd": "updateparam", "name": "rcin_enabled", "value": value})
+
+
+def test_disabling_the_rc_stops_once(cockpit, standins):
+    """It takes charge from a receiver that is live and stays so, and gives it back. The command
+    waits in its save meanwhile: what it does to the receiver's state comes later."""
+    standins.answer("mount", 'while [ ! -e "$NIMBUS_STANDINS/go" ]; do sleep 0.01; done')
+    cockpit.rc.assign("center")
+    enable_rc(cockpit, "0")
+    cockpit.wait_frame(ZERO)
+    assert cockpit.region.u8(DisplayRegion.RC_STATUS) == RcReader.LIVE
+    cockpit.rc.hold("center", 1.0)
+    (standins.folder / "go").touch()
+    wait_until(lambda: cockpit.region.u8(DisplayRegion.RC_STATUS) == 0, 5, "the command's end")
+    cockpit.rc.state(6)
+    time.sleep(IDLE)
+    assert sorted(map(show, cockpit.seen())) == sorted(map(show, [ZERO, "Save config\n"]))
+    enable_rc(cockpit, "1")
+    wait_until(lambda: cockpit.region.u8(DisplayRegion.RC_STATUS) == 0, 5, "the command's end")
+    cockpit.seen()
+    cockpit.rc.hold("center", 0.0)
+    cockpit.rc.state(6)
+    cockpit.rc.cycle()
+    cockpit.seen()
+    cockpit.move("center", 1.0, NEXT_POSITION)
+
+
 # --- Steering ------------------------------------------------------------------------------------
 
 
@@ -1102,6 +1131,7 @@ def test_center(cockpit, script):
 
 @pytest.mark.parametrize("value, hidden", [
     (1.0, 0), (above(0.3), 0), (0.3, 0), (below(0.3), 1), (0.0, 1), (-1.0, 1), (INF, 0), (-INF, 1),
+    (NAN, 0),
 ])
 def test_osd(cockpit, value, hidden):
     """The flag is written in every cycle, whoever changed it."""
@@ -1149,7 +1179,8 @@ def test_internal_camera_switch(cockpits, standins, conf):
     cockpit.rc.assign("intcamera")
     for value, state, moved in [
         (0.0, start, False), (-1.0, start, False), (0.3, start, False), (above(0.3), 1, True),
-        (1.0, 1, False), (0.3, 0, True), (-1.0, 0, False), (INF, 1, True), (-INF, 0, True),
+        (1.0, 1, False), (0.3, 0, True), (-1.0, 0, False), (INF, 1, True), (NAN, 1, False),
+        (-INF, 0, True), (NAN, 0, False),
     ]:
         before = len(standins.calls("killall"))
         cockpit.move("intcamera", value, INTERNAL_CAMERA if moved else NOTHING)
@@ -1179,6 +1210,23 @@ def test_internal_camera_ends_after_its_setting_is_saved(cockpits, standins):
     assert (standins.folder / "region").read_text().split() == ["1", "1"]
     assert b"\ninternal_camera_fullscreen=1\n" in (standins.folder / "file").read_bytes()
     assert standins.calls("killall") == [KILLALL]
+
+
+@pytest.mark.parametrize("function, up, down", [("center", NEXT_POSITION, NOTHING),
+                                                ("intcamera", INTERNAL_CAMERA, INTERNAL_CAMERA)])
+def test_switches_outlast_the_receiver(cockpit, function, up, down):
+    """One that stayed up does nothing when it is back; one that moved meanwhile acts then."""
+    cockpit.rc.assign(function)
+    cockpit.move(function, 1.0, up)
+    cockpit.rc.state(0)
+    cockpit.await_exactly([ZERO])
+    cockpit.rc.state(6)
+    cockpit.check(NOTHING)
+    cockpit.rc.drop(function)
+    cockpit.move(function, 0.0, NOTHING)
+    cockpit.rc.assign(function)
+    cockpit.check(down)
+    cockpit.move(function, 1.0, up)
 
 
 def lock(cockpit):
@@ -1218,6 +1266,20 @@ def test_orientation_lock_that_is_up_at_start(cockpits):
     assert found[:1] == LOCK
     assert set(found[1:]) <= {KEEP_ALIVE}
     assert lock(cockpit) == 1
+
+
+def test_orientation_lock_that_is_no_number(cockpit):
+    """It is neither up nor down: the switch stays where it is."""
+    cockpit.rc.assign("orient-lock")
+    cockpit.move("orient-lock", NAN, NOTHING)
+    cockpit.rc.hold("orient-lock", 1.0)
+    cockpit.rc.cycle()
+    for value, state in ((NAN, 1), (0.0, 0), (-NAN, 0)):
+        cockpit.rc.hold("orient-lock", value)
+        cockpit.rc.cycle()
+        assert lock(cockpit) == state
+    found = cockpit.effects()
+    assert [effect for effect in found if effect != KEEP_ALIVE] == LOCK + UNLOCK
 
 
 def test_orientation_lock_by_command_and_by_switch(cockpit):
