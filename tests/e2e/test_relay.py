@@ -1,10 +1,12 @@
 """The relay: what arrives on UDP port 5001 goes as one frame to every viewer, among the status
 messages of every second."""
 
+import collections
 import contextlib
 import itertools
 import pathlib
 import random
+import re
 import socket
 import statistics
 import struct
@@ -16,6 +18,7 @@ import pytest
 
 import nimbus
 from nimbus import VIDEO_PORT, connected, events, limit, lost, removed, wait_until
+from reports import FIELDS, REPORTS, TAIL
 
 MAX_VIEWERS = 10
 MAX_DATAGRAM = 60000
@@ -220,6 +223,76 @@ def test_lowest_free_slot_is_filled_first(held, stamped, video):
         held.err.wait(connected(viewer), count=2)
     now = [fifth, first, third, fourth, second, sixth]
     assert served_in_order(everybody, video, b"3") == now
+
+
+# --- What a broadcast costs ---------------------------------------------------------------------
+
+FLAG_OF_THE_LAST = FIELDS["byte_631"][0]
+
+# Reading the clock is no call where the kernel lends it to the process.
+CLOCK_CALLS = {"clock_gettime", "clock_gettime64", "gettimeofday"}
+
+
+@contextlib.contextmanager
+def traced(service, file):
+    """Records every system call of all threads in the file."""
+    tracer = subprocess.Popen(["strace", "-f", "-o", str(file), "-p", str(service.pid)],
+                              stderr=subprocess.PIPE)
+    console = nimbus.Console(tracer.stderr)
+    try:
+        console.wait(f"Process {service.pid} attached")
+        yield
+    finally:
+        tracer.terminate()
+        tracer.wait()
+
+
+def calls_of_receivers(file, senders):
+    """The system calls of the threads that received something from one of those, by name."""
+    threads, receivers = collections.defaultdict(set), set()
+    ports = tuple(f"sin_port=htons({sender.address[1]})" for sender in senders)
+    for thread, text in (line.split(maxsplit=1) for line in file.read_text().splitlines()):
+        # One that another thread's interrupts is shown in two pieces, both with its name.
+        if call := re.match(r"(?:<\.\.\. )?(\w+)", text):
+            threads[thread].add(call[1])
+        if "recvfrom" in text and any(port in text for port in ports):
+            receivers.add(thread)
+    assert len(receivers) == len(senders), "not every sender was heard"
+    return set().union(*(threads[thread] for thread in receivers)) - CLOCK_CALLS
+
+
+def test_broadcast_to_nobody_is_no_system_call(unsanitized, held, join, video, data, region,
+                                               tmp_path):
+    """Without a viewer, the threads that relay only receive: they neither send nor sleep. With one
+    they do both, as the same trace shows."""
+    viewer = join(held)
+
+    def relay():
+        """Sends one report of every kind and a video datagram; returns when both are done with."""
+        region.write(FLAG_OF_THE_LAST, b"\xa5")
+        region.write(region.VIDEO_STATUS_TEXT[0], b"x")
+        for _ in range(20):
+            data.send(b"".join(report.frame() for report in REPORTS.values()) + TAIL)
+            video.send(b"video")
+        data.send(REPORTS["flag 17"].frame(flags=2) + TAIL)
+        wait_until(lambda: region.u8(FLAG_OF_THE_LAST) == 1, 5, "the last report")
+        wait_until(lambda: region.u8(region.VIDEO_STATUS_TEXT[0]) == 0, 5, "the video")
+
+    data.send(TAIL)
+    video.send(b"found")  # which is said on the console
+    viewer.wait(lambda frame: frame.payload == b"found")
+    held.err.wait("Data found\n")
+    with traced(held, tmp_path / "with"):
+        relay()
+    calls = calls_of_receivers(tmp_path / "with", (data, video))
+    assert calls & {"nanosleep", "clock_nanosleep", "clock_nanosleep_time64"}
+    assert calls & {"sendmsg", "sendto"}
+
+    viewer.leave()
+    held.err.wait(removed(viewer))
+    with traced(held, tmp_path / "without"):
+        relay()
+    assert calls_of_receivers(tmp_path / "without", (data, video)) == {"recvfrom"}
 
 
 # --- Comings and goings -------------------------------------------------------------------------

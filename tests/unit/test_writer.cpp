@@ -195,6 +195,7 @@ TEST_F(Writer, TextsWithoutTheirNul) {
   }
   test::set_bytes(config, bytes);
   EXPECT_EQ(config_save(), 0);
+  EXPECT_EQ(test::bytes_of(config), bytes) << "a save changes nothing in the record";
   expect_full_texts(config);
 }
 
