@@ -263,13 +263,13 @@ void decode_histogram(const FrameView& frame, DisplayRegion& display) {
 /// The exposure time as the display shows it: seconds (8", 1.3") or a fraction of one (1/500 ).
 /// A code that is neither keeps the text as it is.
 void show_shutter(const FrameView& frame, DisplayRegion& display) {
-  const std::int32_t whole = frame.u16(51) & 0x7FFF;
-  const std::int32_t tenths = frame.u8(53);
   const bool fraction = frame.bit(52, 7) != 0;
   if (!fraction && frame.u8(52) != 0) return;
+  const std::int32_t tenths = frame.u8(53);
   std::array<char, 24> buffer;
   TextBuilder text(buffer);
-  text.add(fraction ? "1/" : "").add(whole);
+  if (fraction) text.add("1/");
+  text.add(frame.u16(51) & 0x7FFF);
   if (tenths != 0) text.add(".").add(tenths);
   text.add(fraction ? " " : "\"");
   display.shutter_text.assign(text.view());

@@ -115,6 +115,31 @@ std::array<std::uint8_t, kHeaderSize> frame_header(FrameKind kind, std::uint32_t
   return header;
 }
 
+bool has_viewers() {
+  return std::any_of(viewers.begin(), viewers.end(),
+                     [](const ViewerClient& slot) { return slot.port != 0; });
+}
+
+void send_to_viewers(std::span<const std::uint8_t> payload, FrameKind kind) {
+  wait_for_turn();
+  // Header and payload are gathered by the kernel: no frame buffer that two threads could share.
+  auto header = frame_header(kind, frame_counter);
+  send_busy = 1;
+  const std::size_t length = static_cast<std::uint16_t>(kHeaderSize + payload.size());
+  const std::size_t header_length = std::min(length, kHeaderSize);
+  const std::array<iovec, 2> parts{{
+      {header.data(), header_length},
+      {const_cast<std::uint8_t*>(payload.data()), length - header_length},
+  }};
+  for (const auto& slot : viewers) {
+    const Endpoint viewer = destination_of(slot);
+    if (viewer.port == 0) continue;
+    viewer_link.send_to(parts, viewer);
+    usleep(kPauseAfterSendUs);
+  }
+  send_busy = 0;
+}
+
 }  // namespace
 
 int init_network(ViewerSpeedHandler on_speed) {
@@ -159,23 +184,8 @@ void handle_viewer_datagram(const Datagram& datagram) noexcept {
 }
 
 void broadcast(std::span<const std::uint8_t> payload, FrameKind kind) noexcept {
-  wait_for_turn();
-  // Header and payload are gathered by the kernel: no frame buffer that two threads could share.
-  auto header = frame_header(kind, frame_counter);
-  send_busy = 1;
-  const std::size_t length = static_cast<std::uint16_t>(kHeaderSize + payload.size());
-  const std::size_t header_length = std::min(length, kHeaderSize);
-  const std::array<iovec, 2> parts{{
-      {header.data(), header_length},
-      {const_cast<std::uint8_t*>(payload.data()), length - header_length},
-  }};
-  for (const auto& slot : viewers) {
-    const Endpoint viewer = destination_of(slot);
-    if (viewer.port == 0) continue;
-    viewer_link.send_to(parts, viewer);
-    usleep(kPauseAfterSendUs);
-  }
-  send_busy = 0;
+  // With nobody to send to, not even another broadcast is waited for: this one is only counted.
+  if (has_viewers()) send_to_viewers(payload, kind);
   frame_counter = frame_counter + 1;
 }
 
