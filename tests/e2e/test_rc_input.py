@@ -790,6 +790,18 @@ def test_first_focus_point(cockpit):
     assert cockpit.focus_point() == (0.5, 0.5)
 
 
+@pytest.mark.parametrize("point, sent", [((0.0, 0.0), False), ((0.0, 0.5), True),
+                                         ((0.5, 0.0), True)])
+def test_first_focus_point_that_another_process_moved(cockpit, point, sent):
+    """Zero counts as sent already, in each coordinate."""
+    cockpit.region.write(cockpit.FOCUS_POINT[0], struct.pack("<2d", *point))
+    cockpit.rc.assign(*FOCUS)
+    if sent:
+        cockpit.await_exactly(focus_point(*point))
+    time.sleep(2 * REST)
+    cockpit.check(NOTHING)
+
+
 @pytest.mark.parametrize("assigned", FOCUS)
 def test_focus_point_takes_both_functions(cockpits, assigned):
     cockpit = cockpits(STEERED)

@@ -495,10 +495,11 @@ def test_zoom_ratio_to_nothing(desk, value):
     assert messages[1] == triple(20, 0, 0, 0)
 
 
-# The number in the report, and in hundredths: rounded, halves away from zero.
+# The number in the report, and in hundredths: rounded in double precision, halves away from zero.
+# The float nearest to 0.005 is a little too small, and multiplied as a float it would be a half.
 ZOOMS = [(0.0, 0), (1.0, 100), (3.5, 350), (1.25, 125), (0.125, 13), (0.375, 38), (0.625, 63),
-         (-0.125, -13), (-0.375, -38), (-1.25, -125), (0.004, 0), (0.006, 1), (-0.004, 0),
-         (327.67, 32767), (327.68, 32768), (655.36, 65536), (1e6, 100_000_000),
+         (-0.125, -13), (-0.375, -38), (-1.25, -125), (0.004, 0), (0.005, 0), (0.006, 1),
+         (-0.004, 0), (327.67, 32767), (327.68, 32768), (655.36, 65536), (1e6, 100_000_000),
          (1e9, I32_MAX), (-1e9, I32_MIN), (FLOAT_MAX, I32_MAX), (-FLOAT_MAX, I32_MIN),
          (INFINITY, I32_MAX), (-INFINITY, I32_MIN), (NAN, 0)]
 
