@@ -669,6 +669,18 @@ def test_restore_begins_anew_with_every_sight(desk):
         assert desk.frames() == tracking_frames(point, point, sequence)
 
 
+def test_restore_outlasts_lost_reports(desk):
+    """Nothing disarms it: not even reports that stop coming."""
+    desk.exchange(TRACKING.frame(x=0.25, y=0.75, **ON))
+    desk.service.err.wait("Tracking lost\n", 6)
+    desk.console()
+    desk.exchange(TRACKING.frame())
+    said = desk.console().replace("Histogram lost\n", "")
+    assert waited(said, 3001, limit(8000)) == ("Restore tracking...\nStop tracking\n"
+                                               "Start tracking 0.2 0.8 0.1 0.2\n")
+    assert desk.frames() == tracking_frames(0.25, 0.75, 0)
+
+
 def test_restore_at_no_point(desk):
     """A point that is no number goes back to the camera as it came."""
     desk.exchange(TRACKING.frame(x=bytes.fromhex("00 00 C0 7F"), y=-INFINITY, **ON))
