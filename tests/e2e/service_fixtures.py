@@ -19,6 +19,14 @@ def pytest_addoption(parser):
                      help="folder of the build to test (default: build/release)")
 
 
+def pytest_configure():
+    """Workers live in worlds of their own, with the same process numbers: each writes what a build
+    for coverage counts under a name of its own."""
+    if profile := os.environ.get("LLVM_PROFILE_FILE"):
+        worker = os.environ.get("PYTEST_XDIST_WORKER", "alone")
+        os.environ["LLVM_PROFILE_FILE"] = profile.replace("%w", worker)
+
+
 @pytest.fixture(scope="session", autouse=True)
 def sandbox():
     if os.environ.get("NIMBUS_SANDBOX") != "1":

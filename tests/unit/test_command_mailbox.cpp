@@ -50,7 +50,7 @@ TEST(CommandMailbox, HandsATextOverOnce) {
 }
 
 TEST(CommandMailbox, HoldsUpTo511Characters) {
-  for (const std::size_t length : {1, 2, 510, 511, 512, 600, 60'000}) {
+  for (const std::size_t length : {1U, 2U, 510U, 511U, 512U, 600U, 60'000U}) {
     SCOPED_TRACE(length);
     CommandMailbox mailbox{};
     const std::string text = long_text(length);

@@ -238,7 +238,7 @@ TEST_F(Viewers, ACommandGoesToTheMailbox) {
   EXPECT_EQ(command(), "{\"cmd\":\"a\"}") << "the last one, up to its NUL";
   receive(frame("{"));
   EXPECT_EQ(command(), "{");
-  for (const std::size_t length : {510, 511, 512, 59'988}) {
+  for (const std::size_t length : {510U, 511U, 512U, 59'988U}) {
     const std::string text = '{' + std::string(length - 1, 'x');
     receive(frame(text));
     EXPECT_EQ(command(), text.substr(0, 511));
