@@ -11,7 +11,8 @@ int run_shell(const char* command) noexcept { return std::system(command); }
 ShellOutput::ShellOutput(const char* command) noexcept : pipe_(popen(command, "re")) {}
 
 bool ShellOutput::next_line(std::span<char> buffer) noexcept {
-  return pipe_ != nullptr &&
+  // Without room for a character, fgets(3) would find an empty line again and again.
+  return pipe_ != nullptr && buffer.size() > 1 &&
          std::fgets(buffer.data(), static_cast<int>(buffer.size()), pipe_) != nullptr;
 }
 

@@ -26,7 +26,7 @@ class ShellOutput {
   explicit operator bool() const noexcept { return pipe_ != nullptr; }
 
   /// Reads the next line, its line end included, cut to the buffer less a NUL; the rest of a longer
-  /// one is the next line. False at the end.
+  /// one is the next line. False at the end, and for a buffer without room for a character.
   bool next_line(std::span<char> buffer) noexcept;
 
   /// Reads up to the buffer's size. Returns what was read.

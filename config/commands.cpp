@@ -4,12 +4,12 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 #include "app/display_region.h"
 #include "base/json.h"
@@ -68,8 +68,7 @@ void store(std::string_view key, const char* value) {
 
 void reset_receiver() { display_region()->rc_status = 0; }
 
-// --- Settings with steps of their own
-// --------------------------------------------------------------
+// --- Settings with steps of their own -----------------------------------------------------------
 
 constexpr const char* kEndRcReader = "killall -q rcin";
 constexpr const char* kEndPictures = "killall -q hud usb-receiver wireless-receiver display";
@@ -183,8 +182,7 @@ void set_wifi(const Arguments& arguments) {
   run_shell("touch /run/wlan.update");
 }
 
-// --- The settings
-// ----------------------------------------------------------------------------------
+// --- The settings ------------------------------------------------------------------------------
 
 /// How a value is read: as the file's loader reads the field (a flag is then a number), or as a yes
 /// or no of "1" or "true".
@@ -259,8 +257,7 @@ void change(const Setting& setting, const Arguments& arguments) {
   if (setting.resets_receiver) reset_receiver();
 }
 
-// --- The commands
-// ----------------------------------------------------------------------------------
+// --- The commands ------------------------------------------------------------------------------
 
 void update_param(const Arguments& arguments) {
   std::printf("Need to update param %s to %s, %s\n", arguments.name(), arguments.value(1),

@@ -43,7 +43,7 @@ extern const std::array<ConfigField, kConfigFieldCount> kConfigFields;
 /// The field of exactly that key, or null. Any thread.
 [[nodiscard]] const ConfigField* find_config_field(std::string_view key) noexcept;
 
-/// Called with the stored map text whenever the file holds an "rc_input_map".
+/// Called with the stored map text whenever an "rc_input_map" has been stored.
 using PublishChannelMap = void (*)(std::string_view map);
 
 /// Stores a value, given as text, in a field of the record, as its kind has it. A new channel map

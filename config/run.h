@@ -11,9 +11,9 @@ namespace nimbus {
 /// next call. Null when the command cannot be started.
 const char* run_capture(const char* command) noexcept;
 
-/// The last line of a command's output, cut to the buffer, with its line end replaced by NUL and
-/// its tabs by blanks. Returns the command's wait status; -1, with the buffer untouched, when it
-/// cannot be started.
+/// The last line of a command's output, of one longer than the buffer its last piece. In the whole
+/// buffer line ends are then replaced by NULs and tabs by blanks. Returns the command's wait
+/// status; -1, with the buffer untouched, when it cannot be started.
 int run_last_line(const char* command, std::span<char> buffer) noexcept;
 
 /// Where `what` first stands in `text`, in bytes, or -1.

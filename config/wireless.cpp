@@ -112,7 +112,7 @@ void iface_address(const char* iface, std::span<char> address) noexcept {
   for (const ifaddrs* entry = interfaces.get(); entry != nullptr; entry = entry->ifa_next) {
     if (std::strcmp(entry->ifa_name, iface) != 0) continue;
     if (const auto text = ipv4_text(*entry)) {
-      TextBuilder(address).add(text->data());
+      if (!address.empty()) TextBuilder(address).add(text->data());
       return;
     }
   }
