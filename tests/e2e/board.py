@@ -34,7 +34,7 @@ class Board:
         self.standins = standins
         self.service = start(conf)
         self.viewer = viewer
-        viewer.register()
+        viewer.keep_alive()
         self.service.out.wait(BANNER.decode())
         self.service.err.wait("New client connected")
         self._fences = 0

@@ -3,16 +3,19 @@
 import json
 import pathlib
 import subprocess
-import time
 
 import pytest
 
 from board import SAVE, WORKING_COPY
-from nimbus import DisplayRegion, limit, wait_until
+from duml import command, parse, speed
+from nimbus import BANNER, DisplayRegion, limit, wait_until
 
 pytest_plugins = ["board", "station"]
 
 MAP = "pan,tilt,record"
+
+# What the stream says of a viewer's full speed to the right.
+MOVING = speed(1000, 0, 0)
 
 # The report's items in their order: name, key, and how it stands there.
 REPORT = [
@@ -68,9 +71,10 @@ def test_report_of_an_empty_configuration(board):
     assert board.request({"cmd": "configrequest"}) == report_of(zeros)
 
 
-def test_report_is_announced_and_goes_to_every_viewer(board, viewers):
+@pytest.mark.parametrize("mode", [0, 1], ids=["picture and data", "only data"])
+def test_report_is_announced_and_goes_to_every_viewer(board, viewers, mode):
     other = viewers()
-    other.register()
+    other.register(mode)
     board.service.err.wait("New client connected", count=2)
     assert board.send({"cmd": "configrequest"})[1].endswith("config request\n")
     other.wait(lambda f: f.payload == board.texts()[0] if board.texts() else False)
@@ -95,8 +99,8 @@ def interfaces():
         subprocess.run([ip, "link", "set", name, "up"], check=True)
 
     yield make
-    for command in made:
-        subprocess.run(command, check=True)
+    for removal in made:
+        subprocess.run(removal, check=True)
 
 
 def test_report_lists_the_interfaces(board, interfaces):
@@ -116,19 +120,40 @@ def test_many_interfaces_leave_the_report_whole(board, interfaces):
     assert listed == [{"name": "eth7", "addr": f"10.1.2.{n}"} for n in range(1, len(listed) + 1)]
 
 
+# Commands that change every setting there is, and the report's items that are then not as before.
+EVERYTHING = [
+    ("rcin_enabled", ["1"]), ("rcin_mode", ["ppm", "sbus"]), ("rcin_map", [MAP]),
+    ("rcin_speed", ["41", "-42", "150"]), ("rcin_pan_inv", ["2"]), ("rcin_tilt_inv", ["-1"]),
+    ("rcin_dutch_inv", ["2147483648"]), ("rcin_exp", ["true"]), ("rcin_abs", ["1"]),
+    ("internal_camera_enabled", ["1"]), ("internal_camera_fullscreen", ["1"]),
+    ("osd_enabled", ["1"]), ("hdmi_enabled", ["1"]), ("osd_borders", ["200", "201"]),
+    ("osd_offset", ["202", "203"]), ("video_bitrate", ["1500000"]),
+    ("video_transcode_enabled", ["1"]), ("disable_video_stream", ["1"]), ("video_hflip", ["1"]),
+    ("video_vflip", ["1"]), ("video_resolution", ["640x480"]),
+    ("wifi", ["1", "the cam", "cam secret", "2", "the net", "net %s", "1", "the ap", "ap$(x)",
+              "5", "36", "US"]),
+]
+
+
 def test_round_trip(boards, start, viewers, tmp_path):
     """A service that starts from the file that another has saved reports the same."""
-    board = boards(conf_of(REPORT))
-    board.update("rcin_pan", "44")
+    board = boards()
+    zeros = board.report()
+    for name, values in EVERYTHING:
+        board.update(name, *values)
     before = board.request({"cmd": "configrequest"})
+    changed = json.loads(before)
+    assert [key for key in zeros if zeros[key] == changed[key]] == ["app", "version", "ifaces"]
+    assert (changed["rcin_dutchinv"], changed["lan_psk"]) == (2147483647, "net %s")
     board.service.stop()
+    (tmp_path / "tervado.conf").unlink()
+    (tmp_path / "tervado.conf").symlink_to(WORKING_COPY)
     viewer = viewers()
-    successor = start(WORKING_COPY.read_text())
+    successor = start(conf=None)
     viewer.register()
     successor.err.wait("New client")
     viewer.command('{"cmd":"configrequest"}')
     assert viewer.wait(lambda f: f.payload[:1] == b"{").payload == before
-    assert b'"rcin_pan":44,' in before
 
 
 # --- The scan -----------------------------------------------------------------------------------
@@ -145,6 +170,12 @@ def test_scan(board, standins, code, iface):
     assert board.request({"cmd": "wlan", "param": "scan", "value": code}) == reply.encode()
     assert board.service.err.text().endswith(f"scan Wi-Fi on {iface or ''}\nscan results: {reply}\n")
     assert board.calls() == [["iwlist", *([iface] if iface else []), "scan"]]
+
+
+def test_scan_code_is_not_escaped(board):
+    code = 'a"b\\%n'
+    assert board.request({"cmd": "wlan", "param": "scan", "value": code}) == \
+        scan_reply(code, "").encode()
 
 
 def test_scan_of_no_interface(board):
@@ -185,38 +216,63 @@ def test_endless_scan_is_bounded(board, standins):
     assert reply == whole[:59_999]
 
 
-def test_scan_holds_only_the_commands(stations, standins, viewers):
-    """Video, status messages and the gimbal go on."""
-    standins.answer("iwlist", "sleep 1.5")
-    station = stations()
-    witness = viewers()
-    witness.register()
+@pytest.mark.parametrize("tool, what", [
+    ("iwlist", {"cmd": "wlan", "param": "scan", "value": "1"}),
+    ("killall", {"cmd": "updateparam", "name": "hdmimode", "value": "default"})])
+def test_slow_command_holds_only_the_commands(stations, standins, viewers, video, tool, what):
+    """Video, status messages and the gimbal's stream go on while a scan lasts, and while a new HDMI
+    mode settles and the pictures end; the next command waits."""
+    standins.answer(tool, 'while [ ! -e "$NIMBUS_STANDINS/go" ]; do sleep 0.01; done')
+    station, witness = stations(), viewers()
+    camera = station.camera
+    witness.keep_alive()
     witness.speed(1, 4000, 0, 0)
-    station.viewer.command('{"cmd":"wlan","param":"scan","value":"1"}')
-    station.camera.wait_text("scan Wi-Fi on wifi0\n")
-    start = time.monotonic()
-    frames = len(station.camera.frames())
-    statuses = len(witness.frames)
-    station.camera.wait_text(f"scan results: {scan_reply('1', '')}\n")
-    took = time.monotonic() - start
-    assert took >= 1.4
-    assert len(station.camera.frames()) - frames >= took / 0.03 * 0.8 / limit(1)
-    assert len(witness.frames) > statuses
+    camera.wait_frames(3)
+    station.send(what)
+    start, seen = camera.count(), len(witness.frames)
+    station.post(command("gimbal", "mode", "fence"))
+    for picture in (b"first", b"second"):
+        video.send(picture)
+        witness.wait(lambda f: f.payload == picture, start=seen)
+    for kind in (5, 6, 11):
+        witness.message(kind, start=seen)
+    frames = camera.wait_frames(50, start=start)
+    assert "Gimbal set mode fence\n" not in camera.console()
+    (standins.folder / "go").touch()
+    camera.wait_text("Gimbal set mode fence\n", 10, start=start)
+    assert all(parse(frame.data)[0] == MOVING for frame in frames)
+    gaps = sorted(later.time - earlier.time for earlier, later in zip(frames, frames[1:]))
+    assert gaps[len(gaps) // 2] == pytest.approx(0.03, abs=limit(0.005))
 
 
 # --- The others ---------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("command", ["reboot", "shutdown"])
-def test_end_of_the_board(board, command):
-    board.send({"cmd": command})
-    assert board.calls() == [[command]]
+@pytest.mark.parametrize("tool", ["reboot", "shutdown"])
+def test_end_of_the_board(board, tool):
+    board.send({"cmd": tool})
+    assert board.calls() == [[tool]]
 
 
 def test_restart(board):
+    """Nothing that was said before is lost, and no tool is called."""
+    board.update("rcin_pan", "1")
+    board.calls()
+    said = board.service.out.text()
     board.viewer.command('{"cmd":"restart"}')
     assert board.service.wait_exit() == 3
-    assert board.service.out.text().endswith('config_parse_command {"cmd":"restart"}\n')
+    assert board.service.out.text() == said + 'config_parse_command {"cmd":"restart"}\n'
+    assert board.service.err.text().endswith("Save config\n")
+    assert board.calls() == []
+
+
+def test_restart_leaves_a_whole_output_file(launch, viewers, tmp_path):
+    with (tmp_path / "output").open("wb") as output:
+        service = launch(stdout=output)
+    viewers().command('{"cmd":"restart"}')
+    assert service.wait_exit() == 3
+    assert (tmp_path / "output").read_bytes() == \
+        BANNER + b'config_parse_command {"cmd":"restart"}\n'
 
 
 def test_recalibration(board):
