@@ -2,6 +2,9 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include <array>
 #include <cstddef>
@@ -12,6 +15,7 @@
 #include <vector>
 
 #include "app/display_region.h"
+#include "base/unique_fd.h"
 #include "tests/unit/support.h"
 #include "tests/unit/wall_clock.h"
 
@@ -274,6 +278,34 @@ TEST_F(Viewers, TheServicesOwnFramesAreIgnored) {
     receive(frame("\0\0"s), other);
     EXPECT_EQ(count(), 1);
     receive(frame("\1"), other);
+  }
+}
+
+// --- Broadcasts --------------------------------------------------------------------------------
+
+/// Texts of any length can be given to a broadcast; the length of the frame is a 16-bit number.
+TEST_F(Viewers, TheLengthOfAFrameIsCutTo16Bits) {
+  const UniqueFd viewer(socket(AF_INET, SOCK_DGRAM, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof(address);
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(bind(viewer.get(), generic, size), 0);
+  ASSERT_EQ(getsockname(viewer.get(), generic, &size), 0);
+  add({address.sin_addr.s_addr, ntohs(address.sin_port)});
+  const struct {
+    std::size_t text;
+    ssize_t frame;
+  } kRows[] = {{0, 12},     {1, 13},     {60'000, 60'012}, {65'495, 65'507},
+               {65'524, 0}, {65'530, 6}, {65'536, 12},     {65'546, 22}};
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.text);
+    broadcast_text(std::string(row.text, 'x'));
+    pollfd readable{viewer.get(), POLLIN, 0};
+    ASSERT_EQ(poll(&readable, 1, 10'000), 1);
+    std::vector<char> datagram(65'536);
+    EXPECT_EQ(recv(viewer.get(), datagram.data(), datagram.size(), 0), row.frame);
   }
 }
 
