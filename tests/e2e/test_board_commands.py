@@ -168,7 +168,8 @@ def test_scan(board, standins, code, iface):
     standins.answer("iwlist", r"""printf 'x\n   ESSID:"alpha"\n  Quality=1\nESSID:"beta"\n'""")
     reply = scan_reply(code, "alpha,beta")
     assert board.request({"cmd": "wlan", "param": "scan", "value": code}) == reply.encode()
-    assert board.service.err.text().endswith(f"scan Wi-Fi on {iface or ''}\nscan results: {reply}\n")
+    said = f"scan Wi-Fi on {iface or ''}\nscan results: {reply}\n"
+    assert board.service.err.text().endswith(said)
     assert board.calls() == [["iwlist", *([iface] if iface else []), "scan"]]
 
 
@@ -203,7 +204,8 @@ def test_scan_lines(board, standins, printed, names):
 
 def test_long_scan_line(board, standins):
     """A line is read in pieces of 1,023 bytes, each a line of its own."""
-    standins.answer("iwlist", "printf 'ESSID:\"%s\"\\nESSID:\"b\"\\n' $(head -c 3000 /dev/zero | tr '\\0' a)")
+    standins.answer("iwlist", "printf 'ESSID:\"%s\"\\nESSID:\"b\"\\n' "
+                              "$(head -c 3000 /dev/zero | tr '\\0' a)")
     names = json.loads(board.request({"cmd": "wlan", "param": "scan", "value": "1"}))["value"]
     assert names == "a" * (1023 - len('ESSID:"') - 2) + ",b"
 

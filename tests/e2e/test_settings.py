@@ -227,8 +227,9 @@ def test_default_hdmi_mode(board, name, at_boot):
 
 # --- Wi-Fi --------------------------------------------------------------------------------------
 
-WIFI = {"value": "1", "value2": "cam ssid", "value3": "cam psk", "value4": "2", "value5": "net ssid",
-        "value6": "net psk", "value7": "2", "value8": "ap ssid", "value9": "ap psk",
+WIFI = {"value": "1", "value2": "cam ssid", "value3": "cam psk",
+        "value4": "2", "value5": "net ssid", "value6": "net psk",
+        "value7": "2", "value8": "ap ssid", "value9": "ap psk",
         "value10": "5", "value11": "36", "value12": "US"}
 
 
