@@ -135,9 +135,26 @@ EVERYTHING = [
 ]
 
 
-def test_round_trip(boards, start, viewers, tmp_path):
+@pytest.fixture
+def restart(start, viewers, tmp_path):
+    """restart(board) is the report of a service that starts from the file that the board's has
+    saved."""
+
+    def next_report(board):
+        board.service.stop()
+        (tmp_path / "tervado.conf").unlink()
+        (tmp_path / "tervado.conf").symlink_to(WORKING_COPY)
+        viewer, successor = viewers(), start(conf=None)
+        viewer.register()
+        successor.err.wait("New client")
+        viewer.command('{"cmd":"configrequest"}')
+        return viewer.wait(lambda f: f.payload[:1] == b"{").payload
+
+    return next_report
+
+
+def test_round_trip(board, restart):
     """A service that starts from the file that another has saved reports the same."""
-    board = boards()
     zeros = board.report()
     for name, values in EVERYTHING:
         board.update(name, *values)
@@ -145,15 +162,20 @@ def test_round_trip(boards, start, viewers, tmp_path):
     changed = json.loads(before)
     assert [key for key in zeros if zeros[key] == changed[key]] == ["app", "version", "ifaces"]
     assert (changed["rcin_dutchinv"], changed["lan_psk"]) == (2147483647, "net %s")
-    board.service.stop()
-    (tmp_path / "tervado.conf").unlink()
-    (tmp_path / "tervado.conf").symlink_to(WORKING_COPY)
-    viewer = viewers()
-    successor = start(conf=None)
-    viewer.register()
-    successor.err.wait("New client")
-    viewer.command('{"cmd":"configrequest"}')
-    assert viewer.wait(lambda f: f.payload[:1] == b"{").payload == before
+    assert restart(board) == before
+
+
+def test_what_a_line_cannot_carry_is_lost_at_the_next_start(board, restart):
+    """A line is read up to 199 bytes, and a quote in a text is dropped."""
+    channels = "tilt," * 80
+    board.update("rcin_map", channels)
+    board.update("wifi", "1", 'a"b', "x" * 255)
+    before = board.request({"cmd": "configrequest"}).decode()
+    assert f'"rcin_map":"{channels}",' in before
+    assert f'"cam_ssid":"a"b","cam_psk":"{"x" * 255}",' in before
+    after = json.loads(restart(board))
+    assert after["rcin_map"] == channels[:199 - len("rc_input_map=")]
+    assert (after["cam_ssid"], after["cam_psk"]) == ("ab", "x" * (199 - len('camera_psk="')))
 
 
 # --- The scan -----------------------------------------------------------------------------------

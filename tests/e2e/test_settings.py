@@ -281,7 +281,8 @@ HOSTILE = ["$(touch /run/owned)`touch /run/owned`'; touch /run/owned; '\"; touch
 def test_hostile_values_stay_values(saved, value):
     names = [row[0] for row in CHANGES] + ["hdmimode", "rcin_mode", "video_resolution", "wifi", "x"]
     for name in dict.fromkeys(names):
-        saved.update(name, value, value)
+        out, _ = saved.update(name, value, value)
+        assert out.startswith(f"Need to update param {name} to {value}, {value}\n")
     saved.send({"cmd": "wlan", "param": "scan", "value": value})
     assert not pathlib.Path("/run/owned").exists()
     assert saved.service.running()
