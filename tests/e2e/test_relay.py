@@ -196,6 +196,7 @@ def test_pace(held, stamped, video):
     assert fastest < (1.1 + 0.1 * (nimbus.TIME_SCALE - 1)) * MAX_VIEWERS * PAUSE_NS
 
 
+@pytest.mark.skipif(bool(nimbus.EMULATOR), reason="the emulator has a timer slack of its own")
 def test_pauses_are_not_stretched(held):
     """By default the system lets any pause last 50 us longer, 5 % of this one."""
     for thread in pathlib.Path(f"/proc/{held.pid}/task").iterdir():

@@ -281,10 +281,11 @@ def test_time_to_loss(steady, standins, counted, source, seconds_after_a_round):
             assert frame.payload[2] == 0 or age < 1 + limit(0.25)
 
 
-def test_camera_data_is_not_relayed(steady, counted, data):
+def test_camera_data_is_not_relayed(steady, counted, data, region):
     viewer = counted()
     with steady_traffic(data, 0.01):
         steady.err.wait("Data found\n")
+        wait_until(lambda: region.u8(DATA_CONNECTED) == 1, 5)  # it is said before it is so
         assert next_round(viewer) == status_messages(True, False)
     assert {f.payload[0] for f in viewer.frames} <= {5, 6, 11}
 
