@@ -105,6 +105,28 @@ def fields(path):
     return {(name, offset, types[name]) for name, offset in offsets.items()}
 
 
+# --- The text ------------------------------------------------------------------------------------
+
+
+def test_links():
+    """Each leads to a section, or to a file."""
+    anchors = {re.sub(r"[^\w -]", "", title).lower().replace(" ", "-")
+               for title in re.findall(r"^#+ (.+)$", DOCUMENT, flags=re.MULTILINE)}
+    links = re.findall(r"\]\(([^)]+)\)", DOCUMENT)
+    assert links
+    for link in links:
+        known = link[1:] in anchors if link[0] == "#" else (ROOT / "docs" / link).exists()
+        assert known, f"{link} leads nowhere"
+
+
+def test_frames_that_are_named():
+    """Every frame is sent by some command, the speed frame by speeds."""
+    commands = " ".join(" ".join(row.values()) for row in table("Camera and gimbal commands"))
+    for row in table("Frames to the camera"):
+        name = row["Frame"].split(" again")[0]
+        assert re.sub(r"calibration (2|3)", "calibration 1", name).lower() in commands.lower()
+
+
 # --- Regions and keys ----------------------------------------------------------------------------
 
 
