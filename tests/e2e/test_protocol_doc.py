@@ -67,7 +67,7 @@ def source(path):
 
 def block(path, name):
     """The braces that follow a name."""
-    match = re.search(rf"\b{name}\b[^;{{]*?(?:= \w+(?:::\w+)*<\w+>\()?(\{{.*?\}})\)?;", source(path))
+    match = re.search(rf"\b{name}\b[^;{{]*(\{{.*?\}})\)?;", source(path))
     assert match, f"no table {name} in {path}"
     return match[1]
 
