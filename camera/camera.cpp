@@ -12,6 +12,7 @@
 #include "base/word_table.h"
 #include "camera/codes.h"
 #include "camera/duml.h"
+#include "camera/words.h"
 
 namespace nimbus {
 namespace {
@@ -43,21 +44,6 @@ constexpr DumlTemplate<1>  kAeLock(camera(0x68));
 constexpr DumlTemplate<0>  kFormatCard(camera(0x72));
 constexpr DumlTemplate<1>  kReset(camera(0x78));
 constexpr DumlTemplate<2>  kVideoFormatAgain(camera(0xAF));
-
-using ByteWord = Word<std::uint8_t>;
-
-constexpr std::array<ByteWord, 4> kExposureModes{{
-    {"auto", 1}, {"shutter", 2}, {"aperture", 3}, {"manual", 4},
-}};
-constexpr std::array<ByteWord, 2> kAspectRatios{{{"4:3", 0}, {"16:9", 1}}};
-constexpr std::array<ByteWord, 2> kAntiFlickers{{{"50", 1}, {"60", 2}}};
-constexpr std::array<ByteWord, 3> kShotModes{{{"raw", 0}, {"jpg", 1}, {"jpg+raw", 2}}};
-constexpr std::array<ByteWord, 2> kFocusTypes{{{"afc", 2}, {"afs", 1}}};
-
-// The second byte that goes with the code of each white balance that can be commanded.
-constexpr std::array<ByteWord, 5> kWhiteBalanceTints{{
-    {"auto", 0x44}, {"sunny", 0x30}, {"cloudy", 0x40}, {"incandescent", 0x44}, {"neon", 0x19},
-}};
 // clang-format on
 
 /// The camera reports slower ISO values, but takes none below this.

@@ -7,6 +7,7 @@
 #include "base/number.h"
 #include "base/word_table.h"
 #include "camera/duml.h"
+#include "camera/words.h"
 
 namespace nimbus {
 namespace {
@@ -31,20 +32,6 @@ constexpr DumlTemplate<21> kTrackingStart({CommandSet::camera, 0xA6}, {0x01, 0x0
 // clang-format on
 
 constexpr std::size_t kTrackingRectangleOffset = 5;
-
-struct GimbalMode {
-  std::uint8_t mode;
-  std::uint8_t tilt_locked;
-};
-
-constexpr std::array<Word<GimbalMode>, 3> kModes{{
-    {"tiltlocked", {.mode = 2, .tilt_locked = 1}},
-    {"fpv", {.mode = 1, .tilt_locked = 0}},
-    {"follow", {.mode = 2, .tilt_locked = 0}},
-}};
-
-constexpr std::uint8_t kFollowFast = 0;
-constexpr std::uint8_t kFollowSlow = 2;
 
 }  // namespace
 
@@ -76,7 +63,7 @@ std::int32_t gimbal_set_next_position() noexcept {
 
 std::int32_t gimbal_set_mode(const char* mode) noexcept {
   log_text("Gimbal set mode %s\n", mode);
-  const GimbalMode* const found = find_word(kModes, mode);
+  const GimbalMode* const found = find_word(kGimbalModes, mode);
   if (found == nullptr) return -1;
   send_frame(kMode, {found->mode, 0x00});
   auto tilt_lock = kTiltLock.payload();
@@ -87,7 +74,8 @@ std::int32_t gimbal_set_mode(const char* mode) noexcept {
 std::int32_t gimbal_set_follow_mode(const char* speed) noexcept {
   log_text("Gimbal set follow mode %s\n", speed);
   auto payload = kFollowSpeed.payload();
-  payload.back() = std::string_view(speed) == "slow" ? kFollowSlow : kFollowFast;
+  const std::uint8_t* const found = find_word(kFollowSpeeds, speed);
+  payload.back() = found == nullptr ? kFollowSpeeds[0].value : *found;
   return send_frame(kFollowSpeed, payload);
 }
 

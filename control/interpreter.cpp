@@ -16,6 +16,7 @@
 #include "base/word_table.h"
 #include "camera/camera.h"
 #include "camera/gimbal.h"
+#include "camera/words.h"
 #include "control/speed_mixer.h"
 
 namespace nimbus {
@@ -131,41 +132,10 @@ Next set_white_balance(const Command& command) {
   return Next::row;
 }
 
-constexpr std::array<Word<int>, 8> kIsoWords{{
-    {"auto", 0},
-    {"100", 100},
-    {"200", 200},
-    {"400", 400},
-    {"800", 800},
-    {"1600", 1600},
-    {"3200", 3200},
-    {"6400", 6400},
-}};
-
 Next set_iso(const Command& command) {
   if (const int* const iso = find_word(kIsoWords, command.param)) camera_set_iso(*iso);
   return Next::row;
 }
-
-struct VideoFormat {
-  int width;
-  int height;
-  int fps;
-};
-
-constexpr std::array<Word<VideoFormat>, 22> kVideoFormats{{
-    {"4096x2160@25", {4096, 2160, 25}}, {"4096x2160@24", {4096, 2160, 24}},
-    {"3840x2160@60", {3840, 2160, 60}}, {"3840x2160@30", {3840, 2160, 30}},
-    {"3840x2160@25", {3840, 2160, 25}}, {"3840x2160@24", {3840, 2160, 24}},
-    {"2704x1520@30", {2704, 1520, 30}}, {"2704x1520@25", {2704, 1520, 25}},
-    {"2704x1520@24", {2704, 1520, 24}}, {"1920x1080@60", {1920, 1080, 60}},
-    {"1920x1080@50", {1920, 1080, 50}}, {"1920x1080@48", {1920, 1080, 48}},
-    {"1920x1080@30", {1920, 1080, 30}}, {"1920x1080@25", {1920, 1080, 25}},
-    {"1920x1080@24", {1920, 1080, 24}}, {"1280x720@60", {1280, 720, 60}},
-    {"1280x720@50", {1280, 720, 50}},   {"1280x720@48", {1280, 720, 48}},
-    {"1280x720@30", {1280, 720, 30}},   {"1280x720@25", {1280, 720, 25}},
-    {"1280x720@24", {1280, 720, 24}},   {"1920x1080@120", {1920, 1080, 120}},
-}};
 
 Next set_video_resolution(const Command& command) {
   if (const auto* const format = find_word(kVideoFormats, command.param)) {

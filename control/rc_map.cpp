@@ -1,48 +1,13 @@
 #include "control/rc_map.h"
 
-#include <algorithm>
-#include <array>
-
 #include "app/display_region.h"
 
 namespace nimbus {
 namespace {
 
-struct FunctionWord {
-  std::string_view word;
-  RcFunction function;
-};
-
-constexpr std::array<FunctionWord, 22> kFunctionWords{{
-    {"pan", RcFunction::pan},
-    {"tilt", RcFunction::tilt},
-    {"record", RcFunction::record},
-    {"record-shot", RcFunction::record_shot},
-    {"menu", RcFunction::menu},
-    {"ev", RcFunction::ev},
-    {"zoom", RcFunction::zoom},
-    {"focus", RcFunction::focus},
-    {"dutch", RcFunction::dutch},
-    {"focus-pan", RcFunction::focus_pan},
-    {"focus-tilt", RcFunction::focus_tilt},
-    {"digital-zoom", RcFunction::digital_zoom},
-    {"digital-zoom2", RcFunction::digital_zoom2},
-    {"iso", RcFunction::iso},
-    {"shutter", RcFunction::shutter},
-    {"aperture", RcFunction::aperture},
-    {"videomode", RcFunction::videomode},
-    {"custom-focus-assistant", RcFunction::custom_focus_assistant},
-    {"center", RcFunction::center},
-    {"intcamera", RcFunction::intcamera},
-    {"osd", RcFunction::osd},
-    {"orient-lock", RcFunction::orient_lock},
-}};
-
 RcFunction function_of(std::string_view word) {
-  const auto* const found =
-      std::find_if(kFunctionWords.begin(), kFunctionWords.end(),
-                   [word](const FunctionWord& row) { return row.word == word; });
-  return found == kFunctionWords.end() ? RcFunction::none : found->function;
+  const RcFunction* const found = find_word(kRcFunctionWords, word);
+  return found == nullptr ? RcFunction::none : *found;
 }
 
 }  // namespace

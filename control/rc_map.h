@@ -1,8 +1,11 @@
 // The RC channel map: which control function each receiver channel drives.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string_view>
+
+#include "base/word_table.h"
 
 namespace nimbus {
 
@@ -33,6 +36,31 @@ enum class RcFunction : std::uint8_t {
   orient_lock = 21,
   none = 255,  ///< the channel drives nothing
 };
+
+inline constexpr std::array<Word<RcFunction>, 22> kRcFunctionWords{{
+    {"pan", RcFunction::pan},
+    {"tilt", RcFunction::tilt},
+    {"record", RcFunction::record},
+    {"record-shot", RcFunction::record_shot},
+    {"menu", RcFunction::menu},
+    {"ev", RcFunction::ev},
+    {"zoom", RcFunction::zoom},
+    {"focus", RcFunction::focus},
+    {"dutch", RcFunction::dutch},
+    {"focus-pan", RcFunction::focus_pan},
+    {"focus-tilt", RcFunction::focus_tilt},
+    {"digital-zoom", RcFunction::digital_zoom},
+    {"digital-zoom2", RcFunction::digital_zoom2},
+    {"iso", RcFunction::iso},
+    {"shutter", RcFunction::shutter},
+    {"aperture", RcFunction::aperture},
+    {"videomode", RcFunction::videomode},
+    {"custom-focus-assistant", RcFunction::custom_focus_assistant},
+    {"center", RcFunction::center},
+    {"intcamera", RcFunction::intcamera},
+    {"osd", RcFunction::osd},
+    {"orient-lock", RcFunction::orient_lock},
+}};
 
 /// Publishes a map in the display region: the n-th comma-separated word is the function of channel
 /// n, 0 to 31. Words match exactly, blanks and capitals included; an unknown or empty word, and
