@@ -1,0 +1,179 @@
+#include "tools/ctl/settings.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "config/hdmi_modes.h"
+#include "tools/common/failure.h"
+#include "tools/ctl/json.h"
+
+namespace nimbus::ctl {
+namespace {
+
+constexpr auto* kByte = &kInteger<0, 255>;
+constexpr auto* kMode = &kText<5>;
+constexpr auto* kName = &kText<255>;
+
+constexpr std::array<Word<std::string_view>, 3> kStreamSizes{
+    {{"320x240", ""}, {"640x480", ""}, {"1280x720", ""}}};
+// Bands by the words of the command; the report has 2 and 5.
+constexpr std::array<Word<std::string_view>, 3> kBands{{{"2.4", "2.4"}, {"2", "2.4"}, {"5", "5"}}};
+constexpr Accepts kBand{kTranslated<kBands>.convert, [] { return std::string("2.4, 5"); }};
+
+constexpr auto kSettings = std::to_array<Setting>({
+    // clang-format off
+    {"rcin_enabled",   "RC input on or off",             {{{"ON", "value", &kOnOff}}}},
+    {"rcin_mode",      "modes of the two RC receivers",  {{{"MODE", "value", kMode}, {"MODE2", "value2", kMode}}}},
+    {"rcin_map",       "functions of the RC channels",   {{{"MAP", "value", &kRcMap}}}},
+    {"rcin_speed",     "speeds of the RC input",         {{{"PAN", "value", &kNumber}, {"TILT", "value2", &kNumber},
+                                                           {"DUTCH", "value3", &kNumber}}}},
+    {"rcin_pan",       "pan speed of the RC input",      {{{"SPEED", "value", &kNumber}}}},
+    {"rcin_tilt",      "tilt speed of the RC input",     {{{"SPEED", "value", &kNumber}}}},
+    {"rcin_dutch",     "roll speed of the RC input",     {{{"SPEED", "value", &kNumber}}}},
+    {"rcin_pan_inv",   "pan the other way (not 0)",      {{{"NUMBER", "value", &kNumber}}}},
+    {"rcin_tilt_inv",  "tilt the other way (not 0)",     {{{"NUMBER", "value", &kNumber}}}},
+    {"rcin_dutch_inv", "roll the other way (not 0)",     {{{"NUMBER", "value", &kNumber}}}},
+    {"rcin_exp",       "exponential sticks",             {{{"ON", "value", &kOnOff}}}},
+    {"rcin_abs",       "absolute sticks",                {{{"ON", "value", &kOnOff}}}},
+    {"internal_camera_enabled",    "the board's own camera",           {{{"ON", "value", &kOnOff}}}},
+    {"internal_camera_fullscreen", "the board's own camera, full size", {{{"ON", "value", &kOnOff}}}},
+    {"osd_enabled",    "on-screen display",              {{{"ON", "value", &kOnOff}}}},
+    {"hdmi_enabled",   "HDMI output",                    {{{"ON", "value", &kOnOff}}}},
+    {"hdmimode",       "HDMI mode, and at the next boots too", {{{"MODE", "value", &kWordsOf<kHdmiModes>},
+                                                           {"BOOT", "value2", &kOnOff, true}}}, false},
+    {"osd_borders",    "borders of the on-screen display", {{{"WIDTH", "value", kByte}, {"HEIGHT", "value2", kByte}}}},
+    {"osd_offset",     "offsets of the on-screen display", {{{"TOP", "value", kByte}, {"BOTTOM", "value2", kByte}}}},
+    {"osd_top_offset",    "upper offset of the on-screen display", {{{"TOP", "value", kByte}}}},
+    {"osd_bottom_offset", "lower offset of the on-screen display", {{{"BOTTOM", "value", kByte}}}},
+    {"video_bitrate",  "bits a second of the stream",    {{{"BITRATE", "value", &kNumber}}}},
+    {"video_transcode_enabled", "transcode the stream",  {{{"ON", "value", &kOnOff}}}},
+    {"disable_video_stream", "relay no video to viewers", {{{"ON", "value", &kOnOff}}}},
+    {"video_hflip",    "mirror the picture",             {{{"ON", "value", &kOnOff}}}},
+    {"video_vflip",    "turn the picture upside down",   {{{"ON", "value", &kOnOff}}}},
+    {"video_resolution", "size of the stream",           {{{"SIZE", "value", &kWordsOf<kStreamSizes>}}}},
+    // clang-format on
+});
+
+constexpr auto kWifiValues = std::to_array<WifiValue>({
+    {"cam_iface", &kInterfaceName},
+    {"cam_ssid", kName},
+    {"cam_psk", kName},
+    {"lan_iface", &kInterfaceName},
+    {"lan_ssid", kName},
+    {"lan_psk", kName},
+    {"ap_iface", &kInterfaceName},
+    {"ap_ssid", kName},
+    {"ap_psk", kName},
+    {"ap_mode", &kBand},
+    {"ap_channel", &kNumber},
+    {"ap_country", &kText<9>},
+});
+
+constexpr std::string_view kWifi = "wifi";
+
+const Setting* find_setting(std::string_view name) {
+  const auto* const found = std::find_if(kSettings.begin(), kSettings.end(),
+                                         [name](const auto& row) { return row.name == name; });
+  return found == kSettings.end() ? nullptr : found;
+}
+
+std::string value_member(std::size_t index) {
+  return index == 0 ? "value" : "value" + std::to_string(index + 1);
+}
+
+std::string wifi_names() {
+  std::string list;
+  for (const WifiValue& value : kWifiValues) append_word(list, value.name);
+  return list;
+}
+
+/// What leaves every network as it is: an empty word where the command has words of its own, else
+/// the value that stands now.
+std::vector<std::string> unchanged_wifi(const cJSON* report) {
+  std::vector<std::string> values;
+  for (const WifiValue& value : kWifiValues) {
+    const bool has_words = value.accepts == &kBand || value.accepts == &kInterfaceName;
+    values.push_back(has_words ? "" : member_text(report, value.name));
+  }
+  return values;
+}
+
+std::string json_for_wifi(std::span<const std::string> assignments, bool force,
+                          const cJSON* report) {
+  if (assignments.empty()) {
+    throw tools::Failure("wifi has no value; expected NAME=VALUE with one of " + wifi_names());
+  }
+  auto values = unchanged_wifi(report);
+  for (const std::string& assignment : assignments) {
+    const auto equals = assignment.find('=');
+    const std::string name = assignment.substr(0, equals);
+    const auto* const found = std::find_if(kWifiValues.begin(), kWifiValues.end(),
+                                           [&name](const auto& row) { return row.name == name; });
+    if (equals == std::string::npos || found == kWifiValues.end()) {
+      throw tools::Failure("wifi takes no '" + assignment + "'; expected NAME=VALUE with one of " +
+                           wifi_names());
+    }
+    values[static_cast<std::size_t>(found - kWifiValues.begin())] =
+        converted(kWifi, {.name = found->name, .member = {}, .accepts = found->accepts},
+                  assignment.substr(equals + 1), force);
+  }
+  const Json json = empty_object();
+  add_text(json.get(), "cmd", "updateparam");
+  add_text(json.get(), "name", kWifi);
+  for (std::size_t i = 0; i < values.size(); ++i) add_text(json.get(), value_member(i), values[i]);
+  return line_of(json.get());
+}
+
+std::string expected_values(const Setting& setting) {
+  std::string text;
+  for (const Argument& value : setting.values) {
+    if (value.name.empty()) break;
+    const std::string name(value.name);
+    text += value.optional ? " [" + name + "]" : " " + name;
+  }
+  return text;
+}
+
+}  // namespace
+
+std::span<const Setting> all_settings() { return kSettings; }
+
+std::span<const WifiValue> wifi_values() { return kWifiValues; }
+
+void expect_setting(std::string_view name) {
+  if (name == kWifi || find_setting(name) != nullptr) return;
+  std::string list;
+  for (const Setting& setting : kSettings) append_word(list, setting.name);
+  append_word(list, kWifi);
+  throw tools::Failure("no setting '" + std::string(name) + "'; expected " + list);
+}
+
+bool is_stored(std::string_view name) {
+  const Setting* const setting = find_setting(name);
+  return setting == nullptr || setting->stored;
+}
+
+std::string json_for_setting(std::string_view name, std::span<const std::string> values, bool force,
+                             const cJSON* report) {
+  expect_setting(name);
+  if (name == kWifi) return json_for_wifi(values, force, report);
+  const Setting& setting = *find_setting(name);
+  const Json json = empty_object();
+  add_text(json.get(), "cmd", "updateparam");
+  add_text(json.get(), "name", name);
+  std::size_t used = 0;
+  for (const Argument& value : setting.values) {
+    if (value.name.empty() || (used == values.size() && value.optional)) break;
+    if (used == values.size()) used = values.size() + 1;  // too few
+    if (used > values.size()) break;
+    add_text(json.get(), value.member, converted(name, value, values[used], force));
+    ++used;
+  }
+  if (used != values.size()) {
+    throw tools::Failure(std::string(name) + " has " + std::to_string(values.size()) +
+                         " value(s); expected" + expected_values(setting));
+  }
+  return line_of(json.get());
+}
+
+}  // namespace nimbus::ctl

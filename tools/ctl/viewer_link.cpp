@@ -1,0 +1,140 @@
+#include "tools/ctl/viewer_link.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "app/command_mailbox.h"
+#include "base/wire.h"
+#include "tools/common/failure.h"
+#include "tools/ctl/interrupt.h"
+
+namespace nimbus::ctl {
+namespace {
+
+using std::chrono::milliseconds;
+
+// The frame: a magic byte, 1 for video, two zeros, the number, four bytes without meaning.
+constexpr std::size_t kHeaderSize = 12;
+constexpr std::uint8_t kMagic = 0x42;
+constexpr std::size_t kNumberOffset = 4;
+
+constexpr std::uint8_t kRegister = 0;
+constexpr std::uint8_t kLeave = 1;
+constexpr std::uint8_t kSpeed = 5;
+constexpr std::uint8_t kSpeedMode = 1;
+
+constexpr std::size_t kLargestDatagram = 65'536;
+constexpr int kReceiveBuffer = 4 * 1024 * 1024;  // bursts of video, as far as the system allows
+
+// The service forgets a viewer after five seconds.
+constexpr milliseconds kRegistrationPeriod{1000};
+// A registration may get lost; until somebody answers, several are sent.
+constexpr milliseconds kKnockPeriod{250};
+// How soon a signal that came at a bad moment is seen.
+constexpr milliseconds kLongestWait{100};
+
+std::string seconds_text(double seconds) {
+  std::array<char, 32> text;
+  std::snprintf(text.data(), text.size(), "%g s", seconds);
+  return text.data();
+}
+
+}  // namespace
+
+Clock::time_point end_after(double seconds) {
+  if (seconds <= 0) return Clock::time_point::max();
+  return Clock::now() +
+         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+std::optional<Frame> decode_frame(std::span<const std::uint8_t> datagram) {
+  if (datagram.size() < kHeaderSize || datagram[0] != kMagic) return std::nullopt;
+  return Frame{datagram[1] == 1, load_le<std::uint32_t>(datagram, kNumberOffset),
+               datagram.subspan(kHeaderSize)};
+}
+
+std::vector<std::uint8_t> encode_frame(std::span<const std::uint8_t> payload) {
+  std::vector<std::uint8_t> frame(kHeaderSize);
+  frame[0] = kMagic;
+  frame.insert(frame.end(), payload.begin(), payload.end());
+  return frame;
+}
+
+ViewerLink::ViewerLink(const Connection& connection)
+    : socket_(connection.host, connection.port), buffer_(kLargestDatagram) {
+  setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
+  first_ = receive_next(end_after(connection.timeout), kKnockPeriod);
+  if (first_ || interrupted()) return;
+  throw tools::Failure("nobody answers at " + connection.host + ":" +
+                       std::to_string(connection.port) + " within " +
+                       seconds_text(connection.timeout) +
+                       "; expected a running service with room for one more viewer");
+}
+
+ViewerLink::~ViewerLink() {
+  try {
+    send(std::array{kLeave});
+  } catch (const tools::Failure&) {
+    // The service will miss this viewer by itself.
+  }
+}
+
+std::optional<Frame> ViewerLink::receive(Clock::time_point until) {
+  if (first_) return std::exchange(first_, std::nullopt);
+  return receive_next(until, kRegistrationPeriod);
+}
+
+void ViewerLink::pause(milliseconds time) {
+  const auto until = Clock::now() + time;
+  while (Clock::now() < until && !interrupted()) receive(until);
+}
+
+void ViewerLink::command(std::string_view text) {
+  constexpr std::size_t kLongest = CommandMailbox::kSize - 1;
+  if (text.size() > kLongest) {
+    throw tools::Failure("a command of " + std::to_string(text.size()) +
+                         " bytes; expected at most " + std::to_string(kLongest));
+  }
+  send({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+}
+
+void ViewerLink::speed(const std::array<std::int16_t, 3>& pan_tilt_roll) {
+  std::array<std::uint8_t, 8> payload{kSpeed, kSpeedMode};
+  for (std::size_t i = 0; i < pan_tilt_roll.size(); ++i) {
+    store_le(payload, 2 + 2 * i, pan_tilt_roll[i]);
+  }
+  send(payload);
+}
+
+void ViewerLink::send(std::span<const std::uint8_t> payload) {
+  const auto frame = encode_frame(payload);
+  // An earlier datagram that was refused fails the send of this one once, and is no reason.
+  if (!socket_.send(frame)) socket_.send(frame);
+}
+
+void ViewerLink::keep_registered(Clock::duration period) {
+  const auto now = Clock::now();
+  if (registered_ && now - *registered_ < period) return;
+  registered_ = now;
+  send(std::array<std::uint8_t, 2>{kRegister, 0});
+}
+
+std::optional<Frame> ViewerLink::receive_next(Clock::time_point until,
+                                              Clock::duration registration_period) {
+  for (;;) {
+    if (interrupted()) return std::nullopt;
+    keep_registered(registration_period);
+    const auto rest = until - Clock::now();
+    const auto wait =
+        std::clamp(std::chrono::ceil<milliseconds>(rest), milliseconds{0}, kLongestWait);
+    if (const auto datagram = socket_.receive(buffer_, wait)) {
+      if (const auto frame = decode_frame(*datagram)) return frame;
+    } else if (rest <= Clock::duration::zero()) {
+      return std::nullopt;
+    }
+  }
+}
+
+}  // namespace nimbus::ctl

@@ -1,0 +1,73 @@
+// The service as a viewer sees it: one UDP socket, registered for as long as it is used.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/common/udp_socket.h"
+
+namespace nimbus::ctl {
+
+using Clock = std::chrono::steady_clock;
+
+/// When so many seconds from now are over; 0 means never.
+[[nodiscard]] Clock::time_point end_after(double seconds);
+
+/// Where the service is, and how long it may take to answer.
+struct Connection {
+  std::string host = "127.0.0.1";
+  std::uint16_t port = 4242;
+  double timeout = 1.2;  ///< seconds; a registered viewer hears something once a second
+};
+
+/// A frame from the service. The payload holds until the next receive.
+struct Frame {
+  bool video;
+  std::uint32_t number;
+  std::span<const std::uint8_t> payload;
+};
+
+/// The header of a frame, and the frame around a payload.
+[[nodiscard]] std::optional<Frame> decode_frame(std::span<const std::uint8_t> datagram);
+[[nodiscard]] std::vector<std::uint8_t> encode_frame(std::span<const std::uint8_t> payload);
+
+/// A registered viewer. Registers again and again while it receives, and leaves at its end.
+class ViewerLink {
+ public:
+  /// Registers and waits for the first frame, which receive() then gives. Throws Failure when none
+  /// comes in time; nothing but registrations has been sent then.
+  explicit ViewerLink(const Connection& connection);
+  ViewerLink(const ViewerLink&) = delete;
+  ViewerLink& operator=(const ViewerLink&) = delete;
+  ~ViewerLink();
+
+  /// The next frame. Nothing when the time is over, or the tool shall end.
+  std::optional<Frame> receive(Clock::time_point until);
+
+  /// Drops what comes, for so long or until the tool shall end.
+  void pause(std::chrono::milliseconds time);
+
+  /// Sends a command. Throws Failure when it does not fit the service's mailbox.
+  void command(std::string_view text);
+
+  /// Sends a speed: 4000 is full speed.
+  void speed(const std::array<std::int16_t, 3>& pan_tilt_roll);
+
+ private:
+  void send(std::span<const std::uint8_t> payload);
+  void keep_registered(Clock::duration period);
+  std::optional<Frame> receive_next(Clock::time_point until, Clock::duration registration_period);
+
+  tools::UdpSocket socket_;
+  std::vector<std::uint8_t> buffer_;
+  std::optional<Frame> first_;
+  std::optional<Clock::time_point> registered_;
+};
+
+}  // namespace nimbus::ctl
