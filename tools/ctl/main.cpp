@@ -75,6 +75,8 @@ class CommandLine {
       : app_("A viewer for the terminal: watches and operates Tervado Nimbus.", "nimbusctl") {
     const std::string version = std::to_string(kVersionMajor) + "." +
                                 std::to_string(kVersionMinor) + "." + std::to_string(kVersionPatch);
+    // Of an option given twice, the last counts: scripts add their own behind those of others.
+    app_.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app_.set_version_flag("--version", "nimbusctl " + version, "Print the version and end");
     app_.set_help_flag("-h,--help", "Print this help and end");
     // At most one, so that the words behind it are never taken for another.
@@ -201,7 +203,7 @@ class CommandLine {
 
   void add_wifi() {
     auto* const wifi = app_.add_subcommand("wifi", "Look for Wi-Fi networks");
-    wifi->require_subcommand(1);
+    wifi->require_subcommand(0, 1);
     wifi->fallthrough();
     wifi->footer(example("wifi scan wlan0"));
     auto* const command = wifi->add_subcommand("scan", "List the networks that an interface hears");
@@ -209,6 +211,7 @@ class CommandLine {
     command->add_option("IFACE", options_.name, "wifi0 or wlan0")->default_str("wlan0");
     command->footer(example("wifi scan wlan0"));
     on(command, [this] { scan_wifi(options_.connection, options_.name); });
+    on(wifi, [] { throw tools::Failure("wifi needs a word; expected scan"); });
   }
 
   void add_send() {

@@ -67,16 +67,19 @@ ViewerLink::ViewerLink(const Connection& connection)
   setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
   first_ = receive_next(end_after(connection.timeout), kKnockPeriod);
   if (first_ || interrupted()) return;
+  leave();  // a late service shall not keep a place for nobody
   throw tools::Failure("nobody answers at " + connection.host + ":" +
                        std::to_string(connection.port) + " within " +
                        seconds_text(connection.timeout) +
                        "; expected a running service with room for one more viewer");
 }
 
-ViewerLink::~ViewerLink() {
+ViewerLink::~ViewerLink() { leave(); }
+
+void ViewerLink::leave() noexcept {
   try {
     send(std::array{kLeave});
-  } catch (const tools::Failure&) {
+  } catch (const std::exception&) {
     // The service will miss this viewer by itself.
   }
 }

@@ -61,6 +61,7 @@ class ViewerLink {
 
  private:
   void send(std::span<const std::uint8_t> payload);
+  void leave() noexcept;
   void keep_registered(Clock::duration period);
   std::optional<Frame> receive_next(Clock::time_point until, Clock::duration registration_period);
 
