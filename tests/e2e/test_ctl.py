@@ -786,3 +786,37 @@ def test_ctrl_c_while_nobody_answers(fake, ctl):
 
 def test_version(ctl):
     assert ctl("--version") == "nimbusctl 0.3.7\n"
+
+
+# --- Completion ----------------------------------------------------------------------------------
+
+COMPLETED = {
+    "": {"watch", "record", "shutdown"},
+    "w": {"watch", "wifi", "wb"},
+    "record ": {"start", "stop"},
+    "gimbal mode f": {"fpv", "follow"},
+    "--host board iso 1": {"100", "1600"},
+    "aspect 16:": {"9"},
+    "resolution 1280x720@2": {"25", "24"},
+    "ev -2": {"-2", "-2.3", "-2.7"},
+    "config set video_b": {"video_bitrate"},
+    "config set --force wifi ap_ssid=x cam_": {"cam_iface=", "cam_ssid=", "cam_psk="},
+    "wifi scan w": {"wifi0", "wlan0"},
+    "watch --s": {"--seconds"},
+    "reboot --y": {"--yes"},
+    "--ver": {"--version"},
+    "shot ": set(),
+    "nonsense ": set(),
+}
+
+
+@pytest.mark.parametrize("typed", COMPLETED)
+def test_completion(typed):
+    file = pathlib.Path(__file__).resolve().parents[2] / "tools" / "ctl" / "nimbusctl.bash"
+    script = (f'. "{file}"; COMP_LINE="nimbusctl $1"; COMP_POINT=${{#COMP_LINE}}; _nimbusctl; '
+              'printf "%s\\n" "${COMPREPLY[@]}"')
+    done = subprocess.run(["bash", "-c", script, "bash", typed], capture_output=True, text=True,
+                          check=True)
+    assert done.stderr == ""
+    found = set(done.stdout.split())
+    assert found >= COMPLETED[typed] if typed == "" else found == COMPLETED[typed]
