@@ -107,15 +107,16 @@ std::optional<std::string> convert_interface(std::string_view text) {
 
 }  // namespace
 
-const Accepts kOnOff{kTranslated<kYesNoWords>.convert, [] { return std::string("on, off"); }};
-const Accepts kFraction{convert_fraction, [] { return std::string("a number from 0 to 1"); }};
-const Accepts kFNumber{convert_f_number,
-                       [] { return std::string("an f-number such as 2.8, up to 327.67"); }};
-const Accepts kEv{convert_ev, expected_ev};
-const Accepts kShutter{convert_shutter, expected_shutter};
-const Accepts kColour{convert_colour, expected_colour};
-const Accepts kRcMap{convert_rc_map, expected_rc_map};
-const Accepts kInterfaceName{convert_interface, [] { return std::string("none, wifi0, wlan0"); }};
+constexpr Accepts kOnOff{kTranslated<kYesNoWords>.convert, [] { return std::string("on, off"); }};
+constexpr Accepts kFraction{convert_fraction, [] { return std::string("a number from 0 to 1"); }};
+constexpr Accepts kFNumber{convert_f_number,
+                           [] { return std::string("an f-number such as 2.8, up to 327.67"); }};
+constexpr Accepts kEv{convert_ev, expected_ev};
+constexpr Accepts kShutter{convert_shutter, expected_shutter};
+constexpr Accepts kColour{convert_colour, expected_colour};
+constexpr Accepts kRcMap{convert_rc_map, expected_rc_map};
+constexpr Accepts kInterfaceName{convert_interface,
+                                 [] { return std::string("none, wifi0, wlan0"); }};
 
 void append_word(std::string& list, std::string_view word) {
   if (!list.empty()) list += ", ";

@@ -173,7 +173,7 @@ const Command& find_command(std::span<const std::string> arguments) {
   const Command* found = nullptr;
   std::string second_words;
   for (const Command& command : kCommands) {
-    if (command.words == "" || first_word(command) != arguments.front()) continue;
+    if (first_word(command) != arguments.front()) continue;
     const auto parts = split(command.words);
     if (parts.size() > 1) append_word(second_words, parts[1]);
     if (!begins_with(arguments, command.words)) continue;

@@ -69,8 +69,8 @@ Value value_of_field(const Shared<Float>& number) {
 }
 template <std::integral Int, std::size_t size>
 Value value_of_field(const std::array<Shared<Int>, size>& numbers) {
-  std::vector<int> values;
-  for (const auto& number : numbers) values.push_back(static_cast<Int>(number));
+  std::vector<int> values(size);
+  for (std::size_t i = 0; i < size; ++i) values[i] = static_cast<Int>(numbers[i]);
   return values;
 }
 template <std::size_t size>
