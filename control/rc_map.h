@@ -37,6 +37,7 @@ enum class RcFunction : std::uint8_t {
   none = 255,  ///< the channel drives nothing
 };
 
+/// The words of the configuration for them.
 inline constexpr std::array<Word<RcFunction>, 22> kRcFunctionWords{{
     {"pan", RcFunction::pan},
     {"tilt", RcFunction::tilt},

@@ -1,0 +1,98 @@
+// The commands of the service by their names.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "camera/codes.h"
+#include "tools/sim/frame.h"
+
+namespace nimbus::sim {
+
+enum class CommandKind : std::uint8_t {
+  gimbal_speed,
+  gimbal_position,
+  gimbal_mode,
+  gimbal_tilt_lock,
+  gimbal_follow_speed,
+  gimbal_calibrate,
+  shot,
+  record,
+  camera_mode,
+  aspect_ratio,
+  photo_format,
+  video_format,
+  exposure_mode,
+  exposure_center,
+  focus_type,
+  aperture,
+  shutter,
+  iso,
+  white_balance,
+  ev,
+  focus_point,
+  exposure_point,
+  colour,
+  anti_flicker,
+  histogram,
+  ae_lock,
+  format_card,
+  reset,
+  tracking,
+};
+
+/// One command of the service's protocol.
+struct CommandName {
+  CommandKind kind;
+  std::uint8_t receiver;
+  std::uint8_t set;
+  std::uint8_t id;
+  std::uint8_t payload_size;
+  /// Some commands share an id: their payload's byte `at` tells them apart. Anything but `any`
+  /// must stand there.
+  std::uint8_t at;
+  int byte;
+  std::string_view name;
+  std::string (*arguments)(Bytes payload);  ///< in words; null: it has none
+
+  static constexpr int any = -1;
+};
+
+/// The command that a frame is, or null. Receiver, command set, id and size of the payload must
+/// all be right.
+[[nodiscard]] const CommandName* find_command(const Frame& frame);
+
+/// "NAME: ARGUMENTS", or "NAME" alone.
+[[nodiscard]] std::string describe(const CommandName& command, Bytes payload);
+
+// --- Codes ---------------------------------------------------------------------------------------
+// Those that only commands carry; the others stand in camera/codes.h.
+
+inline constexpr std::array<Code<std::string_view>, 2> kGimbalModes{{{"fpv", 1}, {"follow", 2}}};
+inline constexpr std::array<Code<std::string_view>, 2> kGimbalPositions{{
+    {"center", 0x08},
+    {"next", 0x09},
+}};
+inline constexpr std::array<Code<std::string_view>, 2> kFollowSpeeds{{{"fast", 0}, {"slow", 2}}};
+inline constexpr std::array<Code<std::string_view>, 2> kAspectRatios{{{"4:3", 0}, {"16:9", 1}}};
+inline constexpr std::array<Code<std::string_view>, 2> kFocusTypes{{{"afs", 1}, {"afc", 2}}};
+inline constexpr std::array<Code<std::string_view>, 3> kAntiFlickers{{
+    {"off", 0},
+    {"50 Hz", 1},
+    {"60 Hz", 2},
+}};
+
+/// The row of that code, or null. The table is any range of Code.
+template <typename Table>
+[[nodiscard]] constexpr auto find_code(const Table& table, unsigned code) {
+  const auto found = std::find_if(std::begin(table), std::end(table),
+                                  [code](const auto& row) { return row.code == code; });
+  return found == std::end(table) ? nullptr : &*found;
+}
+
+/// Whether the camera knows that shutter time.
+[[nodiscard]] bool is_shutter_code(const ShutterCode& code);
+
+}  // namespace nimbus::sim

@@ -1,0 +1,49 @@
+#include "tools/sim/frame.h"
+
+#include <cstddef>
+
+#include "camera/duml.h"
+#include "tools/sim/text.h"
+
+namespace nimbus::sim {
+
+std::string hexadecimal(Bytes bytes) {
+  std::string text;
+  for (const std::uint8_t byte : bytes) {
+    text += format_text(text.empty() ? "%02x" : " %02x", unsigned{byte});
+  }
+  return text;
+}
+
+std::variant<Frame, std::string> check_frame(Bytes datagram) {
+  if (datagram.size() < kDumlOverhead) {
+    return format_text("%zu bytes, expected at least %zu", datagram.size(), kDumlOverhead);
+  }
+  if (datagram[0] != kDumlStart) {
+    return format_text("starts with %02x, expected %02x", unsigned{datagram[0]},
+                       unsigned{kDumlStart});
+  }
+  constexpr unsigned kLengthBits = 0x3FF;
+  const std::size_t length = load_le<std::uint16_t>(datagram, 1) & kLengthBits;
+  if (length != datagram.size()) {
+    return format_text("says that it has %zu bytes, but has %zu", length, datagram.size());
+  }
+  const std::uint8_t crc8 = duml_crc8(datagram.first(3));
+  if (datagram[3] != crc8) {
+    return format_text("header check %02x, expected %02x", unsigned{datagram[3]}, unsigned{crc8});
+  }
+  const std::size_t checked = length - 2;
+  const std::uint16_t crc16 = duml_crc16(datagram.first(checked));
+  if (const auto found = load_le<std::uint16_t>(datagram, checked); found != crc16) {
+    return format_text("frame check %04x, expected %04x", unsigned{found}, unsigned{crc16});
+  }
+  return Frame{.sender = datagram[4],
+               .receiver = datagram[5],
+               .sequence = load_le<std::uint16_t>(datagram, kDumlSequenceOffset),
+               .type = datagram[8],
+               .set = datagram[9],
+               .id = datagram[10],
+               .payload = datagram.subspan(kDumlHeaderSize, length - kDumlOverhead)};
+}
+
+}  // namespace nimbus::sim

@@ -1,0 +1,177 @@
+// nimbus-sim: a simulated camera with its bridge and an RC receiver.
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+
+#include "app/version.h"
+#include "net/udp_link.h"
+#include "tools/common/failure.h"
+#include "tools/sim/console.h"
+#include "tools/sim/numbers.h"
+#include "tools/sim/simulator.h"
+#include "tools/sim/text.h"
+
+namespace nimbus::sim {
+namespace {
+
+constexpr const char* kExamples = R"(Examples:
+  nimbus-sim --verbose
+      reports of a camera at rest; shows every command that the service sends
+  nimbus-sim --video flight.h264 --fps 30
+      the same with a video, over and over again
+  ffmpeg -re -f lavfi -i testsrc2=size=640x360:rate=25 -c:v libx264 -tune zerolatency \
+      -f h264 - | nimbus-sim --video -
+      a live test pattern
+  nimbus-sim --rc sticks.rc --seconds 30
+      plays an RC receiver for half a minute
+  nimbus-sim --faults drop=0.05,corrupt=0.02 --seed 7
+      a bad link between camera and service
+
+nimbus-sim(1) describes RC scripts.)";
+
+std::string one_line(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return text;
+}
+
+/// A number above zero, or the text of what is wrong.
+double positive(const std::string& option, const std::string& text) {
+  const auto value = parse_real(text);
+  if (!value || *value <= 0) {
+    throw tools::Failure(option + " '" + text + "'; expected a number above 0");
+  }
+  return *value;
+}
+
+/// The options as they are typed.
+struct Arguments {
+  std::string seconds;
+  std::string datagram;
+  std::string fps;
+  std::string bitrate;
+  std::string faults;
+  std::string seed;
+  std::string lose_subject;
+  bool once = false;
+  bool no_reports = false;
+};
+
+std::uint64_t whole(const std::string& option, const std::string& text, unsigned lowest,
+                    unsigned highest) {
+  const auto value = parse_whole(text, lowest, highest);
+  if (!value) {
+    throw tools::Failure(option + " '" + text +
+                         format_text("'; expected a whole number from %u to %u", lowest, highest));
+  }
+  return *value;
+}
+
+void take_arguments(const Arguments& arguments, Options& options) {
+  if (!arguments.seconds.empty()) options.seconds = positive("--seconds", arguments.seconds);
+  if (!arguments.datagram.empty()) {
+    options.datagram = whole("--datagram", arguments.datagram, 1, kMaxDatagram);
+  }
+  if (!arguments.fps.empty()) options.pace = FramesPerSecond{positive("--fps", arguments.fps)};
+  if (!arguments.bitrate.empty()) {
+    options.pace = BitsPerSecond{positive("--bitrate", arguments.bitrate)};
+  }
+  if (!arguments.seed.empty()) options.seed = whole("--seed", arguments.seed, 0, UINT32_MAX);
+  if (!arguments.lose_subject.empty()) {
+    options.lose_subject = positive("--lose-subject", arguments.lose_subject);
+  }
+  if (!arguments.faults.empty()) {
+    try {
+      options.faults = parse_fault_rates(arguments.faults);
+    } catch (const tools::Failure& failure) {
+      throw tools::Failure(std::string("--faults: ") + failure.what());
+    }
+  }
+  options.loops = !arguments.once;
+  options.reports = !arguments.no_reports;
+}
+
+void declare(CLI::App& app, Options& options, Arguments& arguments) {
+  app.add_option("--host", options.host, "where the service runs (default: 127.0.0.1)")
+      ->type_name("HOST");
+  app.add_option("--seconds", arguments.seconds, "end after so long (default: at Ctrl-C)")
+      ->type_name("N");
+  app.add_flag(
+      "-v,--verbose", options.verbose,
+      "show every frame that the service sends; equal speeds only once, unless given twice");
+  app.add_flag("--no-reports", arguments.no_reports,
+               "send no reports, only what tells the service where the camera is");
+  app.add_option("--lose-subject", arguments.lose_subject,
+                 "lose a tracked subject after so many seconds (default: never)")
+      ->type_name("N");
+
+  auto* const video = app.add_option("--video", options.video,
+                                     "send this H.264 byte stream; - is standard input, sent as it "
+                                     "comes")
+                          ->type_name("FILE")
+                          ->group("Video");
+  app.add_option("--datagram", arguments.datagram, "cut it into so many bytes (default: 1400)")
+      ->type_name("BYTES")
+      ->needs(video)
+      ->group("Video");
+  auto* const fps = app.add_option("--fps", arguments.fps,
+                                   "send so many pictures of a file a second (default: 25)")
+                        ->type_name("N")
+                        ->needs(video)
+                        ->group("Video");
+  app.add_option("--bitrate", arguments.bitrate, "send so many bits of a file a second instead")
+      ->type_name("N")
+      ->needs(video)
+      ->excludes(fps)
+      ->group("Video");
+  app.add_flag("--once", arguments.once, "end with the file instead of sending it again")
+      ->needs(video)
+      ->group("Video");
+
+  app.add_option("--rc", options.rc, "play an RC receiver by this script")
+      ->type_name("SCRIPT")
+      ->group("Receiver");
+
+  auto* const faults =
+      app.add_option("--faults", arguments.faults,
+                     "damage reports: drop=RATE,corrupt=RATE,truncate=RATE,repeat=RATE, each from "
+                     "0 to 1")
+          ->type_name("LIST")
+          ->group("Faults");
+  app.add_option("--seed", arguments.seed, "the same seed brings the same faults (default: 1)")
+      ->type_name("N")
+      ->needs(faults)
+      ->group("Faults");
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("A simulated camera with its bridge, and an RC receiver, for the service.",
+               "nimbus-sim");
+  Options options;
+  Arguments arguments;
+  declare(app, options, arguments);
+  app.set_version_flag(
+      "--version", format_text("nimbus-sim %d.%d.%d", kVersionMajor, kVersionMinor, kVersionPatch));
+  app.footer(kExamples);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& success) {
+    return app.exit(success);
+  } catch (const CLI::ParseError& error) {
+    complain(one_line(error.what()) + "; nimbus-sim --help shows what is expected");
+    return EXIT_FAILURE;
+  }
+  take_arguments(arguments, options);
+  Simulator(options).run();
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+}  // namespace nimbus::sim
+
+int main(int argc, char** argv) {
+  try {
+    return nimbus::sim::run(argc, argv);
+  } catch (const std::exception& failure) {
+    nimbus::sim::complain(failure.what());
+    return EXIT_FAILURE;
+  }
+}

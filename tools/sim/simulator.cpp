@@ -1,0 +1,288 @@
+#include "tools/sim/simulator.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "tools/common/failure.h"
+#include "tools/sim/rc_reader.h"
+#include "tools/sim/text.h"
+
+namespace nimbus::sim {
+namespace {
+
+constexpr std::uint16_t kDataPort = 5000;
+constexpr std::uint16_t kVideoPort = 5001;
+
+/// Milliseconds between two steps at the most.
+constexpr int kStep = 5;
+
+constexpr std::string_view kStandardInput = "-";
+
+RcScript read_script(const std::string& path) {
+  const auto content = read_file(path);
+  return parse_rc_script({reinterpret_cast<const char*>(content.data()), content.size()}, path);
+}
+
+bool any(const FaultRates& rates) {
+  return rates.drop > 0 || rates.corrupt > 0 || rates.truncate > 0 || rates.repeat > 0;
+}
+
+}  // namespace
+
+Simulator::Simulator(const Options& options)
+    : options_(options),
+      data_(options.host, kDataPort),
+      video_(options.host, kVideoPort),
+      camera_(options.lose_subject) {
+  if (!options.video.empty() && options.video != kStandardInput) {
+    file_.emplace(options.video, options.datagram, options.pace, options.loops);
+  }
+  if (!options.rc.empty()) {
+    player_.emplace(read_script(options.rc));
+    display_ = map_display_region();
+    if (display_ == nullptr) {
+      throw tools::Failure("no shared region for the receiver; expected one that can be written");
+    }
+  }
+  if (any(options.faults)) faults_.emplace(options.faults, options.seed);
+  for (const Report& report : reports()) due_.push_back(report.start_ms / 1000.0);
+}
+
+double Simulator::now() const {
+  return std::chrono::duration<double>(Clock::now() - start_).count();
+}
+
+bool Simulator::over() const {
+  return StopSignals::caught() || console_.closed() || input_ended_ || (file_ && file_->ended()) ||
+         (options_.seconds > 0 && at_ >= options_.seconds);
+}
+
+void Simulator::run() {
+  start_ = Clock::now();
+  while (!over()) {
+    step();
+    wait();
+  }
+  end();
+}
+
+void Simulator::step() {
+  const double before = at_;
+  at_ = now();
+  camera_.tick(at_ - before);
+  play_receiver();
+  send_reports();
+  send_video_file();
+}
+
+void Simulator::wait() {
+  // Nothing is asked of standard output but whether somebody still reads it.
+  std::array<pollfd, 5> events{{
+      {signals_.fd(), POLLIN, 0},
+      {data_.fd(), POLLIN, 0},
+      {video_.fd(), 0, 0},
+      {STDOUT_FILENO, 0, 0},
+      {options_.video == kStandardInput ? STDIN_FILENO : -1, POLLIN, 0},
+  }};
+  if (poll(events.data(), events.size(), kStep) <= 0) return;
+  const auto& [signal, data, video, output, input] = events;
+  look_for_refusal(data.revents, data.fd);
+  look_for_refusal(video.revents, video.fd);
+  if ((data.revents & POLLIN) != 0) take_frames();
+  if ((output.revents & POLLERR) != 0) console_.close();
+  if (input.revents != 0) send_standard_input();
+}
+
+void Simulator::end() {
+  show_repeated_speeds();
+  if (display_ != nullptr) {
+    // Sticks that nobody holds any more must not steer.
+    receiver_.state = 0;
+    write_receiver(receiver_, *display_);
+  }
+  std::string text =
+      format_text("%llu frames received, %llu bad, %llu bytes of video sent",
+                  static_cast<unsigned long long>(frames_), static_cast<unsigned long long>(bad_),
+                  static_cast<unsigned long long>(video_bytes_));
+  if (faults_) {
+    const Faults::Counts& counts = faults_->counts();
+    text += format_text("; reports: %llu dropped, %llu corrupted, %llu truncated, %llu repeated",
+                        static_cast<unsigned long long>(counts.dropped),
+                        static_cast<unsigned long long>(counts.corrupted),
+                        static_cast<unsigned long long>(counts.truncated),
+                        static_cast<unsigned long long>(counts.repeated));
+  }
+  console_.line(text);
+}
+
+// --- What the camera sends -----------------------------------------------------------------------
+
+void Simulator::send_reports() {
+  if (!options_.reports) {
+    send_sign_of_life();
+    return;
+  }
+  for (std::size_t n = 0; n < due_.size(); ++n) {
+    if (due_[n] > at_) continue;
+    const Report& report = reports()[n];
+    const double interval = report.interval_ms / 1000.0;
+    due_[n] += interval;
+    // After a stop of the whole process, only the present counts.
+    if (due_[n] < at_ - 1) due_[n] = at_ + interval;
+    if (report.due == nullptr || report.due(camera_)) {
+      send_frame(encoder_.encode(report, camera_));
+    }
+  }
+}
+
+void Simulator::send_frame(std::vector<std::uint8_t> frame) {
+  std::vector<std::vector<std::uint8_t>> datagrams;
+  if (faults_) {
+    datagrams = faults_->strike(std::move(frame));
+  } else {
+    datagrams.push_back(std::move(frame));
+  }
+  for (auto& datagram : datagrams) {
+    // The service takes a frame only with something behind it.
+    datagram.push_back(0);
+    if (!data_.send(datagram)) refused();
+  }
+}
+
+/// The service learns from whoever sends to it where the camera is.
+void Simulator::send_sign_of_life() {
+  constexpr double kInterval = 0.5;
+  if (life_due_ > at_) return;
+  life_due_ = at_ + kInterval;
+  constexpr std::array<std::uint8_t, 1> kLife{0};
+  if (!data_.send(kLife)) refused();
+}
+
+void Simulator::send_video_file() {
+  if (!file_) return;
+  // A step sends no more than a socket holds; what is late goes with the next one.
+  constexpr int kAtOnce = 256;
+  for (int n = 0; n < kAtOnce; ++n) {
+    const auto datagram = file_->next(at_);
+    if (!datagram) return;
+    send_video(*datagram);
+  }
+}
+
+void Simulator::send_standard_input() {
+  std::vector<std::uint8_t> datagram(options_.datagram);
+  const ssize_t size = read(STDIN_FILENO, datagram.data(), datagram.size());
+  if (size > 0) {
+    send_video(Bytes(datagram).first(static_cast<std::size_t>(size)));
+  } else if (size == 0) {
+    input_ended_ = true;
+  } else if (errno != EINTR && errno != EAGAIN) {
+    throw tools::Failure(std::string("cannot read standard input: ") + std::strerror(errno));
+  }
+}
+
+void Simulator::send_video(Bytes datagram) {
+  if (video_.send(datagram)) {
+    video_bytes_ += datagram.size();
+  } else {
+    refused();
+  }
+}
+
+void Simulator::refused() {
+  constexpr double kAgain = 2;
+  const bool said = refused_at_ && at_ - *refused_at_ < kAgain;
+  refused_at_ = at_;
+  if (!said) {
+    complain("no service listens on " + options_.host + ", UDP 5000 and 5001; waiting for it");
+  }
+}
+
+void Simulator::look_for_refusal(short events, int socket) {
+  if ((events & POLLERR) == 0) return;
+  int error = 0;
+  socklen_t size = sizeof error;
+  getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size);
+  if (error == ECONNREFUSED) refused();
+}
+
+// --- What the camera is sent ---------------------------------------------------------------------
+
+void Simulator::take_frames() {
+  constexpr int kAtOnce = 256;
+  std::array<std::uint8_t, 2048> buffer;
+  for (int n = 0; n < kAtOnce; ++n) {
+    const auto datagram = data_.receive(buffer, std::chrono::milliseconds(0));
+    if (!datagram) return;
+    take(*datagram);
+  }
+}
+
+void Simulator::take(Bytes datagram) {
+  ++frames_;
+  const auto checked = check_frame(datagram);
+  if (const auto* const why = std::get_if<std::string>(&checked)) {
+    take_bad(*why, datagram);
+    return;
+  }
+  const Frame& frame = std::get<Frame>(checked);
+  const CommandName* const command = find_command(frame);
+  if (command == nullptr) {
+    take_bad(format_text("no command has receiver %u, set %u, id %02x and %zu bytes",
+                         unsigned{frame.receiver}, unsigned{frame.set}, unsigned{frame.id},
+                         frame.payload.size()),
+             datagram);
+    return;
+  }
+  const std::string_view ignored = camera_.apply(*command, frame.payload);
+  if (options_.verbose > 0) show(frame, *command, ignored);
+}
+
+void Simulator::take_bad(const std::string& why, Bytes datagram) {
+  ++bad_;
+  if (options_.verbose > 0) say("bad frame: " + why + ": " + hexadecimal(datagram));
+}
+
+void Simulator::show(const Frame& frame, const CommandName& command, std::string_view ignored) {
+  if (command.kind == CommandKind::gimbal_speed && options_.verbose == 1) {
+    if (std::equal(frame.payload.begin(), frame.payload.end(), last_speed_.begin(),
+                   last_speed_.end())) {
+      ++repeated_speeds_;
+      return;
+    }
+    show_repeated_speeds();
+    last_speed_.assign(frame.payload.begin(), frame.payload.end());
+  } else {
+    show_repeated_speeds();
+  }
+  std::string text = format_text("#%u ", unsigned{frame.sequence});
+  text += describe(command, frame.payload);
+  if (!ignored.empty()) text += " (ignored: " + std::string(ignored) + ")";
+  say(text);
+}
+
+void Simulator::show_repeated_speeds() {
+  if (repeated_speeds_ > 0) {
+    say(format_text("gimbal speed: the same %llu more times",
+                    static_cast<unsigned long long>(repeated_speeds_)));
+  }
+  repeated_speeds_ = 0;
+}
+
+void Simulator::say(const std::string& text) { console_.line(format_text("%8.3f ", at_) + text); }
+
+// --- The receiver --------------------------------------------------------------------------------
+
+void Simulator::play_receiver() {
+  if (display_ == nullptr) return;
+  player_->play(at_, receiver_);
+  write_receiver(receiver_, *display_);
+}
+
+}  // namespace nimbus::sim

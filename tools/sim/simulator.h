@@ -1,0 +1,101 @@
+// The simulated camera on its sockets.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/display_region.h"
+#include "tools/common/udp_socket.h"
+#include "tools/sim/camera_model.h"
+#include "tools/sim/console.h"
+#include "tools/sim/faults.h"
+#include "tools/sim/rc_script.h"
+#include "tools/sim/reports.h"
+#include "tools/sim/video.h"
+
+namespace nimbus::sim {
+
+struct Options {
+  std::string host = "127.0.0.1";
+  double seconds = 0;  ///< 0: no end
+  bool reports = true;
+  std::string video;            ///< empty: none; "-": standard input
+  std::size_t datagram = 1400;  ///< bytes
+  Pace pace = FramesPerSecond{25};
+  bool loops = true;
+  std::string rc;  ///< empty: no receiver
+  FaultRates faults;
+  std::uint64_t seed = 1;
+  double lose_subject = 0;  ///< seconds; 0: never
+  int verbose = 0;          ///< 1: equal speed frames once, 2: every frame
+};
+
+/// Sends reports and video, takes commands, and plays a receiver until it is told to end.
+class Simulator {
+ public:
+  /// Opens everything. Throws Failure.
+  explicit Simulator(const Options& options);
+
+  /// Returns after the summary. Throws Failure when the network cannot take what is sent.
+  void run();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  [[nodiscard]] double now() const;
+  void step();
+  void wait();
+  [[nodiscard]] bool over() const;
+
+  void send_reports();
+  void send_frame(std::vector<std::uint8_t> frame);
+  void send_sign_of_life();
+  void send_video_file();
+  void send_standard_input();
+  void send_video(Bytes datagram);
+  void refused();
+  void look_for_refusal(short events, int socket);
+
+  void take_frames();
+  void take(Bytes datagram);
+  void take_bad(const std::string& why, Bytes datagram);
+  void show(const Frame& frame, const CommandName& command, std::string_view ignored);
+  void show_repeated_speeds();
+  void say(const std::string& text);
+  void play_receiver();
+  void end();
+
+  Options options_;
+  StopSignals signals_;
+  Console console_;
+  tools::UdpSocket data_;
+  tools::UdpSocket video_;
+  std::optional<VideoFile> file_;
+  std::optional<RcPlayer> player_;
+  RcReceiver receiver_;
+  DisplayRegion* display_ = nullptr;  // null: no receiver is played
+
+  CameraModel camera_;
+  ReportEncoder encoder_;
+  std::optional<Faults> faults_;
+  std::vector<double> due_;  // seconds, by report
+  double life_due_ = 0;      // seconds
+
+  Clock::time_point start_;
+  double at_ = 0;  // seconds of this step
+  bool input_ended_ = false;
+  std::optional<double> refused_at_;  // seconds
+
+  std::vector<std::uint8_t> last_speed_;
+  std::uint64_t repeated_speeds_ = 0;
+
+  std::uint64_t frames_ = 0;
+  std::uint64_t bad_ = 0;
+  std::uint64_t video_bytes_ = 0;
+};
+
+}  // namespace nimbus::sim
