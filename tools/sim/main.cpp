@@ -1,6 +1,10 @@
 // nimbus-sim: a simulated camera with its bridge and an RC receiver.
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
+#include <exception>
+#include <string>
 
 #include "app/version.h"
 #include "net/udp_link.h"
@@ -33,11 +37,22 @@ std::string one_line(std::string text) {
   return text;
 }
 
-/// A number above zero, or the text of what is wrong.
+// The library's own checks take "nan" for a number and say less of what is expected.
+
 double positive(const std::string& option, const std::string& text) {
   const auto value = parse_real(text);
   if (!value || *value <= 0) {
     throw tools::Failure(option + " '" + text + "'; expected a number above 0");
+  }
+  return *value;
+}
+
+std::uint64_t whole(const std::string& option, const std::string& text, unsigned lowest,
+                    unsigned highest) {
+  const auto value = parse_whole(text, lowest, highest);
+  if (!value) {
+    throw tools::Failure(option + " '" + text +
+                         format_text("'; expected a whole number from %u to %u", lowest, highest));
   }
   return *value;
 }
@@ -54,16 +69,6 @@ struct Arguments {
   bool once = false;
   bool no_reports = false;
 };
-
-std::uint64_t whole(const std::string& option, const std::string& text, unsigned lowest,
-                    unsigned highest) {
-  const auto value = parse_whole(text, lowest, highest);
-  if (!value) {
-    throw tools::Failure(option + " '" + text +
-                         format_text("'; expected a whole number from %u to %u", lowest, highest));
-  }
-  return *value;
-}
 
 void take_arguments(const Arguments& arguments, Options& options) {
   if (!arguments.seconds.empty()) options.seconds = positive("--seconds", arguments.seconds);

@@ -258,8 +258,6 @@ void Simulator::show(const Frame& frame, const CommandName& command, std::string
     }
     show_repeated_speeds();
     last_speed_.assign(frame.payload.begin(), frame.payload.end());
-  } else {
-    show_repeated_speeds();
   }
   std::string text = format_text("#%u ", unsigned{frame.sequence});
   text += describe(command, frame.payload);
@@ -269,7 +267,7 @@ void Simulator::show(const Frame& frame, const CommandName& command, std::string
 
 void Simulator::show_repeated_speeds() {
   if (repeated_speeds_ > 0) {
-    say(format_text("gimbal speed: the same %llu more times",
+    say(format_text("gimbal speed: the last one %llu more times",
                     static_cast<unsigned long long>(repeated_speeds_)));
   }
   repeated_speeds_ = 0;
