@@ -1,5 +1,6 @@
 #include "tools/sim/console.h"
 
+#include <fcntl.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -39,6 +40,14 @@ void Console::line(const std::string& text) {
       closed_ = true;
     }
   }
+}
+
+void open_standard_streams() {
+  int fd = -1;
+  do {
+    fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) close(fd);
 }
 
 void complain(const std::string& text) {

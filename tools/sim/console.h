@@ -1,6 +1,7 @@
 // The simulator's standard streams and the signals that end it.
 #pragma once
 
+#include <exception>
 #include <string>
 
 #include "base/unique_fd.h"
@@ -19,6 +20,13 @@ class Console {
  private:
   bool closed_ = false;
 };
+
+/// A problem that stands on standard error already.
+struct AlreadySaid : std::exception {};
+
+/// Opens what is closed of the standard streams on /dev/null, lest something else takes their
+/// numbers.
+void open_standard_streams();
 
 /// Says a problem on standard error, behind the simulator's name.
 void complain(const std::string& text);

@@ -173,8 +173,11 @@ int run(int argc, char** argv) {
 }  // namespace nimbus::sim
 
 int main(int argc, char** argv) {
+  nimbus::sim::open_standard_streams();
   try {
     return nimbus::sim::run(argc, argv);
+  } catch (const nimbus::sim::AlreadySaid&) {
+    return EXIT_FAILURE;
   } catch (const std::exception& failure) {
     nimbus::sim::complain(failure.what());
     return EXIT_FAILURE;

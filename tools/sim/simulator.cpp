@@ -46,9 +46,7 @@ Simulator::Simulator(const Options& options)
   if (!options.rc.empty()) {
     player_.emplace(read_script(options.rc));
     display_ = map_display_region();
-    if (display_ == nullptr) {
-      throw tools::Failure("no shared region for the receiver; expected one that can be written");
-    }
+    if (display_ == nullptr) throw AlreadySaid();
   }
   if (any(options.faults)) faults_.emplace(options.faults, options.seed);
   for (const Report& report : reports()) due_.push_back(report.start_ms / 1000.0);

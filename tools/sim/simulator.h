@@ -37,7 +37,7 @@ struct Options {
 /// Sends reports and video, takes commands, and plays a receiver until it is told to end.
 class Simulator {
  public:
-  /// Opens everything. Throws Failure.
+  /// Opens everything. Throws Failure or AlreadySaid.
   explicit Simulator(const Options& options);
 
   /// Returns after the summary. Throws Failure when the network cannot take what is sent.
