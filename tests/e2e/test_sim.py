@@ -1,5 +1,5 @@
-"""The simulated camera: a service beside it sees a camera, a bridge and a receiver, and it sees every
-command of the service."""
+"""The simulated camera: a service beside it sees a camera, a bridge and a receiver, and it sees
+every command of the service."""
 
 import json
 import os
@@ -29,8 +29,9 @@ class Simulator:
     """One run of the simulated camera."""
 
     def __init__(self, binary, arguments, **popen):
-        streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
-        self.process = subprocess.Popen([binary, *map(str, arguments)], **{**streams, **popen})
+        streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
+                   "stderr": subprocess.PIPE, **popen}
+        self.process = subprocess.Popen([binary, *map(str, arguments)], **streams)
         if self.process.stdout:
             self.out = nimbus.Console(self.process.stdout)
         self.err = nimbus.Console(self.process.stderr)
@@ -149,8 +150,8 @@ COMMANDS = [
      {"byte_631": 1}),
     (("gimbal", "mode", "fpv"), ["gimbal mode: fpv", "gimbal tilt lock: off"], {"byte_631": 0}),
     (("gimbal", "mode", "follow"), ["gimbal mode: follow", "gimbal tilt lock: off"], {}),
-    (("gimbal", "follow", "slow"), ["gimbal follow speed: slow"], {}),
-    (("gimbal", "follow", "fast"), ["gimbal follow speed: fast"], {}),
+    (("gimbal", "follow", "slow"), ["gimbal follow: slow"], {}),
+    (("gimbal", "follow", "fast"), ["gimbal follow: fast"], {}),
     (("color", "d-log"), ["colour: d-log", "colour: d-log"],
      {"colour": 23, "colour_text": "d-log"}),
     (("wb", "custom", "5600"), ["white balance: custom, 5600 K"],
@@ -594,8 +595,8 @@ def test_region_too_short(sim, region, tmp_path):
     region.create(b"short")
     one = sim("--rc", tmp_path / "script")
     assert one.wait_end() == 1
-    assert one.err.text() == ("Cannot map shared memory /hud_mem: it has 5 bytes, expected at least "
-                              "2672\n")
+    assert one.err.text() == (
+        "Cannot map shared memory /hud_mem: it has 5 bytes, expected at least 2672\n")
 
 
 def test_help_and_manual(sim):

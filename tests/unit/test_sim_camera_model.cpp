@@ -124,7 +124,7 @@ TEST_F(Camera, CommandsInWords) {
            Row{kGimbal, 0x4C, {0xFE, 0x09}, "gimbal position: next"},
            Row{kGimbal, 0x4C, {0x01, 0x00}, "gimbal mode: fpv"},
            Row{kGimbal, 0x50, {0, 4, 1, 1}, "gimbal tilt lock: on"},
-           Row{kGimbal, 0x50, {0, 5, 1, 2}, "gimbal follow speed: slow"},
+           Row{kGimbal, 0x50, {0, 5, 1, 2}, "gimbal follow: slow"},
            Row{kGimbal, 0x07, {0}, "gimbal calibration: step 1"},
            Row{kCamera, 0x01, {1}, "shot"},
            Row{kCamera, 0x02, {1}, "record: start"},

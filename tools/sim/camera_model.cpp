@@ -87,7 +87,7 @@ std::string_view CameraModel::apply(const CommandName& command, Bytes payload) {
     case Kind::gimbal_tilt_lock:
       tilt_locked_ = payload[3] != 0;
       return {};
-    case Kind::gimbal_follow_speed:
+    case Kind::gimbal_follow:
       return find_code(kFollowSpeeds, payload[3]) == nullptr ? kUnknownCode : std::string_view{};
     case Kind::gimbal_calibrate:
       gimbal_.center();
@@ -101,7 +101,8 @@ std::string_view CameraModel::apply(const CommandName& command, Bytes payload) {
     case Kind::aspect_ratio:    return take(kAspectRatios, payload[1], settings_.aspect_ratio);
     case Kind::photo_format:    return take(kPhotoFormatNames, payload[0], settings_.photo_format);
     case Kind::video_format:    return take_video_format(payload, settings_);
-    case Kind::exposure_mode:   return take(kExposureModeNames, payload[0], settings_.exposure_mode);
+    case Kind::exposure_mode:
+      return take(kExposureModeNames, payload[0], settings_.exposure_mode);
     case Kind::exposure_center: settings_.exposure_point = 0; return {};
     case Kind::focus_type:      return take(kFocusTypes, payload[0], settings_.focus_type);
     case Kind::aperture:        return take_aperture(payload, settings_.aperture);

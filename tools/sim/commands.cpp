@@ -94,45 +94,44 @@ std::string tracking(Bytes payload) {
 
 // --- The table -----------------------------------------------------------------------------------
 
-constexpr std::uint8_t kPosition = 0xFE;
 constexpr int any = CommandName::any;
 using Kind = CommandKind;
 
 constexpr std::array<CommandName, 32> kCommands{{
     // clang-format off
-    //                     receiver, set,  id, size, byte to tell it by
-    {Kind::gimbal_speed,          4, 4, 0x0C,  7, 0, any,       "gimbal speed", speed},
-    {Kind::gimbal_position,       4, 4, 0x4C,  2, 0, kPosition, "gimbal position", word<kGimbalPositions, 1>},
-    {Kind::gimbal_mode,           4, 4, 0x4C,  2, 0, any,       "gimbal mode", word<kGimbalModes>},
-    {Kind::gimbal_tilt_lock,      4, 4, 0x50,  4, 1, 4,         "gimbal tilt lock", on_or_off},
-    {Kind::gimbal_follow_speed,   4, 4, 0x50,  4, 1, 5,         "gimbal follow speed", word<kFollowSpeeds, 3>},
-    {Kind::gimbal_calibrate,      4, 4, 0x07,  1, 0, any,       "gimbal calibration", step_1},
-    {Kind::gimbal_calibrate,      4, 4, 0x01,  8, 0, any,       "gimbal calibration", step_2},
-    {Kind::gimbal_calibrate,      4, 4, 0x08,  0, 0, any,       "gimbal calibration", step_3},
-    {Kind::shot,                  1, 2, 0x01,  1, 0, any,       "shot", nullptr},
-    {Kind::record,                1, 2, 0x02,  1, 0, any,       "record", start_or_stop},
-    {Kind::camera_mode,           1, 2, 0x10,  1, 0, any,       "camera mode", word<kCameraModeNames>},
-    {Kind::aspect_ratio,          1, 2, 0x12,  2, 0, any,       "aspect ratio", word<kAspectRatios, 1>},
-    {Kind::photo_format,          1, 2, 0x16,  1, 0, any,       "photo format", word<kPhotoFormatNames>},
-    {Kind::video_format,          1, 2, 0x18,  5, 0, any,       "video format", video_format},
-    {Kind::exposure_mode,         1, 2, 0x1E,  2, 0, any,       "exposure mode", word<kExposureModeNames>},
-    {Kind::exposure_center,       1, 2, 0x22,  1, 0, any,       "exposure at the center", nullptr},
-    {Kind::focus_type,            1, 2, 0x24,  1, 0, any,       "focus type", word<kFocusTypes>},
-    {Kind::aperture,              1, 2, 0x26,  2, 0, any,       "aperture", f_number},
-    {Kind::shutter,               1, 2, 0x28,  4, 0, any,       "shutter", shutter},
-    {Kind::iso,                   1, 2, 0x2A,  1, 0, any,       "ISO", iso},
-    {Kind::white_balance,         1, 2, 0x2C,  2, 0, any,       "white balance", white_balance},
-    {Kind::ev,                    1, 2, 0x2E,  1, 0, any,       "EV", ev},
-    {Kind::focus_point,           1, 2, 0x30,  8, 0, any,       "focus point", point},
-    {Kind::exposure_point,        1, 2, 0x32,  1, 0, any,       "exposure point", number},
-    {Kind::colour,                1, 2, 0x42,  1, 0, any,       "colour", word<kColours>},
-    {Kind::anti_flicker,          1, 2, 0x46,  1, 0, any,       "anti-flicker", word<kAntiFlickers>},
-    {Kind::histogram,             1, 2, 0x60,  1, 0, any,       "histogram", on_or_off},
-    {Kind::ae_lock,               1, 2, 0x68,  1, 0, any,       "exposure lock", on_or_off},
-    {Kind::format_card,           1, 2, 0x72,  0, 0, any,       "format card", nullptr},
-    {Kind::reset,                 1, 2, 0x78,  1, 0, any,       "reset", nullptr},
-    {Kind::tracking,              1, 2, 0xA6, 21, 0, any,       "tracking", tracking},
-    {Kind::video_format,          1, 2, 0xAF,  2, 0, any,       "video format", video_format},
+    //                   receiver, set, id, size, and the byte to tell it by
+    {Kind::gimbal_speed,     4, 4, 0x0C,  7, 0, any,  "gimbal speed", speed},
+    {Kind::gimbal_position,  4, 4, 0x4C,  2, 0, 0xFE, "gimbal position", word<kGimbalPositions, 1>},
+    {Kind::gimbal_mode,      4, 4, 0x4C,  2, 0, any,  "gimbal mode", word<kGimbalModes>},
+    {Kind::gimbal_tilt_lock, 4, 4, 0x50,  4, 1, 4,    "gimbal tilt lock", on_or_off},
+    {Kind::gimbal_follow,    4, 4, 0x50,  4, 1, 5,    "gimbal follow", word<kFollowSpeeds, 3>},
+    {Kind::gimbal_calibrate, 4, 4, 0x07,  1, 0, any,  "gimbal calibration", step_1},
+    {Kind::gimbal_calibrate, 4, 4, 0x01,  8, 0, any,  "gimbal calibration", step_2},
+    {Kind::gimbal_calibrate, 4, 4, 0x08,  0, 0, any,  "gimbal calibration", step_3},
+    {Kind::shot,             1, 2, 0x01,  1, 0, any,  "shot", nullptr},
+    {Kind::record,           1, 2, 0x02,  1, 0, any,  "record", start_or_stop},
+    {Kind::camera_mode,      1, 2, 0x10,  1, 0, any,  "camera mode", word<kCameraModeNames>},
+    {Kind::aspect_ratio,     1, 2, 0x12,  2, 0, any,  "aspect ratio", word<kAspectRatios, 1>},
+    {Kind::photo_format,     1, 2, 0x16,  1, 0, any,  "photo format", word<kPhotoFormatNames>},
+    {Kind::video_format,     1, 2, 0x18,  5, 0, any,  "video format", video_format},
+    {Kind::exposure_mode,    1, 2, 0x1E,  2, 0, any,  "exposure mode", word<kExposureModeNames>},
+    {Kind::exposure_center,  1, 2, 0x22,  1, 0, any,  "exposure at the center", nullptr},
+    {Kind::focus_type,       1, 2, 0x24,  1, 0, any,  "focus type", word<kFocusTypes>},
+    {Kind::aperture,         1, 2, 0x26,  2, 0, any,  "aperture", f_number},
+    {Kind::shutter,          1, 2, 0x28,  4, 0, any,  "shutter", shutter},
+    {Kind::iso,              1, 2, 0x2A,  1, 0, any,  "ISO", iso},
+    {Kind::white_balance,    1, 2, 0x2C,  2, 0, any,  "white balance", white_balance},
+    {Kind::ev,               1, 2, 0x2E,  1, 0, any,  "EV", ev},
+    {Kind::focus_point,      1, 2, 0x30,  8, 0, any,  "focus point", point},
+    {Kind::exposure_point,   1, 2, 0x32,  1, 0, any,  "exposure point", number},
+    {Kind::colour,           1, 2, 0x42,  1, 0, any,  "colour", word<kColours>},
+    {Kind::anti_flicker,     1, 2, 0x46,  1, 0, any,  "anti-flicker", word<kAntiFlickers>},
+    {Kind::histogram,        1, 2, 0x60,  1, 0, any,  "histogram", on_or_off},
+    {Kind::ae_lock,          1, 2, 0x68,  1, 0, any,  "exposure lock", on_or_off},
+    {Kind::format_card,      1, 2, 0x72,  0, 0, any,  "format card", nullptr},
+    {Kind::reset,            1, 2, 0x78,  1, 0, any,  "reset", nullptr},
+    {Kind::tracking,         1, 2, 0xA6, 21, 0, any,  "tracking", tracking},
+    {Kind::video_format,     1, 2, 0xAF,  2, 0, any,  "video format", video_format},
     // clang-format on
 }};
 

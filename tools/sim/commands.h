@@ -16,7 +16,7 @@ enum class CommandKind : std::uint8_t {
   gimbal_position,
   gimbal_mode,
   gimbal_tilt_lock,
-  gimbal_follow_speed,
+  gimbal_follow,
   gimbal_calibrate,
   shot,
   record,

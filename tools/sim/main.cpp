@@ -66,6 +66,7 @@ struct Arguments {
   std::string faults;
   std::string seed;
   std::string lose_subject;
+  int verbose = 0;
   bool once = false;
   bool no_reports = false;
 };
@@ -90,6 +91,8 @@ void take_arguments(const Arguments& arguments, Options& options) {
       throw tools::Failure(std::string("--faults: ") + failure.what());
     }
   }
+  if (arguments.verbose > 0) options.detail = FrameLog::Detail::summary;
+  if (arguments.verbose > 1) options.detail = FrameLog::Detail::every_frame;
   options.loops = !arguments.once;
   options.reports = !arguments.no_reports;
 }
@@ -100,7 +103,7 @@ void declare(CLI::App& app, Options& options, Arguments& arguments) {
   app.add_option("--seconds", arguments.seconds, "end after so long (default: at Ctrl-C)")
       ->type_name("N");
   app.add_flag(
-      "-v,--verbose", options.verbose,
+      "-v,--verbose", arguments.verbose,
       "show every frame that the service sends; equal speeds only once, unless given twice");
   app.add_flag("--no-reports", arguments.no_reports,
                "send no reports, only what tells the service where the camera is");

@@ -53,4 +53,14 @@ void write_receiver(const RcReceiver& receiver, DisplayRegion& display) {
   display.rc_status = receiver.state;
 }
 
+RcPlayback::~RcPlayback() {
+  receiver_.state = 0;
+  write_receiver(receiver_, display_);
+}
+
+void RcPlayback::play(double seconds) {
+  player_.play(seconds, receiver_);
+  write_receiver(receiver_, display_);
+}
+
 }  // namespace nimbus::sim

@@ -7,10 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cinttypes>
 #include <cstring>
+#include <utility>
 
 #include "tools/common/failure.h"
-#include "tools/sim/rc_reader.h"
 #include "tools/sim/text.h"
 
 namespace nimbus::sim {
@@ -37,6 +38,7 @@ bool any(const FaultRates& rates) {
 
 Simulator::Simulator(const Options& options)
     : options_(options),
+      log_(console_, options.detail),
       data_(options.host, kDataPort),
       video_(options.host, kVideoPort),
       camera_(options.lose_subject) {
@@ -44,9 +46,10 @@ Simulator::Simulator(const Options& options)
     file_.emplace(options.video, options.datagram, options.pace, options.loops);
   }
   if (!options.rc.empty()) {
-    player_.emplace(read_script(options.rc));
-    display_ = map_display_region();
-    if (display_ == nullptr) throw AlreadySaid();
+    RcScript script = read_script(options.rc);
+    DisplayRegion* const display = map_display_region();
+    if (display == nullptr) throw AlreadySaid();
+    receiver_.emplace(std::move(script), *display);
   }
   if (any(options.faults)) faults_.emplace(options.faults, options.seed);
   for (const Report& report : reports()) due_.push_back(report.start_ms / 1000.0);
@@ -74,7 +77,7 @@ void Simulator::step() {
   const double before = at_;
   at_ = now();
   camera_.tick(at_ - before);
-  play_receiver();
+  if (receiver_) receiver_->play(at_);
   send_reports();
   send_video_file();
 }
@@ -98,23 +101,15 @@ void Simulator::wait() {
 }
 
 void Simulator::end() {
-  show_repeated_speeds();
-  if (display_ != nullptr) {
-    // Sticks that nobody holds any more must not steer.
-    receiver_.state = 0;
-    write_receiver(receiver_, *display_);
-  }
+  log_.end(at_);
   std::string text =
-      format_text("%llu frames received, %llu bad, %llu bytes of video sent",
-                  static_cast<unsigned long long>(frames_), static_cast<unsigned long long>(bad_),
-                  static_cast<unsigned long long>(video_bytes_));
+      format_text("%" PRIu64 " frames received, %" PRIu64 " bad, %" PRIu64 " bytes of video sent",
+                  frames_, bad_, video_bytes_);
   if (faults_) {
-    const Faults::Counts& counts = faults_->counts();
-    text += format_text("; reports: %llu dropped, %llu corrupted, %llu truncated, %llu repeated",
-                        static_cast<unsigned long long>(counts.dropped),
-                        static_cast<unsigned long long>(counts.corrupted),
-                        static_cast<unsigned long long>(counts.truncated),
-                        static_cast<unsigned long long>(counts.repeated));
+    const auto [dropped, corrupted, truncated, repeated] = faults_->counts();
+    text += format_text("; reports: %" PRIu64 " dropped, %" PRIu64 " corrupted, %" PRIu64
+                        " truncated, %" PRIu64 " repeated",
+                        dropped, corrupted, truncated, repeated);
   }
   console_.line(text);
 }
@@ -238,47 +233,12 @@ void Simulator::take(Bytes datagram) {
              datagram);
     return;
   }
-  const std::string_view ignored = camera_.apply(*command, frame.payload);
-  if (options_.verbose > 0) show(frame, *command, ignored);
+  log_.command(at_, frame, *command, camera_.apply(*command, frame.payload));
 }
 
 void Simulator::take_bad(const std::string& why, Bytes datagram) {
   ++bad_;
-  if (options_.verbose > 0) say("bad frame: " + why + ": " + hexadecimal(datagram));
-}
-
-void Simulator::show(const Frame& frame, const CommandName& command, std::string_view ignored) {
-  if (command.kind == CommandKind::gimbal_speed && options_.verbose == 1) {
-    if (std::equal(frame.payload.begin(), frame.payload.end(), last_speed_.begin(),
-                   last_speed_.end())) {
-      ++repeated_speeds_;
-      return;
-    }
-    show_repeated_speeds();
-    last_speed_.assign(frame.payload.begin(), frame.payload.end());
-  }
-  std::string text = format_text("#%u ", unsigned{frame.sequence});
-  text += describe(command, frame.payload);
-  if (!ignored.empty()) text += " (ignored: " + std::string(ignored) + ")";
-  say(text);
-}
-
-void Simulator::show_repeated_speeds() {
-  if (repeated_speeds_ > 0) {
-    say(format_text("gimbal speed: the last one %llu more times",
-                    static_cast<unsigned long long>(repeated_speeds_)));
-  }
-  repeated_speeds_ = 0;
-}
-
-void Simulator::say(const std::string& text) { console_.line(format_text("%8.3f ", at_) + text); }
-
-// --- The receiver --------------------------------------------------------------------------------
-
-void Simulator::play_receiver() {
-  if (display_ == nullptr) return;
-  player_->play(at_, receiver_);
-  write_receiver(receiver_, *display_);
+  log_.bad_frame(at_, why, datagram);
 }
 
 }  // namespace nimbus::sim

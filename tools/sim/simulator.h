@@ -5,15 +5,14 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "app/display_region.h"
 #include "tools/common/udp_socket.h"
 #include "tools/sim/camera_model.h"
 #include "tools/sim/console.h"
 #include "tools/sim/faults.h"
-#include "tools/sim/rc_script.h"
+#include "tools/sim/frame_log.h"
+#include "tools/sim/rc_reader.h"
 #include "tools/sim/reports.h"
 #include "tools/sim/video.h"
 
@@ -31,7 +30,7 @@ struct Options {
   FaultRates faults;
   std::uint64_t seed = 1;
   double lose_subject = 0;  ///< seconds; 0: never
-  int verbose = 0;          ///< 1: equal speed frames once, 2: every frame
+  FrameLog::Detail detail = FrameLog::Detail::none;
 };
 
 /// Sends reports and video, takes commands, and plays a receiver until it is told to end.
@@ -63,21 +62,16 @@ class Simulator {
   void take_frames();
   void take(Bytes datagram);
   void take_bad(const std::string& why, Bytes datagram);
-  void show(const Frame& frame, const CommandName& command, std::string_view ignored);
-  void show_repeated_speeds();
-  void say(const std::string& text);
-  void play_receiver();
   void end();
 
   Options options_;
   StopSignals signals_;
   Console console_;
+  FrameLog log_;
   tools::UdpSocket data_;
   tools::UdpSocket video_;
   std::optional<VideoFile> file_;
-  std::optional<RcPlayer> player_;
-  RcReceiver receiver_;
-  DisplayRegion* display_ = nullptr;  // null: no receiver is played
+  std::optional<RcPlayback> receiver_;
 
   CameraModel camera_;
   ReportEncoder encoder_;
@@ -89,9 +83,6 @@ class Simulator {
   double at_ = 0;  // seconds of this step
   bool input_ended_ = false;
   std::optional<double> refused_at_;  // seconds
-
-  std::vector<std::uint8_t> last_speed_;
-  std::uint64_t repeated_speeds_ = 0;
 
   std::uint64_t frames_ = 0;
   std::uint64_t bad_ = 0;
