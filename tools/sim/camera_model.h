@@ -63,7 +63,7 @@ struct RecordingTimer {
 
 class CameraModel {
  public:
-  static constexpr double kShotShows = 0.5;   ///< seconds for which a photo is being taken
+  static constexpr double kShotShows = 1.0;   ///< seconds for which a photo is being taken
   static constexpr double kFocuses = 0.5;     ///< seconds for which it focuses
   static constexpr double kFormats = 2.0;     ///< seconds for which the card is being formatted
   static constexpr double kCalibrates = 3.0;  ///< seconds for which the gimbal is being calibrated
