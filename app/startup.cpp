@@ -8,6 +8,7 @@
 
 #include "app/display_region.h"
 #include "app/status_loop.h"
+#include "app/supervisor.h"
 #include "app/version.h"
 #include "base/log.h"
 #include "config/commands.h"
@@ -57,6 +58,7 @@ void show_settings(DisplayRegion& display, const Config& config) {
 }  // namespace
 
 int run_service() {
+  meet_supervisor();
   DisplayRegion* const display = map_display_region();
   if (display == nullptr) return EXIT_FAILURE;
   print_banner();
@@ -70,6 +72,7 @@ int run_service() {
   init_config_commands(
       {.publish_channel_map = parse_rc_input_map, .send_to_viewers = broadcast_text});
   init_control();
+  tell_ready();
   run_status_loop(*display, *config);
 }
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 
+#include "app/supervisor.h"
 #include "app/version.h"
 #include "base/shell.h"
 #include "control/control.h"
@@ -68,6 +69,7 @@ void run_status_loop(const DisplayRegion& display, Config& config) {
     probe_access_point(config);
     send_flags_status(display, config);
     send_version_status();
+    tell_alive();
     usleep(kPeriodUs);
   }
 }

@@ -6,8 +6,9 @@
 
 namespace nimbus {
 
-/// Once a second: expires silent viewers and sources, probes the access point and tells every
-/// viewer how things stand. The period is a second plus the time of the work. Main thread.
+/// Once a second: expires silent viewers and sources, probes the access point, tells every viewer
+/// how things stand and the supervisor that the loop goes round. The period is a second plus the
+/// time of the work. Main thread.
 [[noreturn]] void run_status_loop(const DisplayRegion& display, Config& config);
 
 }  // namespace nimbus
