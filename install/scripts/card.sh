@@ -1,0 +1,53 @@
+# shellcheck shell=sh
+# What the scripts of the installation know of the card: the FAT partition that the firmware boots
+# from. Read by the others with ".".
+
+# Says what is wrong, and ends the script.
+fail() {
+  echo "${0##*/}: $*" >&2
+  exit 1
+}
+
+# Mounts the partition that belongs at a folder, if it is not there: a save that was interrupted may
+# have left it unmounted. False when that fails; what is then seen in the folder is not the card.
+mounted_if_meant() {
+  mountpoint -q "$1" || ! findmnt --fstab -n "$1" >/dev/null 2>&1 || mount "$1" 2>/dev/null
+}
+
+# The folder at which the card is mounted. Raspberry Pi OS mounts it at /boot, since bookworm at
+# /boot/firmware.
+card_folder() {
+  if mountpoint -q /boot/firmware; then echo /boot/firmware; else echo /boot; fi
+}
+
+# Whether the file system of a path is mounted read-only.
+read_only() {
+  findmnt -n -o OPTIONS -T "$1" | grep -qE '(^|,)ro(,|$)'
+}
+
+# replace FILE COMMAND...: replaces FILE by the output of COMMAND, whole or not at all, whenever the
+# board loses its power. A partition that is mounted read-only is made writable for that long.
+# Fails without a word when there is no way.
+replace() (
+  target=$1
+  fresh=$target.new
+  shift
+  mount_point=$(findmnt -n -o TARGET -T "${target%/*}") || mount_point=
+  restore() {
+    rm -f "$fresh"
+    if [ -n "$remounted" ]; then mount -o remount,ro "$remounted"; fi
+  }
+  remounted=
+  trap restore EXIT
+  trap 'exit 1' HUP INT TERM
+  if [ -n "$mount_point" ] && read_only "${target%/*}"; then
+    mount -o remount,rw "$mount_point" || exit 1
+    remounted=$mount_point
+  fi
+  rm -rf "$fresh"
+  "$@" >"$fresh" || exit 1
+  if [ -e "$target" ]; then chmod --reference="$target" "$fresh" || exit 1; fi
+  # A rename that reached the card before the data would leave an empty file.
+  sync "$fresh" && mv -T "$fresh" "$target" || exit 1
+  sync "${target%/*}" || true
+) 2>/dev/null
