@@ -1,0 +1,197 @@
+"""The packet filter, between the board and another host: a second network namespace behind a pair
+of virtual interfaces."""
+
+import ctypes
+import os
+import pathlib
+import shlex
+import shutil
+import subprocess
+import threading
+
+import pytest
+
+import nimbus
+
+INSTALL = pathlib.Path(__file__).resolve().parents[2] / "install"
+PORTS = (nimbus.VIEWER_PORT, nimbus.DATA_PORT, nimbus.VIDEO_PORT)
+BOARD, HOSTS = "10.77.0.1", ("10.77.0.2", "10.77.0.3")
+
+REGISTER = b"\x42" + bytes(11) + bytes([0, 0])
+
+pytestmark = pytest.mark.skipif(not shutil.which("nft"), reason="nft is missing")
+
+
+def run(command):
+    return subprocess.run(shlex.split(command), check=True, capture_output=True, text=True).stdout
+
+
+class Neighbour:
+    """Another host, with two addresses."""
+
+    def __init__(self):
+        self._process = subprocess.Popen(["unshare", "--net", "cat"], stdin=subprocess.PIPE)
+        own = os.readlink("/proc/self/ns/net")
+        self._namespace = f"/proc/{self._process.pid}/ns/net"
+        nimbus.wait_until(lambda: os.readlink(self._namespace) != own, 5, "the other host")
+        run(f"ip link add board type veth peer name host netns {self._process.pid}")
+        run(f"ip addr add {BOARD}/24 dev board")
+        run("ip link set board up")
+        for address in HOSTS:
+            self.run(f"ip addr add {address}/24 dev host")
+        self.run("ip link set host up")
+
+    def run(self, command):
+        return run(f"nsenter --net={self._namespace} {command}")
+
+    def socket(self, host):
+        """A socket of the other host: it belongs to where the thread is that makes it."""
+        made = []
+
+        def make():
+            with open(self._namespace) as namespace:
+                assert ctypes.CDLL(None).setns(namespace.fileno(), 0) == 0
+            made.append(nimbus.udp_socket(host))
+
+        thread = threading.Thread(target=make)
+        thread.start()
+        thread.join()
+        made[0].settimeout(nimbus.limit(5))
+        return made[0]
+
+    def close(self):
+        run("ip link del board")
+        self._process.kill()
+        self._process.wait()
+
+
+@pytest.fixture
+def neighbour():
+    one = Neighbour()
+    yield one
+    one.close()
+
+
+@pytest.fixture
+def hosts(neighbour):
+    """A socket on each address of the other host."""
+    sockets = [neighbour.socket(host) for host in HOSTS]
+    yield sockets
+    for sock in sockets:
+        sock.close()
+
+
+def command_of_unit(key):
+    """What the filter's unit runs, with the file of these sources."""
+    for line in (INSTALL / "nimbus-filter.service").read_text().splitlines():
+        if line.startswith(f"{key}="):
+            command = line.partition("=")[2].lstrip("-")
+            return command.replace("/etc/nimbus/filter.nft", str(INSTALL / "filter.nft"))
+    raise AssertionError(f"no {key} in the unit")
+
+
+@pytest.fixture
+def filtering():
+    run("nft add table ip another")
+    run(command_of_unit("ExecStart"))
+    yield
+    run("nft flush ruleset")
+
+
+def found(service, text):
+    return text in nimbus.events(service)
+
+
+def connected(sock):
+    host, port = sock.getsockname()
+    return f"New client connected from {host}:{port} "
+
+
+def test_a_viewer_is_heard(filtering, service, hosts):
+    for host in hosts:
+        host.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        service.err.wait(connected(host))
+    assert service.running()
+
+
+@pytest.mark.parametrize("port", PORTS)
+def test_empty_datagram_of_another_host(filtering, service, hosts, port):
+    hosts[0].sendto(b"", (BOARD, port))
+    hosts[0].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+    service.err.wait(connected(hosts[0]))
+    assert service.running()
+
+
+@pytest.mark.parametrize("target", ["127.0.0.1", BOARD])
+@pytest.mark.parametrize("port", PORTS)
+def test_empty_datagram_of_the_board(filtering, neighbour, service, port, target):
+    with nimbus.udp_socket("0.0.0.0") as sender:
+        sender.sendto(b"", (target, port))
+        sender.sendto(REGISTER, (target, nimbus.VIEWER_PORT))
+        service.err.wait("New client connected")
+    assert service.running()
+
+
+@pytest.mark.parametrize("port", [nimbus.DATA_PORT, nimbus.VIDEO_PORT])
+def test_forged_source(filtering, service, hosts, port):
+    """Only the board's own bridge speaks for the camera."""
+    said = {nimbus.DATA_PORT: "Data found\n", nimbus.VIDEO_PORT: "Video found\n"}[port]
+    hosts[0].sendto(b"\x55" * 100, (BOARD, port))
+    hosts[0].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+    service.err.wait(connected(hosts[0]))
+    assert not found(service, said)
+    with nimbus.udp_socket("127.0.0.1") as bridge:
+        bridge.sendto(b"\x55" * 100, ("127.0.0.1", port))
+        service.err.wait(said)
+
+
+@pytest.mark.parametrize("target", ["127.0.0.1", BOARD])
+def test_bridge_of_the_board(filtering, neighbour, service, target):
+    """Under any of the board's addresses."""
+    with nimbus.udp_socket("0.0.0.0") as bridge:
+        bridge.sendto(b"\x55" * 100, (target, nimbus.DATA_PORT))
+        bridge.sendto(b"\x55" * 100, (target, nimbus.VIDEO_PORT))
+        service.err.wait("Data found\n")
+        service.err.wait("Video found\n")
+
+
+def dropped_by_limit():
+    """How many datagrams the last rule has dropped."""
+    words = run("nft list table ip nimbus").split()
+    return int(words[len(words) - 1 - words[::-1].index("packets") + 1])
+
+
+def test_limit_of_a_source(filtering, service, hosts):
+    """One that floods the port is cut; another is heard at once, and the first again later."""
+    loud, quiet = hosts
+    for _ in range(3000):
+        loud.sendto(b"\x42", (BOARD, nimbus.VIEWER_PORT))
+    dropped = dropped_by_limit()
+    assert dropped > 0
+    quiet.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+    service.err.wait(connected(quiet))
+    assert dropped_by_limit() == dropped
+
+    def heard():
+        before = dropped_by_limit()
+        loud.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        return dropped_by_limit() == before
+
+    nimbus.wait_until(heard, 5, "the end of the limit")
+    assert service.running()
+
+
+def test_the_board_is_not_limited(filtering, service):
+    with nimbus.udp_socket("127.0.0.1") as sender:
+        for _ in range(1000):
+            sender.sendto(b"\x42", ("127.0.0.1", nimbus.VIEWER_PORT))
+    assert dropped_by_limit() == 0
+
+
+def test_loading_again_and_unloading(filtering):
+    """Each load replaces the last, and what others have set up stays."""
+    once = run("nft -s list table ip nimbus")
+    run(command_of_unit("ExecReload"))
+    assert run("nft -s list table ip nimbus") == once
+    run(command_of_unit("ExecStop"))
+    assert run("nft list tables").split("\n") == ["table ip another", ""]
