@@ -60,6 +60,7 @@ else
 fi
 source=$(source_file)
 if [ -n "$source" ]; then
+  umask 077  # pass phrases; saves write into the same file
   replace "$working_copy" without_cr || say "cannot write $working_copy"
 fi
 exit 0

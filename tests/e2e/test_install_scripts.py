@@ -132,6 +132,19 @@ def test_existing_file_is_never_touched(read_only, content, protected):
     assert is_read_only(BOOT) == protected
 
 
+def test_working_copy_is_root_s_alone(start, viewers):
+    """Also after the first save: it holds pass phrases."""
+    before_start()
+    assert WORKING_COPY.stat().st_mode & 0o777 == 0o600
+    assert CARD_FILE.stat().st_mode & 0o777 == 0o644  # of a card, the mount decides
+    start("rc_input_map=\n")
+    viewer = viewers()
+    viewer.register()
+    viewer.command('{"cmd":"updateparam","name":"rcin_pan","value":"7"}')
+    nimbus.wait_until(lambda: b"speed_pan=7\n" in WORKING_COPY.read_bytes(), 5, "the save")
+    assert WORKING_COPY.stat().st_mode & 0o777 == 0o600
+
+
 def test_working_copy_is_made_afresh():
     CARD_FILE.write_bytes(b"osd_enabled=0\r\n")
     WORKING_COPY.write_bytes(b"x" * 5000)
