@@ -34,7 +34,11 @@ def assert_one_line(text):
 @pytest.fixture(autouse=True)
 def board(clean_board, standins):
     """A board with a working mount, that has just been switched on."""
-    standins.answer("mount", 'exec /usr/bin/mount "$@"')
+    # Of an ordinary user's own file systems, only the mount can be made read-only.
+    standins.answer("mount", 'case $2 in\n'
+                             '  remount,*) exec /usr/bin/mount -o "remount,bind,${2#*,}" "$3" ;;\n'
+                             '  *) exec /usr/bin/mount "$@" ;;\n'
+                             'esac')
     if WORKING_COPY.is_dir():
         WORKING_COPY.rmdir()
     WORKING_COPY.unlink(missing_ok=True)
@@ -43,8 +47,8 @@ def board(clean_board, standins):
 @pytest.fixture
 def read_only():
     """read_only() makes the card read-only, as it is between two saves."""
-    yield lambda: real("mount -o remount,ro /boot")
-    real("mount -o remount,rw /boot")
+    yield lambda: real("mount -o remount,bind,ro /boot")
+    real("mount -o remount,bind,rw /boot")
 
 
 @pytest.fixture
@@ -152,7 +156,8 @@ def test_working_copy_is_made_afresh():
     assert WORKING_COPY.read_bytes() == b"osd_enabled=0\n"
 
 
-@pytest.mark.parametrize("former, expected", [(None, without_cr(DEFAULTS)), (b"a=1\n", b"a=1\n")])
+@pytest.mark.parametrize("former, expected", [(None, without_cr(DEFAULTS)), (b"a=1\n", b"a=1\n")],
+                         ids=["first start", "later start"])
 def test_card_that_cannot_be_written(read_only, standins, former, expected):
     """The service then starts with the settings of the last start, or with the defaults."""
     standins.answer("mount", "exit 32")
@@ -190,6 +195,32 @@ def test_folder_in_the_place_of_the_file():
     CARD_FILE.mkdir()
     assert_one_line(before_start())
     assert CARD_FILE.is_dir()
+    assert WORKING_COPY.read_bytes() == without_cr(DEFAULTS)
+
+
+# A root with everything but /boot, and the installation in it.
+WITHOUT_BOOT = """
+for folder in bin sbin lib lib64 usr etc proc sys dev run install; do
+  if [ -L "/$folder" ]; then cp -d "/$folder" "$ROOT/$folder"; continue; fi
+  mkdir "$ROOT/$folder"
+  source=/$folder
+  [ "$folder" != install ] || source=$INSTALL
+  [ ! -d "$source" ] || /usr/bin/mount --rbind "$source" "$ROOT/$folder"
+done
+exec chroot "$ROOT" /install/scripts/before-start.sh
+"""
+
+
+def test_no_boot_at_all(tmp_path):
+    root = tmp_path / "root"
+    root.mkdir()
+    result = subprocess.run(["unshare", "--mount", "sh", "-ec", WITHOUT_BOOT], capture_output=True,
+                            text=True, timeout=60,
+                            env={**os.environ, "ROOT": str(root), "INSTALL": str(INSTALL)})
+    assert result.returncode == 0
+    assert result.stderr.splitlines() == [
+        f"before-start.sh: there is no {CARD_FILE}, and it cannot be written",
+        f"before-start.sh: {CARD_FILE} cannot be used; the settings are the defaults"]
     assert WORKING_COPY.read_bytes() == without_cr(DEFAULTS)
 
 
@@ -270,7 +301,7 @@ def test_defaults_are_written_as_the_service_writes(start, viewers, tmp_path):
     CARD_FILE.unlink()
     (tmp_path / "tervado.conf").symlink_to(WORKING_COPY)
     service = start(conf=None)
-    service.err.text().index("Loading config file... done\n")
+    assert "Loading config file... done\n" in service.err.text()
     viewer = viewers()
     viewer.register()
     viewer.command('{"cmd":"updateparam","name":"rcin_pan","value":"100"}')
