@@ -62,7 +62,7 @@ std::string to_seconds(std::string& text) {
   return {};
 }
 
-const CLI::Validator kTime(to_seconds, "TIME");
+CLI::Validator time_text() { return {to_seconds, "TIME"}; }
 
 std::string example(const std::string& arguments) { return "Example: nimbusctl " + arguments; }
 
@@ -92,7 +92,7 @@ class CommandLine {
         ->check(CLI::Range(1, 65'535))
         ->capture_default_str();
     app_.add_option("--timeout", connection.timeout, "How long it may take to answer")
-        ->transform(kTime)
+        ->transform(time_text())
         ->default_str("1.2");
     add_watch();
     add_video();
@@ -123,7 +123,8 @@ class CommandLine {
 
  private:
   void add_seconds(CLI::App* command, double& seconds, const char* name = "--seconds") {
-    command->add_option(name, seconds, "End after so long (default: at Ctrl-C)")->transform(kTime);
+    command->add_option(name, seconds, "End after so long (default: at Ctrl-C)")
+        ->transform(time_text());
   }
 
   void add_force(CLI::App* command) {
@@ -326,4 +327,11 @@ int run(int argc, char** argv) {
 }  // namespace
 }  // namespace nimbus::ctl
 
-int main(int argc, char** argv) { return nimbus::ctl::run(argc, argv); }
+int main(int argc, char** argv) {
+  try {
+    return nimbus::ctl::run(argc, argv);
+  } catch (...) {
+    std::fputs("nimbusctl: out of memory\n", stderr);
+    return 1;
+  }
+}

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 #include "base/wire.h"
@@ -126,7 +127,7 @@ Fields camera_settings(const Payload& payload) {
       {"aperture", payload.u16(17) / 100.0},
       {"ev", static_cast<std::int8_t>(payload.u8(5)) / 10.0},
       {"white_balance", name_of(kWhiteBalances, payload.u8(6))},
-      {"colour_temperature", integer(payload.u8(9) * 100), " K"},
+      {"colour_temperature", integer(std::int64_t{payload.u8(9)} * 100), " K"},
       {"colour", name_of(kColours, payload.u8(4))},
       {"resolution", resolution.label.empty() ? "code " + std::to_string(payload.u8(7))
                                               : std::to_string(resolution.width) + "x" +
@@ -164,8 +165,7 @@ Fields recording_timer(const Payload& payload) {
 Fields tracking(const Payload& payload) {
   const auto fraction = [&payload](std::size_t at) {
     constexpr double kDecimals = 1e4;
-    return static_cast<double>(static_cast<int>(payload.u16(at) / 65535.0 * kDecimals + 0.5)) /
-           kDecimals;
+    return std::round(payload.u16(at) / 65535.0 * kDecimals) / kDecimals;
   };
   return {{"on", payload.u8(1) != 0},
           {"x", fraction(2)},
