@@ -47,8 +47,8 @@ double positive(const std::string& option, const std::string& text) {
   return *value;
 }
 
-std::uint64_t whole(const std::string& option, const std::string& text, unsigned lowest,
-                    unsigned highest) {
+unsigned whole(const std::string& option, const std::string& text, unsigned lowest,
+               unsigned highest) {
   const auto value = parse_whole(text, lowest, highest);
   if (!value) {
     throw tools::Failure(option + " '" + text +
