@@ -101,10 +101,13 @@ void UdpLink::receive_loop() noexcept {
 void UdpLink::handle(const Datagram& datagram) noexcept {
   peer_address_ = datagram.sender.address;
   peer_port_.store_release(datagram.sender.port);
-  if (last_packet_ms_.load_acquire() == 0) {
+  const std::uint32_t last = last_packet_ms_.load_acquire();
+  // A loss that is reported at this very moment must be followed by "found": a stamp stored over it
+  // would leave a live link that everybody takes for lost.
+  if (last == 0 || !last_packet_ms_.replace(last, now_ms())) {
     if (const auto found = on_found.load_acquire()) found();
+    last_packet_ms_.store_release(now_ms());
   }
-  last_packet_ms_.store_release(now_ms());
   if (const auto packet = on_packet.load_acquire()) packet(datagram);
 }
 

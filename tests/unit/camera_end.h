@@ -1,20 +1,17 @@
 // The camera's end of the data link, for tests of what goes out to it.
 #pragma once
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "app/display_region.h"
-#include "base/unique_fd.h"
 #include "net/sources.h"
+#include "tests/unit/udp_end.h"
 
 namespace nimbus::test {
 
@@ -55,19 +52,13 @@ class CameraEnd {
  public:
   CameraEnd() {
     EXPECT_TRUE(links_are_open());
-    sockaddr_in address = loopback(0);
-    EXPECT_EQ(bind(socket_.get(), as_address(address), sizeof(address)), 0);
     speak();
   }
 
   /// The next datagram; empty when none comes.
   Bytes receive(std::chrono::milliseconds patience = std::chrono::seconds(10)) {
-    pollfd readable{socket_.get(), POLLIN, 0};
-    if (poll(&readable, 1, static_cast<int>(patience.count())) != 1) return {};
-    Bytes bytes(65536);
-    const ssize_t length = recv(socket_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-    bytes.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
-    return bytes;
+    const std::string bytes = end_.receive(patience);
+    return {bytes.begin(), bytes.end()};
   }
 
  private:
@@ -76,23 +67,12 @@ class CameraEnd {
     static const bool open = map_display_region() != nullptr && init_sources(nullptr) == 0;
     return open;
   }
-  static sockaddr_in loopback(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-  }
-  static const sockaddr* as_address(const sockaddr_in& address) {
-    return reinterpret_cast<const sockaddr*>(&address);
-  }
 
   /// Sends a datagram to the service and waits until frames come here and the service has said on
   /// its console that it found the camera.
   void speak() {
-    const sockaddr_in service = loopback(kDataPort);
     const std::uint8_t word = 0;
-    EXPECT_EQ(sendto(socket_.get(), &word, 1, 0, as_address(service), sizeof(service)), 1);
+    end_.send(kDataPort, "x");
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     do {
       ASSERT_LT(std::chrono::steady_clock::now(), deadline);
@@ -101,7 +81,7 @@ class CameraEnd {
              display_region()->data_connected == 0);
   }
 
-  UniqueFd socket_{socket(AF_INET, SOCK_DGRAM, 0)};
+  UdpEnd end_;
 };
 
 }  // namespace nimbus::test

@@ -1,0 +1,183 @@
+#include "net/udp_link.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "base/log.h"
+#include "tests/unit/support.h"
+#include "tests/unit/udp_end.h"
+#include "tests/unit/wall_clock.h"
+
+namespace nimbus {
+namespace {
+
+using test::Texts;
+using test::UdpEnd;
+
+constexpr std::uint16_t kPort = 40'000;
+constexpr std::uint16_t kOtherPort = 40'001;
+
+// Links live as long as the process, also when the tests are repeated.
+UdpLink link;
+UdpLink other_link;
+
+bool opened(UdpLink& which, std::uint16_t port) { return which.open(port) == 0; }
+
+bool is_link_open() {
+  static const bool open = opened(link, kPort);
+  return open;
+}
+
+bool is_other_link_open() {
+  static const bool open = opened(other_link, kOtherPort);
+  return open;
+}
+
+std::ptrdiff_t send_to_peer(const UdpLink& which, std::string_view text) {
+  return which.send_to_peer({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+}
+
+void print_packet(const Datagram& datagram) {
+  const std::string text(datagram.bytes.begin(), datagram.bytes.end());
+  log_text("%s from %s:%d", text.c_str(), address_text(datagram.sender.address).data(),
+           datagram.sender.port);
+}
+
+/// The callbacks print what they are called with. The link is silent at the start of every test.
+class Link : public testing::Test {
+ protected:
+  Link() {
+    EXPECT_TRUE(is_link_open());
+    link.on_packet.store_release(print_packet);
+    link.on_found.store_release([] { log_text("found"); });
+    link.on_lost.store_release([] { log_text("lost"); });
+    clock_.set_ms(1000);
+  }
+  ~Link() override {
+    link.on_lost.store_release(nullptr);
+    clock_.set_ms(600'000'000);  // past every time of a test
+    link.watchdog();
+  }
+
+  /// What print_packet() makes of that text from that end.
+  static std::string packet(const std::string& text, const UdpEnd& end) {
+    return text + " from 127.0.0.1:" + std::to_string(end.endpoint().port);
+  }
+
+  test::Console console_;
+  test::WallClock clock_;
+  UdpEnd end_;
+};
+
+TEST_F(Link, IsFoundByTheFirstDatagramBeforeThatIsHandedOn) {
+  end_.send(kPort, "one");
+  end_.send(kPort, "two");
+  EXPECT_EQ(console_.wait(3), (Texts{"found", packet("one", end_), packet("two", end_)}));
+}
+
+TEST_F(Link, IsLostWhenSilentForMoreThanASecond) {
+  // The second one goes through the wrap of the clock.
+  for (const std::uint32_t start : {2000U, 4'294'966'500U}) {
+    clock_.set_ms(start);
+    end_.send(kPort, "x");
+    EXPECT_EQ(console_.wait(2), (Texts{"found", packet("x", end_)}));
+    for (const std::uint32_t age : {0U, 999U, 1000U}) {
+      clock_.set_ms(start + age);
+      link.watchdog();
+      EXPECT_EQ(console_.texts(), Texts{}) << age;
+    }
+    clock_.set_ms(start + 1001);
+    link.watchdog();
+    EXPECT_EQ(console_.texts(), Texts{"lost"});
+    link.watchdog();
+    EXPECT_EQ(console_.texts(), Texts{}) << "it is lost once";
+  }
+}
+
+TEST_F(Link, EveryDatagramKeepsItLive) {
+  for (std::uint32_t now = 2000; now < 6000; now += 1000) {
+    clock_.set_ms(now);
+    link.watchdog();
+    end_.send(kPort, "x");
+    const Texts texts = console_.wait(now == 2000 ? 2 : 1);
+    EXPECT_EQ(texts.back(), packet("x", end_));
+  }
+  link.watchdog();
+  EXPECT_EQ(console_.texts(), Texts{});
+}
+
+/// It was seen as live, and is lost before its datagram has renewed the stamp.
+TEST_F(Link, IsFoundAgainByADatagramThatCameWhileItWasLost) {
+  clock_.set_ms(2000);
+  end_.send(kPort, "before");
+  EXPECT_EQ(console_.wait(2), (Texts{"found", packet("before", end_)}));
+  static std::atomic<bool> watched;
+  watched = false;
+  clock_.set([] {
+    // The reading of the receive thread; the one of the watchdog comes from within.
+    if (!watched.exchange(true)) link.watchdog();
+    return timespec{5, 0};
+  });
+  end_.send(kPort, "meanwhile");
+  EXPECT_EQ(console_.wait(3), (Texts{"lost", "found", packet("meanwhile", end_)}));
+}
+
+/// A datagram may come between the opening of a link and its callbacks.
+TEST_F(Link, ADatagramCountsThoughNobodyIsTold) {
+  link.on_packet.store_release(nullptr);
+  link.on_found.store_release(nullptr);
+  end_.send(kPort, "one");
+  for (int i = 0; i < 5000; ++i) {
+    send_to_peer(link, "known");
+    if (!end_.receive(std::chrono::milliseconds(2)).empty()) break;
+  }
+  link.on_packet.store_release(print_packet);
+  end_.send(kPort, "two");
+  Texts texts = console_.wait(1);
+  // The first one may have been handed on as well, by now.
+  if (texts == Texts{packet("one", end_)}) texts = console_.wait(1);
+  EXPECT_EQ(texts, Texts{packet("two", end_)});
+  clock_.set_ms(9000);
+  link.watchdog();
+  EXPECT_EQ(console_.texts(), Texts{"lost"});
+}
+
+TEST_F(Link, AnswersTheSenderOfTheLastDatagram) {
+  const UdpEnd later;
+  end_.send(kPort, "x");
+  EXPECT_EQ(console_.wait(2).size(), 2U);
+  EXPECT_EQ(send_to_peer(link, "first"), 5);
+  EXPECT_EQ(end_.receive(), "first");
+  later.send(kPort, "y");
+  EXPECT_EQ(console_.wait(1), Texts{packet("y", later)});
+  EXPECT_EQ(send_to_peer(link, "second"), 6);
+  EXPECT_EQ(later.receive(), "second");
+  clock_.set_ms(9000);
+  link.watchdog();
+  EXPECT_EQ(send_to_peer(link, "third"), 5) << "also when it has been lost";
+  EXPECT_EQ(later.receive(), "third");
+}
+
+TEST(OtherLink, WithoutAPeerSendsNothing) {
+  ASSERT_TRUE(is_other_link_open());
+  errno = 0;
+  EXPECT_EQ(send_to_peer(other_link, "x"), -1);
+  EXPECT_EQ(errno, 0) << "no system call";
+}
+
+TEST(OtherLink, APortIsBoundOnce) {
+  ASSERT_TRUE(is_link_open());
+  static UdpLink late_link;
+  EXPECT_EQ(late_link.open(kPort), -1);
+}
+
+}  // namespace
+}  // namespace nimbus
