@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -64,9 +65,19 @@ TEST(Log, AnEmptyTextIsNoWrite) {
   EXPECT_EQ(console.texts(), Texts{"x"});
 }
 
+TEST(Log, JoinsTextsOfAnyLengthInOneWrite) {
+  const std::string longer(50'000, 'x');
+  Console console;
+  log_parts({"scan results: ", longer, "", "100%s\n"});
+  log_parts({"1", "2", "3", "4", "5", "6", "7", "8", "the ninth"});
+  log_parts({std::string_view("abc").substr(1, 1)});
+  EXPECT_EQ(console.texts(), (Texts{"scan results: " + longer + "100%s\n", "12345678", "b"}));
+}
+
 TEST(Log, SurvivesAClosedConsole) {
   const StandardError closed(-1);
   log_text("nobody sees this\n");
+  log_parts({"nor", "this\n"});
 }
 
 TEST(Log, SurvivesAFullConsole) {
