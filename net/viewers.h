@@ -45,7 +45,8 @@ using ViewerSpeedHandler = void (*)(int mode, int pan, int tilt, int roll);
 int init_network(ViewerSpeedHandler on_speed);
 
 /// Sends the payload as one frame to every registered viewer, 1 ms apart. The payload is not
-/// copied and may be at most 65,523 bytes long: the frame's length is cut to 16 bits. Any thread.
+/// copied. A datagram holds at most 65,495 bytes of it; a longer one reaches nobody, or as what is
+/// left when the frame's length is cut to 16 bits. Any thread.
 void broadcast(std::span<const std::uint8_t> payload, FrameKind kind) noexcept;
 
 /// Broadcasts a text, without a NUL. Any thread.

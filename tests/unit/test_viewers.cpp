@@ -2,10 +2,8 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -15,8 +13,8 @@
 #include <vector>
 
 #include "app/display_region.h"
-#include "base/unique_fd.h"
 #include "tests/unit/support.h"
+#include "tests/unit/udp_end.h"
 #include "tests/unit/wall_clock.h"
 
 namespace nimbus {
@@ -281,32 +279,66 @@ TEST_F(Viewers, TheServicesOwnFramesAreIgnored) {
   }
 }
 
-// --- Broadcasts --------------------------------------------------------------------------------
+// --- What is sent ------------------------------------------------------------------------------
 
-/// Texts of any length can be given to a broadcast; the length of the frame is a 16-bit number.
-TEST_F(Viewers, TheLengthOfAFrameIsCutTo16Bits) {
-  const UniqueFd viewer(socket(AF_INET, SOCK_DGRAM, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof(address);
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  ASSERT_EQ(bind(viewer.get(), generic, size), 0);
-  ASSERT_EQ(getsockname(viewer.get(), generic, &size), 0);
-  add({address.sin_addr.s_addr, ntohs(address.sin_port)});
-  const struct {
-    std::size_t text;
-    ssize_t frame;
-  } kRows[] = {{0, 12},     {1, 13},     {60'000, 60'012}, {65'495, 65'507},
-               {65'524, 0}, {65'530, 6}, {65'536, 12},     {65'546, 22}};
+/// The payload of the next frame that a viewer receives, behind its header.
+std::string payload_of_next(const test::UdpEnd& viewer, std::uint8_t kind) {
+  std::string received = viewer.receive();
+  received.resize(std::max(received.size(), std::size_t{12}));
+  received.replace(4, 4, "n..n");  // the number of the broadcast
+  const std::string header = {'\x42', static_cast<char>(kind), 0, 0, 'n', '.', '.', 'n', 0, 0, 0,
+                              0};
+  EXPECT_EQ(received.substr(0, 12), header);
+  return received.substr(12);
+}
+
+void broadcast(std::string_view payload, FrameKind kind) {
+  nimbus::broadcast({reinterpret_cast<const std::uint8_t*>(payload.data()), payload.size()}, kind);
+}
+
+TEST_F(Viewers, EveryShapeOfMessageIsFramed) {
+  const test::UdpEnd viewer;
+  ASSERT_EQ(add(viewer.endpoint()), 1);
+  send_status(6, {1, 2, 3, 127, 128, 255});
+  EXPECT_EQ(payload_of_next(viewer, 0), "\6\1\2\3\x7F\x80\xFF");
+  send_triple(255, {0x1234, -2, -32'768});
+  EXPECT_EQ(payload_of_next(viewer, 0), "\xFF\x34\x12\xFE\xFF\0\x80"s);
+  broadcast_text("{}");
+  EXPECT_EQ(payload_of_next(viewer, 0), "{}");
+  broadcast("video", FrameKind::video);
+  EXPECT_EQ(payload_of_next(viewer, 1), "video");
+}
+
+TEST_F(Viewers, AViewerThatCannotBeReachedDoesNotKeepFramesFromOthers) {
+  const test::UdpEnd first, second;
+  ASSERT_EQ(add(first.endpoint()), 1);
+  ASSERT_EQ(add(endpoint("192.0.2.1", 9)), 1) << "there is no way to this network";
+  ASSERT_EQ(add(endpoint("255.255.255.255", 9)), 1) << "not allowed to this socket";
+  ASSERT_EQ(add(second.endpoint()), 1);
+  broadcast("x", FrameKind::data);
+  EXPECT_EQ(payload_of_next(first, 0), "x");
+  EXPECT_EQ(payload_of_next(second, 0), "x");
+}
+
+/// Too long for a datagram, a payload reaches nobody; with its header past 16 bits, what is left of
+/// the length does.
+TEST_F(Viewers, TheLengthOfAFrameHas16Bits) {
+  constexpr std::size_t kHeader = 12;
+  struct Row {
+    std::size_t frame, received;
+  };
+  constexpr Row kRows[] = {{kHeader, kHeader}, {65'507, 65'507},  {65'508, 0},        {65'535, 0},
+                           {65'536 + 1, 1},    {65'536 + 12, 12}, {65'536 + 100, 100}};
+  const test::UdpEnd viewer;
+  ASSERT_EQ(add(viewer.endpoint()), 1);
   for (const auto& row : kRows) {
-    SCOPED_TRACE(row.text);
-    broadcast_text(std::string(row.text, 'x'));
-    pollfd readable{viewer.get(), POLLIN, 0};
-    ASSERT_EQ(poll(&readable, 1, 10'000), 1);
-    std::vector<char> datagram(65'536);
-    EXPECT_EQ(recv(viewer.get(), datagram.data(), datagram.size(), 0), row.frame);
+    broadcast(std::string(row.frame - kHeader, 'x'), FrameKind::data);
+    if (row.received != 0) {
+      EXPECT_EQ(viewer.receive().size(), row.received) << row.frame;
+    }
   }
+  broadcast("the last", FrameKind::data);
+  EXPECT_EQ(payload_of_next(viewer, 0), "the last");
 }
 
 }  // namespace

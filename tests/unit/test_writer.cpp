@@ -30,7 +30,7 @@ using test::write_file;
 const fs::path kCardFile = "/boot/tervado-nimbus.conf";
 const fs::path kWorkingCopy = "/run/tervado.conf";
 const fs::path kGoldenFile =
-    fs::path(__FILE__).parent_path().parent_path() / "e2e" / "golden" / "tervado-nimbus.conf";
+    fs::path(NIMBUS_SOURCE_DIR) / "tests" / "e2e" / "golden" / "tervado-nimbus.conf";
 
 std::string without_cr(std::string text) {
   for (std::size_t at = 0; (at = text.find("\r\n", at)) != std::string::npos;) text.erase(at, 1);
