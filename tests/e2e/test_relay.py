@@ -397,7 +397,10 @@ def test_stuck_broadcast_does_not_stop_the_others(held, access_point, crowd, vid
         video.send(payload)
     wait_video(everybody[0], 3)
     with nimbus.frozen(held):  # some viewers have got the frame that others lack
+        answered = time.monotonic()
         access_point.answer(1)
+        waited = everybody[0].message(6, 1).time - answered
+        assert 0.05 <= waited < 0.05 + limit(0.4)
         for viewer in everybody:
             viewer.message(6, 1)
             viewer.message(11, 1)

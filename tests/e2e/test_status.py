@@ -4,6 +4,7 @@ import contextlib
 import itertools
 import struct
 import threading
+import time
 
 import pytest
 
@@ -161,6 +162,26 @@ def test_viewers_are_counted(held, access_point, join, region, count):
         flags = viewer.wait_count(lambda frame: frame.payload[0] == 6, 2)
         assert flags[-1].payload == bytes([6, 1, count, 0, 0, 0, 0])
     assert region.u8(region.VIEWER_COUNT) == count
+
+
+def test_order_of_the_losses(held, access_point, join, data, region):
+    """One pass looks at the viewers, then at the sources, then at the telemetry, and tells what is
+    left in its messages."""
+    silent = join(held)
+    data.send(b"\0")
+    held.err.wait("Data found\n")
+    time.sleep(5.1)
+    witness = join(held)
+    region.write(region.TRACKING_MS, b"\x01")
+    region.write(region.HISTOGRAM_MS, b"\x01")
+    access_point.answer(1)
+    assert witness.message(5).payload == CAMERA_DATA
+    assert nimbus.events(held).endswith(
+        nimbus.connected(witness) + nimbus.lost(silent) +
+        "Data lost\nTracking lost\nHistogram lost\n")
+    access_point.answer(1)
+    assert witness.message(6, start=3).payload == FLAGS
+    assert [frame.payload[0] for frame in silent.frames] == [6, 11]
 
 
 # --- The flags ----------------------------------------------------------------------------------
