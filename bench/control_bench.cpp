@@ -98,9 +98,9 @@ class ViewerEnd {
   ViewerEnd() : socket_(udp_socket()) {}
 
   void say(std::span<const std::uint8_t> payload) {
-    std::vector<std::uint8_t> frame(kHeaderSize);
+    std::vector<std::uint8_t> frame(kHeaderSize + payload.size());
     frame[0] = kMagic;
-    frame.insert(frame.end(), payload.begin(), payload.end());
+    std::copy(payload.begin(), payload.end(), frame.begin() + kHeaderSize);
     send(socket_, frame, kViewerPort);
   }
 

@@ -56,9 +56,9 @@ std::optional<Frame> decode_frame(std::span<const std::uint8_t> datagram) {
 }
 
 std::vector<std::uint8_t> encode_frame(std::span<const std::uint8_t> payload) {
-  std::vector<std::uint8_t> frame(kHeaderSize);
+  std::vector<std::uint8_t> frame(kHeaderSize + payload.size());
   frame[0] = kMagic;
-  frame.insert(frame.end(), payload.begin(), payload.end());
+  std::copy(payload.begin(), payload.end(), frame.begin() + kHeaderSize);
   return frame;
 }
 
