@@ -4,7 +4,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <span>
 #include <vector>
@@ -13,19 +12,18 @@
 #include "base/wire.h"
 #include "camera/duml.h"
 #include "control/telemetry.h"
+#include "tests/fuzz/invariants.h"
 
 namespace {
 
 using nimbus::DisplayRegion;
+using nimbus::fuzz::require;
+using nimbus::fuzz::require_text;
 using Bytes = std::span<const std::uint8_t>;
 
 constexpr std::size_t kTelemetryBegin = offsetof(DisplayRegion, gimbal_angle_1);
 constexpr std::size_t kTelemetryEnd = offsetof(DisplayRegion, orientation_lock);
 constexpr std::size_t kHistogramFrame = 77;
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 /// Calls visit(offset, length) for every frame of 10 bytes and more that the datagram holds whole,
 /// with a byte behind it.
@@ -63,19 +61,14 @@ std::optional<std::size_t> last_histogram(Bytes bytes) {
   return last;
 }
 
-void check_texts(DisplayRegion& region) {
-  const auto ends = [](auto& text) {
-    // One thread: the bytes may be looked at as they are.
-    const auto* const chars = reinterpret_cast<const char*>(&text);
-    require(std::find(chars, chars + sizeof(text), '\0') != chars + sizeof(text));
-  };
-  ends(region.camera_mode_text);
-  ends(region.exposure_mode_text);
-  ends(region.resolution_text);
-  ends(region.white_balance_text);
-  ends(region.shutter_text);
-  ends(region.colour_text);
-  ends(region.photo_format_text);
+void check_texts(const DisplayRegion& region) {
+  require_text(region.camera_mode_text);
+  require_text(region.exposure_mode_text);
+  require_text(region.resolution_text);
+  require_text(region.white_balance_text);
+  require_text(region.shutter_text);
+  require_text(region.colour_text);
+  require_text(region.photo_format_text);
 }
 
 void check_flags(const DisplayRegion& region) {
