@@ -15,7 +15,7 @@
 namespace nimbus {
 namespace {
 
-constexpr useconds_t kPeriodUs = 1'000'000;
+constexpr unsigned kPeriodS = 1;
 
 // Status messages: a type byte and six values.
 //   5  source, state (2: connected, 0: not)
@@ -70,7 +70,7 @@ void run_status_loop(const DisplayRegion& display, Config& config) {
     send_flags_status(display, config);
     send_version_status();
     tell_alive();
-    usleep(kPeriodUs);
+    sleep(kPeriodS);
   }
 }
 

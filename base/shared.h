@@ -31,6 +31,7 @@ class Shared {
   static_assert(std::is_trivially_copyable_v<T>);
 
  public:
+  // cppcheck-suppress uninitMemberVar ; as with a plain field
   Shared() noexcept = default;
   constexpr Shared(T value) noexcept : value_(value) {}
   Shared(const Shared&) = delete;

@@ -22,6 +22,7 @@ UniqueFd open_shared_memory(const char* name, bool& created) noexcept {
 
 void* map_shared_memory(const UniqueFd& fd, std::size_t size) noexcept {
   void* const address = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+  // cppcheck-suppress memleak ; mapped for the life of the process
   return address == MAP_FAILED ? nullptr : address;
 }
 

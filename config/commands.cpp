@@ -30,7 +30,7 @@ namespace {
 
 constexpr std::size_t kReportSize = 65'000;
 constexpr std::size_t kScanSize = 60'000;
-constexpr useconds_t kHdmiModeSettlesUs = 1'000'000;
+constexpr unsigned kHdmiModeSettlesS = 1;
 constexpr int kExitRestart = 3;
 
 ConfigCommandHooks command_hooks{};
@@ -126,7 +126,7 @@ void set_hdmi_mode(const Arguments& arguments) {
   } else {
     set_explicit_hdmi_mode(mode, arguments.on(2));
   }
-  usleep(kHdmiModeSettlesUs);
+  sleep(kHdmiModeSettlesS);
   run_shell(kEndPictures);
 }
 

@@ -81,6 +81,7 @@ void UdpLink::watchdog() noexcept {
   last_packet_ms_.store_release(0);
 }
 
+// cppcheck-suppress missingReturn ; the loop has no end
 void* UdpLink::run(void* link) noexcept { static_cast<UdpLink*>(link)->receive_loop(); }
 
 void UdpLink::receive_loop() noexcept {
