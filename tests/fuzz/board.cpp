@@ -16,6 +16,7 @@
 #include "base/unique_fd.h"
 #include "base/wire.h"
 #include "camera/duml.h"
+#include "config/config.h"
 #include "net/sources.h"
 #include "tests/fuzz/invariants.h"
 
@@ -81,6 +82,11 @@ ssize_t read_output(void* /*unused*/, char* buffer, std::size_t size) {
 void set_tools(std::string_view output, int status) {
   tool_output = output;
   tool_status = status;
+}
+
+void clear_memory() {
+  std::memset(static_cast<void*>(display_region()), 0, sizeof(DisplayRegion));
+  std::memset(static_cast<void*>(config_get()), 0, sizeof(Config));
 }
 
 void connect_camera() {

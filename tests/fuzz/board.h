@@ -11,6 +11,10 @@ namespace nimbus::fuzz {
 /// started. The text is not copied.
 void set_tools(std::string_view output, int status);
 
+/// Zeroes the display region and the configuration record: the same input then has the same effect,
+/// whatever came before it.
+void clear_memory();
+
 /// Opens the camera link and gives it a peer, so that commands reach fuzz_sendto(). Once, with the
 /// display region mapped.
 void connect_camera();

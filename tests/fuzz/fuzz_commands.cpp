@@ -63,15 +63,12 @@ void check(const DisplayRegion& region, Config& config) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   static DisplayRegion* const region = prepare();
-  Config& config = *nimbus::config_get();
-  // The same input has the same effect, whatever came before it.
-  std::memset(static_cast<void*>(&config), 0, sizeof(config));
-  std::memset(static_cast<void*>(region), 0, sizeof(*region));
+  nimbus::fuzz::clear_memory();
   const std::string_view input(reinterpret_cast<const char*>(bytes), size);
   const auto end = input.find('\0');
   const auto output = end == std::string_view::npos ? std::string_view{} : input.substr(end + 1);
   nimbus::fuzz::set_tools(output, output.ends_with('!') ? -1 : 0);
   carry_out(*region, input);
-  check(*region, config);
+  check(*region, *nimbus::config_get());
   return 0;
 }

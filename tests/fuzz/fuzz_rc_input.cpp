@@ -54,8 +54,8 @@ void take_over(const Others& others, DisplayRegion& region, nimbus::Config& conf
 }
 
 /// What a cut cycle lacks stays as it was in the one before.
-void cycle(std::span<const std::uint8_t> bytes, DisplayRegion& region, nimbus::Config& config) {
-  static Others others{};
+void cycle(std::span<const std::uint8_t> bytes, Others& others, DisplayRegion& region,
+           nimbus::Config& config) {
   const auto first = bytes.first(std::min(bytes.size(), sizeof(others)));
   std::memcpy(&others, first.data(), first.size());
   take_over(others, region, config);
@@ -86,10 +86,12 @@ void check(const DisplayRegion& region, nimbus::Config& config) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   static DisplayRegion* const region = prepare();
+  nimbus::fuzz::clear_memory();
   nimbus::Config& config = *nimbus::config_get();
+  Others others{};
   for (std::span<const std::uint8_t> rest(bytes, size); !rest.empty();) {
     const auto now = rest.first(std::min(rest.size(), kCycle));
-    cycle(now, *region, config);
+    cycle(now, others, *region, config);
     check(*region, config);
     rest = rest.subspan(now.size());
   }
