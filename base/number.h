@@ -15,7 +15,7 @@ namespace nimbus {
 template <std::integral Int, std::floating_point Float>
 [[nodiscard]] constexpr Int to_integer(Float value) noexcept {
   using Limits = std::numeric_limits<Int>;
-  if (value != value) return 0;
+  if (value != value) return 0;  // NOLINT(misc-redundant-expression): true for NaN
   // One past the largest Int is a power of two and so exact in every floating type; the largest
   // Int itself may not be.
   constexpr Float kPastMax =

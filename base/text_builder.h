@@ -23,7 +23,7 @@ class TextBuilder {
   }
   TextBuilder& add(std::int32_t number) noexcept {
     std::array<char, 11> digits;
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    const auto* const end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
     return add({digits.data(), static_cast<std::size_t>(end - digits.data())});
   }
 

@@ -144,9 +144,9 @@ void decode_tracking(const FrameView& frame, DisplayRegion& display) {
 
 void decode_gimbal(const FrameView& frame, DisplayRegion& display) {
   // Tenths of a degree on the wire; the display's first angle is the report's third.
-  const std::int16_t a1 = static_cast<std::int16_t>(frame.s16(11) / 10);
-  const std::int16_t a2 = static_cast<std::int16_t>(frame.s16(13) / 10);
-  const std::int16_t a3 = static_cast<std::int16_t>(frame.s16(19) / 10);
+  const auto a1 = static_cast<std::int16_t>(frame.s16(11) / 10);
+  const auto a2 = static_cast<std::int16_t>(frame.s16(13) / 10);
+  const auto a3 = static_cast<std::int16_t>(frame.s16(19) / 10);
   display.gimbal_angle_1 = a3;
   display.gimbal_angle_2 = a1;
   display.gimbal_angle_3 = a2;
