@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <span>
 #include <thread>
 
@@ -85,8 +85,8 @@ void set_tools(std::string_view output, int status) {
 }
 
 void clear_memory() {
-  std::memset(static_cast<void*>(display_region()), 0, sizeof(DisplayRegion));
-  std::memset(static_cast<void*>(config_get()), 0, sizeof(Config));
+  std::ranges::fill(std::as_writable_bytes(std::span(display_region(), 1)), std::byte{});
+  std::ranges::fill(std::as_writable_bytes(std::span(config_get(), 1)), std::byte{});
 }
 
 void connect_camera() {
