@@ -77,6 +77,13 @@ ssize_t read_output(void* /*unused*/, char* buffer, std::size_t size) {
   return static_cast<ssize_t>(length);
 }
 
+/// Null where the tools cannot be started.
+std::FILE* open_output() {
+  if (tool_status == -1) return nullptr;
+  unread = tool_output;
+  return fopencookie(nullptr, "r", {read_output, nullptr, nullptr, nullptr});
+}
+
 }  // namespace
 
 void set_tools(std::string_view output, int status) {
@@ -112,11 +119,8 @@ int fuzz_system(const char* command) {
 }
 
 std::FILE* fuzz_popen(const char* command, const char* /*mode*/) {
-  using namespace nimbus::fuzz;
-  check_command(command);
-  if (tool_status == -1) return nullptr;
-  unread = tool_output;
-  return fopencookie(nullptr, "r", {read_output, nullptr, nullptr, nullptr});
+  nimbus::fuzz::check_command(command);
+  return nimbus::fuzz::open_output();
 }
 
 int fuzz_pclose(std::FILE* pipe) {
