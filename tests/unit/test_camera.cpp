@@ -210,7 +210,7 @@ TEST(Camera, EveryHundredthOfAnAperture) {
   test::CameraEnd camera;
   test::Console console;
   for (int hundredths = 0; hundredths <= std::numeric_limits<std::int16_t>::max(); ++hundredths) {
-    std::array<char, 8> text;
+    std::array<char, 24> text;
     std::snprintf(text.data(), text.size(), "%d.%02d", hundredths / 100, hundredths % 100);
     ASSERT_EQ(camera_set_aperture(std::strtof(text.data(), nullptr)), 15);
     ASSERT_EQ(console.texts(), Texts{"Camera set aperture " + std::string(text.data()) + '\n'});
