@@ -17,6 +17,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 def pytest_addoption(parser):
     parser.addoption("--build", default=str(ROOT / "build" / "release"),
                      help="folder of the build to test (default: build/release)")
+    parser.addoption("--long", action="store_true",
+                     help="faults and floods last for minutes instead of seconds")
 
 
 def pytest_configure():
@@ -37,6 +39,12 @@ def sandbox():
 def build(pytestconfig):
     """The folder of the build under test."""
     return pathlib.Path(pytestconfig.getoption("--build")).resolve()
+
+
+@pytest.fixture
+def times(pytestconfig):
+    """times(short, long) is how often a test does what it does again and again."""
+    return lambda short, long: long if pytestconfig.getoption("--long") else short
 
 
 def empty(folder):

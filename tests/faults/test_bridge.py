@@ -1,0 +1,75 @@
+"""A bridge that comes and goes: each time it is another process on another port."""
+
+import json
+import time
+
+import nimbus
+from duml import camera, command, parse
+from nimbus import DATA_PORT, VIDEO_PORT, DisplayRegion, wait_until
+
+TIMEOUT = 1.0  # a source without a datagram for longer is lost
+SPLASH = (DisplayRegion.PRODUCT_NAME, DisplayRegion.VERSION_TEXT)
+TIMER = ((DisplayRegion.TIMER_STATE, 1), (DisplayRegion.TIMER_START_MS, 8))
+SHOT = camera(0x01, "01")
+
+
+def connections(region):
+    """Flag and text of camera data, then of video."""
+    return (region.u8(region.DATA_CONNECTED), region.text(*region.TELEMETRY_STATUS_TEXT),
+            region.u8(region.VIDEO_CONNECTED), region.text(*region.VIDEO_STATUS_TEXT))
+
+
+def scribble(region, *fields):
+    for offset, size in fields:
+        region.write(offset, b"x" * size)
+
+
+def timer_is_zero(region):
+    return not any(any(region.bytes(*field)) for field in TIMER)
+
+
+FOUND = (1, "", 1, "")
+LOST = (0, "telemetry disconnected", 0, "video disconnected")
+
+
+def test_bridge_comes_and_goes(start, clock, region, viewers, times):
+    """Each time: one line and the fields of the region for found and for lost, the splash is wiped,
+    the camera's timer starts anew, and what is sent to the camera goes to the newest bridge. A
+    silence of exactly a second is none."""
+    rounds = times(20, 200)
+    clock.stop()
+    service = start(env=clock.env)
+    clock.hurry()
+    viewer = viewers()
+    begin = time.monotonic()
+    for number in range(1, rounds + 1):
+        viewer.register()  # or it would be lost, too
+        data, video = (nimbus.Bridge(port, f"127.0.{number}.1") for port in (DATA_PORT, VIDEO_PORT))
+        scribble(region, *SPLASH, *TIMER)
+        data.send(b"\0")
+        service.err.wait("Data found\n", count=number)
+        video.send(b"\0")
+        service.err.wait("Video found\n", count=number)
+        wait_until(lambda: connections(region) == FOUND, 5, "the connection")
+        wait_until(lambda: timer_is_zero(region), 5, "the camera's timer")
+        assert [region.text(*field) for field in SPLASH] == ["", ""]
+
+        viewer.command(json.dumps(command("shot")))
+        assert parse(data.receive()) == (SHOT, number - 1)
+
+        clock.step(TIMEOUT)
+        sent = nimbus.datagrams_sent()  # four in a pass
+        wait_until(lambda: nimbus.datagrams_sent() > sent + 8, 5, "two passes of the status loop")
+        assert connections(region) == FOUND
+        scribble(region, *TIMER)
+        clock.step(0.001)
+        service.err.wait("Video lost\n", count=number + 1)
+        wait_until(lambda: connections(region) == LOST, 5, "the loss")
+        assert timer_is_zero(region)
+        data.close()
+        video.close()
+    passed = time.monotonic() - begin
+    print(f"\nbridge: came and went {rounds} times, {1000 * passed / rounds:.0f} ms each")
+    told = [line for line in nimbus.events(service).splitlines() if not line.startswith("New")]
+    assert told == ["Data found", "Video found", "Camera shot", "Data lost", "Video lost"] * rounds
+    assert passed < nimbus.limit(1.0) * rounds
