@@ -1,0 +1,189 @@
+"""A wall clock that is set, as the board's is when it finds a time server.
+
+All time-outs are measured on it, by the unsigned difference of 32-bit milliseconds. So a step back
+makes everything old, just as a step forward does: who is silent at that moment is lost at once, and
+is back with the next datagram. Nothing ever waits until the old time has come again. The gimbal's
+stream and all pauses are on a clock that is never set.
+"""
+
+import json
+import random
+import struct
+import time
+
+import pytest
+
+import nimbus
+from duml import Camera, command, parse
+from nimbus import DATA_PORT, VIDEO_PORT, connected, lost, wait_until
+from rc import RcReader
+from reports import HISTOGRAM, TAIL, TRACKING
+
+HOUR = 3600.0
+WRAP = 2**32 / 1000  # seconds until the milliseconds start anew
+RC_REPORT = 15
+TRIPLE_TEXTS = ("Tracking lost\n", "Histogram lost\n")
+
+both_ways = pytest.mark.parametrize("step", [HOUR, -HOUR], ids=["forward", "back"])
+
+
+@pytest.fixture
+def timed(start, clock):
+    """timed(conf="", stopped=...) is a service on a clock that the test sets."""
+
+    def make(conf="", stopped=None):
+        if stopped is not None:
+            clock.stop(stopped)
+        return start(conf, env=clock.env)
+
+    return make
+
+
+def off(x=0.25, y=0.5):
+    return TRACKING.frame(x=x, y=y) + TAIL
+
+
+def on(x=0.25, y=0.5):
+    return TRACKING.frame(on_1=1, on_2=1, x=x, y=y) + TAIL
+
+
+@both_ways
+def test_who_is_silent_is_lost_once_and_returns(timed, clock, viewer_of, data, video, region, step):
+    """Every link, every viewer and all telemetry: one line each."""
+    service = timed(stopped=time.time())
+    clock.hurry()
+    viewer = viewer_of(service)
+    for number in (1, 2):
+        data.send(HISTOGRAM.frame() + TAIL + on())
+        video.send(b"\0")
+        service.err.wait("Data found\n", count=number)
+        service.err.wait("Video found\n", count=number)
+        wait_until(lambda: region.value("I", 876) and region.value("I", 1012), 5, "the telemetry")
+        before = len(service.err.text())
+        clock.step(step)
+        # The last that is looked at in a pass.
+        service.err.wait("Histogram lost\n", count=number)
+        assert service.err.text()[before:] == lost(viewer) + "Data lost\nVideo lost\n" + \
+            "Tracking lost\nHistogram lost\n"
+        viewer.register()
+        service.err.wait(connected(viewer), count=number + 1)
+
+
+@pytest.fixture
+def viewer_of(viewers):
+    """viewer_of(service) is a viewer that is registered there."""
+
+    def make(service):
+        viewer = viewers()
+        viewer.register()
+        service.err.wait(connected(viewer))
+        return viewer
+
+    return make
+
+
+def test_time_outs_across_the_wrap(timed, clock, viewer_of, data):
+    """Every 49.7 days the milliseconds start anew: an age is an age all the same."""
+    begin = 400 * WRAP - 0.3
+    service = timed(stopped=begin)
+    clock.hurry()
+    viewer = viewer_of(service)
+    data.send(b"\0")
+    service.err.wait("Data found\n")
+    clock.step(1.0)
+    start = len(viewer.frames)
+    for _ in range(3):  # a whole pass, at least
+        start = viewer.frames.index(viewer.message(11, start=start)) + 1
+    assert service.err.text().count("Data lost\n") == 1
+    clock.step(0.001)
+    service.err.wait("Data lost\n", count=2)
+    clock.step(3.999)
+    start = len(viewer.frames)
+    for _ in range(3):
+        start = viewer.frames.index(viewer.message(11, start=start)) + 1
+    clock.step(0.001)
+    service.err.wait(lost(viewer))
+
+
+@both_ways
+def test_tracking_is_restored_at_once(timed, clock, cameras, step):
+    """The camera's next word that it has lost its subject seems to come late."""
+    camera = cameras()
+    service = timed(stopped=time.time())
+    camera.send(on())
+    camera.send(off())
+    service.err.wait("Waiting restore tracking 0...\n")
+    clock.step(step)
+    camera.send(off())
+    service.err.wait(f"Waiting restore tracking {round(step * 1000)}...\nRestore tracking...\n"
+                     "Tracking start 0.2 0.5 0.1 0.2\n" if False else
+                     f"Waiting restore tracking {round(step * 1000)}...\nRestore tracking...\n")
+    camera.wait(lambda events: [event for event in events if event.is_frame])
+
+
+@both_ways
+def test_focus_point_on_its_way_is_sent(timed, clock, region, step):
+    """A point that is to rest for a fifth of a second before it is sent does not rest for an hour."""
+    service = timed("rc_input_enabled=1\nrc_input_speed_pan=100\nrc_input_speed_tilt=100\n",
+                    stopped=time.time())
+    rc = RcReader(region)
+    rc.assign("focus-pan", "focus-tilt")
+    rc.hold("focus-pan", 1.0)
+    rc.cycle()
+    rc.hold("focus-pan", 0.0)
+    rc.cycle()
+    assert "focus" not in nimbus.events(service)
+    clock.step(step)
+    service.err.wait("Camera set focus point")
+
+
+@both_ways
+def test_rc_report_goes_on(timed, clock, viewer_of, step):
+    """Every half second, whatever the clock says."""
+    service = timed("rc_input_enabled=1\n")
+    viewer = viewer_of(service)
+    viewer.keep_alive(0.2)
+    viewer.message(RC_REPORT)
+    clock.step(step)
+    start = len(viewer.frames)
+    for _ in range(3):
+        frame = viewer.message(RC_REPORT, start=start)
+        start = viewer.frames.index(frame) + 1
+
+
+def speeds(camera):
+    """The times of the gimbal stream's frames."""
+    return [event.time for event in camera.frames() if parse(event.data)[0].id == 0x0C]
+
+
+def test_clock_that_is_set_again_and_again(timed, clock, viewer_of, cameras, video, region, times):
+    """A busy service does not pause: the gimbal is steered, commands are done, the video is relayed,
+    and the status messages come, whatever the clock says meanwhile."""
+    steps = times(12, 600)
+    chance = random.Random(3600)
+    camera = cameras()
+    service = timed()
+    viewer = viewer_of(service)
+    viewer.keep_alive(0.05)
+    camera.keep_sending(b"\0", 0.02)
+    video.keep_sending(b"picture", 0.02)
+    service.err.wait("Data found\n")
+    viewer.speed(1, 4000, 0, 0)
+    camera.wait(lambda events: speeds(camera))
+    waits = []
+    for number in range(1, steps + 1):
+        clock.step(chance.choice((HOUR, -HOUR, 0.9, -0.9, 30 * HOUR * chance.random())))
+        begin, seen = time.monotonic(), len(viewer.frames)
+        viewer.command(json.dumps(command("iso", "400")))
+        service.err.wait("Camera set iso 400\n", count=number)
+        viewer.wait(lambda frame: frame.video, start=seen)
+        viewer.message(11, start=seen)
+        assert (region.u8(region.DATA_CONNECTED), region.u8(region.VIDEO_CONNECTED)) == (1, 1)
+        waits.append(time.monotonic() - begin)
+    sent = speeds(camera)
+    longest = max(after - before for before, after in zip(sent, sent[1:]))
+    spurious = service.err.text().count("lost\n") - 2
+    print(f"\nclock: set {steps} times; longest gap of the gimbal stream {1000 * longest:.0f} ms; "
+          f"everything seen again within {max(waits):.2f} s; {spurious} losses told")
+    assert longest < nimbus.limit(2.0)
+    assert max(waits) < nimbus.limit(6.0)
