@@ -1,0 +1,123 @@
+"""Saves on a board whose boot partition or whose /run is full, read-only or gone."""
+
+import contextlib
+import pathlib
+import subprocess
+
+import pytest
+
+from board import CARD_FILE, WORKING_COPY
+from test_save import QUOTED, default_file, without_cr
+
+pytest_plugins = ["board"]
+
+FORMER = b"former copy"
+PAGE = 4096  # what a small file system is full by
+
+# So many long texts that the file is longer than a page, also without CR.
+TEXTS = {key: f'"{key:_>180}"' for key in QUOTED}
+
+
+def saved(rate):
+    """The file with that bit rate."""
+    return default_file(rc_input_enabled=0, video_bitrate=rate, **TEXTS)
+
+
+def system(*command):
+    """Runs a system's tool, by its path: the names are those of the stand-ins."""
+    subprocess.run([f"/bin/{command[0]}", *command[1:]], check=True)
+
+
+@contextlib.contextmanager
+def mounted(where, options):
+    """A small file system there; what the stand-ins need is taken along."""
+    standins = pathlib.Path("/run/standins")
+    aside = pathlib.Path("/dev/shm/standins")
+    if where == "/run":
+        aside.mkdir()
+        system("mount", "--bind", str(standins), str(aside))
+    system("mount", "-t", "tmpfs", "-o", options, "test", where)
+    if where == "/run":
+        standins.mkdir()
+        system("mount", "--bind", str(aside), str(standins))
+    try:
+        yield
+    finally:
+        if where == "/run":
+            system("umount", str(standins))
+        system("umount", where)
+        if where == "/run":
+            system("umount", str(aside))
+            aside.rmdir()
+
+
+def fill(folder, spare=0):
+    """Leaves so many pages free."""
+    with pathlib.Path(folder, "filler").open("wb", buffering=0) as filler, \
+            contextlib.suppress(OSError):
+        while True:
+            filler.write(bytes(PAGE))
+    size = pathlib.Path(folder, "filler").stat().st_size
+    with pathlib.Path(folder, "filler").open("r+b") as filler:
+        filler.truncate(size - PAGE * spare)
+
+
+def fill_beside_an_empty_copy():
+    """A copy that is rewritten has the room of the former one at least."""
+    WORKING_COPY.write_bytes(b"")
+    fill("/run")
+
+
+def remount(where, options):
+    system("mount", "-o", f"remount,{options}", where)
+
+
+def take_away(standins):
+    """The partition is not there again after it was unmounted."""
+    standins.answer("umount", f"rm -f {CARD_FILE}")
+
+
+# What is done to the board, and what is then in the card's file and in the working copy after a save
+# of `file`. None: no file.
+FAULTS = {
+    "boot is read-only": (
+        "/boot", lambda _: remount("/boot", "ro"), lambda file: (None, FORMER)),
+    "boot is full": (
+        "/boot", lambda _: fill("/boot"), lambda file: (b"", b"")),
+    "boot is nearly full": (
+        "/boot", lambda _: fill("/boot", 1), lambda file: (file[:PAGE], without_cr(file[:PAGE]))),
+    "boot does not come back": (
+        "/boot", take_away, lambda file: (None, b"")),
+    "run is read-only": (
+        "/run", lambda _: remount("/run", "ro"), lambda file: (file, FORMER)),
+    "run is full": (
+        "/run", lambda _: fill_beside_an_empty_copy(), lambda file: (file, b"")),
+    "run is nearly full": (
+        "/run", lambda _: fill("/run"), lambda file: (file, without_cr(file)[:PAGE])),
+}
+
+
+def content(file):
+    return file.read_bytes() if file.exists() else None
+
+
+@pytest.mark.parametrize("where, spoil, files", FAULTS.values(), ids=FAULTS)
+def test_save_does_what_it_can(boards, standins, times, where, spoil, files):
+    """And no more: the record has the new values, the service goes on, and the first save on a board
+    in order is whole."""
+    rounds = times(5, 100)
+    board = boards("".join(f"{key}={text}\n" for key, text in TEXTS.items()))
+    before = board.report()
+    with mounted(where, "size=16k"):
+        WORKING_COPY.write_bytes(FORMER)
+        spoil(standins)
+        for rate in range(1, rounds + 1):
+            _, said = board.update("video_bitrate", str(rate))
+            assert said.count("Save config\n") == 1
+            assert (content(CARD_FILE), content(WORKING_COPY)) == files(saved(rate))
+            assert board.report() == {**before, "vbitrate": rate}
+    standins.reset("umount")
+    board.update("video_bitrate", "4000")
+    assert (content(CARD_FILE), content(WORKING_COPY)) == (saved(4000), without_cr(saved(4000)))
+    assert board.report() == {**before, "vbitrate": 4000}
+    print(f"\nspoilt board: {rounds} saves, the record as it should be after each")
