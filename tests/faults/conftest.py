@@ -10,7 +10,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 
-pytest_plugins = ["service_fixtures"]
+pytest_plugins = ["service_fixtures", "board", "station"]
 
 
 def pytest_addoption(parser):

@@ -23,8 +23,6 @@ from nimbus import wait_until
 from service_fixtures import orphans
 from test_save import with_settings, without_cr
 
-pytest_plugins = ["board"]
-
 # The report does not escape what is in it.
 OLD, NEW = (with_settings(video_bitrate=rate, wifi_psk='"plain"') for rate in (1111, 2222))
 COPIES = {without_cr(OLD): 1111, without_cr(NEW): 2222}

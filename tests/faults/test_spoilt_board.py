@@ -9,8 +9,6 @@ import pytest
 from board import CARD_FILE, WORKING_COPY
 from test_save import QUOTED, default_file, without_cr
 
-pytest_plugins = ["board"]
-
 FORMER = b"former copy"
 PAGE = 4096  # what a small file system is full by
 

@@ -24,8 +24,6 @@ TRACKING_MS = 876
 WRAP = 2**32 / 1000  # seconds until the milliseconds start anew
 RC_REPORT = 15
 
-pytest_plugins = ["station"]
-
 both_ways = pytest.mark.parametrize("step", [HOUR, -HOUR], ids=["forward", "back"])
 
 
