@@ -6,14 +6,15 @@ import os
 import pathlib
 import random
 import struct
+import time
 
 import pytest
 
 import nimbus
 from nimbus import DATA_PORT, VIDEO_PORT, VIEWER_PORT, connected, events, removed, wait_until
+from reports import REPORTS, TAIL, TRACKING, sealed
 
 MAX_VIEWERS = 10
-FLOOD = 20_000  # datagrams
 QUEUE_BYTES = 64 * 1024  # may wait in the service's socket, so that none is lost
 # A second flood may cost a few pages. What a sanitizer keeps for itself grows for a while.
 GROWTH_BYTES = 128 * 1024 if nimbus.TIME_SCALE == 1 else 8 * 1024 * 1024
@@ -62,8 +63,11 @@ def unharmed(steady, standins, viewers, data, video):
         flood()
         nimbus.wait_round(standins)  # the status loop, too, has done all of its work before
         before = resources(steady)
+        begin = time.monotonic()
         flood()
         memory, descriptors, threads = resources(steady)
+        print(f"\nflood: {time.monotonic() - begin:.1f} s; memory {(memory - before[0]) // 1024:+d} "
+              "KiB by the second one")
         assert memory <= before[0] + GROWTH_BYTES
         assert (descriptors, threads) == before[1:]
 
@@ -80,6 +84,12 @@ def unharmed(steady, standins, viewers, data, video):
         steady.err.wait(removed(last))
 
     return check
+
+
+@pytest.fixture
+def size(times):
+    """The datagrams of a flood."""
+    return times(20_000, 100_000)
 
 
 @pytest.fixture
@@ -103,14 +113,14 @@ def random_sizes(chance):
 
 
 @pytest.mark.parametrize("port", [VIEWER_PORT, DATA_PORT, VIDEO_PORT])
-def test_random_datagrams(unharmed, sockets, port):
+def test_random_datagrams(unharmed, sockets, size, port):
     sender, = sockets(1)
 
     def flood():
         chance = random.Random(port)
         sizes = random_sizes(chance)
         with Flood(port) as datagrams:
-            for _ in range(FLOOD):
+            for _ in range(size):
                 datagrams.send(sender, chance.randbytes(next(sizes)))
             if port == VIEWER_PORT:  # some of them have registered the sender
                 datagrams.send(sender, b"\x42" + bytes(11) + b"\x01")
@@ -137,13 +147,13 @@ def mutated(frame, chance):
     return bytes(frame)
 
 
-def test_mutated_frames(unharmed, sockets):
+def test_mutated_frames(unharmed, sockets, size):
     senders = sockets(30)
 
     def flood():
         chance = random.Random(4242)
         with Flood(VIEWER_PORT) as datagrams:
-            for _ in range(FLOOD):
+            for _ in range(size):
                 datagrams.send(chance.choice(senders), mutated(chance.choice(VALID_FRAMES), chance))
             for sender in senders:
                 datagrams.send(sender, b"\x42" + bytes(11) + b"\x01")
@@ -151,14 +161,32 @@ def test_mutated_frames(unharmed, sockets):
     unharmed(flood)
 
 
-def test_registrations_from_hundreds_of_ports(unharmed, steady, sockets):
+def test_mutated_reports(unharmed, sockets, size):
+    """Half of them with the right check for what they have become."""
+    sender, = sockets(1)
+    # Not one that is tracked: it would be looked for again and again, at the console's expense.
+    kinds = [kind for kind in REPORTS.values() if kind is not TRACKING]
+
+    def flood():
+        chance = random.Random(5000)
+        with Flood(DATA_PORT) as datagrams:
+            for _ in range(size):
+                frame = mutated(chance.choice(kinds).frame(chance.randbytes(94)), chance)
+                if chance.random() < 0.5 and len(frame) > 2:
+                    frame = sealed(frame)
+                datagrams.send(sender, frame + TAIL)
+
+    unharmed(flood)
+
+
+def test_registrations_from_hundreds_of_ports(unharmed, steady, sockets, size):
     """The first ten are served; when they have left, the next ten."""
     senders = sockets(400)
 
     def flood():
         chance = random.Random(10)
         with Flood(VIEWER_PORT) as datagrams:
-            for _ in range(FLOOD):
+            for _ in range(size):
                 datagrams.send(chance.choice(senders), b"\x42")
             for sender in senders:
                 datagrams.send(sender, b"\x42" + bytes(11) + b"\x01")
