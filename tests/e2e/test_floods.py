@@ -66,8 +66,8 @@ def unharmed(steady, standins, viewers, data, video):
         begin = time.monotonic()
         flood()
         memory, descriptors, threads = resources(steady)
-        print(f"\nflood: {time.monotonic() - begin:.1f} s; memory {(memory - before[0]) // 1024:+d} "
-              "KiB by the second one")
+        print(f"\nflood: {time.monotonic() - begin:.1f} s; by the second one, memory "
+              f"{(memory - before[0]) // 1024:+d} KiB")
         assert memory <= before[0] + GROWTH_BYTES
         assert (descriptors, threads) == before[1:]
 

@@ -48,8 +48,10 @@ def test_bridge_comes_and_goes(start, clock, region, viewers, times):
         scribble(region, *SPLASH, *TIMER)
         data.send(b"\0")
         service.err.wait("Data found\n", count=number)
-        video.send(b"\0")
+        picture = b"%d" % number
+        video.send(picture)
         service.err.wait("Video found\n", count=number)
+        viewer.wait(lambda frame, picture=picture: frame.payload == picture)
         wait_until(lambda: connections(region) == FOUND, 5, "the connection")
         wait_until(lambda: timer_is_zero(region), 5, "the camera's timer")
         assert [region.text(*field) for field in SPLASH] == ["", ""]

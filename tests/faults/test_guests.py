@@ -141,4 +141,5 @@ def test_ten_that_are_joined_by_fifty(party, viewers, region, times):
         for viewer in inside:
             viewer.register()
         let_in += len(gone)
-    print(f"\nfifty at the door: {let_in} let in over {rounds} rounds, never more than {SLOTS} inside")
+    print(f"\nfifty at the door: {let_in} let in over {rounds} rounds, never more than {SLOTS} "
+          "inside")

@@ -1,10 +1,9 @@
 """A service that is killed while it saves its settings, and starts again.
 
-The file on the card is rewritten in place, and the working copy is made from it at the very end. The
-next start reads the copy: it finds all of the old settings or all of the new ones, whenever the
+The file on the card is rewritten in place, and the working copy is made from it at the very end.
+The next start reads the copy: it finds all of the old settings or all of the new ones, whenever the
 service itself was killed, because the command that makes the copy runs to its end without it. When
-the command is killed, too, or the power fails, the copy may be cut short; the card has the whole
-file then.
+the command is killed, too, the copy may be cut short; the card has the whole file then.
 """
 
 import collections
@@ -168,8 +167,8 @@ def test_killed_at_any_moment(save_test, times):
         assert card == NEW or copy == without_cr(OLD)
         assert save_test.restart() == COPIES[copy]
         found[COPIES[copy]] += 1
-    print(f"\nkilled saves: {rounds}; {found[1111]} starts with the old settings, {found[2222]} with "
-          "the new ones")
+    print(f"\nkilled saves: {rounds}; {found[1111]} starts with the old settings, {found[2222]} "
+          "with the new ones")
 
 
 # --- The service with its commands ----------------------------------------------------------------
@@ -178,7 +177,7 @@ KILL_ALL = '/bin/kill -9 -- "-$(/bin/cat "$NIMBUS_STANDINS/service")"\n'
 
 
 def test_killed_with_the_command_that_copies(save_test):
-    """The copy is empty; the service starts all the same, without settings, and the card has them."""
+    """The copy is empty; the service starts all the same, without settings. The card has them."""
     save_test.standins.answer("sed", KILL_ALL)
     save_test.begin(start_new_session=True)
     save_test.save()
@@ -197,5 +196,5 @@ def test_killed_with_its_commands_at_any_moment(save_test, times):
         assert without_cr(NEW).startswith(copy) or copy == without_cr(OLD)
         found[COPIES.get(copy, "cut")] += 1
         save_test.restart()
-    print(f"\nkilled with their commands: {rounds} saves; {found[1111]} old copies, {found[2222]} new "
-          f"ones, {found['cut']} cut short")
+    print(f"\nkilled with their commands: {rounds} saves; {found[1111]} old copies, {found[2222]} "
+          f"new ones, {found['cut']} cut short")

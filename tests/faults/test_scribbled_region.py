@@ -75,7 +75,7 @@ def test_contents_of_a_sibling(start, region, viewers, cameras, video, times):
 
 
 def test_sibling_that_never_stops_scribbling(start, region, viewers, cameras, video, times):
-    """Bytes of any kind, all over the region, some hundred times a second, while everybody works."""
+    """Bytes of any kind, all over the region, hundreds of times a second, while all work."""
     seconds = times(2, 60)
     chance = random.Random(2672)
     service = start(CONF)

@@ -1,6 +1,7 @@
 """Saves on a board whose boot partition or whose /run is full, read-only or gone."""
 
 import contextlib
+import os
 import pathlib
 import subprocess
 
@@ -10,6 +11,7 @@ from board import CARD_FILE, WORKING_COPY
 from test_save import QUOTED, default_file, without_cr
 
 FORMER = b"former copy"
+STANDINS = os.environ.get("NIMBUS_STANDINS", "")
 PAGE = 4096  # what a small file system is full by
 
 # So many long texts that the file is longer than a page, also without CR.
@@ -21,43 +23,39 @@ def saved(rate):
     return default_file(rc_input_enabled=0, video_bitrate=rate, **TEXTS)
 
 
-def system(*command):
-    """Runs a system's tool, by its path: the names are those of the stand-ins."""
-    subprocess.run([f"/bin/{command[0]}", *command[1:]], check=True)
-
-
 @contextlib.contextmanager
-def mounted(where, options):
-    """A small file system there; what the stand-ins need is taken along."""
-    standins = pathlib.Path("/run/standins")
-    aside = pathlib.Path("/dev/shm/standins")
-    if where == "/run":
-        aside.mkdir()
-        system("mount", "--bind", str(standins), str(aside))
-    system("mount", "-t", "tmpfs", "-o", options, "test", where)
-    if where == "/run":
-        standins.mkdir()
-        system("mount", "--bind", str(aside), str(standins))
+def mounted(where, *options):
+    """Mounts something there, by the system's own tools: the names are those of the stand-ins."""
+    subprocess.run(["/bin/mount", *options, where], check=True)
     try:
         yield
     finally:
+        subprocess.run(["/bin/umount", where], check=True)
+
+
+@contextlib.contextmanager
+def small(where):
+    """A small file system there. What the stand-ins need in /run is taken along."""
+    with contextlib.ExitStack() as mounts:
+        aside = pathlib.Path("/dev/shm/standins")
         if where == "/run":
-            system("umount", str(standins))
-        system("umount", where)
+            aside.mkdir()
+            mounts.callback(aside.rmdir)
+            mounts.enter_context(mounted(str(aside), "--bind", STANDINS))
+        mounts.enter_context(mounted(where, "-t", "tmpfs", "-o", "size=16k", "test"))
         if where == "/run":
-            system("umount", str(aside))
-            aside.rmdir()
+            pathlib.Path(STANDINS).mkdir()
+            mounts.enter_context(mounted(STANDINS, "--bind", str(aside)))
+        yield
 
 
 def fill(folder, spare=0):
     """Leaves so many pages free."""
-    with pathlib.Path(folder, "filler").open("wb", buffering=0) as filler, \
-            contextlib.suppress(OSError):
+    file = pathlib.Path(folder, "filler")
+    with file.open("wb", buffering=0) as filler, contextlib.suppress(OSError):
         while True:
             filler.write(bytes(PAGE))
-    size = pathlib.Path(folder, "filler").stat().st_size
-    with pathlib.Path(folder, "filler").open("r+b") as filler:
-        filler.truncate(size - PAGE * spare)
+    os.truncate(file, file.stat().st_size - PAGE * spare)
 
 
 def fill_beside_an_empty_copy():
@@ -67,7 +65,7 @@ def fill_beside_an_empty_copy():
 
 
 def remount(where, options):
-    system("mount", "-o", f"remount,{options}", where)
+    subprocess.run(["/bin/mount", "-o", f"remount,{options}", where], check=True)
 
 
 def take_away(standins):
@@ -75,8 +73,8 @@ def take_away(standins):
     standins.answer("umount", f"rm -f {CARD_FILE}")
 
 
-# What is done to the board, and what is then in the card's file and in the working copy after a save
-# of `file`. None: no file.
+# What is done to the board, and what is then in the card's file and in the working copy after a
+# save of `file`. None: no file.
 FAULTS = {
     "boot is read-only": (
         "/boot", lambda _: remount("/boot", "ro"), lambda file: (None, FORMER)),
@@ -101,12 +99,12 @@ def content(file):
 
 @pytest.mark.parametrize("where, spoil, files", FAULTS.values(), ids=FAULTS)
 def test_save_does_what_it_can(boards, standins, times, where, spoil, files):
-    """And no more: the record has the new values, the service goes on, and the first save on a board
-    in order is whole."""
+    """And no more: the record has the new values, the service goes on, and the first save on a
+    board in order is whole."""
     rounds = times(5, 100)
     board = boards("".join(f"{key}={text}\n" for key, text in TEXTS.items()))
     before = board.report()
-    with mounted(where, "size=16k"):
+    with small(where):
         WORKING_COPY.write_bytes(FORMER)
         spoil(standins)
         for rate in range(1, rounds + 1):

@@ -1,5 +1,5 @@
-"""How the service ends, as its supervisor sees it: status 1 when it cannot start, 3 when it wants to
-be started again. Either way nothing must be cleaned up for the next start."""
+"""How the service ends, as its supervisor sees it: status 1 when it cannot start, 3 when it wants
+to be started again. Either way nothing must be cleaned up for the next start."""
 
 import signal
 import time
@@ -38,8 +38,8 @@ def test_ends_and_starts_again(start, viewers, region, times, end, status):
         for _ in range(rounds):
             service = start()
             service.err.wait(connected(viewer))
-            wait_until(lambda: region.u8(region.DATA_CONNECTED) and region.u8(region.VIDEO_CONNECTED),
-                       5, "both sources")
+            wait_until(lambda: region.u8(region.DATA_CONNECTED), 5, "camera data")
+            wait_until(lambda: region.u8(region.VIDEO_CONNECTED), 5, "video")
             viewer.message(11, start=len(viewer.frames))
             waits.append(time.monotonic() - service.started)
             end(viewer)

@@ -52,8 +52,8 @@ def hanging(standins):
 
 
 class Life:
-    """What must go on at a station, whatever hangs: video, the gimbal's stream, viewers that come and
-    go."""
+    """What must go on at a station, whatever hangs: video, the gimbal's stream, viewers that come
+    and go."""
 
     def __init__(self, station, viewers, video):
         self.station = station
@@ -98,7 +98,7 @@ def lively(stations, viewers, video):
 
 @pytest.mark.parametrize("tool", CAUSES)
 def test_tool_of_a_command_that_hangs(lively, hanging, tool):
-    """Commands wait, the last one that came is done afterwards. The RC and the status go on, too."""
+    """Commands wait; the last one that came is done afterwards. RC and status go on, too."""
     life = lively("rc_input_enabled=1\n")
     station = life.station
     rc = RcReader(station.region)
@@ -144,7 +144,7 @@ def test_everything_hangs(lively, hanging):
 
 
 def test_hanging_tool_does_not_keep_the_successor(start, standins, hanging, viewers):
-    """A service that is killed while a tool hangs leaves nothing behind that its successor needs."""
+    """A service that is killed while a tool hangs leaves nothing that its successor needs."""
     hanging.hang("iwlist")
     first = start()
     viewer = viewers()
@@ -177,8 +177,8 @@ def test_scan_that_prints_megabytes(unsanitized, steady, viewers, standins, time
     def scan():
         seen = len(viewer.frames)
         viewer.command('{"cmd":"wlan","param":"scan","value":"1"}')
-        return viewer.wait(lambda frame: frame.payload.startswith(b'{"cmd":"wlanscan"'), 60, "the answer",
-                           seen).payload
+        return viewer.wait(lambda frame: frame.payload.startswith(b'{"cmd":"wlanscan"'), 60,
+                           "the answer", seen).payload
 
     standins.answer("iwlist", LINES.format(size=200_000))
     scan()  # every page of the buffers has been used before
@@ -188,7 +188,8 @@ def test_scan_that_prints_megabytes(unsanitized, steady, viewers, standins, time
     assert len(scan()) < 60_000
     passed = time.monotonic() - begin
     after = resources(steady)
-    print(f"\nscan: {size / 1e6:.0f} MB in {passed:.2f} s; memory {(after[0] - before[0]) // 1024:+d} KiB")
+    print(f"\nscan: {size / 1e6:.0f} MB in {passed:.2f} s; "
+          f"memory {(after[0] - before[0]) // 1024:+d} KiB")
     assert after[0] <= before[0] + GROWTH_BYTES
     assert after[1:] == before[1:]
     assert passed < size / 1e6

@@ -42,8 +42,8 @@ def timed(start, clock):
 def wait_messages(viewer, kind, count=3):
     """Waits for that many more messages of a kind."""
     start = len(viewer.frames)
-    wait_until(lambda: sum(frame.payload[0] == kind for frame in viewer.frames[start:]) >= count, 10,
-               f"{count} messages {kind}")
+    wait_until(lambda: sum(frame.payload[0] == kind for frame in viewer.frames[start:]) >= count,
+               10, f"{count} messages {kind}")
 
 
 def off(x=0.25, y=0.5):
@@ -127,7 +127,7 @@ def test_tracking_is_restored_at_once(timed, clock, cameras, step):
 
 @both_ways
 def test_focus_point_on_its_way_is_sent(timed, clock, region, step):
-    """A point that is to rest for a fifth of a second before it is sent does not rest for an hour."""
+    """A point that is to rest for a fifth of a second before it is sent does not wait an hour."""
     service = timed("rc_input_enabled=1\nrc_input_speed_pan=100\nrc_input_speed_tilt=100\n",
                     stopped=time.time())
     rc = RcReader(region)
@@ -158,8 +158,8 @@ def speeds(camera):
 
 
 def test_clock_that_is_set_again_and_again(timed, clock, viewer_of, cameras, video, region, times):
-    """A busy service does not pause: the gimbal is steered, commands are done, the video is relayed,
-    and the status messages come, whatever the clock says meanwhile."""
+    """A busy service does not pause: the gimbal is steered, commands are done, the video is
+    relayed, and the status messages come, whatever the clock says meanwhile."""
     steps = times(12, 600)
     chance = random.Random(3600)
     camera = cameras()
