@@ -103,6 +103,7 @@ def test_save_does_what_it_can(boards, standins, times, where, spoil, files):
     board in order is whole."""
     rounds = times(5, 100)
     board = boards("".join(f"{key}={text}\n" for key, text in TEXTS.items()))
+    board.viewer.keep_alive()
     before = board.report()
     with small(where):
         WORKING_COPY.write_bytes(FORMER)
