@@ -25,9 +25,9 @@ ENDS = {
 
 @pytest.mark.parametrize("end, status", ENDS.values(), ids=ENDS)
 def test_ends_and_starts_again(start, viewers, data, video, region, times, end, status):
-    """At once: the ports are free, and viewer and bridge are served again by their usual words. The
-    bridge speaks once the service is ready; what hits the very moment at which a port is opened only
-    counts as received, and the source is found after its next silence."""
+    """At once: the ports are free, and viewer and bridge are served again by their usual words.
+    The bridge speaks once the service is ready: what hits the very moment at which a port is opened
+    only counts as received, and the source is found after its next silence."""
     rounds = times(3, 100)
     viewer = viewers()
     viewer.keep_alive(0.05)
