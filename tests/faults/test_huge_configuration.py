@@ -6,7 +6,7 @@ import time
 import pytest
 
 import nimbus
-from nimbus import READY, connected
+from nimbus import READY
 
 SIZE = 10_000_000
 LOADED = "Loading config file... done\n"
@@ -31,30 +31,27 @@ FILES = {
 }
 
 
-def assert_serves(service, viewers):
-    viewer = viewers()
-    viewer.register()
-    service.err.wait(connected(viewer))
+def assert_serves(viewer):
     assert viewer.message(11).payload == b"\x0b\x00\x03\x07\x02\x00\x00"
 
 
 @pytest.mark.parametrize("content", FILES.values(), ids=FILES)
-def test_ten_megabytes(start, viewers, region, content):
+def test_ten_megabytes(start, join, region, content):
     conf = content()
     service = start(conf, wait_ready=False)
     service.err.wait(READY, 60)
     passed = time.monotonic() - service.started
     assert service.err.text().startswith(LOADED)
-    assert_serves(service, viewers)
+    assert_serves(join(service))
     if conf.endswith(LINE):
         assert region.bytes(region.RC_CHANNEL_MAP[0], 4) == b"\x00\x01\x02\xff"
     print(f"\nconfiguration of {len(conf) / 1e6:.0f} MB: ready after {1000 * passed:.0f} ms")
     assert passed < nimbus.limit(10)
 
 
-def test_folder(start, viewers, tmp_path):
+def test_folder(start, join, tmp_path):
     """It can be opened, and has no lines."""
     (tmp_path / "tervado.conf").mkdir()
     service = start(conf=None)
     assert service.err.text().startswith(LOADED)
-    assert_serves(service, viewers)
+    assert_serves(join(service))

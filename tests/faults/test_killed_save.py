@@ -31,9 +31,9 @@ COMMAND = json.dumps({"cmd": "updateparam", "name": "video_bitrate", "value": "2
 class SaveTest:
     """A service that has the old settings, and is told the new one."""
 
-    def __init__(self, start, viewers, standins, folder, env):
+    def __init__(self, start, join, standins, folder, env):
         self.standins = standins
-        self._start, self._viewers, self._env = start, viewers, env
+        self._start, self._join, self._env = start, join, env
         self._folder = folder
         (folder / "tervado.conf").symlink_to(WORKING_COPY)
 
@@ -44,12 +44,6 @@ class SaveTest:
         self.service = self._start(conf=None, env=self._env, **popen)
         (self.standins.folder / "service").write_text(str(self.service.pid))
         self.viewer = self._join(self.service)
-
-    def _join(self, service):
-        viewer = self._viewers()
-        viewer.register()
-        service.err.wait(nimbus.connected(viewer))
-        return viewer
 
     def save(self):
         self.viewer.command(COMMAND)
@@ -83,14 +77,14 @@ class SaveTest:
 
 
 @pytest.fixture
-def save_test(start, viewers, standins, tmp_path):
+def save_test(start, join, standins, tmp_path):
     folder = tmp_path / "tools"
     folder.mkdir()
     standin = pathlib.Path(nimbus.__file__).parents[2] / "tools" / "sandbox" / "bin" / "board-tool"
     for tool in ("cat", "sed"):
         (folder / tool).symlink_to(standin)
     WORKING_COPY.unlink(missing_ok=True)
-    test = SaveTest(start, viewers, standins, tmp_path,
+    test = SaveTest(start, join, standins, tmp_path,
                     {"PATH": f"{folder}:{os.environ['PATH']}"})
     test.answer_copy()
     yield test

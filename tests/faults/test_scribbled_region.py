@@ -7,7 +7,7 @@ import time
 import nimbus
 from duml import parse
 from house import Neighbour
-from nimbus import connected, wait_until
+from nimbus import wait_until
 from rc import RcReader
 from reports import GIMBAL, SETTINGS, STATUS, TAIL, TRACKING
 
@@ -33,14 +33,12 @@ def contents(chance):
     return bytes(memory)
 
 
-def assert_in_order(service, region, viewers, camera, video):
+def assert_in_order(service, region, join, camera, video):
     """Once its sibling behaves, the service does all of its work."""
     region.write(0, bytes(region.SIZE))
     reader = RcReader(region)
     reader.cycle()
-    viewer = viewers()
-    viewer.register()
-    service.err.wait(connected(viewer))
+    viewer = join(service)
     viewer.message(11)
     video.send(b"the last picture")
     viewer.wait(lambda frame: frame.payload == b"the last picture")
@@ -55,7 +53,7 @@ def assert_in_order(service, region, viewers, camera, video):
     assert service.running()
 
 
-def test_contents_of_a_sibling(start, region, viewers, cameras, video, times):
+def test_contents_of_a_sibling(start, region, join, cameras, video, times):
     """The service starts with whatever it finds, and no frame that it sends is unsound."""
     rounds = times(3, 200)
     frames = 0
@@ -67,22 +65,21 @@ def test_contents_of_a_sibling(start, region, viewers, cameras, video, times):
         camera.send(b"\0")
         wait_until(lambda: region.u8(region.DATA_CONNECTED) == 1, 5, "the camera")
         camera.wait_frames(3)
-        assert_in_order(service, region, viewers, camera, video)
+        assert_in_order(service, region, join, camera, video)
         frames += len(camera.frames())
         camera.close()
         service.stop()
     print(f"\nscribbled regions: {rounds}, {frames} frames to the camera, all sound")
 
 
-def test_sibling_that_never_stops_scribbling(start, region, viewers, cameras, video, times):
+def test_sibling_that_never_stops_scribbling(start, region, join, cameras, video, times):
     """Bytes of any kind, all over the region, hundreds of times a second, while all work."""
     seconds = times(2, 60)
     chance = random.Random(2672)
     service = start(CONF)
     camera = cameras()
-    viewer = viewers()
+    viewer = join(service)
     viewer.keep_alive()
-    service.err.wait(connected(viewer))
 
     def scribble():
         offset = chance.randrange(region.SIZE)
@@ -107,6 +104,6 @@ def test_sibling_that_never_stops_scribbling(start, region, viewers, cameras, vi
             neighbour.stop()
     frames = len(camera.frames())
     viewer.speed(1, 0, 0, 0)
-    assert_in_order(service, region, viewers, camera, video)
+    assert_in_order(service, region, join, camera, video)
     print(f"\nscribbling sibling: {seconds} s, {frames} frames to the camera, all sound")
     assert frames > 10

@@ -88,12 +88,10 @@ def test_status_of_a_region_that_is_too_short(start, region, times, size):
 
 @pytest.mark.parametrize("signum", [signal.SIGTERM, signal.SIGHUP, signal.SIGKILL],
                          ids=lambda signum: signum.name)
-def test_signals(start, viewers, signum):
+def test_signals(start, join, signum):
     """The service has no farewell: a signal ends it at once, and the supervisor is told so."""
     service = start()
-    viewer = viewers()
-    viewer.register()
-    service.err.wait(connected(viewer))
+    viewer = join(service)
     service.process.send_signal(signum)
     assert service.wait_exit() == -signum
     assert nimbus.events(service) == connected(viewer)

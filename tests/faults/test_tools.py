@@ -143,18 +143,16 @@ def test_everything_hangs(lively, hanging):
     assert gap < nimbus.limit(2.0)
 
 
-def test_hanging_tool_does_not_keep_the_successor(start, standins, hanging, viewers):
+def test_hanging_tool_does_not_keep_the_successor(start, standins, hanging, join):
     """A service that is killed while a tool hangs leaves nothing that its successor needs."""
     hanging.hang("iwlist")
     first = start()
-    viewer = viewers()
-    viewer.register()
+    viewer = join(first)
     viewer.command('{"cmd":"wlan","param":"scan","value":"1"}')
     hanging.wait("iwlist")
     first.kill()
     second = start()
-    viewer.register()
-    second.err.wait(connected(viewer))
+    viewer = join(second)
     viewer.command('{"cmd":"shot"}')
     second.err.wait("Camera shot\n")
     standins.reset("iwlist")

@@ -46,35 +46,19 @@ def wait_messages(viewer, kind, count=3):
                10, f"{count} messages {kind}")
 
 
-def off(x=0.25, y=0.5):
-    return TRACKING.frame(x=x, y=y) + TAIL
-
-
-def on(x=0.25, y=0.5):
-    return TRACKING.frame(on_1=1, on_2=1, x=x, y=y) + TAIL
-
-
-@pytest.fixture
-def viewer_of(viewers):
-    """viewer_of(service) is a viewer that is registered there."""
-
-    def make(service):
-        viewer = viewers()
-        viewer.register()
-        service.err.wait(connected(viewer))
-        return viewer
-
-    return make
+SUBJECT = {"x": 0.25, "y": 0.5}
+TRACKED = TRACKING.frame(on_1=1, on_2=1, **SUBJECT) + TAIL
+UNTRACKED = TRACKING.frame(**SUBJECT) + TAIL
 
 
 @both_ways
-def test_who_is_silent_is_lost_once_and_returns(timed, clock, viewer_of, data, video, region, step):
+def test_who_is_silent_is_lost_once_and_returns(timed, clock, join, data, video, region, step):
     """Every link, every viewer and all telemetry: one line each."""
     service = timed(stopped=time.time())
     clock.hurry()
-    viewer = viewer_of(service)
+    viewer = join(service)
     for number in (1, 2):
-        data.send(HISTOGRAM.frame() + TAIL + on())
+        data.send(HISTOGRAM.frame() + TAIL + TRACKED)
         wait_until(lambda: region.value("I", HISTOGRAM_MS) and region.value("I", TRACKING_MS), 5,
                    "the telemetry")
         video.send(bytes([number]))
@@ -90,12 +74,12 @@ def test_who_is_silent_is_lost_once_and_returns(timed, clock, viewer_of, data, v
         service.err.wait(connected(viewer), count=number + 1)
 
 
-def test_time_outs_across_the_wrap(timed, clock, viewer_of, data, region):
+def test_time_outs_across_the_wrap(timed, clock, join, data, region):
     """Every 49.7 days the milliseconds start anew: an age is an age all the same."""
     begin = 400 * WRAP - 0.3
     service = timed(stopped=begin)
     clock.hurry()
-    viewer = viewer_of(service)
+    viewer = join(service)
     data.send(HISTOGRAM.frame() + TAIL)
     wait_until(lambda: region.value("I", HISTOGRAM_MS), 5, "the telemetry")
     clock.step(1.0)
@@ -115,11 +99,11 @@ def test_tracking_is_restored_at_once(timed, clock, cameras, step):
     """The camera's next word that it has lost its subject seems to come late."""
     camera = cameras()
     service = timed(stopped=time.time())
-    camera.send(on())
-    camera.send(off())
+    camera.send(TRACKED)
+    camera.send(UNTRACKED)
     service.err.wait("Waiting restore tracking 0...\n")
     clock.step(step)
-    camera.send(off())
+    camera.send(UNTRACKED)
     service.err.wait(f"Waiting restore tracking {round(step * 1000)}...\nRestore tracking...\n"
                      "Stop tracking\nStart tracking 0.2 0.5 0.1 0.2\n")
     camera.wait_frames(1)
@@ -142,10 +126,10 @@ def test_focus_point_on_its_way_is_sent(timed, clock, region, step):
 
 
 @both_ways
-def test_rc_report_goes_on(timed, clock, viewer_of, step):
+def test_rc_report_goes_on(timed, clock, join, step):
     """Every half second, whatever the clock says."""
     service = timed("rc_input_enabled=1\n")
-    viewer = viewer_of(service)
+    viewer = join(service)
     viewer.keep_alive(0.2)
     viewer.message(RC_REPORT)
     clock.step(step)
@@ -157,7 +141,7 @@ def speeds(camera):
     return [event.time for event in camera.frames() if parse(event.data)[0].id == 0x0C]
 
 
-def test_clock_that_is_set_again_and_again(timed, clock, viewer_of, cameras, video, region, times):
+def test_clock_that_is_set_again_and_again(timed, clock, join, cameras, video, region, times):
     """A busy service does not pause: the gimbal is steered, commands are done, the video is
     relayed, and the status messages come, whatever the clock says meanwhile."""
     steps = times(12, 600)
@@ -165,7 +149,7 @@ def test_clock_that_is_set_again_and_again(timed, clock, viewer_of, cameras, vid
     camera = cameras()
     service = timed()
     clock.hurry(0.2)
-    viewer = viewer_of(service)
+    viewer = join(service)
     viewer.keep_alive(0.05)
     camera.keep_sending(b"\0", 0.02)
     video.keep_sending(b"picture", 0.02)
