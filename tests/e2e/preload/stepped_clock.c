@@ -3,7 +3,7 @@
  *   0  i64  nanoseconds: the time itself while the clock stands, else what it is ahead of the
  *           system's
  *   8  i64  1: the clock stands
- *  16  i64  microseconds that a pause of a second or more takes; 0: as long as it takes
+ *  16  i64  microseconds that a pause of whole seconds takes; 0: as long as it takes
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -23,11 +23,11 @@ struct settings {
 
 static struct settings* settings;
 static int (*system_clock)(clockid_t, struct timespec*);
-static int (*system_pause)(useconds_t);
+static unsigned (*system_sleep)(unsigned);
 
 __attribute__((constructor)) static void open_settings(void) {
   *(void**)&system_clock = dlsym(RTLD_NEXT, "clock_gettime");
-  *(void**)&system_pause = dlsym(RTLD_NEXT, "usleep");
+  *(void**)&system_sleep = dlsym(RTLD_NEXT, "sleep");
   const char* const path = getenv("STEPPED_CLOCK");
   const int fd = path == NULL ? -1 : open(path, O_RDWR | O_CLOEXEC);
   if (fd < 0) abort();
@@ -51,7 +51,9 @@ int clock_gettime(clockid_t clock, struct timespec* now) {
   return 0;
 }
 
-int usleep(useconds_t duration) {
+unsigned sleep(unsigned seconds) {
   const int64_t pause = atomic_load(&settings->pause_us);
-  return system_pause(pause != 0 && duration >= 1000000 ? (useconds_t)pause : duration);
+  if (pause == 0) return system_sleep(seconds);
+  usleep((useconds_t)pause);
+  return 0;
 }
