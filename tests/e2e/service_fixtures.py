@@ -47,19 +47,26 @@ def times(pytestconfig):
     return lambda short, long: long if pytestconfig.getoption("--long") else short
 
 
+def remove(entry):
+    if entry.is_dir() and not entry.is_symlink():
+        shutil.rmtree(entry)
+    else:
+        entry.unlink()
+
+
 def empty(folder):
     for entry in pathlib.Path(folder).iterdir():
-        if entry.is_dir() and not entry.is_symlink():
-            shutil.rmtree(entry)
-        else:
-            entry.unlink()
+        remove(entry)
 
 
 @pytest.fixture(autouse=True)
 def clean_board(sandbox):
-    """Each test starts on a fresh board: no shared memory, an empty /boot, idle stand-ins."""
+    """Each test starts on a fresh board: no shared memory, an empty /boot, idle stand-ins, no working
+    copy of the settings, whatever the test before has made in its place."""
     for folder in ("/dev/shm", "/boot", os.environ["NIMBUS_STANDINS"]):
         empty(folder)
+    for entry in pathlib.Path("/run").glob("tervado.conf*"):
+        remove(entry)
 
 
 @pytest.fixture

@@ -158,7 +158,7 @@ def test_keys():
 def test_rc_functions():
     codes = dict(re.findall(r"(\w+) = (\d+),", source("control/rc_map.h")))
     code = {(name, int(codes[function])) for name, function
-            in re.findall(r'\{"([^"]+)", RcFunction::(\w+)\}', source("control/rc_map.cpp"))}
+            in re.findall(r'\{"([^"]+)", RcFunction::(\w+)\}', source("control/rc_map.h"))}
     described = no_repeats((word(row["Word"]), int(row["Code"])) for row in table("The RC reader"))
     assert described == code
 
@@ -186,17 +186,17 @@ def accepted(cmd, param=None):
 
 
 def test_words_of_camera_commands():
-    camera, gimbal = "camera/camera.cpp", "camera/gimbal.cpp"
-    assert accepted("iso") == set(first_words("control/interpreter.cpp", "kIsoWords"))
-    assert accepted("video_mode") == set(first_words(camera, "kExposureModes"))
-    assert accepted("video_aspect") == set(first_words(camera, "kAspectRatios"))
-    assert accepted("antiflicker") == set(first_words(camera, "kAntiFlickers"))
-    assert accepted("shotmode") == set(first_words(camera, "kShotModes"))
-    assert accepted("wb") == {*first_words(camera, "kWhiteBalanceTints"), "custom"}
-    assert accepted("focus", "type") == set(first_words(camera, "kFocusTypes"))
-    assert accepted("gimbal", "mode") == set(first_words(gimbal, "kModes"))
+    path = "camera/words.h"
+    assert accepted("iso") == set(first_words(path, "kIsoWords"))
+    assert accepted("video_mode") == set(first_words(path, "kExposureModes"))
+    assert accepted("video_aspect") == set(first_words(path, "kAspectRatios"))
+    assert accepted("antiflicker") == set(first_words(path, "kAntiFlickers"))
+    assert accepted("shotmode") == set(first_words(path, "kShotModes"))
+    assert accepted("wb") == {*first_words(path, "kWhiteBalanceTints"), "custom"}
+    assert accepted("focus", "type") == set(first_words(path, "kFocusTypes"))
+    assert accepted("gimbal", "mode") == set(first_words(path, "kGimbalModes"))
     formats = no_repeats(words(section("Video formats")))
-    assert formats == set(first_words("control/interpreter.cpp", "kVideoFormats"))
+    assert formats == set(first_words(path, "kVideoFormats"))
     times = re.findall(r'"([^"]+)"', block("camera/codes.h", "kShutterTexts"))
     assert words(section("Shutter times"))[1:] == times  # the first is the "s" that is explained
 
@@ -244,8 +244,8 @@ def test_settings_with_steps_of_their_own():
 
 
 def test_hdmi_modes():
-    code = set(re.findall(r'\{"([^"]+)", (?:cea|dmt)\(([1-9]\d*)\)\}',
-                          block("config/hdmi_modes.cpp", "kModes")))
+    code = set(re.findall(r'\{"([^"]+)", \{HdmiGroup::\w+, ([1-9]\d*)\}\}',
+                          block("config/hdmi_modes.h", "kHdmiModes")))
     described = set()
     for row in table("Settings with steps of their own", 2):
         pairs = re.findall(r"`([^`]+)` (\d+)", row["Modes"])
@@ -257,8 +257,8 @@ def test_hdmi_modes():
 def test_members_of_the_report():
     """In their order."""
     kinds = dict(re.findall(r'\{"(\w+)", "\w+"(?:, ReportAs::(\w+))?\}',
-                            block("config/report.cpp", "kItems")))
-    code = re.findall(r'\{"(\w+)", "(\w+)"', block("config/report.cpp", "kItems"))
+                            block("config/report_items.h", "kReportItems")))
+    code = re.findall(r'\{"(\w+)", "(\w+)"', block("config/report_items.h", "kReportItems"))
     rows = table("The configuration report")
     assert [(word(row["Member"]), word(row["Field"])) for row in rows] == code
     types = {name: kind for name, _, kind in fields("config/config.h")}
@@ -301,7 +301,7 @@ def test_limits():
         "command text": constant("app/command_mailbox.h", "kSize") - 1,
         "mailbox period": constant("control/control.cpp", "kControlPauseUs") // 1000,
         "speed period": constant("control/control.cpp", "kSpeedStreamPeriodNs") // 1_000_000,
-        "status period": constant("app/status_loop.cpp", "kPeriodUs") // 1000,
+        "status period": constant("app/status_loop.cpp", "kPeriodS") * 1000,
         "RC report period": constant("control/control.cpp", "kRcReportPeriodMs"),
         "send pause": constant("net/viewers.cpp", "kPauseAfterSendUs") // 1000,
     }
@@ -339,16 +339,16 @@ def test_frames_to_the_camera():
 
 
 CODES = {
-    "Aspect ratio": ("camera/camera.cpp", "kAspectRatios"),
-    "Anti-flicker": ("camera/camera.cpp", "kAntiFlickers"),
-    "Focus type": ("camera/camera.cpp", "kFocusTypes"),
-    "Exposure mode": ("camera/camera.cpp", "kExposureModes"),
+    "Aspect ratio": ("camera/words.h", "kAspectRatios"),
+    "Anti-flicker": ("camera/words.h", "kAntiFlickers"),
+    "Focus type": ("camera/words.h", "kFocusTypes"),
+    "Exposure mode": ("camera/words.h", "kExposureModes"),
     "Exposure mode, shown": ("camera/codes.h", "kExposureModeNames"),
     "Camera mode, shown": ("camera/codes.h", "kCameraModeNames"),
-    "Photo format": ("camera/camera.cpp", "kShotModes"),
+    "Photo format": ("camera/words.h", "kShotModes"),
     "Photo format, shown": ("camera/codes.h", "kPhotoFormatNames"),
     "White balance": ("camera/codes.h", "kWhiteBalances"),
-    "White balance tint": ("camera/camera.cpp", "kWhiteBalanceTints"),
+    "White balance tint": ("camera/words.h", "kWhiteBalanceTints"),
     "Colour": ("camera/codes.h", "kColours"),
     "ISO": ("camera/codes.h", "kIsoValues"),
     "Exposure compensation": ("camera/codes.h", "kEvSteps"),
