@@ -22,8 +22,10 @@ def pytest_addoption(parser):
 
 
 def pytest_configure():
-    """Workers live in worlds of their own, with the same process numbers: each writes what a build
-    for coverage counts under a name of its own."""
+    # A job in the background ignores Ctrl-C, and would pass that on to all that it starts.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    # Workers live in worlds of their own, with the same process numbers: each writes what a build
+    # for coverage counts under a name of its own.
     if profile := os.environ.get("LLVM_PROFILE_FILE"):
         worker = os.environ.get("PYTEST_XDIST_WORKER", "alone")
         os.environ["LLVM_PROFILE_FILE"] = profile.replace("%w", worker)

@@ -242,8 +242,7 @@ def test_lost_camera_data_is_told_at_once(held, access_point, join, data, region
     pytest.param(127, 0, id="status-127"),
     pytest.param(255, 0, id="status-255"),
     pytest.param("kill -KILL $$", 0, id="killed"),
-    pytest.param("kill -INT $$", 0, id="interrupted", marks=pytest.mark.skipif(
-        bool(nimbus.EMULATOR), reason="the emulator leaves the signal ignored in the command")),
+    pytest.param("kill -INT $$", 0, id="interrupted"),
 ])
 def test_answers_of_the_probe(held, access_point, join, answer, flag):
     """Only status 0 means that the access point runs."""
