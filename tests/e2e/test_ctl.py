@@ -13,7 +13,7 @@ import pytest
 
 from board import settings
 from duml import camera, gimbal, speed
-from nimbus import VIDEO_PORT, Bridge, Console, limit, wait_until
+from nimbus import EMULATOR, VIDEO_PORT, Bridge, Console, limit, wait_until
 from reports import (
     GIMBAL, HISTOGRAM, LENS, RECORDING, SETTINGS, STATUS, TAIL, TRACKING)
 
@@ -69,7 +69,7 @@ class Tools:
         self.running = []
 
     def command(self, *arguments):
-        return [self.binary, "--timeout", str(limit(3)), *arguments]
+        return [*EMULATOR, self.binary, "--timeout", str(limit(3)), *arguments]
 
     def run(self, *arguments, input=None, env=None):
         return subprocess.run(self.command(*arguments), capture_output=True, text=True,

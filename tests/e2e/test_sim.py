@@ -31,7 +31,8 @@ class Simulator:
     def __init__(self, binary, arguments, **popen):
         streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
                    "stderr": subprocess.PIPE, **popen}
-        self.process = subprocess.Popen([binary, *map(str, arguments)], **streams)
+        self.process = subprocess.Popen([*nimbus.EMULATOR, binary, *map(str, arguments)],
+                                        **streams)
         if self.process.stdout:
             self.out = nimbus.Console(self.process.stdout)
         self.err = nimbus.Console(self.process.stderr)
@@ -534,6 +535,7 @@ def test_unread_output(service, viewer, sim):
     os.close(end)
 
 
+@pytest.mark.skipif(bool(nimbus.EMULATOR), reason="the emulator needs them")
 def test_no_standard_streams(service, build):
     """They may be closed from the start."""
     process = subprocess.Popen(f"exec '{build}/nimbus-sim' --verbose --video - <&- >&- 2>&-",

@@ -176,6 +176,7 @@ def test_order_of_the_losses(held, access_point, join, data, region):
     region.write(region.HISTOGRAM_MS, b"\x01")
     access_point.answer(1)
     assert witness.message(5).payload == CAMERA_DATA
+    held.err.wait("Histogram lost\n")
     assert nimbus.events(held).endswith(
         nimbus.connected(witness) + nimbus.lost(silent) +
         "Data lost\nTracking lost\nHistogram lost\n")

@@ -129,7 +129,7 @@ def test_watchdog_that_nobody_keeps(start, supervisor, watchdog):
 
 def test_watchdog_of_this_process(launch, supervisor):
     service = launch(env={**supervisor.environment, "WATCHDOG_USEC": "1000000"},
-                     wrapper=["sh", "-c", 'export WATCHDOG_PID=$$; exec "$0"'])
+                     wrapper=["sh", "-c", 'export WATCHDOG_PID=$$; exec "$0" "$@"'])
     assert supervisor.next()[0] == b"READY=1"
     assert supervisor.next()[0] == b"WATCHDOG=1"
     assert service.running()

@@ -55,9 +55,12 @@ class Neighbour:
         if self._error:
             raise self._error
 
-    def stop(self):
+    def end(self):
         self._stop.set()
         self._thread.join()
+
+    def stop(self):
+        self.end()
         self.check()
 
 
@@ -291,7 +294,12 @@ class House:
         for neighbour in listeners:
             neighbour.stop()
 
-    def close(self):
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for neighbour in self._busy:
+            neighbour.end()
         for part in (self.audience, self.video, self.camera):
             part.close()
 

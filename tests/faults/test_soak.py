@@ -9,7 +9,7 @@ from nimbus import DATA_PORT, VIDEO_PORT, VIEWER_PORT
 from test_floods import GROWTH_BYTES, resources
 
 WARM_UP = 5
-MISSED_SHARE = 0.001  # of the gimbal stream's periods; this machine, too, may miss some
+MISSED_SHARE = 0.001  # of the periods, and two: the machine, too, may be late
 
 
 def periods(times):
@@ -24,7 +24,11 @@ def test_soak(start, region, pytestconfig):
     seconds = pytestconfig.getoption("--soak-seconds")
     viewers = pytestconfig.getoption("--soak-viewers")
     service = start(CONFIGURATION)
-    house = House(service, region, viewers)
+    with House(service, region, viewers) as house:
+        check_soak(house, service, seconds, viewers)
+
+
+def check_soak(house, service, seconds, viewers):
     house.move_in()
     house.live(WARM_UP)
     before = resources(service)
@@ -48,10 +52,9 @@ memory     {before[0] // 1024} KiB, then {after[0] // 1024} KiB; {after[1]} desc
 """)
     assert after[0] <= before[0] + GROWTH_BYTES
     assert after[1:] == before[1:]
-    assert missed <= MISSED_SHARE * passed
+    assert missed <= 2 + MISSED_SHARE * passed
     for port in (VIEWER_PORT, DATA_PORT, VIDEO_PORT):
         assert nimbus.socket_queue(port) == (0, 0), f"port {port} has lost something"
     assert house.audience.reports >= house.operator.asked * viewers - viewers
     assert min(house.audience.versions) >= seconds / nimbus.limit(1.3)
     assert statistics.mean(house.audience.video) == house.video.sent
-    house.close()

@@ -122,7 +122,7 @@ class CommandLine {
   int exit(const CLI::Error& error) { return app_.exit(error); }
 
  private:
-  void add_seconds(CLI::App* command, double& seconds, const char* name = "--seconds") {
+  static void add_seconds(CLI::App* command, double& seconds, const char* name = "--seconds") {
     command->add_option(name, seconds, "End after so long (default: at Ctrl-C)")
         ->transform(time_text());
   }

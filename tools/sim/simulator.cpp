@@ -224,7 +224,7 @@ void Simulator::take(Bytes datagram) {
     take_bad(*why, datagram);
     return;
   }
-  const Frame& frame = std::get<Frame>(checked);
+  const auto& frame = std::get<Frame>(checked);
   const CommandName* const command = find_command(frame);
   if (command == nullptr) {
     take_bad(format_text("no command has receiver %u, set %u, id %02x and %zu bytes",
