@@ -6,3 +6,5 @@ set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/arm-linux-gnueabihf/pkgconfig:/usr/share/pkgconfig)
+# Notes on how older compilers passed arguments are of no use here.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)

@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import signal
 import subprocess
 
 import pytest
@@ -33,23 +34,57 @@ def pattern(line):
     return ".*".join(re.escape(part.strip()) for part in line.split("…"))
 
 
-@pytest.mark.skipif(bool(nimbus.EMULATOR), reason="the tools are of another processor")
-def test_tour(build):
+@pytest.fixture
+def live(build):
+    """live(OPTION...) is what `./dev run` runs, in a sandbox in the sandbox."""
+    if nimbus.EMULATOR:
+        pytest.skip("the tools are of another processor")
+
+    def start(*options):
+        return subprocess.Popen(
+            [ROOT / "tools" / "sandbox" / "enter", ROOT / "tools" / "live", *options], text=True,
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            start_new_session=True, env={**os.environ, "NIMBUS_BUILD": str(build)})
+
+    return start
+
+
+def test_tour(live):
     tour = steps()
     assert len(tour) > 10
+    run = live("--shell")
     script = "".join(f"{command}\necho '{MARK}'\n" for command, _ in tour)
-    # A sandbox in the sandbox: whatever the tour starts ends with it.
-    run = subprocess.run(
-        [ROOT / "tools" / "sandbox" / "enter", ROOT / "tools" / "live", "--shell"], input=script,
-        text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False,
-        timeout=nimbus.limit(60), env={**os.environ, "NIMBUS_BUILD": str(build)})
-    outputs = run.stdout.split(MARK)[:-1]
-    assert run.returncode == 0 and len(outputs) == len(tour), run.stdout
+    output, _ = run.communicate(script, timeout=nimbus.limit(60))
+    outputs = output.split(MARK)[:-1]
+    assert run.returncode == 0 and len(outputs) == len(tour), output
     for (command, promised), output in zip(tour, outputs):
         lines = iter(output.splitlines())
         for line in promised:
             assert any(re.search(pattern(line), one) for one in lines), (
                 f"{command!r} does not print {line!r}:\n{output}")
+
+
+def test_interrupted(live):
+    """Ctrl-C ends all of it at once, the viewer with its figures. What is left behind would be
+    noticed: the first process of a sandbox takes all others with it."""
+    run = live()
+    for line in run.stdout:
+        if "camera settings" in line:
+            break
+    os.killpg(run.pid, signal.SIGINT)
+    output, _ = run.communicate(timeout=nimbus.limit(5))
+    assert run.returncode == 0 and "frame counter: 0 gap(s)" in output, output
+
+
+@pytest.mark.parametrize("options, problem", [
+    (["--sideways"], "no option '--sideways'; expected --shell, --seconds N or nothing"),
+    (["--seconds", "soon"], "'soon' is no time; expected --seconds and a number"),
+    (["--seconds"], "'' is no time; expected --seconds and a number"),
+])
+def test_bad_options(live, options, problem):
+    run = live(*options)
+    output, _ = run.communicate(timeout=nimbus.limit(10))
+    assert (run.returncode, output) == (2, f"live: {problem}\n")
 
 
 def test_links():
