@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "camera/codes.h"
+#include "camera/words.h"
 #include "tools/sim/frame.h"
 
 namespace nimbus::sim {
@@ -70,14 +71,23 @@ struct CommandName {
 // --- Codes ---------------------------------------------------------------------------------------
 // Those that only commands carry; the others stand in camera/codes.h.
 
+/// The words of a command as names of its codes.
+template <std::size_t count>
+constexpr std::array<Code<std::string_view>, count> by_code(
+    const std::array<Word<std::uint8_t>, count>& words) {
+  std::array<Code<std::string_view>, count> codes{};
+  for (std::size_t i = 0; i < count; ++i) codes[i] = {words[i].word, words[i].value};
+  return codes;
+}
+
 inline constexpr std::array<Code<std::string_view>, 2> kGimbalModes{{{"fpv", 1}, {"follow", 2}}};
 inline constexpr std::array<Code<std::string_view>, 2> kGimbalPositions{{
     {"center", 0x08},
     {"next", 0x09},
 }};
-inline constexpr std::array<Code<std::string_view>, 2> kFollowSpeeds{{{"fast", 0}, {"slow", 2}}};
-inline constexpr std::array<Code<std::string_view>, 2> kAspectRatios{{{"4:3", 0}, {"16:9", 1}}};
-inline constexpr std::array<Code<std::string_view>, 2> kFocusTypes{{{"afs", 1}, {"afc", 2}}};
+inline constexpr auto kFollowSpeeds = by_code(nimbus::kFollowSpeeds);
+inline constexpr auto kAspectRatios = by_code(nimbus::kAspectRatios);
+inline constexpr auto kFocusTypes = by_code(nimbus::kFocusTypes);
 inline constexpr std::array<Code<std::string_view>, 3> kAntiFlickers{{
     {"off", 0},
     {"50 Hz", 1},
