@@ -50,7 +50,8 @@ commands   {commands / seconds:.1f}/s; {frames} frames to the camera, all sound
 stream     {passed} periods of 30 ms, {missed} missed; longest gap {gap * 1000:.1f} ms
 memory     {before[0] // 1024} KiB, then {after[0] // 1024} KiB; {after[1]} descriptors, {after[2]} threads
 """)
-    assert after[0] <= before[0] + GROWTH_BYTES
+    if nimbus.TIME_SCALE == 1:  # a sanitizer keeps for a while what was freed
+        assert after[0] <= before[0] + GROWTH_BYTES
     assert after[1:] == before[1:]
     assert missed <= 2 + MISSED_SHARE * passed
     for port in (VIEWER_PORT, DATA_PORT, VIDEO_PORT):
