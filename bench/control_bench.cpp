@@ -104,9 +104,9 @@ class ViewerEnd {
   ViewerEnd() : socket_(udp_socket()) {}
 
   void say(std::span<const std::uint8_t> payload) {
-    std::vector<std::uint8_t> frame(kHeaderSize + payload.size());
-    frame[0] = kMagic;
-    std::copy(payload.begin(), payload.end(), frame.begin() + kHeaderSize);
+    std::vector<std::uint8_t> frame(kFrameHeaderSize + payload.size());
+    frame[0] = kFrameMagic;
+    std::copy(payload.begin(), payload.end(), frame.begin() + kFrameHeaderSize);
     send(socket_, frame, kViewerPort);
   }
 

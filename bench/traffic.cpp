@@ -52,19 +52,19 @@ Viewer::Viewer() : socket_(stamped_udp_socket()), port_(port_of(socket_)) {
 
 void Viewer::register_with_service() {
   // Payload byte 0: the type, 0; byte 1: the mode, 0 for a full viewer.
-  std::array<std::uint8_t, kHeaderSize + 2> frame{kMagic};
+  std::array<std::uint8_t, kFrameHeaderSize + 2> frame{kFrameMagic};
   bench::send(socket_, frame, kViewerPort);
 }
 
 void Viewer::expect(const Bridge& bridge) {
-  frame_size_ = kHeaderSize + bridge.datagram_size();
+  frame_size_ = kFrameHeaderSize + bridge.datagram_size();
   first_number_ = bridge.next_number();
   arrivals_.clear();
 }
 
 void Viewer::drain() {
   struct Slot {
-    std::array<std::uint8_t, kHeaderSize + kNumberSize> head;
+    std::array<std::uint8_t, kFrameHeaderSize + kNumberSize> head;
     alignas(cmsghdr) StampSpace control;
     iovec part;
   };
@@ -87,9 +87,9 @@ void Viewer::drain() {
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
       const auto& head = slots[i].head;
       if (head[1] != static_cast<std::uint8_t>(FrameKind::video)) continue;
-      const auto number = load_le<std::uint32_t>(head, kHeaderSize);
+      const auto number = load_le<std::uint32_t>(head, kFrameHeaderSize);
       if (number < first_number_) continue;
-      if (head[0] != kMagic || messages[i].msg_len != frame_size_ ||
+      if (head[0] != kFrameMagic || messages[i].msg_len != frame_size_ ||
           number - first_number_ != arrivals_.size()) {
         throw std::runtime_error("a frame is missing or wrong after " +
                                  std::to_string(arrivals_.size()) + " good ones");

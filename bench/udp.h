@@ -13,10 +13,6 @@
 
 namespace nimbus::bench {
 
-/// What a viewer's frame, and a frame to a viewer, starts with: 12 bytes, the first 0x42.
-inline constexpr std::size_t kHeaderSize = 12;
-inline constexpr std::uint8_t kMagic = 0x42;
-
 /// Nanoseconds of the clock that the kernel stamps received datagrams with (CLOCK_REALTIME).
 [[nodiscard]] std::chrono::nanoseconds wall_clock();
 

@@ -23,16 +23,8 @@ namespace {
 //   8  u16  reserved, sent as 0, ignored
 //  10  u16  0
 //  12       payload
-constexpr std::size_t kHeaderSize = 12;
-constexpr std::uint8_t kMagic = 0x42;
 
-// --- Inbound payloads, by their first byte -----------------------------------------------------
-enum class Inbound : std::uint8_t {
-  register_viewer = 0,  //  1 u8 mode: 1 is data-only
-  leave = 1,
-  speed = 5,      //  1 u8 mode, 2 i16 pan, 4 i16 tilt, 6 i16 roll
-  command = '{',  //  a JSON text from this byte on, up to a NUL or the datagram's end
-};
+// --- What viewers say --------------------------------------------------------------------------
 constexpr std::uint8_t kDataOnlyMode = 1;
 constexpr std::size_t kLongestFixedPayload = 8;
 
@@ -79,7 +71,8 @@ Endpoint destination_of(const ViewerClient& slot) {
   return {address, static_cast<std::uint16_t>(port)};
 }
 
-// --- Inbound -----------------------------------------------------------------------------------
+// --- FromViewer
+// -----------------------------------------------------------------------------------
 
 void handle_register(Endpoint viewer, bool data_only) {
   if (register_viewer(viewer, data_only) == 0) return;
@@ -107,11 +100,11 @@ void wait_for_turn() {
   for (int i = 0; i < kGuardAttempts && send_busy != 0; ++i) usleep(kGuardSleepUs);
 }
 
-std::array<std::uint8_t, kHeaderSize> frame_header(FrameKind kind, std::uint32_t number) {
-  std::array<std::uint8_t, kHeaderSize> header{};
-  header[0] = kMagic;
+std::array<std::uint8_t, kFrameHeaderSize> frame_header(FrameKind kind, std::uint32_t number) {
+  std::array<std::uint8_t, kFrameHeaderSize> header{};
+  header[0] = kFrameMagic;
   header[1] = static_cast<std::uint8_t>(kind);
-  store_le(header, 4, number);
+  store_le(header, kFrameNumberOffset, number);
   return header;
 }
 
@@ -125,8 +118,8 @@ void send_to_viewers(std::span<const std::uint8_t> payload, FrameKind kind) {
   // Header and payload are gathered by the kernel: no frame buffer that two threads could share.
   auto header = frame_header(kind, frame_counter);
   send_busy = 1;
-  const std::size_t length = static_cast<std::uint16_t>(kHeaderSize + payload.size());
-  const std::size_t header_length = std::min(length, kHeaderSize);
+  const std::size_t length = static_cast<std::uint16_t>(kFrameHeaderSize + payload.size());
+  const std::size_t header_length = std::min(length, kFrameHeaderSize);
   const std::array<iovec, 2> parts{{
       {header.data(), header_length},
       {const_cast<std::uint8_t*>(payload.data()), length - header_length},
@@ -158,25 +151,25 @@ int init_network(ViewerSpeedHandler on_speed) {
 
 void handle_viewer_datagram(const Datagram& datagram) noexcept {
   // Fields behind the end of a short datagram read as zero: a lone magic byte is a registration.
-  std::array<std::uint8_t, kHeaderSize + kLongestFixedPayload> head{};
+  std::array<std::uint8_t, kFrameHeaderSize + kLongestFixedPayload> head{};
   std::copy_n(datagram.bytes.begin(), std::min(datagram.bytes.size(), head.size()), head.begin());
-  if (head[0] != kMagic || is_own_frame(datagram.sender)) return;
-  const auto payload = std::span<const std::uint8_t>(head).subspan(kHeaderSize);
-  switch (static_cast<Inbound>(payload[0])) {
-    case Inbound::register_viewer:
+  if (head[0] != kFrameMagic || is_own_frame(datagram.sender)) return;
+  const auto payload = std::span<const std::uint8_t>(head).subspan(kFrameHeaderSize);
+  switch (static_cast<FromViewer>(payload[0])) {
+    case FromViewer::register_viewer:
       handle_register(datagram.sender, payload[1] == kDataOnlyMode);
       break;
-    case Inbound::leave:
+    case FromViewer::leave:
       handle_leave(datagram.sender);
       break;
-    case Inbound::speed:
+    case FromViewer::speed:
       if (speed_handler != nullptr) {
         speed_handler(payload[1], load_le<std::int16_t>(payload, 2),
                       load_le<std::int16_t>(payload, 4), load_le<std::int16_t>(payload, 6));
       }
       break;
-    case Inbound::command: {
-      const auto text = datagram.bytes.subspan(kHeaderSize);
+    case FromViewer::command: {
+      const auto text = datagram.bytes.subspan(kFrameHeaderSize);
       display->command_mailbox.post({reinterpret_cast<const char*>(text.data()), text.size()});
       break;
     }

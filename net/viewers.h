@@ -22,6 +22,20 @@ inline constexpr std::size_t kMaxViewers = 10;
 /// A viewer that has not registered again for longer than this is lost.
 inline constexpr std::uint32_t kViewerTimeoutMs = 5000;
 
+/// A frame to or from a viewer is a header of so many bytes, the first of them the magic, and the
+/// payload. The header's 32-bit word at kFrameNumberOffset numbers the broadcasts.
+inline constexpr std::size_t kFrameHeaderSize = 12;
+inline constexpr std::uint8_t kFrameMagic = 0x42;
+inline constexpr std::size_t kFrameNumberOffset = 4;
+
+/// What a viewer says, by its payload's first byte.
+enum class FromViewer : std::uint8_t {
+  register_viewer = 0,  ///<  1 u8 mode: 1 is data-only
+  leave = 1,
+  speed = 5,      ///<  1 u8 mode, 2 i16 pan, 4 i16 tilt, 6 i16 roll
+  command = '{',  ///<  a JSON text from this byte on, up to a NUL or the datagram's end
+};
+
 /// The byte of the frame header that tells relayed video from everything else.
 enum class FrameKind : std::uint8_t { data = 0, video = 1 };
 

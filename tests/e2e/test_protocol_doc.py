@@ -283,7 +283,7 @@ def test_types_of_messages():
 
 
 def test_types_from_viewers():
-    code = set(re.findall(r"\w+ = ([^,\s]+)", block("net/viewers.cpp", "Inbound")))
+    code = set(re.findall(r"\w+ = ([^,\s]+)", block("net/viewers.h", "FromViewer")))
     described = {row["First byte"] for row in table("From viewers")}
     assert described == {str(ord(value[1])) if value[0] == "'" else value for value in code}
 

@@ -7,6 +7,7 @@
 
 #include "app/command_mailbox.h"
 #include "base/wire.h"
+#include "net/viewers.h"
 #include "tools/common/failure.h"
 #include "tools/ctl/interrupt.h"
 
@@ -15,14 +16,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// The frame: a magic byte, 1 for video, two zeros, the number, four bytes without meaning.
-constexpr std::size_t kHeaderSize = 12;
-constexpr std::uint8_t kMagic = 0x42;
-constexpr std::size_t kNumberOffset = 4;
-
-constexpr std::uint8_t kRegister = 0;
-constexpr std::uint8_t kLeave = 1;
-constexpr std::uint8_t kSpeed = 5;
 constexpr std::uint8_t kSpeedMode = 1;
 
 constexpr std::size_t kLargestDatagram = 65'536;
@@ -34,6 +27,8 @@ constexpr milliseconds kRegistrationPeriod{1000};
 constexpr milliseconds kKnockPeriod{250};
 // How soon a signal that came at a bad moment is seen.
 constexpr milliseconds kLongestWait{100};
+
+constexpr std::uint8_t type_of(FromViewer message) { return static_cast<std::uint8_t>(message); }
 
 std::string seconds_text(double seconds) {
   std::array<char, 32> text;
@@ -50,15 +45,15 @@ Clock::time_point end_after(double seconds) {
 }
 
 std::optional<Frame> decode_frame(std::span<const std::uint8_t> datagram) {
-  if (datagram.size() < kHeaderSize || datagram[0] != kMagic) return std::nullopt;
-  return Frame{datagram[1] == 1, load_le<std::uint32_t>(datagram, kNumberOffset),
-               datagram.subspan(kHeaderSize)};
+  if (datagram.size() < kFrameHeaderSize || datagram[0] != kFrameMagic) return std::nullopt;
+  return Frame{datagram[1] == 1, load_le<std::uint32_t>(datagram, kFrameNumberOffset),
+               datagram.subspan(kFrameHeaderSize)};
 }
 
 std::vector<std::uint8_t> encode_frame(std::span<const std::uint8_t> payload) {
-  std::vector<std::uint8_t> frame(kHeaderSize + payload.size());
-  frame[0] = kMagic;
-  std::copy(payload.begin(), payload.end(), frame.begin() + kHeaderSize);
+  std::vector<std::uint8_t> frame(kFrameHeaderSize + payload.size());
+  frame[0] = kFrameMagic;
+  std::copy(payload.begin(), payload.end(), frame.begin() + kFrameHeaderSize);
   return frame;
 }
 
@@ -78,7 +73,7 @@ ViewerLink::~ViewerLink() { leave(); }
 
 void ViewerLink::leave() noexcept {
   try {
-    send(std::array{kLeave});
+    send(std::array{type_of(FromViewer::leave)});
   } catch (const std::exception&) {
     // The service will miss this viewer by itself.
   }
@@ -104,7 +99,7 @@ void ViewerLink::command(std::string_view text) {
 }
 
 void ViewerLink::speed(const std::array<std::int16_t, 3>& pan_tilt_roll) {
-  std::array<std::uint8_t, 8> payload{kSpeed, kSpeedMode};
+  std::array<std::uint8_t, 8> payload{type_of(FromViewer::speed), kSpeedMode};
   for (std::size_t i = 0; i < pan_tilt_roll.size(); ++i) {
     store_le(payload, 2 + 2 * i, pan_tilt_roll[i]);
   }
@@ -121,7 +116,7 @@ void ViewerLink::keep_registered(Clock::duration period) {
   const auto now = Clock::now();
   if (registered_ && now - *registered_ < period) return;
   registered_ = now;
-  send(std::array<std::uint8_t, 2>{kRegister, 0});
+  send(std::array<std::uint8_t, 2>{type_of(FromViewer::register_viewer), 0});
 }
 
 std::optional<Frame> ViewerLink::receive_next(Clock::time_point until,
