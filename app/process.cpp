@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 
 namespace nimbus {
 namespace {
@@ -18,9 +17,6 @@ void open_standard_descriptors() noexcept {
   } while (fd >= 0 && fd <= STDERR_FILENO);
   if (fd >= 0) close(fd);
 }
-
-/// A line is seen when it is printed, also in a pipe or a file.
-void buffer_output_by_line() noexcept { std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); }
 
 void set_signals() noexcept {
   // Inherited as ignored, it would let system(3) lose the status of its command.
@@ -38,7 +34,6 @@ void set_timer_slack() noexcept { prctl(PR_SET_TIMERSLACK, 1UL); }
 
 void prepare_process() noexcept {
   open_standard_descriptors();
-  buffer_output_by_line();
   set_signals();
   set_timer_slack();
 }

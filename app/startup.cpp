@@ -24,28 +24,29 @@
 namespace nimbus {
 namespace {
 
+/// The version's three numbers behind a prefix.
+std::array<char, 20> version_text(const char* prefix) {
+  std::array<char, 20> text;
+  std::snprintf(text.data(), text.size(), "%s%d.%d.%d", prefix, kVersionMajor, kVersionMinor,
+                kVersionPatch);
+  return text;
+}
+
 void print_banner() {
-  std::printf("\033[1;37mTervado Nimbus v.%d.%d.%d\033[0m\n", kVersionMajor, kVersionMinor,
-              kVersionPatch);
+  print_parts({"\033[1;37mTervado Nimbus ", version_text("v.").data(), "\033[0m\n"});
 }
 
 /// What the display draws until the first camera data arrives.
 void show_splash(DisplayRegion& display) {
-  std::array<char, 20> version;
-  std::snprintf(version.data(), version.size(), "v.%d.%d.%d", kVersionMajor, kVersionMinor,
-                kVersionPatch);
   display.product_name.assign("Tervado Nimbus");
-  display.version_text.assign(version.data());
+  display.version_text.assign(version_text("v.").data());
 }
 
 /// Without its file the service goes on with zeroed settings: that way it can still be reached.
 void load_config() {
   log_text("Loading config file... ");
   log_text(config_load(parse_rc_input_map) == 0 ? "done\n" : "failed\n");
-  std::array<char, 20> version;
-  std::snprintf(version.data(), version.size(), "%d.%d.%d", kVersionMajor, kVersionMinor,
-                kVersionPatch);
-  config_get()->service_version.assign(version.data());
+  config_get()->service_version.assign(version_text("").data());
 }
 
 /// The display learns these once, at start; later changes of the file do not refresh them.

@@ -1,15 +1,61 @@
 #include "base/log.h"
 
-#include <sys/uio.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 
 namespace nimbus {
+namespace {
+
+constexpr int kPatienceMs = 100;
+
+/// One of the two standard streams.
+class Stream {
+ public:
+  explicit constexpr Stream(int fd) noexcept : fd_(fd) {}
+
+  void write(std::initializer_list<std::string_view> parts) noexcept {
+    std::array<char, PIPE_BUF> piece;
+    std::size_t used = 0;
+    for (std::string_view rest : parts) {
+      while (!rest.empty()) {
+        if (used == piece.size()) {
+          if (!write_piece({piece.data(), used})) return;
+          used = 0;
+        }
+        const std::size_t taken = rest.copy(piece.data() + used, piece.size() - used);
+        rest.remove_prefix(taken);
+        used += taken;
+      }
+    }
+    if (used > 0) write_piece({piece.data(), used});
+  }
+
+ private:
+  /// Whether it went out: a pipe or a socket that says it is writable takes PIPE_BUF bytes at once.
+  bool write_piece(std::string_view piece) noexcept {
+    pollfd writable{fd_, POLLOUT, 0};
+    // Only the first text that is not taken is waited for: those behind it would add up.
+    const bool taken = poll(&writable, 1, is_stuck_ ? 0 : kPatienceMs) != 0;
+    is_stuck_ = !taken;
+    return taken && ::write(fd_, piece.data(), piece.size()) > 0;
+  }
+
+  int fd_;
+  std::atomic<bool> is_stuck_{false};
+};
+
+constinit Stream output{STDOUT_FILENO};
+constinit Stream errors{STDERR_FILENO};
+
+}  // namespace
 
 void log_text(const char* format, ...) noexcept {
   std::array<char, 1024> text;
@@ -18,21 +64,11 @@ void log_text(const char* format, ...) noexcept {
   const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
   va_end(arguments);
   if (length <= 0) return;
-  const auto bytes = std::min(static_cast<std::size_t>(length), text.size() - 1);
-  // A console that is gone or full is no reason to stop: the result has no use.
-  [[maybe_unused]] const auto written = write(STDERR_FILENO, text.data(), bytes);
+  log_parts({{text.data(), std::min(static_cast<std::size_t>(length), text.size() - 1)}});
 }
 
-void log_parts(std::initializer_list<std::string_view> parts) noexcept {
-  std::array<iovec, 8> pieces;
-  std::size_t count = 0;
-  for (const std::string_view part : parts) {
-    if (count == pieces.size()) break;
-    // writev(2) does not write through the pointer.
-    pieces[count++] = {const_cast<char*>(part.data()), part.size()};
-  }
-  [[maybe_unused]] const auto written =
-      writev(STDERR_FILENO, pieces.data(), static_cast<int>(count));
-}
+void log_parts(std::initializer_list<std::string_view> parts) noexcept { errors.write(parts); }
+
+void print_parts(std::initializer_list<std::string_view> parts) noexcept { output.write(parts); }
 
 }  // namespace nimbus

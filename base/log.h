@@ -1,4 +1,4 @@
-// Console texts.
+// Console texts. A console that is gone, full or not read loses texts; it holds nobody up.
 #pragma once
 
 #include <initializer_list>
@@ -10,7 +10,11 @@ namespace nimbus {
 /// processes never mix inside a text. Longer texts are cut to 1 KiB. Any thread.
 [[gnu::format(printf, 1, 2)]] void log_text(const char* format, ...) noexcept;
 
-/// Writes texts of any length, up to eight, to standard error in one write. Any thread.
+/// Writes texts, joined, to standard error: in one write up to 4 KiB (PIPE_BUF, pipe(7)), beyond
+/// that in pieces. Any thread.
 void log_parts(std::initializer_list<std::string_view> parts) noexcept;
+
+/// The same to standard output.
+void print_parts(std::initializer_list<std::string_view> parts) noexcept;
 
 }  // namespace nimbus

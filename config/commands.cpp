@@ -7,7 +7,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
@@ -75,7 +74,7 @@ constexpr const char* kEndPictures = "killall -q hud usb-receiver wireless-recei
 constexpr const char* kEndStreams = "killall -q rtsp-server gst-launch-1.0";
 
 void set_receiver_modes(const Arguments& arguments) {
-  std::printf("Set RC1 mode %s, RC2 mode %s\n", arguments.value(1), arguments.value(2));
+  print_parts({"Set RC1 mode ", arguments.value(1), ", RC2 mode ", arguments.value(2), "\n"});
   store("rc_input_mode", arguments.value(1));
   store("rc2_input_mode", arguments.value(2));
   config_save();
@@ -161,9 +160,9 @@ void store_interface(SharedText<size>& field, std::string_view code) {
 /// All three networks at once: the camera's, the client's, the access point's.
 void set_wifi(const Arguments& arguments) {
   const auto value = [&arguments](int n) { return arguments.value(n); };
-  std::printf("\nnetwork iface %s ssid %s pass %s\n", value(4), value(5), value(6));
-  std::printf("AP iface %s ssid %s pass %s mode %s channel %s country %s\n\n", value(7), value(8),
-              value(9), value(10), value(11), value(12));
+  print_parts({"\nnetwork iface ", value(4), " ssid ", value(5), " pass ", value(6), "\n"});
+  print_parts({"AP iface ", value(7), " ssid ", value(8), " pass ", value(9), " mode ", value(10),
+               " channel ", value(11), " country ", value(12), "\n\n"});
   Config& config = *config_get();
   config.camera_ssid.assign(value(2));
   config.camera_psk.assign(value(3));
@@ -260,8 +259,8 @@ void change(const Setting& setting, const Arguments& arguments) {
 // --- The commands ------------------------------------------------------------------------------
 
 void update_param(const Arguments& arguments) {
-  std::printf("Need to update param %s to %s, %s\n", arguments.name(), arguments.value(1),
-              arguments.value(2));
+  print_parts({"Need to update param ", arguments.name(), " to ", arguments.value(1), ", ",
+               arguments.value(2), "\n"});
   const std::string_view name = arguments.name();
   if (const auto* const steps = find_word(kOwnSteps, name)) {
     (*steps)(arguments);
@@ -335,7 +334,7 @@ constexpr std::array<Word<void (*)(const Arguments&)>, 7> kCommands{{
 void init_config_commands(const ConfigCommandHooks& hooks) noexcept { command_hooks = hooks; }
 
 void config_parse_command(const char* text) noexcept {
-  std::printf("config_parse_command %s\n", text);
+  print_parts({"config_parse_command ", text, "\n"});
   const JsonObject json(text);
   const Arguments arguments(json);
   if (const auto* const command = find_word(kCommands, arguments.cmd())) (*command)(arguments);

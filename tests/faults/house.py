@@ -252,13 +252,14 @@ class House:
         self.operator = Operator(self.audience, region)
         self.pilot = RcPilot(region)
         self.display = Display(region, viewers)
-        self._viewers = viewers
+        self._region, self._viewers = region, viewers
         self._busy = []
 
     def move_in(self):
         """Everybody starts; returns when the service knows them all."""
         self.audience.register()
-        self.service.err.wait("New client connected", count=self._viewers)
+        nimbus.wait_until(lambda: self._region.u8(self._region.VIEWER_COUNT) == self._viewers, 5,
+                          "all viewers")
         for step, period in ((self.audience.listen, 0), (self.audience.register, 1),
                              (self.video.step, 0.002), (self.camera.send_reports, 0.04),
                              (self.camera.take_frame, 0), (self.pilot.step, 0.02)):

@@ -62,7 +62,6 @@ class ConfigCommands : public testing::Test {
     dup2(nowhere_.get(), STDOUT_FILENO);
   }
   void TearDown() override {
-    std::fflush(stdout);
     dup2(stdout_.get(), STDOUT_FILENO);
     clear();
     fs::remove("/boot/tervado-nimbus.conf");

@@ -2,10 +2,16 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <map>
 #include <string>
 #include <string_view>
@@ -65,13 +71,39 @@ TEST(Log, AnEmptyTextIsNoWrite) {
   EXPECT_EQ(console.texts(), Texts{"x"});
 }
 
-TEST(Log, JoinsTextsOfAnyLengthInOneWrite) {
-  const std::string longer(50'000, 'x');
+TEST(Log, JoinsTextsInOneWrite) {
   Console console;
-  log_parts({"scan results: ", longer, "", "100%s\n"});
-  log_parts({"1", "2", "3", "4", "5", "6", "7", "8", "the ninth"});
+  log_parts({"1", "2", "3", "", "4", "5", "6", "7", "8", "the ninth"});
   log_parts({std::string_view("abc").substr(1, 1)});
-  EXPECT_EQ(console.texts(), (Texts{"scan results: " + longer + "100%s\n", "12345678", "b"}));
+  log_parts({"", ""});
+  log_parts({});
+  EXPECT_EQ(console.texts(), (Texts{"12345678the ninth", "b"}));
+}
+
+TEST(Log, WritesALongTextInPieces) {
+  const std::string piece(PIPE_BUF, 'x');
+  Console console;
+  log_parts({piece, ""});
+  log_parts({piece, "\n"});
+  log_parts({"scan results: ", piece + piece + piece, "100%s\n"});
+  const std::string start = "scan results: ";
+  EXPECT_EQ(console.texts(), (Texts{piece, piece, "\n", start + piece.substr(start.size()), piece,
+                                    piece, std::string(start.size(), 'x') + "100%s\n"}));
+}
+
+TEST(Log, PrintsToStandardOutput) {
+  std::array<int, 2> ends{-1, -1};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+  const UniqueFd reader(ends[0]);
+  const UniqueFd writer(ends[1]);
+  const UniqueFd saved(dup(STDOUT_FILENO));
+  std::fflush(stdout);
+  dup2(writer.get(), STDOUT_FILENO);
+  print_parts({"Set RC1 mode ", "1", "\n"});
+  dup2(saved.get(), STDOUT_FILENO);
+  std::array<char, 64> text{};
+  const ssize_t length = read(reader.get(), text.data(), text.size());
+  EXPECT_EQ(std::string_view(text.data(), static_cast<std::size_t>(length)), "Set RC1 mode 1\n");
 }
 
 TEST(Log, SurvivesAClosedConsole) {
@@ -100,6 +132,31 @@ TEST(Log, SurvivesAConsoleWithoutReader) {
     log_text("nobody sees this\n");
   }
   std::signal(SIGPIPE, before);
+}
+
+/// Nobody waits for it more than once, and it gets what comes when it reads again.
+TEST(Log, SurvivesAConsoleThatIsNotRead) {
+  std::array<int, 2> ends{-1, -1};
+  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
+  const UniqueFd reader(ends[0]);
+  const UniqueFd writer(ends[1]);
+  const std::string piece(PIPE_BUF, '#');
+  while (write(writer.get(), piece.data(), piece.size()) > 0) {
+  }
+  ASSERT_EQ(fcntl(writer.get(), F_SETFL, 0), 0);
+  const StandardError redirected(writer.get());
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 100; ++i) log_parts({"lost ", piece});
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  std::string text(1'000'000, '\0');
+  const auto drain = [&] {
+    return std::max(read(reader.get(), text.data(), text.size()), ssize_t{0});
+  };
+  text.resize(static_cast<std::size_t>(drain()));
+  EXPECT_EQ(text.find_first_not_of('#'), std::string::npos);
+  log_text("seen again\n");
+  text.resize(static_cast<std::size_t>(drain()));
+  EXPECT_EQ(text, "seen again\n");
 }
 
 TEST(Log, TextsOfSeveralThreadsNeverMix) {
