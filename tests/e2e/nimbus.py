@@ -92,15 +92,16 @@ class Console:
 
 
 class Service:
-    """One run of the service. `folder` is its working directory."""
+    """One run of the service. `folder` is its working directory, `wrapper` a command that runs the
+    command behind it."""
 
-    def __init__(self, binary, folder, conf=None, env=None, wait_ready=True, **popen):
+    def __init__(self, binary, folder, conf=None, env=None, wrapper=(), wait_ready=True, **popen):
         if conf is not None:
             data = conf if isinstance(conf, bytes) else conf.encode()
             (folder / "tervado.conf").write_bytes(data)
         self.started = time.monotonic()
         self.process = subprocess.Popen(
-            [*EMULATOR, str(binary)], cwd=folder, env={**os.environ, **(env or {})},
+            [*wrapper, *EMULATOR, str(binary)], cwd=folder, env={**os.environ, **(env or {})},
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **popen)
         self.out = Console(self.process.stdout)
         self.err = Console(self.process.stderr)
@@ -404,8 +405,7 @@ def datagrams_sent():
 
 class BareService(Service):
     """A run of the service whose standard streams are the test's own; /dev/null, if it names none.
-    `wrapper` is a command that runs the command behind it; `conf` must be None where `folder`
-    cannot be written."""
+    `conf` must be None where `folder` cannot be written."""
 
     def __init__(self, binary, folder, conf="", env=None, wrapper=(), wait_ready=True, **popen):
         if conf is not None:

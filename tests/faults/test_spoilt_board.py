@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from board import CARD_FILE, WORKING_COPY
+from board import CARD_FILE, WORKING_COPY, Board
 from test_save import QUOTED, default_file, without_cr
 
 FORMER = b"former copy"
@@ -118,3 +118,37 @@ def test_save_does_what_it_can(boards, standins, times, where, spoil, files):
     assert (content(CARD_FILE), content(WORKING_COPY)) == (saved(4000), without_cr(saved(4000)))
     assert board.report() == {**before, "vbitrate": 4000}
     print(f"\nspoilt board: {rounds} saves, the record as it should be after each")
+
+
+# The system without that one folder.
+NO_BOOT = """
+set -e
+world=$1 folder=$PWD
+shift
+for entry in /*; do
+  if [ -L "$entry" ]; then cp -P "$entry" "$world"; continue; fi
+  if [ "$entry" = /boot ] || [ ! -d "$entry" ]; then continue; fi
+  mkdir "$world$entry"
+  /bin/mount --rbind "$entry" "$world$entry"
+done
+exec /usr/sbin/chroot "$world" /bin/sh -c 'cd "$1" && shift && exec "$@"' sh "$folder" "$@"
+"""
+
+
+def test_no_boot_partition(start, viewers, standins, tmp_path, times):
+    """Not even its folder: as on a board whose card is read-only, and no folder is made."""
+    rounds = times(5, 100)
+    world = tmp_path / "world"
+    world.mkdir()
+    board = Board(lambda conf: start(conf, wrapper=[
+        "unshare", "--mount", "sh", "-c", NO_BOOT, "sh", str(world)]), viewers(), standins, tmp_path, "")
+    before = board.report()
+    WORKING_COPY.write_bytes(FORMER)
+    for rate in range(1, rounds + 1):
+        _, said = board.update("video_bitrate", str(rate))
+        assert said.count("Save config\n") == 1
+        assert board.report() == {**before, "vbitrate": rate}
+    assert WORKING_COPY.read_bytes() == FORMER
+    assert not pathlib.Path(f"/proc/{board.service.pid}/root/boot").exists()
+    assert not CARD_FILE.exists()
+    print(f"\nno boot partition: {rounds} saves, the record as it should be after each")
