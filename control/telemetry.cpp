@@ -28,7 +28,6 @@ class FrameView {
  public:
   explicit FrameView(std::span<const std::uint8_t> bytes) noexcept : bytes_(bytes) {}
 
-  [[nodiscard]] std::size_t length() const noexcept { return bytes_.size(); }
   [[nodiscard]] std::uint8_t u8(std::size_t at) const noexcept { return bytes_[at]; }
   [[nodiscard]] std::uint8_t bit(std::size_t at, unsigned number) const noexcept {
     return static_cast<std::uint8_t>(bytes_[at] >> number & 1U);

@@ -21,6 +21,7 @@ import time
 VIEWER_PORT = 4242
 DATA_PORT = 5000
 VIDEO_PORT = 5001
+PORTS = (VIEWER_PORT, DATA_PORT, VIDEO_PORT)
 
 BANNER = b"\x1b[1;37mTervado Nimbus v.0.3.7\x1b[0m\n"
 READY = "Init control\n"

@@ -596,6 +596,41 @@ def test_config_that_is_no_json(service, ctl):
     assert '"ap_ssid":"a"b"' in ctl("config", "--json")
 
 
+def test_config_that_does_not_come(fake, ctl):
+    """Somebody is there, but answers no command."""
+    tool = ctl.start("--port", fake.port, "config")
+    fake.receive()
+    fake.send(0)
+    assert tool.wait(20) == 1
+    assert tool.err.text() == (
+        'nimbusctl: the service does not answer the command {"cmd":"configrequest"}; expected an '
+        "answer within 10 s\n")
+
+
+def test_config_that_is_waited_for(fake, ctl):
+    """Ctrl-C ends the wait, and says nothing."""
+    tool = ctl.start("--port", fake.port, "config")
+    fake.receive()
+    fake.send(0)
+    while not fake.receive().startswith(b"{"):
+        pass
+    assert tool.interrupt() == 130
+    assert tool.err.text() == ""
+
+
+def test_addresses(fake, ctl):
+    tool = ctl.start("--port", fake.port, "config")
+    fake.receive()
+    fake.send(0)
+    while not fake.receive().startswith(b"{"):
+        pass
+    fake.send(1, json.dumps({"app": "nimbus", "ifaces": [
+        {"name": "eth0", "addr": "192.168.1.5"}, {"name": "wlan0", "addr": "10.0.0.1"}]}).encode())
+    assert tool.wait() == 0
+    rows = [line.split(maxsplit=2) for line in tool.out.text().splitlines()]
+    assert ["addresses", "ifaces", "eth0 192.168.1.5, wlan0 10.0.0.1"] in rows
+
+
 def test_wifi_scan(service, standins, ctl):
     standins.answer("iwlist", """echo '  ESSID:"one"'; echo '  ESSID:"two words"'""")
     assert ctl("wifi", "scan", "wifi0") == "one\ntwo words\n"
@@ -604,6 +639,8 @@ def test_wifi_scan(service, standins, ctl):
     assert standins.calls("iwlist")[-1] == ["iwlist", "wlan0", "scan"]
     standins.answer("iwlist", "true")
     assert ctl("wifi", "scan") == "no networks on wlan0\n"
+    standins.answer("iwlist", """echo '  ESSID:"a"b"'""")
+    assert "the scan's reply is no JSON" in ctl.fails("wifi", "scan")
 
 
 # --- Video ---------------------------------------------------------------------------------------
@@ -645,6 +682,32 @@ def test_closed_pipe(service, viewer, ctl, arguments):
         tool.kill()
         tool.stderr.close()
         bridge.close()
+
+
+def test_full_disk(service, ctl):
+    with open("/dev/full", "wb") as full:
+        done = subprocess.run(ctl.command("config"), stdout=full, stderr=subprocess.PIPE, text=True,
+                              check=False)
+    assert (done.returncode, done.stderr) == (
+        1, "nimbusctl: cannot write: No space left on device\n")
+
+
+def test_output_that_does_not_wait(service, video, ctl):
+    """A pipe whose reader has set it so, and reads only later: nothing is lost."""
+    reader, writer = os.pipe()
+    os.set_blocking(writer, False)
+    tool = subprocess.Popen(ctl.command("video"), stdout=writer, stderr=subprocess.PIPE)
+    os.close(writer)
+    service.err.wait("New client")
+    pieces = [os.urandom(50_000) for _ in range(4)]  # twice what a pipe holds
+    for piece in pieces:
+        video.send(piece)
+    time.sleep(0.5)
+    with open(reader, "rb") as output:
+        assert output.read(200_000) == b"".join(pieces)
+        tool.send_signal(signal.SIGINT)
+        assert tool.wait(limit(10)) == 0
+        tool.stderr.close()
 
 
 # --- The display region --------------------------------------------------------------------------
@@ -734,6 +797,8 @@ BAD = {
     "config set wifi ssid=x": "wifi takes no 'ssid=x'; expected NAME=VALUE with one of cam_iface, ",
     "config set wifi ap_iface=eth0": "expected none, wifi0, wlan0",
     "config set hdmimode huge": "expected default, 640x480@60p CEA, ",
+    "config set wifi ap_mode=3": "expected 2.4, 5",
+    "--host 192.0.2.1 shot": "cannot reach 192.0.2.1: Network is unreachable",
     "wifi": "wifi needs a word; expected scan",
     "wifi scan eth0": "no interface 'eth0'; expected wifi0 or wlan0",
     "--host no.such.host.invalid shot": "no host 'no.such.host.invalid'",

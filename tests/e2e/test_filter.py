@@ -14,7 +14,6 @@ import pytest
 import nimbus
 
 INSTALL = pathlib.Path(__file__).resolve().parents[2] / "install"
-PORTS = (nimbus.VIEWER_PORT, nimbus.DATA_PORT, nimbus.VIDEO_PORT)
 BOARD, HOSTS = "10.77.0.1", ("10.77.0.2", "10.77.0.3")
 
 REGISTER = b"\x42" + bytes(11) + bytes([0, 0])
@@ -114,7 +113,7 @@ def test_a_viewer_is_heard(filtering, service, hosts):
     assert service.running()
 
 
-@pytest.mark.parametrize("port", PORTS)
+@pytest.mark.parametrize("port", nimbus.PORTS)
 def test_empty_datagram_of_another_host(filtering, service, hosts, port):
     hosts[0].sendto(b"", (BOARD, port))
     hosts[0].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
@@ -123,7 +122,7 @@ def test_empty_datagram_of_another_host(filtering, service, hosts, port):
 
 
 @pytest.mark.parametrize("target", ["127.0.0.1", BOARD])
-@pytest.mark.parametrize("port", PORTS)
+@pytest.mark.parametrize("port", nimbus.PORTS)
 def test_empty_datagram_of_the_board(filtering, neighbour, service, port, target):
     with nimbus.udp_socket("0.0.0.0") as sender:
         sender.sendto(b"", (target, port))

@@ -5,9 +5,8 @@ import threading
 import pytest
 
 import nimbus
-from nimbus import DATA_PORT, VIDEO_PORT, VIEWER_PORT, connected, events, limit, wait_until
+from nimbus import DATA_PORT, PORTS, VIDEO_PORT, VIEWER_PORT, connected, events, limit, wait_until
 
-PORTS = [VIEWER_PORT, DATA_PORT, VIDEO_PORT]
 MAX_PAYLOAD = 65507  # of a UDP datagram
 
 

@@ -14,7 +14,6 @@ import pytest
 
 import nimbus
 
-PORTS = (nimbus.VIEWER_PORT, nimbus.DATA_PORT, nimbus.VIDEO_PORT)
 STANDARD_DESCRIPTORS = {0, 1, 2}
 
 
@@ -42,7 +41,7 @@ def test_closed_standard_descriptors(launch, region, passes, closed):
     descriptors = service.descriptors()
     assert {descriptors[fd] for fd in closed} == {"/dev/null"}
     sockets = {fd for fd, target in descriptors.items() if target.startswith("socket:")}
-    assert len(sockets) == len(PORTS) and sockets.isdisjoint(STANDARD_DESCRIPTORS)
+    assert len(sockets) == len(nimbus.PORTS) and sockets.isdisjoint(STANDARD_DESCRIPTORS)
     assert region.text(*region.PRODUCT_NAME) == "Tervado Nimbus"
     assert region.text(*region.VIDEO_STATUS_TEXT) == "video disconnected"
 
@@ -127,9 +126,9 @@ def test_threads_that_cannot_be_created(start, preload, passes, plan):
     passes(1)
     heard = {nimbus.VIEWER_PORT: "New client", nimbus.DATA_PORT: "Data found",
              nimbus.VIDEO_PORT: "Video found"}
-    for port in PORTS:
+    for port in nimbus.PORTS:
         send(port, b"\x42" + bytes(13))
-    for port, failed in zip(PORTS, plan.ljust(len(PORTS), "0")):
+    for port, failed in zip(nimbus.PORTS, plan.ljust(len(nimbus.PORTS), "0")):
         if failed == "0":
             service.err.wait(heard.pop(port))
     passes(2)
@@ -163,7 +162,7 @@ def test_command_that_outlives_the_service(start, standins, command):
     folder = command()
     first.kill()
     assert folder.exists()
-    assert nimbus.bound_ports().isdisjoint(PORTS)
+    assert nimbus.bound_ports().isdisjoint(nimbus.PORTS)
     standins.reset("pidof")
     assert start().running()
     assert folder.exists()
@@ -191,7 +190,7 @@ def test_signals_of_a_command(launch, command):
 # --- How it ends --------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("port", PORTS)
+@pytest.mark.parametrize("port", nimbus.PORTS)
 def test_receive_failure(launch, tmp_path, passes, port):
     """Status 3, with everything written."""
     output, errors = tmp_path / "output", tmp_path / "errors"
@@ -212,7 +211,7 @@ def traffic():
     def run():
         with nimbus.udp_socket("127.0.0.1") as sender:
             while not stop.wait(0.0005):
-                for port in PORTS:
+                for port in nimbus.PORTS:
                     sender.sendto(b"\x42" + bytes(1000), ("127.0.0.1", port))
 
     threads = [threading.Thread(target=run) for _ in range(2)]
@@ -226,7 +225,7 @@ def traffic():
             thread.join()
 
 
-@pytest.mark.parametrize("port", PORTS)
+@pytest.mark.parametrize("port", nimbus.PORTS)
 def test_receive_failure_at_work(start, port):
     """The other threads do not notice; they must not turn the end into a crash."""
     service = start()
@@ -293,7 +292,7 @@ def test_nothing_grows(launch, access_point, everything):
     service = launch()
     access_point.wait_probe()
     descriptors, threads = service.descriptors(), service.threads()
-    assert len(descriptors) == len(STANDARD_DESCRIPTORS) + len(PORTS)
+    assert len(descriptors) == len(STANDARD_DESCRIPTORS) + len(nimbus.PORTS)
     everything(6)
     access_point.answer(1)
     access_point.wait_probe()
@@ -305,7 +304,7 @@ def test_resident_memory(unsanitized, launch, passes, everything):
     """Under 4 MiB, also when the largest datagrams have passed through."""
     service = launch()
     everything(3)
-    for port in PORTS:
+    for port in nimbus.PORTS:
         send(port, b"\xff" * 60000)
     passes(2)
     status = pathlib.Path(f"/proc/{service.pid}/status").read_text()

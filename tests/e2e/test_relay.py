@@ -175,6 +175,20 @@ def test_burst(held, crowd, video):
     assert nimbus.socket_queue(VIDEO_PORT) == (0, 0)
 
 
+def test_buffers_without_privilege(launch, video, viewers):
+    """The system's limit holds then, if it is less than what the bursts need."""
+    service = launch(wrapper=["setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin"])
+    limit = int(pathlib.Path("/proc/sys/net/core/rmem_max").read_text())
+    for port in nimbus.PORTS:
+        assert receive_buffer_of(port) == 2 * min(limit, 4 * 1024 * 1024)
+    viewer = viewers()
+    viewer.keep_alive()
+    nimbus.wait_until(lambda: viewer.frames, 5, "the registration")
+    video.send(b"anything")
+    viewer.wait(lambda frame: frame.payload == b"anything")
+    assert service.running()
+
+
 # --- Pace and order -----------------------------------------------------------------------------
 
 

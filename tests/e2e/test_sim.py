@@ -1,6 +1,7 @@
 """The simulated camera: a service beside it sees a camera, a bridge and a receiver, and it sees
 every command of the service."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -553,6 +554,27 @@ def test_closed_input(service, sim):
     assert one.summary()[2] == 0
 
 
+def test_input_that_cannot_be_read(service, sim):
+    with contextlib.closing(socket.socket()) as unconnected:
+        one = sim("--video", "-", stdin=unconnected)
+        assert one.wait_end() == 1
+    assert one.err.text().startswith("nimbus-sim: cannot read standard input: ")
+
+
+def test_video_for_nobody(sim):
+    """It is said once for both links, however long it lasts."""
+    one = sim("--video", "-", stdin=subprocess.PIPE)
+    with one.process.stdin as video:
+        for _ in range(30):
+            video.write(bytes(1000))
+            video.flush()
+            time.sleep(0.1)
+        one.process.terminate()
+        assert one.wait_end() == 0
+    assert one.err.text().count("no service listens") == 1
+    assert SUMMARY.fullmatch(one.out.text()).group(1, 2) == ("0", "0")
+
+
 # --- Arguments -----------------------------------------------------------------------------------
 
 BAD_ARGUMENTS = [
@@ -575,6 +597,7 @@ BAD_ARGUMENTS = [
     (["--seed", "7"], "--seed requires --faults"),
     (["--seconds", "-1"], "--seconds '-1'; expected a number above 0"),
     (["--lose-subject", "soon"], "--lose-subject 'soon'; expected"),
+    (["--host", "192.0.2.1"], "cannot reach 192.0.2.1: Network is unreachable"),
     (["--host", "nowhere.invalid"], "no host 'nowhere.invalid'; expected"),
     (["--nonsense"], "--nonsense"),
     (["nonsense"], "nonsense"),

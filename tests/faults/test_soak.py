@@ -5,7 +5,6 @@ import statistics
 
 import nimbus
 from house import CONFIGURATION, SPEED_PERIOD, House
-from nimbus import DATA_PORT, VIDEO_PORT, VIEWER_PORT
 from test_floods import GROWTH_BYTES, resources
 
 WARM_UP = 5
@@ -54,7 +53,7 @@ memory     {before[0] // 1024} KiB, then {after[0] // 1024} KiB; {after[1]} desc
         assert after[0] <= before[0] + GROWTH_BYTES
     assert after[1:] == before[1:]
     assert missed <= 2 + MISSED_SHARE * passed
-    for port in (VIEWER_PORT, DATA_PORT, VIDEO_PORT):
+    for port in nimbus.PORTS:
         assert nimbus.socket_queue(port) == (0, 0), f"port {port} has lost something"
     assert house.audience.reports >= house.operator.asked * viewers - viewers
     assert min(house.audience.versions) >= seconds / nimbus.limit(1.3)

@@ -29,11 +29,6 @@ void Gimbal::next_position() {
   target_ = Axes{.pan = looks_back ? 0 : kBack};
 }
 
-void Gimbal::stop() {
-  target_.reset();
-  speed_left_ = 0;
-}
-
 void Gimbal::tick(double seconds) {
   if (target_) {
     approach(kPositionSpeed * seconds);

@@ -38,7 +38,6 @@ class Gimbal {
   void center() { target_ = Axes{}; }
   /// Turns to the back, or to the front if it looks back now.
   void next_position();
-  void stop();
 
   void tick(double seconds);
 
