@@ -31,9 +31,12 @@ void add_binary(CLI::App& app, const char* option, std::filesystem::path& binary
       ->check(CLI::ExistingFile);
 }
 
-int run_driver(CLI::App& app, int argc, char** argv, const std::function<bool()>& measure) try {
+int run_driver(CLI::App& app, int argc, char** argv,
+               const std::function<void(Table&)>& measure) try {
+  bool no_header = false;
   bool no_limits = false;
   app.footer("Exit status: 0 when all limits hold, 1 when one is missed, 2 when something fails.");
+  app.add_flag("--no-header", no_header, "go on with a table that another benchmark has begun");
   app.add_flag("--no-limits", no_limits, "exit with 0 also when a limit is missed");
   try {
     app.parse(argc, argv);
@@ -45,7 +48,9 @@ int run_driver(CLI::App& app, int argc, char** argv, const std::function<bool()>
                              " ...");
   }
   enter_working_folder(app.get_name());
-  return measure() || no_limits ? EXIT_SUCCESS : kExitLimitMissed;
+  Table table(!no_header);
+  measure(table);
+  return table.all_hold() || no_limits ? EXIT_SUCCESS : kExitLimitMissed;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s: %s\n", app.get_name().c_str(), error.what());
   return kExitFailed;

@@ -1,9 +1,11 @@
-// What the whole-process benchmarks share: their command line, their folder, their exit status.
+// What the benchmarks share: their command line, their folder, their exit status.
 #pragma once
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <functional>
+
+#include "bench/table.h"
 
 namespace nimbus::bench {
 
@@ -12,9 +14,9 @@ void add_binary(CLI::App& app, const char* option, std::filesystem::path& binary
                 const char* description);
 
 /// Parses the command line, refuses to run outside the sandbox, enters an empty working folder for
-/// the service (all of its settings are zero), and measures. Returns the exit status: 0 when
-/// `measure` says that all limits hold or --no-limits is given, 1 when one is missed, 2 when
-/// something fails.
-int run_driver(CLI::App& app, int argc, char** argv, const std::function<bool()>& measure);
+/// the service (all of its settings are zero), and lets `measure` fill the table. Returns the exit
+/// status: 0 when all limits hold or --no-limits is given, 1 when one is missed, 2 when something
+/// fails.
+int run_driver(CLI::App& app, int argc, char** argv, const std::function<void(Table&)>& measure);
 
 }  // namespace nimbus::bench

@@ -1,21 +1,32 @@
 // What the camera's frames cost beyond their checksum: building and sealing one to send, and
 // scanning and decoding a mix of all reports with no viewer registered. Each against the CRC-16
-// alone over the same bytes, in the same run; the ratios are what counts. Runs in the sandbox: it
-// maps the region.
+// alone over the same bytes, in the same run; the ratios are what counts. The figures are medians
+// of CPU time.
+//
+//   tools/sandbox/enter build/release/bench/frames_bench
 #include <benchmark/benchmark.h>
 
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <map>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "app/display_region.h"
-#include "base/wire.h"
+#include "bench/driver.h"
+#include "bench/report.h"
 #include "camera/duml.h"
 #include "control/telemetry.h"
 
-namespace nimbus {
+namespace nimbus::bench {
 namespace {
+
+constexpr double kSealLimit = 1.3;
+constexpr double kScanLimit = 1.5;
+
+// --- What is measured --------------------------------------------------------------------------
 
 constexpr DumlTemplate<7> kFrame({CommandSet::gimbal, 0x0C}, {0, 0, 0, 0, 0, 0, 0x90});
 
@@ -50,12 +61,7 @@ std::vector<std::uint8_t> all_reports() {
       {{17, 4}, {30, 2}, {36, 2}, {53, 4}, {57, 5}, {58, 2}, {62, 2}, {77, 2}, {107, 2}}};
   std::vector<std::uint8_t> datagram;
   for (const auto& [length, command_set] : kKinds) {
-    std::vector<std::uint8_t> frame(length);
-    frame[0] = kDumlStart;
-    frame[1] = length;
-    frame[9] = command_set;
-    const std::size_t checked = frame.size() - 2;
-    store_le(frame, checked, duml_crc16(std::span(frame).first(checked)));
+    const auto frame = empty_report(length, command_set);
     datagram.insert(datagram.end(), frame.begin(), frame.end());
   }
   datagram.push_back(0);
@@ -80,13 +86,58 @@ void scan_all_reports(benchmark::State& state) {
 }
 BENCHMARK(scan_all_reports);
 
+// --- How it is shown ---------------------------------------------------------------------------
+
+/// Keeps the median of each benchmark, in nanoseconds.
+class Medians : public benchmark::BenchmarkReporter {
+ public:
+  bool ReportContext(const Context& /*context*/) override { return true; }
+
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.aggregate_name != "median") continue;
+      medians_[run.run_name.function_name] = run.GetAdjustedCPUTime();
+    }
+  }
+
+  [[nodiscard]] double of(const char* name) const { return medians_.at(name); }
+
+ private:
+  std::map<std::string, double> medians_;
+};
+
+Row row(const char* what, double figure, double checksum, double limit) {
+  return {what, figure, "ns", {}, Comparison{"CRC-16 alone", checksum, figure / checksum, limit}};
+}
+
+void run(Table& table) {
+  if (map_display_region() == nullptr) throw std::runtime_error("cannot map the display region");
+  std::fprintf(stderr, "frames and reports\n");
+  Medians medians;
+  benchmark::RunSpecifiedBenchmarks(&medians);
+  table.add(row("sealing a frame", medians.of("seal_a_frame"), medians.of("checksum_of_a_frame"),
+                kSealLimit));
+  table.add(row("scanning and decoding reports of all kinds", medians.of("scan_all_reports"),
+                medians.of("checksum_of_all_reports"), kScanLimit));
+}
+
+/// What slows the machine down for a while shall meet both sides of a ratio.
+void set_up_repetitions() {
+  std::array<std::string, 4> flags{"frames_bench", "--benchmark_repetitions=9",
+                                   "--benchmark_report_aggregates_only=true",
+                                   "--benchmark_enable_random_interleaving=true"};
+  std::array<char*, flags.size()> arguments{};
+  for (std::size_t i = 0; i < flags.size(); ++i) arguments[i] = flags[i].data();
+  int count = static_cast<int>(arguments.size());
+  benchmark::Initialize(&count, arguments.data());
+}
+
 }  // namespace
-}  // namespace nimbus
+}  // namespace nimbus::bench
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  if (nimbus::map_display_region() == nullptr) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  return 0;
+  using namespace nimbus::bench;
+  CLI::App app("Measures what the camera's frames cost beyond their checksum.", "frames_bench");
+  set_up_repetitions();
+  return run_driver(app, argc, argv, run);
 }
