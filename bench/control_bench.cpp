@@ -5,6 +5,9 @@
 //   command  From a viewer's send of a command to the arrival of its frame at the bridge. Commands
 //            wait in a mailbox that is looked into every 50 ms, so half of that is the least that
 //            the median can be. They are sent at moments that have nothing to do with that period.
+//   report   From the bridge's send of the camera's settings, another ISO each time, to the arrival
+//            of the message made of them at the one viewer. Once a second one of them may have to
+//            wait for a status message.
 //   stream   The gimbal's speed, one frame each 30 ms: how far the last of many frames lies from
 //            where the first and the period say, per second (drift); and how far a frame is from
 //            its place at most (jitter, which is the machine's and has no limit).
@@ -33,6 +36,7 @@
 #include "base/wire.h"
 #include "bench/child.h"
 #include "bench/driver.h"
+#include "bench/report.h"
 #include "bench/samples.h"
 #include "bench/udp.h"
 #include "net/sources.h"
@@ -43,6 +47,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
+using Microseconds = std::chrono::duration<double, std::micro>;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
 constexpr double kMedianLimitMs = 30;
@@ -55,9 +60,17 @@ constexpr Milliseconds kStreamPeriod{30};
 constexpr milliseconds kPatience{2'000};
 
 constexpr std::string_view kReady = "Init control\n";
+constexpr std::string_view kNewViewer = "New client connected";
 constexpr std::string_view kCommand = R"({"cmd":"record","param":"start"})";
 constexpr std::array<std::uint8_t, 8> kFullSpeed{5, 1, 0x10, 0x27, 0, 0, 0, 0};
 constexpr std::array<std::uint8_t, 8> kStop{5, 1};
+constexpr std::array<std::uint8_t, 2> kRegister{0, 0};
+constexpr std::array<std::uint8_t, 1> kLeave{1};
+
+// The camera's settings; in the report and in the message the ISO stands at the same place.
+constexpr std::uint8_t kSettingsReportLength = 107;
+constexpr std::uint8_t kSettingsMessage = 2;
+constexpr std::size_t kIsoOffset = 16;
 
 // The command set and id of a frame, and what tells the two frames of these measurements.
 constexpr std::size_t kCommandSetOffset = 9;
@@ -107,7 +120,7 @@ class CameraEnd {
   UniqueFd socket_;
 };
 
-/// A viewer that says things and does not listen.
+/// A viewer that is served only once it has registered.
 class ViewerEnd {
  public:
   ViewerEnd() : socket_(stamped_udp_socket()) {}
@@ -121,6 +134,14 @@ class ViewerEnd {
 
   void say(std::string_view text) {
     say(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+  }
+
+  /// When the camera's settings with that ISO arrived.
+  nanoseconds settings(std::uint8_t iso) {
+    return arrival(socket_, [iso](const Bytes& frame) {
+      return frame[kFrameHeaderSize] == kSettingsMessage &&
+             frame[kFrameHeaderSize + kIsoOffset] == iso;
+    });
   }
 
  private:
@@ -140,6 +161,30 @@ Samples command_latency(CameraEnd& camera, ViewerEnd& viewer, int commands) {
     viewer.say(kCommand);
     latency.add(Milliseconds(camera.frame(kRecordFrame) - sent).count());
   }
+  return latency;
+}
+
+/// Microseconds from each report to its message.
+Samples report_latency(Child& service, CameraEnd& camera, ViewerEnd& viewer, int reports) {
+  Samples latency;
+  std::mt19937 random(1);
+  // The service pauses for a millisecond after each message.
+  std::uniform_int_distribution<int> pause_us(2'000, 20'000);
+  auto report = empty_report(kSettingsReportLength, 0);
+  report.push_back(0);  // a report is taken only with something behind it
+  for (int i = 0; i < reports; ++i) {
+    // A registration ends after five seconds.
+    viewer.say(kRegister);
+    service.wait_for(kNewViewer);
+    const auto iso = static_cast<std::uint8_t>(1 + i % 2);
+    report[kIsoOffset] = iso;
+    seal(std::span(report).first<kSettingsReportLength>());
+    std::this_thread::sleep_for(std::chrono::microseconds(pause_us(random)));
+    const nanoseconds sent = wall_clock();
+    camera.say(report);
+    latency.add(Microseconds(viewer.settings(iso) - sent).count());
+  }
+  viewer.say(kLeave);
   return latency;
 }
 
@@ -203,6 +248,7 @@ Idle idle_share(const Child& service, std::chrono::seconds time) {
 struct Options {
   std::filesystem::path service;
   int commands = 500;
+  int reports = 500;
   int frames = 1'000;
   int idle_seconds = 60;
 };
@@ -212,14 +258,17 @@ void run(const Options& options, Table& table) {
   service.wait_for(kReady);
   CameraEnd camera;
   ViewerEnd viewer;
-  std::fprintf(stderr, "%d commands, %d frames of the stream, %d s of nothing\n", options.commands,
-               options.frames, options.idle_seconds);
+  std::fprintf(stderr, "%d commands, %d reports, %d frames of the stream, %d s of nothing\n",
+               options.commands, options.reports, options.frames, options.idle_seconds);
   const Samples command = command_latency(camera, viewer, options.commands);
+  const Samples report = report_latency(service, camera, viewer, options.reports);
   const Stream stream = stream_period(camera, viewer, options.frames);
   const Idle idle = idle_share(service, std::chrono::seconds(options.idle_seconds));
 
   table.add({"command to frame, median", command.median(), "ms", kMedianLimitMs});
   table.add({"command to frame, slowest", command.largest(), "ms", kWorstLimitMs});
+  table.add({"report to message, median", report.median(), "us"});
+  table.add({"report to message, slowest", report.largest(), "us"});
   table.add({"gimbal stream, drift", stream.drift_ms, "ms/s", kDriftLimitMs});
   table.add({"gimbal stream, jitter", stream.jitter_ms, "ms"});
   table.add({"CPU without traffic, of one core", idle.service, "%", kIdleLimitPercent,
@@ -237,6 +286,9 @@ int main(int argc, char** argv) {
   add_binary(app, "--service", options.service, "the service's binary");
   app.add_option("--commands", options.commands, "how many commands are sent")
       ->check(CLI::Range(1, 1'000))  // each is a line on the service's console, a pipe
+      ->capture_default_str();
+  app.add_option("--reports", options.reports, "how many reports the camera sends")
+      ->check(CLI::Range(1, 1'000'000))
       ->capture_default_str();
   app.add_option("--frames", options.frames, "how many frames of the stream are looked at")
       ->check(CLI::Range(1, 1'000'000))
