@@ -55,7 +55,8 @@ Child::Child(std::vector<std::string> command) : name_(command.front()) {
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, write_end.get(), STDERR_FILENO);
-  const int error = posix_spawn(&pid_, name_.c_str(), &actions, nullptr, arguments.data(), environ);
+  const int error =
+      posix_spawnp(&pid_, name_.c_str(), &actions, nullptr, arguments.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   check(error, "cannot start " + name_);
   check(clock_getcpuclockid(pid_, &cpu_clock_), "clock_getcpuclockid");

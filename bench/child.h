@@ -16,8 +16,8 @@ namespace nimbus::bench {
 /// A running child process. It is killed, and waited for, when it goes out of scope.
 class Child {
  public:
-  /// Starts `command`. Its standard error is kept for wait_for(), its standard output goes nowhere.
-  /// Throws std::system_error.
+  /// Starts `command`, which is looked for in PATH. Its standard error is kept for wait_for(), its
+  /// standard output goes nowhere. Throws std::system_error.
   explicit Child(std::vector<std::string> command);
   ~Child();
   Child(Child&& other) noexcept;

@@ -45,12 +45,22 @@ Relay::Relay(std::vector<std::string> command, const char* ready_text, std::uint
   start_time_ = wall_clock() - started_;
 }
 
-Relay Relay::start_service(const std::filesystem::path& binary, Surroundings& around) {
-  Relay result({binary}, kServiceReady, kVideoPort, around);
+Relay Relay::start_service_by(std::vector<std::string> command, Surroundings& around) {
+  Relay result(std::move(command), kServiceReady, kVideoPort, around);
   around.register_viewers();
   result.process_.wait_for(kServiceNewViewer, static_cast<int>(around.viewers.size()));
   result.wait_until_it_relays();
   return result;
+}
+
+Relay Relay::start_service(const std::filesystem::path& binary, Surroundings& around) {
+  return start_service_by({binary}, around);
+}
+
+Relay Relay::start_traced(const std::filesystem::path& binary, const std::filesystem::path& calls,
+                          Surroundings& around) {
+  // With -D strace is no parent of the service: the child that was started becomes the service.
+  return start_service_by({"strace", "-D", "-f", "-qq", "-o", calls, binary}, around);
 }
 
 Relay Relay::start_bare(const std::filesystem::path& binary, Surroundings& around) {

@@ -35,8 +35,11 @@ struct Effort {
 /// The service or the bare loop, as a process that serves the viewers of its surroundings.
 class Relay {
  public:
-  /// Starts the one or the other, and waits until it relays. Throws when it does not.
+  /// Start the one or the other, and wait until it relays. Throw when it does not.
   static Relay start_service(const std::filesystem::path& binary, Surroundings& around);
+  /// The service with strace beside it, which writes every system call to that file.
+  static Relay start_traced(const std::filesystem::path& binary, const std::filesystem::path& calls,
+                            Surroundings& around);
   static Relay start_bare(const std::filesystem::path& binary, Surroundings& around);
 
   /// From the start of the process to its last start-up text.
@@ -54,6 +57,7 @@ class Relay {
  private:
   Relay(std::vector<std::string> command, const char* ready_text, std::uint16_t video_port,
         Surroundings& around);
+  static Relay start_service_by(std::vector<std::string> command, Surroundings& around);
   void expect_frames();
   void wait_until_it_relays();
 

@@ -17,6 +17,9 @@
 //   memory   Resident memory (VmRSS), the largest of all runs.
 //   start    From the start of the process to its last start-up text.
 //   rate     Datagrams that reach ten viewers in a second, with the next ones always waiting.
+//   calls    System calls of the thread that relays, from one datagram's receipt to the next's: the
+//            median over some datagrams.
+//   size     The stripped binary.
 //
 // Both relays run, and are measured in turn, strictly alternating. "service" and "bare loop" are
 // the medians of all measurements. "ratio" is the median of the ratios within each pair, not the
@@ -37,10 +40,14 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "bench/driver.h"
 #include "bench/relay.h"
@@ -75,6 +82,8 @@ constexpr std::array kCases{
 // RTP packets, seven packets of an MPEG transport stream, the largest datagram that is relayed.
 constexpr std::array<std::size_t, 3> kSteadySizes{1'400, 1'316, 60'000};
 constexpr milliseconds kSteadyTime{2'500};
+
+constexpr std::size_t kTracedDatagrams = 16;
 
 constexpr double kWallLimit = 1.05;
 constexpr double kCpuLimit = 1.15;
@@ -207,6 +216,42 @@ double idle_cost(const Binaries& binaries) {
   return microseconds(service.process().cpu_time() - before) / time.count();
 }
 
+/// How many system calls the thread that receives datagrams of that size makes from one to the
+/// next.
+Samples calls_between_receipts(const std::filesystem::path& calls, std::size_t bytes) {
+  const std::string receipt = " = " + std::to_string(bytes);
+  Samples result;
+  std::ifstream trace(calls);
+  std::string thread;
+  double count = 0;
+  for (std::string line; std::getline(trace, line);) {
+    // A call that another thread's interrupts is shown in two lines.
+    if (line.ends_with("<unfinished ...>")) continue;
+    const bool received = line.find("recvfrom") != std::string::npos && line.ends_with(receipt);
+    if (thread.empty() && received) thread = line.substr(0, line.find(' ') + 1);
+    if (thread.empty() || !line.starts_with(thread)) continue;
+    if (received && count > 0) result.add(std::exchange(count, 0));
+    ++count;
+  }
+  return result;
+}
+
+double calls_per_datagram(const Binaries& binaries, std::size_t viewers) {
+  constexpr std::size_t kBytes = 1'400;
+  const std::filesystem::path calls = "calls";
+  Surroundings around(kBytes, viewers);
+  Relay service = Relay::start_traced(binaries.service, calls, around);
+  service.relay(kTracedDatagrams);
+  return calls_between_receipts(calls, kBytes).median();
+}
+
+double stripped_kib(const std::filesystem::path& binary) {
+  const std::filesystem::path file = "stripped";
+  std::filesystem::copy_file(binary, file);
+  if (std::system("strip stripped") != 0) throw std::runtime_error("cannot strip the binary");
+  return static_cast<double>(std::filesystem::file_size(file)) / 1024;
+}
+
 // --- How it is shown ---------------------------------------------------------------------------
 
 std::string label(const char* what, std::size_t bytes, std::size_t viewers) {
@@ -263,6 +308,12 @@ void add_rates(const Binaries& binaries, Table& table) {
   }
 }
 
+void add_calls(const Binaries& binaries, Table& table) {
+  table.add({"system calls per datagram, one viewer", calls_per_datagram(binaries, 1), "calls"});
+  table.add({"system calls per datagram, ten viewers", calls_per_datagram(binaries, kMaxViewers),
+             "calls"});
+}
+
 // --- The whole ---------------------------------------------------------------------------------
 
 void run(const Binaries& binaries, int rounds, Table& table) {
@@ -271,12 +322,14 @@ void run(const Binaries& binaries, int rounds, Table& table) {
   add_shares(measured, table);
   add_rates(binaries, table);
   table.add({"CPU without video, ten viewers", idle_cost(binaries), "us/s"});
+  add_calls(binaries, table);
   table.add({"start to the last start-up text", measured.start_ms.service.median(), "ms",
              kStartLimitMs, bare_loop(measured.start_ms)});
   const double service = measured.resident_kib.service.largest();
   const double bare = measured.resident_kib.bare.largest();
   table.add({"resident memory, the largest", service, "KiB", kMemoryLimitKib,
              Comparison{"bare loop", bare, service / bare}});
+  table.add({"stripped binary", stripped_kib(binaries.service), "KiB"});
 }
 
 }  // namespace
