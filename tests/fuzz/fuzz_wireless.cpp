@@ -50,7 +50,7 @@ void check_captured(std::size_t output, std::size_t room) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   // Numbers are taken from the input's end.
   FuzzedDataProvider provider(bytes, size);
-  const int status = provider.ConsumeIntegralInRange(-1, 0xFF00);
+  const int status = static_cast<int>(provider.ConsumeIntegralInRange(0U, 0xFF01U)) - 1;
   const auto room = provider.ConsumeIntegralInRange<std::size_t>(1, 1100);
   const std::string input = provider.ConsumeRemainingBytesAsString();
   const auto line_end = input.find('\n');
