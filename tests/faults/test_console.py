@@ -8,7 +8,7 @@ import pytest
 
 import nimbus
 from house import CONFIGURATION, House
-from test_soak import periods
+from test_soak import MISSED_SHARE, periods
 
 
 class StuckConsole:
@@ -69,5 +69,5 @@ def test_console_that_nobody_reads(launch, region, console, times, sticks):
           f"{passed} periods missed; longest gap {gap * 1000:.0f} ms")
     assert started < nimbus.limit(1)
     assert rate > 8 / nimbus.TIME_SCALE
-    assert gap < nimbus.limit(0.1)
+    assert missed <= 2 + MISSED_SHARE * passed
     assert "Camera set" in said and "config_parse_command" in said
