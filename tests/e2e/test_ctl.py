@@ -607,27 +607,28 @@ def test_config_that_does_not_come(fake, ctl):
         "answer within 10 s\n")
 
 
-def test_config_that_is_waited_for(fake, ctl):
+@pytest.fixture
+def asking(fake, ctl):
+    """A run that has asked for the report."""
+    tool = ctl.start("--port", fake.port, "config")
+    fake.receive()
+    fake.send(0)
+    while not fake.receive().startswith(b"{"):
+        pass
+    return tool
+
+
+def test_config_that_is_waited_for(asking):
     """Ctrl-C ends the wait, and says nothing."""
-    tool = ctl.start("--port", fake.port, "config")
-    fake.receive()
-    fake.send(0)
-    while not fake.receive().startswith(b"{"):
-        pass
-    assert tool.interrupt() == 130
-    assert tool.err.text() == ""
+    assert asking.interrupt() == 130
+    assert asking.err.text() == ""
 
 
-def test_addresses(fake, ctl):
-    tool = ctl.start("--port", fake.port, "config")
-    fake.receive()
-    fake.send(0)
-    while not fake.receive().startswith(b"{"):
-        pass
+def test_addresses(asking, fake):
     fake.send(1, json.dumps({"app": "nimbus", "ifaces": [
         {"name": "eth0", "addr": "192.168.1.5"}, {"name": "wlan0", "addr": "10.0.0.1"}]}).encode())
-    assert tool.wait() == 0
-    rows = [line.split(maxsplit=2) for line in tool.out.text().splitlines()]
+    assert asking.wait() == 0
+    rows = [line.split(maxsplit=2) for line in asking.out.text().splitlines()]
     assert ["addresses", "ifaces", "eth0 192.168.1.5, wlan0 10.0.0.1"] in rows
 
 
