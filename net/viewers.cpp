@@ -46,33 +46,13 @@ ViewerSpeedHandler speed_handler = nullptr;
 // --- The table ---------------------------------------------------------------------------------
 
 bool holds(const ViewerClient& slot, Endpoint viewer) {
-  return slot.address == viewer.address && slot.port == viewer.port;
+  const Endpoint held = slot.viewer();
+  return held.port != 0 && held.address == viewer.address && held.port == viewer.port;
 }
 
 bool is_free(const ViewerClient& slot) { return slot.address.load_acquire() == 0; }
 
-/// Empties the slot if `viewer` still holds it. The receive thread (leave) and the main thread
-/// (time-out) may both try: one of them wins, and a newcomer in the slot is never dropped for it.
-bool release(ViewerClient& slot, Endpoint viewer) {
-  if (!slot.port.replace(viewer.port, 0)) return false;
-  slot.last_seen_ms = 0;
-  slot.data_only = 0;
-  slot.address.store_release(0);
-  return true;
-}
-
-/// Where a broadcast sends for this slot: port 0 when it is not served. An address and a port of
-/// two different viewers are never paired: the port still stands after the address was read.
-Endpoint destination_of(const ViewerClient& slot) {
-  const std::uint32_t port = slot.port.load_acquire();
-  if (port == 0) return {};
-  const in_addr_t address = slot.address.load_acquire();
-  if (address == 0 || slot.port != port) return {};
-  return {address, static_cast<std::uint16_t>(port)};
-}
-
-// --- FromViewer
-// -----------------------------------------------------------------------------------
+// --- FromViewer --------------------------------------------------------------------------------
 
 void handle_register(Endpoint viewer, bool data_only) {
   if (register_viewer(viewer, data_only) == 0) return;
@@ -83,7 +63,7 @@ void handle_register(Endpoint viewer, bool data_only) {
 void handle_leave(Endpoint viewer) {
   auto* const slot = std::find_if(viewers.begin(), viewers.end(),
                                   [viewer](const auto& entry) { return holds(entry, viewer); });
-  if (slot == viewers.end() || !release(*slot, viewer)) return;
+  if (slot == viewers.end() || !slot->release(slot->tenancy)) return;
   log_text("Client %s:%d removed\n", address_text(viewer.address).data(), viewer.port);
 }
 
@@ -110,7 +90,7 @@ std::array<std::uint8_t, kFrameHeaderSize> frame_header(FrameKind kind, std::uin
 
 bool has_viewers() {
   return std::any_of(viewers.begin(), viewers.end(),
-                     [](const ViewerClient& slot) { return slot.port != 0; });
+                     [](const ViewerClient& slot) { return slot.tenancy != 0; });
 }
 
 void send_to_viewers(std::span<const std::uint8_t> payload, FrameKind kind) {
@@ -125,7 +105,7 @@ void send_to_viewers(std::span<const std::uint8_t> payload, FrameKind kind) {
       {const_cast<std::uint8_t*>(payload.data()), length - header_length},
   }};
   for (const auto& slot : viewers) {
-    const Endpoint viewer = destination_of(slot);
+    const Endpoint viewer = slot.viewer();
     if (viewer.port == 0) continue;
     viewer_link.send_to(parts, viewer);
     usleep(kPauseAfterSendUs);
@@ -134,6 +114,28 @@ void send_to_viewers(std::span<const std::uint8_t> payload, FrameKind kind) {
 }
 
 }  // namespace
+
+Endpoint ViewerClient::viewer() const noexcept {
+  const std::uint32_t seen = tenancy.load_acquire();
+  const in_addr_t host = address.load_acquire();
+  // The tenancy still stands after the address was read.
+  if (seen == 0 || host == 0 || tenancy != seen) return {};
+  return {host, static_cast<std::uint16_t>(seen)};
+}
+
+void ViewerClient::fill(Endpoint newcomer) noexcept {
+  static std::uint16_t count = 0;
+  address.store_release(newcomer.address);
+  tenancy.store_release(std::uint32_t{++count} << 16 | newcomer.port);
+}
+
+bool ViewerClient::release(std::uint32_t ended) noexcept {
+  if (ended == 0 || !tenancy.replace(ended, 0)) return false;
+  last_seen_ms = 0;
+  data_only = 0;
+  address.store_release(0);
+  return true;
+}
 
 int init_network(ViewerSpeedHandler on_speed) {
   display = display_region();
@@ -212,9 +214,8 @@ int register_viewer(Endpoint viewer, bool data_only) noexcept {
   }
   auto* const slot = std::find_if(viewers.begin(), viewers.end(), is_free);
   if (slot == viewers.end()) return 0;
-  slot->address.store_release(viewer.address);
   set(*slot);
-  slot->port.store_release(viewer.port);
+  slot->fill(viewer);
   return 1;
 }
 
@@ -222,9 +223,10 @@ void check_viewer_timeouts() noexcept {
   std::uint8_t count = 0;
   for (auto& slot : viewers) {
     if (is_free(slot)) continue;
-    const Endpoint viewer = destination_of(slot);
+    const std::uint32_t tenancy = slot.tenancy.load_acquire();
+    const Endpoint viewer = slot.viewer();
     // Port 0: the receive thread is filling the slot at this moment.
-    if (viewer.port != 0 && age_ms(slot.last_seen_ms) > kViewerTimeoutMs && release(slot, viewer)) {
+    if (viewer.port != 0 && age_ms(slot.last_seen_ms) > kViewerTimeoutMs && slot.release(tenancy)) {
       log_text("Client %s:%d lost\n", address_text(viewer.address).data(), viewer.port);
       continue;
     }

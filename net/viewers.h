@@ -40,13 +40,25 @@ enum class FromViewer : std::uint8_t {
 enum class FrameKind : std::uint8_t { data = 0, video = 1 };
 
 /// One slot of the viewer table. `address` is the slot's ownership, written first when it fills and
-/// last when it empties; `port` is its visibility to broadcasts, written last when it fills and
-/// first when it empties.
+/// last when it empties; `tenancy` is its visibility to broadcasts, written last when it fills and
+/// first when it empties. No two tenancies of a slot are equal, so that whoever looked at one
+/// viewer cannot empty the slot of the next, be it one with the same port.
 struct ViewerClient {
   Shared<in_addr_t> address;           ///< network byte order; 0: the slot is free
-  Shared<std::uint32_t> port;          ///< host byte order; 0: not served
+  Shared<std::uint32_t> tenancy;       ///< a count, and the port in its low 16 bits; 0: not served
   Shared<std::uint32_t> last_seen_ms;  ///< now_ms of the last registration
   Shared<std::uint8_t> data_only;      ///< 1: announced as data-only, which changes nothing else
+
+  /// The viewer in the slot, with port 0 when none is served. An address and a port of two
+  /// different viewers are never paired. Any thread.
+  [[nodiscard]] Endpoint viewer() const noexcept;
+
+  /// Gives the free slot to a viewer that has just been seen. Viewer link's receive thread.
+  void fill(Endpoint newcomer) noexcept;
+
+  /// Ends that tenancy. False when it has ended already: the receive thread (leave) and the main
+  /// thread (time-out) may both try, and one of them wins.
+  bool release(std::uint32_t ended) noexcept;
 };
 
 /// Called with a viewer's speed message: the mode, and pan, tilt and roll as they stood on the

@@ -147,6 +147,37 @@ TEST_F(Viewers, ASenderWithoutAPortIsRefused) {
   EXPECT_EQ(console_.texts(), Texts{});
 }
 
+/// A free slot has no address and no port; nor is it anybody's who has none.
+TEST_F(Viewers, NobodyLeavesAFreeSlot) {
+  for (const char* const address : {"0.0.0.0", "127.0.0.1"}) {
+    receive(frame("\1"), endpoint(address, 0));
+    receive(frame("\1"), endpoint(address, 1));
+    EXPECT_EQ(console_.texts(), Texts{}) << address;
+  }
+}
+
+/// Between the look that finds a viewer silent and the end of its tenancy, it may leave and another
+/// one come.
+TEST_F(Viewers, ANewcomerKeepsTheSlotOfTheOneWhoLeft) {
+  for (const Endpoint newcomer : {endpoint("127.0.0.2", 1000), kViewer}) {
+    ViewerClient slot{};
+    slot.fill(kViewer);
+    const std::uint32_t seen = slot.tenancy;
+    EXPECT_TRUE(slot.release(seen));
+    EXPECT_FALSE(slot.release(seen)) << "it has ended";
+    EXPECT_EQ(slot.viewer().port, 0U);
+    slot.fill(newcomer);
+    EXPECT_FALSE(slot.release(seen));
+    EXPECT_EQ(slot.viewer().address, newcomer.address);
+    EXPECT_EQ(slot.viewer().port, newcomer.port);
+  }
+}
+
+TEST_F(Viewers, AFreeSlotHasNoTenancyToEnd) {
+  ViewerClient slot{};
+  EXPECT_FALSE(slot.release(slot.tenancy));
+}
+
 TEST_F(Viewers, AViewerIsLostAfterMoreThanFiveSeconds) {
   // The second one goes through the wrap of the clock.
   for (const std::uint32_t start : {1000U, 4'294'967'000U}) {
