@@ -1,0 +1,39 @@
+// Dialogs: one element each, made when it is opened and gone when it is closed. Escape, the close
+// button and a click beside it close it; the focus goes back to where it was.
+import { el, icon } from "./dom.js";
+
+/** Opens a dialog with a title and that content; returns the element. */
+export function open(title, properties, ...content) {
+  const dialog = el("dialog", { "aria-labelledby": "dialog-title", ...properties },
+    el("header", {},
+      el("h2", { id: "dialog-title", textContent: title }),
+      el("button", { class: "icon", "aria-label": "Close", onclick: () => dialog.close() },
+        icon("close"))),
+    el("div", { class: "content" }, ...content));
+  document.querySelectorAll("dialog").forEach((other) => other.close());
+  dialog.addEventListener("close", () => dialog.remove());
+  dialog.addEventListener("click", (event) => event.target === dialog && dialog.close());
+  document.body.append(dialog);
+  dialog.showModal();
+  return dialog;
+}
+
+/** Asks whether it is meant; promises true or false. `verb` is what the button says. */
+export function confirm(title, text, verb) {
+  return new Promise((resolve) => {
+    const answer = (value) => {
+      resolve(value);
+      dialog.close();
+    };
+    const no = el("button", { onclick: () => answer(false), textContent: "Cancel" });
+    const dialog = open(title, { class: "small", role: "alertdialog" },
+      el("p", { textContent: text }),
+      el("p", { class: "buttons" }, no,
+        el("button", { class: "danger", onclick: () => answer(true), textContent: verb })));
+    dialog.addEventListener("close", () => resolve(false));
+    no.focus(); // what erases is never one key away
+  });
+}
+
+/** Whether a dialog has the keyboard. */
+export const isOpen = () => document.querySelector("dialog[open]") !== null;

@@ -1,0 +1,108 @@
+// Who drives. One browser at a time has the lease; the others watch, see who has it and can ask.
+import { $, mark, say } from "./dom.js";
+import { confirm } from "./dialog.js";
+import { tell } from "./toast.js";
+
+const HEARTBEAT_MS = 900;
+
+export class Lease extends EventTarget {
+  #asked = null; // whose wish the holder is being asked about
+
+  constructor(link, state) {
+    super();
+    this.link = link;
+    this.state = state;
+    this.me = null;
+    this.role = "viewer";
+    this.mine = false;
+    this.holder = null;
+    this.name = "";
+    link.addEventListener("message", ({ detail }) => this.#message(detail));
+    link.addEventListener("close", () => this.#holds({ holder: null, name: "" }));
+    setInterval(() => this.mine && link.send({ type: "heartbeat" }), HEARTBEAT_MS);
+    $("take").addEventListener("click", () => this.toggle());
+    this.#show();
+  }
+
+  /** Takes the lease when it is free or already ours; promises whether we may act. */
+  async need() {
+    if (this.mine) return true;
+    if (this.holder !== null || this.role !== "operator") {
+      return false;
+    }
+    this.link.send({ type: "take" });
+    return this.#comes(1000);
+  }
+
+  /** Why nothing can be done, for people. */
+  refusal() {
+    if (!this.link.open) return "There is no connection to the board.";
+    if (this.role !== "operator") return "You are logged in to watch only.";
+    return `${this.name || this.holder} drives. Ask for control first.`;
+  }
+
+  toggle() {
+    if (this.mine) this.link.send({ type: "release" });
+    else if (this.link.send({ type: "take" }) && this.holder !== null) {
+      tell(`Asked ${this.name || this.holder} for control.`);
+    }
+  }
+
+  #comes(milliseconds) {
+    return new Promise((resolve) => {
+      const end = () => {
+        clearTimeout(late);
+        this.removeEventListener("change", end);
+        resolve(this.mine);
+      };
+      const late = setTimeout(end, milliseconds);
+      this.addEventListener("change", end);
+    });
+  }
+
+  #message(message) {
+    if (message.type === "hello") {
+      this.me = message.you;
+      this.role = message.role;
+      this.#show();
+    }
+    if (message.type === "lease") this.#holds(message);
+    if (message.type === "state" && message.driving) this.#holds(message.driving);
+  }
+
+  /** From a lease message, or from what changed in the group "driving". */
+  #holds(news) {
+    const before = this.mine;
+    if ("holder" in news) this.holder = news.holder ?? null;
+    if ("name" in news) this.name = news.name ?? "";
+    this.mine = this.holder !== null && this.holder === this.me;
+    if (before && !this.mine) {
+      tell("You no longer drive.");
+      this.dispatchEvent(new Event("lost"));
+    }
+    if ("asked_by" in news) this.#ask(news.asked_by ?? null);
+    this.#show();
+    this.dispatchEvent(new Event("change"));
+  }
+
+  async #ask(who) {
+    if (!this.mine || who === null || who === this.#asked) {
+      this.#asked = who;
+      return;
+    }
+    this.#asked = who;
+    const yes = await confirm("Hand over?", `${who} asks for control of the camera.`, "Hand over");
+    this.link.send(yes ? { type: "grant", to: who } : { type: "deny" });
+    this.#asked = null;
+  }
+
+  #show() {
+    const free = this.holder === null;
+    const watches = this.role !== "operator";
+    say($("who"), this.mine ? "You drive"
+      : free ? "Nobody drives" : `${this.name || this.holder} drives`);
+    say($("take"), this.mine ? "Release" : free ? "Drive" : "Ask for control");
+    $("take").disabled = watches || !this.link.open;
+    mark(document.body, "data-driver", this.mine ? "me" : free ? "none" : "other");
+  }
+}

@@ -1,0 +1,117 @@
+// The page: who is there, and who listens to whom.
+import { Bar } from "./bar.js";
+import { Commands } from "./commands.js";
+import { $, mark, memory, say } from "./dom.js";
+import { Drive } from "./drive.js";
+import { Gamepad } from "./gamepad.js";
+import { Keys } from "./keys.js";
+import { Lease } from "./lease.js";
+import { Link } from "./link.js";
+import { Overlay } from "./overlay.js";
+import { State } from "./state.js";
+import { Stick } from "./stick.js";
+import { tell, warn } from "./toast.js";
+import { Values } from "./values.js";
+import { Video } from "./video.js";
+
+const link = new Link("/ws/control");
+const state = new State(link);
+const lease = new Lease(link, state);
+const commands = new Commands(link, state, lease);
+const video = new Video({ video: $("video"), canvas: $("canvas") }, () => link.now());
+const drive = new Drive(link, lease);
+let tables = null; // of the server's hello
+new Bar(state, link, video);
+new Values(state, commands);
+new Overlay(state, video, commands);
+
+// --- Driving -------------------------------------------------------------------------------------
+
+const gamepad = new Gamepad(tell);
+const sticks = [
+  new Stick($("stick"), ["pan", "tilt"], (axes) => drive.hold("stick", axes)),
+  new Stick($("rollstick"), ["roll"], (axes) => drive.hold("rollstick", axes)),
+];
+drive.poll("gamepad", () => gamepad.read());
+drive.addEventListener("refused", ({ detail }) => warn(detail));
+
+// --- What buttons and keys do --------------------------------------------------------------------
+
+const recording = () => state.get("recording", "on") === true;
+const record = () => commands.run(recording() ? "record stop" : "record start");
+const shoot = () => (state.get("camera", "mode") === "photo" ? commands.run("shot") : record());
+const lock = () =>
+  commands.run(state.get("gimbal", "locked") ? "orientation unlock" : "orientation lock");
+
+function fullScreen() {
+  const done = document.fullscreenElement
+    ? document.exitFullscreen() : document.documentElement.requestFullscreen?.();
+  done?.catch(() => warn("The browser allows no full screen here."));
+}
+
+function save() {
+  const canvas = video.still();
+  if (!canvas) return warn("There is no picture to save.");
+  const stamp = new Date().toISOString().replace(/[-:]/g, "").slice(0, 15);
+  return canvas.toBlob((blob) => {
+    const anchor = document.createElement("a");
+    anchor.href = URL.createObjectURL(blob);
+    anchor.download = `nimbus-${stamp}.png`;
+    anchor.click();
+    setTimeout(() => URL.revokeObjectURL(anchor.href), 10_000);
+    tell(`Saved ${anchor.download}.`);
+  }, "image/png");
+}
+
+function theme() {
+  const next = document.documentElement.dataset.theme === "dark" ? "light" : "dark";
+  memory.set("theme", next);
+  document.documentElement.dataset.theme = next;
+}
+
+async function showSettings() {
+  if (!tables) return;
+  const { Settings } = await import("./settings.js");
+  new Settings(link, state, lease, tables).show();
+}
+
+const help = async () => (await import("./help.js")).showHelp(drive, keys, theme);
+const all = async () => (await import("./all-commands.js")).showCommands(commands);
+
+const keys = new Keys((axes) => drive.hold("keys", axes), {
+  " ": shoot, r: record, c: () => commands.run("gimbal centre"), f: fullScreen, "?": help, d: theme,
+  b: () => commands.run("gimbal selfie"), l: lock, t: () => commands.run("tracking stop"), m: all,
+  p: save, i: () => document.body.classList.toggle("bare"), Escape: () => drive.stop(),
+});
+
+drive.addEventListener("stop", () => {
+  sticks.forEach((stick) => stick.release());
+  keys.release();
+  gamepad.disarm();
+});
+
+const CLICKS = {
+  record, shot: () => commands.run("shot"), centre: () => commands.run("gimbal centre"),
+  selfie: () => commands.run("gimbal selfie"), lock, more: all, help, theme, full: fullScreen,
+  snapshot: save, settings: showSettings, play: () => video.play(),
+};
+for (const [id, act] of Object.entries(CLICKS)) $(id).addEventListener("click", act);
+
+// --- What follows the state ----------------------------------------------------------------------
+
+state.addEventListener("change", () => {
+  mark($("record"), "aria-pressed", recording());
+  mark($("record"), "aria-label", recording() ? "Stop recording" : "Record");
+  mark($("lock"), "aria-pressed", state.get("gimbal", "locked") === true);
+});
+
+link.addEventListener("message", ({ detail }) => {
+  if (detail.type === "notice") tell(detail.text);
+  if (detail.type !== "hello") return;
+  tables = detail;
+  const who = detail.password ? "Protected by a password."
+    : "No password: everybody here can drive.";
+  say($("foot"), `Nimbus ${detail.version} · ${who}`);
+});
+
+video.addEventListener("blocked", ({ detail }) => ($("play").hidden = !detail));

@@ -1,0 +1,141 @@
+// The board's settings, grouped as a person thinks. Limits and words come from the server's table;
+// here stands where the report shows a setting, and what a change ends for a moment.
+import { open } from "./dialog.js";
+import { el } from "./dom.js";
+import { field } from "./fields.js";
+import { rcMap } from "./rc-map.js";
+import { tell, warn } from "./toast.js";
+import { wireless } from "./wireless.js";
+
+const FOLLOWS_MS = 2500;
+const STREAM = "the viewers' stream";
+const TRANSCODER = "the viewers' stream and the receivers";
+const PICTURE = "the picture on the HDMI output";
+const DISPLAY = "the on-screen display and the picture on the HDMI output";
+const RECEIVER = "the RC receiver";
+
+const size = ({ vw, vh }) => (vw === undefined ? undefined : `${vw}x${vh}`);
+const sizes = { "320x240": 1, "640x480": 1, "1280x720": 1 };
+
+// A group's title, and its settings: name in the table, label, the members of the report that show
+// its values, and what starts anew when it is changed.
+const GROUPS = [
+  ["Video", [
+    ["video_transcode_enabled", "Transcode the stream", ["vte"], TRANSCODER],
+    ["video_bitrate", "Bits a second", ["vbitrate"], STREAM],
+    ["video_resolution", "Size of the stream", [(s) => sizes[size(s)] && size(s)], STREAM],
+    ["video_hflip", "Mirrored", ["v_hf"], PICTURE],
+    ["video_vflip", "Upside down", ["v_vf"], PICTURE],
+    ["disable_video_stream", "No video to viewers", ["v_dis"], ""],
+    ["internal_camera_enabled", "The board's own camera", ["ic_en"], "the board's own camera"],
+    ["internal_camera_fullscreen", "… on the whole screen", ["ic_fs"], "the board's own camera"],
+  ]],
+  ["On-screen display", [
+    ["osd_enabled", "On-screen display", ["osd_en"], ""],
+    ["osd_borders", "Borders", ["osdbrdw", "osdbrdh"], DISPLAY],
+    ["osd_offset", "Offsets", ["osdtof", "osdbof"], DISPLAY],
+  ]],
+  ["HDMI", [
+    ["hdmi_enabled", "HDMI instead of TV output", ["hdmistate"], DISPLAY],
+    ["hdmimode", "Mode", [], DISPLAY],
+  ]],
+  ["RC receiver", [
+    ["rcin_enabled", "The receiver controls the camera", ["rcin_en"], RECEIVER],
+    ["rcin_mode", "Modes of the two receivers", ["rcin_mode", "rcin2_mode"], RECEIVER],
+    ["rcin_speed", "Speeds in percent", ["rcin_pan", "rcin_tilt", "rcin_dutch"], ""],
+    ["rcin_pan_inv", "Pan inverted (not 0)", ["rcin_paninv"], ""],
+    ["rcin_tilt_inv", "Tilt inverted (not 0)", ["rcin_tiltinv"], ""],
+    ["rcin_dutch_inv", "Roll inverted (not 0)", ["rcin_dutchinv"], ""],
+    ["rcin_exp", "Exponential sticks", ["rcin_exp"], RECEIVER],
+    ["rcin_abs", "Absolute sticks", ["rcin_abs"], ""],
+  ]],
+];
+
+// Set together with others above.
+const WITHIN = ["rcin_pan", "rcin_tilt", "rcin_dutch", "osd_top_offset", "osd_bottom_offset",
+  "rcin_map"];
+
+export class Settings {
+  #table;
+  #wifi;
+
+  /** `tables`: "settings" and "wifi" of the server's hello. */
+  constructor(link, state, lease, tables) {
+    Object.assign(this, { link, state, lease });
+    this.#table = new Map(tables.settings.map((row) => [row.name, row]));
+    this.#wifi = tables.wifi ?? [];
+  }
+
+  row(name) {
+    return this.#table.get(name);
+  }
+
+  show() {
+    const known = new Set([...GROUPS.flatMap(([, rows]) => rows.map(([name]) => name)), ...WITHIN]);
+    const others = [...this.#table.keys()].filter((name) => !known.has(name) && name !== "wifi")
+      .map((name) => [name, this.row(name).help, [], ""]);
+    const groups = others.length ? [...GROUPS, ["Others", others]] : GROUPS;
+    const parts = groups.map(([title, rows]) => this.#group(title, rows));
+    const receiver = parts[GROUPS.findIndex(([title]) => title === "RC receiver")];
+    if (this.row("rcin_map")) receiver.append(rcMap(this));
+    parts.push(wireless(this, this.#wifi));
+    return open("Settings", { class: "wide", id: "settings-dialog" }, ...parts);
+  }
+
+  /** Changes a setting, says what it ends before, and whether the board's report followed. */
+  async set(name, values, shows = []) {
+    if (!(await this.lease.need())) return warn(this.lease.refusal());
+    const { ok, text } = await this.link.request({ type: "set", name, values });
+    if (!ok) return warn(text || `${name}: refused`);
+    if (shows.length === 0) return tell(`${name}: sent`);
+    const before = JSON.stringify(shows);
+    const followed = await this.state.follows(() => this.#reads(shows, values), FOLLOWS_MS);
+    if (followed) tell(`${name}: saved`);
+    else warn(`${name}: the board has not reported the change (${before}).`);
+    return followed;
+  }
+
+  #read(member) {
+    const report = this.state.group("settings");
+    return typeof member === "function" ? member(report) : report[member];
+  }
+
+  #reads(members, values) {
+    return members.every((member, i) => {
+      const now = this.#read(member);
+      if (now === undefined) return false;
+      const wanted = { on: "1", off: "0" }[values[i]] ?? values[i];
+      return String(now) === String(wanted) ||
+        (wanted !== "" && Number(now) === Number(wanted));
+    });
+  }
+
+  #group(title, rows) {
+    const known = rows.filter(([name]) => this.row(name));
+    return el("details", { open: title === "Video" }, el("summary", { textContent: title }),
+      ...known.map((row) => this.#line(row)));
+  }
+
+  #line([name, label, members, ends]) {
+    const row = this.row(name);
+    const fields = row.values.map((value, i) => {
+      const many = row.values.length > 1;
+      const made = field(value, many ? `${label}: ${value.name.toLowerCase()}` : label);
+      if (members[i]) made.set(this.#read(members[i]));
+      return { ...made, name: value.name.toLowerCase(), many };
+    });
+    const send = () => {
+      const values = fields.map(({ get }) => get());
+      while (values.length > 1 && values.at(-1) === "") values.pop();
+      if (values.includes(null) || values.includes("")) return warn(`${label}: ${row.help}`);
+      return this.set(name, values, members);
+    };
+    const ended = row.restarts ?? ends;
+    const note = ended && el("small", { textContent: `Restarts ${ended}.` });
+    return el("form", { class: "setting", onsubmit: (event) => (event.preventDefault(), send()) },
+      el("p", {}, label, note || null),
+      el("span", { class: "inputs" }, ...fields.map(({ element, name: value, many }) => many
+        ? el("label", {}, el("span", { textContent: value }), element) : element)),
+      el("button", { type: "submit", "aria-label": `Set ${label}`, textContent: "Set" }));
+  }
+}
