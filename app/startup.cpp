@@ -6,9 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "app/display_region.h"
 #include "app/status_loop.h"
-#include "app/supervisor.h"
+#include "app/supervisor_client.h"
 #include "app/version.h"
 #include "base/log.h"
 #include "config/commands.h"
@@ -18,6 +17,7 @@
 #include "control/rc_map.h"
 #include "control/speed_mixer.h"
 #include "control/telemetry.h"
+#include "display/region.h"
 #include "net/sources.h"
 #include "net/viewers.h"
 
@@ -68,7 +68,7 @@ int run_service() {
   Config* const config = config_get();
   show_settings(*display, *config);
 
-  if (init_network(set_viewer_speed) == -1) return EXIT_FAILURE;
+  if (open_viewers_link(set_viewer_speed) == -1) return EXIT_FAILURE;
   if (init_sources(scan_camera_datagram) == -1) return EXIT_FAILURE;
   init_config_commands(
       {.publish_channel_map = parse_rc_input_map, .send_to_viewers = broadcast_text});

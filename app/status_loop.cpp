@@ -5,7 +5,7 @@
 #include <array>
 #include <cstdint>
 
-#include "app/supervisor.h"
+#include "app/supervisor_client.h"
 #include "app/version.h"
 #include "base/shell.h"
 #include "control/control.h"

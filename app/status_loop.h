@@ -1,8 +1,8 @@
 // What the main thread does for the life of the process.
 #pragma once
 
-#include "app/display_region.h"
 #include "config/config.h"
+#include "display/region.h"
 
 namespace nimbus {
 

@@ -14,11 +14,11 @@
 #include <string>
 #include <vector>
 
-#include "app/display_region.h"
 #include "bench/driver.h"
 #include "bench/report.h"
 #include "camera/duml.h"
 #include "control/telemetry.h"
+#include "display/region.h"
 
 namespace nimbus::bench {
 namespace {

@@ -28,7 +28,7 @@ constexpr DumlTemplate<2>  kAspectRatio(camera(0x12));
 constexpr DumlTemplate<1>  kShotMode(camera(0x16));
 constexpr DumlTemplate<5>  kVideoFormat(camera(0x18));
 constexpr DumlTemplate<2>  kExposureMode(camera(0x1E));
-constexpr DumlTemplate<1>  kExposureCenter(camera(0x22));
+constexpr DumlTemplate<1>  kExposureCentre(camera(0x22));
 constexpr DumlTemplate<1>  kFocusType(camera(0x24));
 constexpr DumlTemplate<2>  kAperture(camera(0x26));
 constexpr DumlTemplate<4>  kShutter(camera(0x28));
@@ -134,9 +134,9 @@ std::int32_t camera_set_ae_lock(int lock) noexcept {
   return send_frame(kAeLock, {low_byte(lock)});
 }
 
-std::int32_t camera_set_exposure_center() noexcept {
+std::int32_t camera_set_exposure_centre() noexcept {
   log_text("Camera set exposure to center\n");
-  return send_frame(kExposureCenter);
+  return send_frame(kExposureCentre);
 }
 
 std::int32_t camera_set_exposure_point(int point) noexcept {
@@ -151,7 +151,7 @@ std::int32_t camera_set_white_balance(const char* name, const char* temperature)
   return tint == nullptr ? -1 : send_white_balance(name, *tint);
 }
 
-std::int32_t camera_set_color(const char* profile) noexcept {
+std::int32_t camera_set_colour(const char* profile) noexcept {
   log_text("set color %s\n", profile);
   return send_frame(kColour, {code_of(kColours, std::string_view(profile), 0)});
 }

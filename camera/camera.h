@@ -26,7 +26,7 @@ std::int32_t camera_set_aperture(double f_number) noexcept;
 /// "auto", "shutter", "aperture" or "manual"; other modes send nothing.
 std::int32_t camera_set_exposure_mode(const char* mode) noexcept;
 std::int32_t camera_set_ae_lock(int lock) noexcept;  ///< 1 locks, 0 unlocks
-std::int32_t camera_set_exposure_center() noexcept;
+std::int32_t camera_set_exposure_centre() noexcept;
 std::int32_t camera_set_exposure_point(int point) noexcept;
 
 /// "auto", "sunny", "cloudy", "incandescent", "neon", or "custom" with a colour temperature in
@@ -34,7 +34,7 @@ std::int32_t camera_set_exposure_point(int point) noexcept;
 /// sends nothing. The temperature may be null.
 std::int32_t camera_set_white_balance(const char* name, const char* temperature) noexcept;
 /// A colour profile of kColours; any other sends the code of "none".
-std::int32_t camera_set_color(const char* profile) noexcept;
+std::int32_t camera_set_colour(const char* profile) noexcept;
 std::int32_t camera_set_histogram(int enable) noexcept;
 
 /// Unknown sizes and frame rates are sent as code 0.

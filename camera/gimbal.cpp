@@ -16,7 +16,7 @@ constexpr DumlCommand gimbal(std::uint8_t id) { return {.set = CommandSet::gimba
 
 // clang-format off
 constexpr DumlTemplate<7>  kSpeed(gimbal(0x0C), {0, 0, 0, 0, 0, 0, 0x90});
-constexpr DumlTemplate<2>  kCenterPosition(gimbal(0x4C), {0xFE, 0x08});
+constexpr DumlTemplate<2>  kCentrePosition(gimbal(0x4C), {0xFE, 0x08});
 constexpr DumlTemplate<2>  kNextPosition(gimbal(0x4C), {0xFE, 0x09});
 constexpr DumlTemplate<2>  kMode(gimbal(0x4C));
 constexpr DumlTemplate<4>  kTiltLock(gimbal(0x50), {0x00, 0x04, 0x01});
@@ -51,9 +51,9 @@ std::int32_t gimbal_speed_raw(std::int32_t pan, std::int32_t tilt, std::int32_t 
   return send_frame(kSpeed, payload);
 }
 
-std::int32_t gimbal_set_center_position() noexcept {
+std::int32_t gimbal_set_centre_position() noexcept {
   log_text("Gimbal set center position\n");
-  return send_frame(kCenterPosition);
+  return send_frame(kCentrePosition);
 }
 
 std::int32_t gimbal_set_next_position() noexcept {

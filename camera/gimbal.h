@@ -22,7 +22,7 @@ std::int32_t gimbal_speed(double pan, double tilt, double roll) noexcept;
 /// The same in wire units, cut to 16 bits. Writes no line.
 std::int32_t gimbal_speed_raw(std::int32_t pan, std::int32_t tilt, std::int32_t roll) noexcept;
 
-std::int32_t gimbal_set_center_position() noexcept;
+std::int32_t gimbal_set_centre_position() noexcept;
 std::int32_t gimbal_set_next_position() noexcept;
 
 /// "tiltlocked", "fpv" or "follow", two frames; any other mode sends nothing and returns -1.

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "app/display_region.h"
 #include "base/json.h"
 #include "base/log.h"
 #include "base/shell.h"
@@ -23,6 +22,7 @@
 #include "config/report.h"
 #include "config/wireless.h"
 #include "config/writer.h"
+#include "display/region.h"
 
 namespace nimbus {
 namespace {
@@ -201,11 +201,11 @@ struct Setting {
   Shared<std::uint8_t> DisplayRegion::*shown = nullptr;  ///< the display's copy of the first one
 };
 
-constexpr auto kYes = Reads::yes_or_no;
+constexpr auto kYesOrNo = Reads::yes_or_no;
 
 constexpr auto kSettings = std::to_array<Setting>({
     // clang-format off
-    {"rcin_enabled",      {{{"rc_input_enabled", kYes}}},       kEndRcReader, true},
+    {"rcin_enabled",      {{{"rc_input_enabled", kYesOrNo}}},    kEndRcReader, true},
     {"rcin_map",          {{{"rc_input_map"}}},                 kEndRcReader, true},
     {"rcin_speed",        {{{"rc_input_speed_pan"}, {"rc_input_speed_tilt"}, {"rc_input_speed_dutch"}}}},
     {"rcin_pan",          {{{"rc_input_speed_pan"}}}},
@@ -214,13 +214,13 @@ constexpr auto kSettings = std::to_array<Setting>({
     {"rcin_pan_inv",      {{{"rc_input_inverse_pan"}}}},
     {"rcin_tilt_inv",     {{{"rc_input_inverse_tilt"}}}},
     {"rcin_dutch_inv",    {{{"rc_input_inverse_dutch"}}}},
-    {"rcin_exp",          {{{"rc_input_exp", kYes}}},           kEndRcReader, true},
-    {"rcin_abs",          {{{"rc_input_abs", kYes}}}},
-    {"internal_camera_enabled",    {{{"internal_camera_enabled", kYes}}},    "killall -q raspivid", false,
+    {"rcin_exp",          {{{"rc_input_exp", kYesOrNo}}},        kEndRcReader, true},
+    {"rcin_abs",          {{{"rc_input_abs", kYesOrNo}}}},
+    {"internal_camera_enabled",    {{{"internal_camera_enabled", kYesOrNo}}}, "killall -q raspivid", false,
                                    &DisplayRegion::internal_camera_enabled},
-    {"internal_camera_fullscreen", {{{"internal_camera_fullscreen", kYes}}}, "killall -q raspivid", false,
+    {"internal_camera_fullscreen", {{{"internal_camera_fullscreen", kYesOrNo}}}, "killall -q raspivid", false,
                                    &DisplayRegion::internal_camera_fullscreen},
-    {"osd_enabled",       {{{"osd_enabled", kYes}}},            nullptr, false, &DisplayRegion::osd_enabled},
+    {"osd_enabled",       {{{"osd_enabled", kYesOrNo}}},         nullptr, false, &DisplayRegion::osd_enabled},
     {"osd_borders",       {{{"osd_border_width"}, {"osd_border_height"}}},   kEndPictures},
     {"osd_offset",        {{{"osd_top_offset"}, {"osd_bottom_offset"}}},     kEndPictures},
     {"osd_top_offset",    {{{"osd_top_offset"}}},               "killall -q hud"},

@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdint>
 
-#include "app/display_region.h"
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/shared.h"
@@ -18,6 +17,7 @@
 #include "control/interpreter.h"
 #include "control/rc_input.h"
 #include "control/speed_mixer.h"
+#include "display/region.h"
 #include "net/viewers.h"
 
 namespace nimbus {

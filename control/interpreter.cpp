@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "app/display_region.h"
 #include "base/json.h"
 #include "base/log.h"
 #include "base/number.h"
@@ -18,6 +17,7 @@
 #include "camera/gimbal.h"
 #include "camera/words.h"
 #include "control/speed_mixer.h"
+#include "display/region.h"
 
 namespace nimbus {
 namespace {
@@ -43,62 +43,62 @@ struct Command {
   }
 };
 
-enum class Next { row, end };
+enum class AfterRow { go_on, stop };
 
 // --- Actions -----------------------------------------------------------------------------------
 
-Next set_camera_mode(const Command& command) {
+AfterRow set_camera_mode(const Command& command) {
   if (command.value_is("video")) camera_set_mode(1);
   if (command.value_is("photo")) camera_set_mode(0);
-  return Next::row;
+  return AfterRow::go_on;
 }
 
 // The camera takes a new exposure point or area only between two changes of the lock.
 constexpr useconds_t kExposureSettlesUs = 100'000;
 
-Next set_exposure_point(const Command& command) {
-  if (!command.has(1)) return Next::row;
+AfterRow set_exposure_point(const Command& command) {
+  if (!command.has(1)) return AfterRow::go_on;
   camera_set_ae_lock(0);
   usleep(kExposureSettlesUs);
   camera_set_exposure_point(static_cast<std::uint8_t>(command.integer(0)));
   usleep(kExposureSettlesUs);
   camera_set_ae_lock(1);
-  return Next::row;
+  return AfterRow::go_on;
 }
 
-Next set_exposure_center(const Command& /*unused*/) {
+AfterRow set_exposure_centre(const Command& /*unused*/) {
   camera_set_ae_lock(0);
   usleep(kExposureSettlesUs);
-  camera_set_exposure_center();  // and the lock stays off
-  return Next::row;
+  camera_set_exposure_centre();  // and the lock stays off
+  return AfterRow::go_on;
 }
 
-Next set_exposure_lock(const Command& command) {
+AfterRow set_exposure_lock(const Command& command) {
   if (command.value_is("lock")) camera_set_ae_lock(1);
   if (command.value_is("unlock")) camera_set_ae_lock(0);
-  return Next::row;
+  return AfterRow::go_on;
 }
 
-Next set_focus_point(const Command& command) {
+AfterRow set_focus_point(const Command& command) {
   if (command.has(2)) camera_set_focus_point(command.real(0), command.real(1));
-  return Next::row;
+  return AfterRow::go_on;
 }
 
-Next end(const Command& /*unused*/) { return Next::end; }
+AfterRow end(const Command& /*unused*/) { return AfterRow::stop; }
 
-Next move_relative(const Command& command) {
-  if (!command.has(2)) return Next::end;
+AfterRow move_relative(const Command& command) {
+  if (!command.has(2)) return AfterRow::stop;
   constexpr double kUnit = 0.00025;
   const double roll = command.has(3) ? command.integer(2) * kUnit : 0.0;
   set_command_speed(command.integer(0) * kUnit, command.integer(1) * -kUnit, roll);
-  return Next::end;
+  return AfterRow::stop;
 }
 
 /// Unlike the relative move, this takes the numbers as they are.
-Next set_speed(const Command& command) {
-  if (!command.has(3)) return Next::end;
+AfterRow set_speed(const Command& command) {
+  if (!command.has(3)) return AfterRow::stop;
   set_command_speed(command.integer(0), command.integer(1), command.integer(2));
-  return Next::end;
+  return AfterRow::stop;
 }
 
 /// Whether the gimbal looks back at its operator.
@@ -109,39 +109,39 @@ bool looks_back() {
   return kFrom <= angle && angle <= kTo;
 }
 
-Next set_position_normal(const Command& /*unused*/) {
+AfterRow set_position_normal(const Command& /*unused*/) {
   log_text("Set position normal\n");
-  looks_back() ? gimbal_set_next_position() : gimbal_set_center_position();
-  return Next::row;
+  looks_back() ? gimbal_set_next_position() : gimbal_set_centre_position();
+  return AfterRow::go_on;
 }
 
-Next set_position_selfie(const Command& /*unused*/) {
+AfterRow set_position_selfie(const Command& /*unused*/) {
   log_text("Set position selfie\n");
-  looks_back() ? gimbal_set_center_position() : gimbal_set_next_position();
-  return Next::row;
+  looks_back() ? gimbal_set_centre_position() : gimbal_set_next_position();
+  return AfterRow::go_on;
 }
 
-Next start_tracking(const Command& command) {
-  if (!command.has(4)) return Next::end;
+AfterRow start_tracking(const Command& command) {
+  if (!command.has(4)) return AfterRow::stop;
   tracking_start({command.real(0), command.real(1), command.real(2), command.real(3)});
-  return Next::row;
+  return AfterRow::go_on;
 }
 
-Next set_white_balance(const Command& command) {
+AfterRow set_white_balance(const Command& command) {
   camera_set_white_balance(command.param, command.value[0]);
-  return Next::row;
+  return AfterRow::go_on;
 }
 
-Next set_iso(const Command& command) {
+AfterRow set_iso(const Command& command) {
   if (const int* const iso = find_word(kIsoWords, command.param)) camera_set_iso(*iso);
-  return Next::row;
+  return AfterRow::go_on;
 }
 
-Next set_video_resolution(const Command& command) {
+AfterRow set_video_resolution(const Command& command) {
   if (const auto* const format = find_word(kVideoFormats, command.param)) {
     camera_set_video_resolution(format->width, format->height, format->fps);
   }
-  return Next::row;
+  return AfterRow::go_on;
 }
 
 void set_orientation(std::uint8_t lock) {
@@ -153,24 +153,24 @@ void set_orientation(std::uint8_t lock) {
 
 /// An action that is one operation: on nothing, on "param", or on "value1" where there is one.
 template <auto operation>
-Next run(const Command& /*unused*/) {
+AfterRow run(const Command& /*unused*/) {
   operation();
-  return Next::row;
+  return AfterRow::go_on;
 }
 template <auto operation, int argument>
-Next run_with(const Command& /*unused*/) {
+AfterRow run_with(const Command& /*unused*/) {
   operation(argument);
-  return Next::row;
+  return AfterRow::go_on;
 }
 template <auto operation>
-Next run_with_param(const Command& command) {
+AfterRow run_with_param(const Command& command) {
   operation(command.param);
-  return Next::row;
+  return AfterRow::go_on;
 }
 template <auto operation>
-Next run_with_value(const Command& command) {
+AfterRow run_with_value(const Command& command) {
   if (command.has(1)) operation(command.value[0]);
-  return Next::row;
+  return AfterRow::go_on;
 }
 
 void set_histogram(const char* enable) { camera_set_histogram(parse_i32(enable)); }
@@ -182,7 +182,7 @@ void set_ev(const char* value) { camera_set_ev(std::strtod(value, nullptr)); }
 struct Row {
   std::string_view cmd;
   const char* param;  ///< null: any, and the action may use it as its argument
-  Next (*action)(const Command&);
+  AfterRow (*action)(const Command&);
 };
 
 constexpr const char* kAny = nullptr;
@@ -193,7 +193,7 @@ constexpr auto kRows = std::to_array<Row>({
     {"camera",           "mode",      set_camera_mode},
     {"horizont",         "calibrate", run<gimbal_calibrate>},
     {"exposure",         "point",     set_exposure_point},
-    {"exposure",         "center",    set_exposure_center},
+    {"exposure",         "center",    set_exposure_centre},
     {"exposure",         "auto",      set_exposure_lock},
     {"focus",            "type",      run_with_value<camera_set_focus_type>},
     {"focus",            "point",     set_focus_point},
@@ -206,7 +206,7 @@ constexpr auto kRows = std::to_array<Row>({
     {"gimbal",           "follow",    run_with_value<gimbal_set_follow_mode>},
     {"tracking",         "start",     start_tracking},
     {"tracking",         "stop",      run<tracking_stop>},
-    {"color",            kAny,        run_with_param<camera_set_color>},
+    {"color",            kAny,        run_with_param<camera_set_colour>},
     {"wb",               kAny,        set_white_balance},
     {"shot",             kAny,        run<camera_shot>},
     {"shotmode",         kAny,        run_with_param<camera_set_shot_mode>},
@@ -226,7 +226,7 @@ constexpr auto kRows = std::to_array<Row>({
     {"orientation",      "lock",      run_with<set_orientation, 1>},
     {"orientation",      "unlock",    run_with<set_orientation, 0>},
     // On purpose a second time: a colour command has always gone to the camera twice.
-    {"color",            kAny,        run_with_param<camera_set_color>},
+    {"color",            kAny,        run_with_param<camera_set_colour>},
     // clang-format on
 });
 
@@ -245,7 +245,7 @@ void interpret_command(const char* text) noexcept {
       .value = {json.text("value1"), json.text("value2"), json.text("value3"), json.text("value4")},
   };
   for (const Row& row : kRows) {
-    if (matches(row, command) && row.action(command) == Next::end) return;
+    if (matches(row, command) && row.action(command) == AfterRow::stop) return;
   }
 }
 

@@ -11,7 +11,6 @@
 #include <cmath>
 #include <cstdint>
 
-#include "app/display_region.h"
 #include "base/number.h"
 #include "base/shell.h"
 #include "camera/camera.h"
@@ -22,6 +21,7 @@
 #include "control/control.h"
 #include "control/rc_map.h"
 #include "control/speed_mixer.h"
+#include "display/region.h"
 
 namespace nimbus {
 namespace {
@@ -73,7 +73,7 @@ struct Receiver {
 
 bool was_in_charge = false;
 bool switch_latch = false;  // "record" and "record-shot" share it
-bool center_latch = false;
+bool centre_latch = false;
 double last_focus_x = 0.0;
 double last_focus_y = 0.0;
 std::int32_t last_ev_index = 255;  // none yet, so that the first one is sent
@@ -191,13 +191,13 @@ std::int32_t lowest_step(const Receiver& /*unused*/) { return 0; }
 /// after start is sent even if the lever rests.
 struct SteppedSetting {
   RcFunction function;
-  std::int32_t last_step;
+  std::int32_t highest_step;
   std::int32_t (*lowest)(const Receiver&);
   void (*perform)(std::size_t step);
 
   bool latch = false;
   std::int32_t step = 0;
-  std::int32_t last_sent = -1;
+  std::int32_t sent_step = -1;
 
   void cycle(const Receiver& rc) {
     if (!rc.assigned(function)) return;
@@ -205,12 +205,12 @@ struct SteppedSetting {
     if (!latch) {
       if (value > kLeverOn) move(1);
       if (value < -kLeverOn) move(-1);
-      step = std::clamp(step, lowest(rc), last_step);
+      step = std::clamp(step, lowest(rc), highest_step);
     }
     if (-kLeverCentred < value && value < kLeverCentred) latch = false;
-    if (step == last_sent) return;
+    if (step == sent_step) return;
     perform(static_cast<std::size_t>(step));
-    last_sent = step;
+    sent_step = step;
   }
 
  private:
@@ -231,14 +231,14 @@ constinit std::array<SteppedSetting, 3> stepped_settings{{
 
 // --- Levers and two-position switches -----------------------------------------------------------
 
-void center(const Receiver& rc) {
-  if (!rc.assigned(RcFunction::center)) return;
-  const double value = rc.centred(RcFunction::center);
+void centre(const Receiver& rc) {
+  if (!rc.assigned(RcFunction::centre)) return;
+  const double value = rc.centred(RcFunction::centre);
   if (value > kLeverOn) {
-    if (!center_latch) gimbal_set_next_position();
-    center_latch = true;
+    if (!centre_latch) gimbal_set_next_position();
+    centre_latch = true;
   } else if (value <= kLeverOn) {
-    center_latch = false;
+    centre_latch = false;
   }
 }
 
@@ -298,7 +298,7 @@ void rc_input_cycle() noexcept {
   set_ev(rc);
   move_focus_point(rc);
   for (auto& setting : stepped_settings) setting.cycle(rc);
-  center(rc);
+  centre(rc);
   hide_osd(rc);
   for (auto& each : two_position_switches) each.cycle(rc);
 }

@@ -1,6 +1,6 @@
 #include "control/rc_map.h"
 
-#include "app/display_region.h"
+#include "display/region.h"
 
 namespace nimbus {
 namespace {

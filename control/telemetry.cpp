@@ -9,7 +9,6 @@
 #include <bit>
 #include <cmath>
 
-#include "app/display_region.h"
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/number.h"
@@ -18,6 +17,7 @@
 #include "camera/codes.h"
 #include "camera/duml.h"
 #include "camera/gimbal.h"
+#include "display/region.h"
 #include "net/viewers.h"
 
 namespace nimbus {

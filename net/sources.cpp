@@ -1,8 +1,8 @@
 #include "net/sources.h"
 
-#include "app/display_region.h"
 #include "base/log.h"
 #include "config/config.h"
+#include "display/region.h"
 #include "net/viewers.h"
 
 namespace nimbus {
@@ -62,7 +62,7 @@ void video_lost() {
 }
 
 void video_packet(const Datagram& datagram) {
-  // On every datagram: one that races with the watchdog must not leave "disconnected" behind.
+  // On every datagram: one that races with the loss must not leave "disconnected" behind.
   mark_video_connected();
   if (config->disable_video_stream != 0) return;
   broadcast(datagram.bytes, FrameKind::video);
@@ -99,8 +99,8 @@ int init_sources(CameraDataHandler on_camera_data) {
 }
 
 void check_sources() noexcept {
-  data_link.watchdog();
-  video_link.watchdog();
+  data_link.notice_silence();
+  video_link.notice_silence();
 }
 
 const UdpLink& camera_link() noexcept { return data_link; }

@@ -73,7 +73,7 @@ std::ptrdiff_t UdpLink::send_to_peer(std::span<const std::uint8_t> bytes) const 
                 sizeof(address));
 }
 
-void UdpLink::watchdog() noexcept {
+void UdpLink::notice_silence() noexcept {
   if (last_packet_ms_ == 0) return;
   if (age_ms(last_packet_ms_) <= kLinkTimeoutMs) return;
   if (const auto lost = on_lost.load_acquire()) lost();

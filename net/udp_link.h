@@ -42,8 +42,8 @@ inline constexpr std::uint32_t kLinkTimeoutMs = 1000;
 /// A UDP link. All of them are static objects that live as long as the process; there is no close.
 ///
 /// The callbacks may be empty and may be set at any moment, also after open(). on_found and
-/// on_packet run on the link's receive thread, on_lost on the thread that calls watchdog(); found
-/// and lost never run at the same time.
+/// on_packet run on the link's receive thread, on_lost on the thread that calls notice_silence();
+/// found and lost never run at the same time.
 class UdpLink {
  public:
   Shared<void (*)(const Datagram&)> on_packet;  ///< every datagram
@@ -72,7 +72,7 @@ class UdpLink {
 
   /// Calls on_lost once when the last datagram is more than kLinkTimeoutMs old. Main thread, once a
   /// second.
-  void watchdog() noexcept;
+  void notice_silence() noexcept;
 
  private:
   static void* run(void* link) noexcept;

@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <string_view>
 
-#include "app/display_region.h"
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/wire.h"
+#include "display/region.h"
 
 namespace nimbus {
 namespace {
@@ -137,7 +137,7 @@ bool ViewerClient::release(std::uint32_t ended) noexcept {
   return true;
 }
 
-int init_network(ViewerSpeedHandler on_speed) {
+int open_viewers_link(ViewerSpeedHandler on_speed) {
   display = display_region();
   speed_handler = on_speed;
   frame_counter = 0;

@@ -68,7 +68,7 @@ using ViewerSpeedHandler = void (*)(int mode, int pan, int tilt, int roll);
 /// Opens the viewer link. The handler of speed messages may be null. Returns 0, or -1 after "fail"
 /// on standard error when the port cannot be bound. Main thread, once, with the display region
 /// mapped.
-int init_network(ViewerSpeedHandler on_speed);
+int open_viewers_link(ViewerSpeedHandler on_speed);
 
 /// Sends the payload as one frame to every registered viewer, 1 ms apart. The payload is not
 /// copied. A datagram holds at most 65,495 bytes of it; a longer one reaches nobody, or as what is

@@ -99,7 +99,7 @@ def fields(path):
     for size, name in re.findall(r"SharedText<(\d+)> (\w+);", text):
         types[name] = f"char[{size}]"
     if "CommandMailbox command_mailbox;" in text:
-        size = constant("app/command_mailbox.h", "kSize")
+        size = constant("display/command_mailbox.h", "kSize")
         types["command_mailbox"] = f"char[{size}]"
     assert types.keys() == offsets.keys(), f"fields without an asserted offset in {path}"
     return {(name, offset, types[name]) for name, offset in offsets.items()}
@@ -130,7 +130,7 @@ def test_frames_that_are_named():
 # --- Regions and keys ----------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("heading, path", [("The display region", "app/display_region.h"),
+@pytest.mark.parametrize("heading, path", [("The display region", "display/region.h"),
                                            ("The configuration region", "config/config.h")])
 def test_regions(heading, path):
     """Every field, at its offset and of its type; and the size."""
@@ -220,7 +220,7 @@ def test_settings():
     code = {}
     for row in re.split(r'(?=\{"\w+", \{\{)', block(path, "kSettings"))[1:]:
         name, rest = re.match(r'\{"(\w+)", (.*)', row).groups()
-        stores = re.findall(r'\{"(\w+)"(, kYes)?\}', rest)
+        stores = re.findall(r'\{"(\w+)"(, kYesOrNo)?\}', rest)
         then = [constants[found] for found in re.findall(r"kEnd\w+", rest)]
         then += re.findall(r'"(killall [^"]+)"', rest)
         code[name] = ([key for key, _ in stores], any(yes for _, yes in stores), then,
@@ -298,7 +298,7 @@ def test_limits():
         "source time-out": constant("net/udp_link.h", "kLinkTimeoutMs"),
         "telemetry time-out": constant("control/control.cpp", "kTelemetryTimeoutMs"),
         "datagram": constant("net/udp_link.h", "kMaxDatagram"),
-        "command text": constant("app/command_mailbox.h", "kSize") - 1,
+        "command text": constant("display/command_mailbox.h", "kSize") - 1,
         "mailbox period": constant("control/control.cpp", "kControlPauseUs") // 1000,
         "speed period": constant("control/control.cpp", "kSpeedStreamPeriodNs") // 1_000_000,
         "status period": constant("app/status_loop.cpp", "kPeriodS") * 1000,
@@ -380,7 +380,7 @@ def test_reports():
 
 def test_fields_of_reports():
     """Every telemetry field of the region is filled by some report, or said to be kept by time."""
-    known = {name: offset for name, offset, _ in fields("app/display_region.h")}
+    known = {name: offset for name, offset, _ in fields("display/region.h")}
     named = set(words(section("Camera reports"))) & known.keys()
     for row in table("Camera reports", 1):
         assert not row["Field"] or word(row["Field"]) in known

@@ -12,11 +12,11 @@
 #include <span>
 #include <thread>
 
-#include "app/display_region.h"
 #include "base/unique_fd.h"
 #include "base/wire.h"
 #include "camera/duml.h"
 #include "config/config.h"
+#include "display/region.h"
 #include "net/sources.h"
 #include "tests/fuzz/invariants.h"
 

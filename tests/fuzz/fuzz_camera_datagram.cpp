@@ -8,10 +8,10 @@
 #include <span>
 #include <vector>
 
-#include "app/display_region.h"
 #include "base/wire.h"
 #include "camera/duml.h"
 #include "control/telemetry.h"
+#include "display/region.h"
 #include "tests/fuzz/invariants.h"
 
 namespace {

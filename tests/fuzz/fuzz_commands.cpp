@@ -7,12 +7,12 @@
 #include <cstring>
 #include <string_view>
 
-#include "app/display_region.h"
 #include "base/json.h"
 #include "config/commands.h"
 #include "config/config.h"
 #include "control/interpreter.h"
 #include "control/rc_map.h"
+#include "display/region.h"
 #include "tests/fuzz/board.h"
 #include "tests/fuzz/invariants.h"
 

@@ -7,11 +7,11 @@
 #include <cstring>
 #include <span>
 
-#include "app/display_region.h"
 #include "config/config.h"
 #include "control/rc_input.h"
 #include "control/rc_map.h"
 #include "control/speed_mixer.h"
+#include "display/region.h"
 #include "tests/fuzz/board.h"
 #include "tests/fuzz/invariants.h"
 

@@ -1,8 +1,8 @@
 // Any channel map gives every channel a known function or none.
 #include <cstdint>
 
-#include "app/display_region.h"
 #include "control/rc_map.h"
+#include "display/region.h"
 #include "tests/fuzz/invariants.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "app/display_region.h"
 #include "control/speed_mixer.h"
+#include "display/region.h"
 #include "net/viewers.h"
 #include "tests/fuzz/invariants.h"
 
@@ -19,7 +19,7 @@ constexpr std::size_t kHeaderSize = 12;
 
 nimbus::DisplayRegion* prepare() {
   nimbus::DisplayRegion* const region = nimbus::map_display_region();
-  require(region != nullptr && nimbus::init_network(nimbus::set_viewer_speed) == 0);
+  require(region != nullptr && nimbus::open_viewers_link(nimbus::set_viewer_speed) == 0);
   return region;
 }
 

@@ -6,10 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "app/display_region.h"
 #include "config/config.h"
 #include "config/fields.h"
 #include "control/rc_map.h"
+#include "display/region.h"
 
 namespace nimbus::fuzz {
 

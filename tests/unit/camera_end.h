@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "app/display_region.h"
+#include "display/region.h"
 #include "net/sources.h"
 #include "tests/unit/udp_end.h"
 

@@ -1,4 +1,4 @@
-#include "app/command_mailbox.h"
+#include "display/command_mailbox.h"
 
 #include <gtest/gtest.h>
 

@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "app/display_region.h"
 #include "base/unique_fd.h"
 #include "config/commands.h"
 #include "config/config.h"
+#include "display/region.h"
 #include "tests/unit/board_tools.h"
 #include "tests/unit/config_keys.h"
 #include "tests/unit/support.h"

@@ -18,11 +18,11 @@
 #include <string>
 #include <thread>
 
-#include "app/display_region.h"
 #include "base/clock.h"
 #include "base/unique_fd.h"
 #include "base/wire.h"
 #include "config/config.h"
+#include "display/region.h"
 #include "net/viewers.h"
 #include "tests/unit/camera_end.h"
 #include "tests/unit/support.h"
@@ -43,7 +43,7 @@ class Control : public testing::Test {
     if (camera != nullptr) return;
     test::Console console;
     camera = new test::CameraEnd;
-    ASSERT_EQ(init_network(nullptr), 0);
+    ASSERT_EQ(open_viewers_link(nullptr), 0);
     // What an earlier run has left.
     display_region()->focus_point_x = 0.125;
     display_region()->focus_point_y = std::numeric_limits<double>::quiet_NaN();

@@ -5,7 +5,7 @@
 #include <set>
 #include <vector>
 
-#include "app/display_region.h"
+#include "display/region.h"
 #include "tools/ctl/hud.h"
 #include "tools/ctl/json.h"
 #include "tools/ctl/messages.h"

@@ -139,7 +139,7 @@ TEST_F(GimbalSpeed, WritesNoLine) {
 TEST(GimbalResults, AreTheLastFramesLength) {
   const test::CameraEnd camera;
   test::Console console;
-  EXPECT_EQ(gimbal_set_center_position(), 15);
+  EXPECT_EQ(gimbal_set_centre_position(), 15);
   EXPECT_EQ(gimbal_set_next_position(), 15);
   EXPECT_EQ(gimbal_set_mode("fpv"), 17);
   EXPECT_EQ(gimbal_set_mode("FPV"), -1);

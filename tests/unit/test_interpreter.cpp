@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "app/display_region.h"
 #include "base/unique_fd.h"
+#include "display/region.h"
 #include "tests/unit/support.h"
 
 namespace nimbus {

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "app/display_region.h"
+#include "display/region.h"
 #include "tests/unit/support.h"
 
 namespace nimbus {

@@ -120,7 +120,7 @@ TEST_F(Camera, CommandsInWords) {
   for (const auto& [set, id, payload, words] : {
            Row{kGimbal, 0x0C, speed(-1000, 500, 1),
                "gimbal speed: pan -1.000, tilt 0.500, roll 0.001"},
-           Row{kGimbal, 0x4C, {0xFE, 0x08}, "gimbal position: center"},
+           Row{kGimbal, 0x4C, {0xFE, 0x08}, "gimbal position: centre"},
            Row{kGimbal, 0x4C, {0xFE, 0x09}, "gimbal position: next"},
            Row{kGimbal, 0x4C, {0x01, 0x00}, "gimbal mode: fpv"},
            Row{kGimbal, 0x50, {0, 4, 1, 1}, "gimbal tilt lock: on"},

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "app/display_region.h"
 #include "base/wire.h"
 #include "camera/duml.h"
+#include "display/region.h"
 #include "tests/unit/support.h"
 #include "tests/unit/wall_clock.h"
 

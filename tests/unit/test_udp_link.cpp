@@ -64,7 +64,7 @@ class Link : public testing::Test {
   ~Link() override {
     link.on_lost.store_release(nullptr);
     clock_.set_ms(600'000'000);  // past every time of a test
-    link.watchdog();
+    link.notice_silence();
   }
 
   /// What print_packet() makes of that text from that end.
@@ -91,13 +91,13 @@ TEST_F(Link, IsLostWhenSilentForMoreThanASecond) {
     EXPECT_EQ(console_.wait(2), (Texts{"found", packet("x", end_)}));
     for (const std::uint32_t age : {0U, 999U, 1000U}) {
       clock_.set_ms(start + age);
-      link.watchdog();
+      link.notice_silence();
       EXPECT_EQ(console_.texts(), Texts{}) << age;
     }
     clock_.set_ms(start + 1001);
-    link.watchdog();
+    link.notice_silence();
     EXPECT_EQ(console_.texts(), Texts{"lost"});
-    link.watchdog();
+    link.notice_silence();
     EXPECT_EQ(console_.texts(), Texts{}) << "it is lost once";
   }
 }
@@ -105,12 +105,12 @@ TEST_F(Link, IsLostWhenSilentForMoreThanASecond) {
 TEST_F(Link, EveryDatagramKeepsItLive) {
   for (std::uint32_t now = 2000; now < 6000; now += 1000) {
     clock_.set_ms(now);
-    link.watchdog();
+    link.notice_silence();
     end_.send(kPort, "x");
     const Texts texts = console_.wait(now == 2000 ? 2 : 1);
     EXPECT_EQ(texts.back(), packet("x", end_));
   }
-  link.watchdog();
+  link.notice_silence();
   EXPECT_EQ(console_.texts(), Texts{});
 }
 
@@ -122,8 +122,8 @@ TEST_F(Link, IsFoundAgainByADatagramThatCameWhileItWasLost) {
   static std::atomic<bool> watched;
   watched = false;
   clock_.set([] {
-    // The reading of the receive thread; the one of the watchdog comes from within.
-    if (!watched.exchange(true)) link.watchdog();
+    // The reading of the receive thread; the one of the main thread comes from within.
+    if (!watched.exchange(true)) link.notice_silence();
     return timespec{5, 0};
   });
   end_.send(kPort, "meanwhile");
@@ -146,7 +146,7 @@ TEST_F(Link, ADatagramCountsThoughNobodyIsTold) {
   if (texts == Texts{packet("one", end_)}) texts = console_.wait(1);
   EXPECT_EQ(texts, Texts{packet("two", end_)});
   clock_.set_ms(9000);
-  link.watchdog();
+  link.notice_silence();
   EXPECT_EQ(console_.texts(), Texts{"lost"});
 }
 
@@ -161,7 +161,7 @@ TEST_F(Link, AnswersTheSenderOfTheLastDatagram) {
   EXPECT_EQ(send_to_peer(link, "second"), 6);
   EXPECT_EQ(later.receive(), "second");
   clock_.set_ms(9000);
-  link.watchdog();
+  link.notice_silence();
   EXPECT_EQ(send_to_peer(link, "third"), 5) << "also when it has been lost";
   EXPECT_EQ(later.receive(), "third");
 }

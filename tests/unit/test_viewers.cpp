@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "app/display_region.h"
+#include "display/region.h"
 #include "tests/unit/support.h"
 #include "tests/unit/udp_end.h"
 #include "tests/unit/wall_clock.h"
@@ -88,7 +88,7 @@ class Viewers : public testing::Test {
     std::filesystem::remove_all("/dev/shm/hud_mem");
     if (map_display_region() == nullptr) return false;
     test::Console console;
-    const int result = init_network([](int mode, int pan, int tilt, int roll) {
+    const int result = open_viewers_link([](int mode, int pan, int tilt, int roll) {
       speeds.push_back({mode, pan, tilt, roll});
     });
     EXPECT_EQ(console.texts(), (Texts{"Init network... ", "done\n"}));

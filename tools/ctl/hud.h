@@ -1,7 +1,7 @@
 // The display region of this board, as a process beside the service sees it.
 #pragma once
 
-#include "app/display_region.h"
+#include "display/region.h"
 #include "tools/ctl/value.h"
 
 namespace nimbus::ctl {

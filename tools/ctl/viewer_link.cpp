@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "app/command_mailbox.h"
 #include "base/wire.h"
+#include "display/command_mailbox.h"
 #include "net/viewers.h"
 #include "tools/common/failure.h"
 #include "tools/ctl/interrupt.h"

@@ -80,7 +80,7 @@ std::string_view CameraModel::apply(const CommandName& command, Bytes payload) {
       return {};
     case Kind::gimbal_position:
       if (find_code(kGimbalPositions, payload[1]) == nullptr) return kUnknownCode;
-      if (payload[1] == kGimbalPositions[0].code) gimbal_.center(); else gimbal_.next_position();
+      if (payload[1] == kGimbalPositions[0].code) gimbal_.centre(); else gimbal_.next_position();
       return {};
     case Kind::gimbal_mode:
       return find_code(kGimbalModes, payload[0]) == nullptr ? kUnknownCode : std::string_view{};
@@ -90,7 +90,7 @@ std::string_view CameraModel::apply(const CommandName& command, Bytes payload) {
     case Kind::gimbal_follow:
       return find_code(kFollowSpeeds, payload[3]) == nullptr ? kUnknownCode : std::string_view{};
     case Kind::gimbal_calibrate:
-      gimbal_.center();
+      gimbal_.centre();
       calibrates_ = kCalibrates;
       return {};
     case Kind::shot:            return shoot();
@@ -103,7 +103,7 @@ std::string_view CameraModel::apply(const CommandName& command, Bytes payload) {
     case Kind::video_format:    return take_video_format(payload, settings_);
     case Kind::exposure_mode:
       return take(kExposureModeNames, payload[0], settings_.exposure_mode);
-    case Kind::exposure_center: settings_.exposure_point = 0; return {};
+    case Kind::exposure_centre: settings_.exposure_point = 0; return {};
     case Kind::focus_type:      return take(kFocusTypes, payload[0], settings_.focus_type);
     case Kind::aperture:        return take_aperture(payload, settings_.aperture);
     case Kind::shutter:         return take_shutter(payload, settings_.shutter);
@@ -203,8 +203,8 @@ Rectangle CameraModel::subject() const {
   if (!tracked_) return {};
   constexpr double kReach = 0.05;
   Rectangle now = *tracked_;
-  const auto around = [this](float center, double phase) {
-    const double moved = double{center} + kReach * std::sin(tracked_for_ + phase);
+  const auto around = [this](float centre, double phase) {
+    const double moved = double{centre} + kReach * std::sin(tracked_for_ + phase);
     return static_cast<float>(std::clamp(moved, 0.0, 1.0));
   };
   now.x = around(now.x, 0.0);

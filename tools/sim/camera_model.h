@@ -35,7 +35,7 @@ struct Settings {
   std::uint8_t anti_flicker = 0;
   std::uint8_t focus_type = 2;  // afc
   std::uint8_t exposure_lock = 0;
-  std::uint8_t exposure_point = 0;  // 0: the center
+  std::uint8_t exposure_point = 0;  // 0: the centre
   std::uint8_t histogram = 1;
 };
 

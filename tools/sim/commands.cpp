@@ -115,7 +115,7 @@ constexpr std::array<CommandName, 32> kCommands{{
     {Kind::photo_format,     1, 2, 0x16,  1, 0, any,  "photo format", word<kPhotoFormatNames>},
     {Kind::video_format,     1, 2, 0x18,  5, 0, any,  "video format", video_format},
     {Kind::exposure_mode,    1, 2, 0x1E,  2, 0, any,  "exposure mode", word<kExposureModeNames>},
-    {Kind::exposure_center,  1, 2, 0x22,  1, 0, any,  "exposure at the center", nullptr},
+    {Kind::exposure_centre,  1, 2, 0x22,  1, 0, any,  "exposure at the centre", nullptr},
     {Kind::focus_type,       1, 2, 0x24,  1, 0, any,  "focus type", word<kFocusTypes>},
     {Kind::aperture,         1, 2, 0x26,  2, 0, any,  "aperture", f_number},
     {Kind::shutter,          1, 2, 0x28,  4, 0, any,  "shutter", shutter},

@@ -26,7 +26,7 @@ enum class CommandKind : std::uint8_t {
   photo_format,
   video_format,
   exposure_mode,
-  exposure_center,
+  exposure_centre,
   focus_type,
   aperture,
   shutter,
@@ -82,7 +82,7 @@ constexpr std::array<Code<std::string_view>, count> by_code(
 
 inline constexpr std::array<Code<std::string_view>, 2> kGimbalModes{{{"fpv", 1}, {"follow", 2}}};
 inline constexpr std::array<Code<std::string_view>, 2> kGimbalPositions{{
-    {"center", 0x08},
+    {"centre", 0x08},
     {"next", 0x09},
 }};
 inline constexpr auto kFollowSpeeds = by_code(nimbus::kFollowSpeeds);

@@ -35,7 +35,7 @@ class Gimbal {
   /// nothing. A speed ends the way to a position.
   void set_speed(const Axes& units);
   /// Turns to the front, all axes level.
-  void center() { target_ = Axes{}; }
+  void centre() { target_ = Axes{}; }
   /// Turns to the back, or to the front if it looks back now.
   void next_position();
 

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-#include "app/display_region.h"
+#include "display/region.h"
 #include "tools/sim/rc_script.h"
 
 namespace nimbus::sim {

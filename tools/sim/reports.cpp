@@ -93,9 +93,9 @@ bool histogram_due(const CameraModel& camera) { return camera.settings().histogr
 void fill_histogram(CameraModel& camera, FrameBytes frame) {
   constexpr int kBins = 64;
   constexpr double kWidth = 8;
-  const double center = kBins / 2.0 + 2.0 * (camera.settings().ev - 16) + std::sin(camera.uptime());
+  const double centre = kBins / 2.0 + 2.0 * (camera.settings().ev - 16) + std::sin(camera.uptime());
   for (int bin = 0; bin < kBins; ++bin) {
-    const double distance = (bin - center) / kWidth;
+    const double distance = (bin - centre) / kWidth;
     frame[kDumlHeaderSize + static_cast<std::size_t>(bin)] =
         static_cast<std::uint8_t>(255 * std::exp(-distance * distance));
   }

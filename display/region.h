@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "app/command_mailbox.h"
 #include "base/shared.h"
 #include "base/shared_text.h"
+#include "display/command_mailbox.h"
 
 namespace nimbus {
 

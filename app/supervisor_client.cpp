@@ -1,4 +1,4 @@
-#include "app/supervisor.h"
+#include "app/supervisor_client.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -1,4 +1,4 @@
-#include "app/display_region.h"
+#include "display/region.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
