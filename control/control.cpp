@@ -17,6 +17,7 @@
 #include "control/interpreter.h"
 #include "control/rc_input.h"
 #include "control/speed_mixer.h"
+#include "display/command_handover.h"
 #include "display/region.h"
 #include "net/viewers.h"
 
@@ -44,8 +45,8 @@ Shared<std::uint32_t> last_rc_report;  // now_ms
 // --- Control thread ----------------------------------------------------------------------------
 
 void take_command() {
-  if (!display->command_mailbox.full()) return;
-  const auto text = display->command_mailbox.take();
+  const auto text = command_handover.take(display->command_mailbox);
+  if (text.view().empty()) return;
   // Each acts on the commands that it knows.
   config_parse_command(text.c_str());
   interpret_command(text.c_str());

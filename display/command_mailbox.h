@@ -1,9 +1,10 @@
-// The one-slot mailbox between the viewer link's receive thread and the control thread.
+// The one-slot mailbox of commands in the display region.
 //
 // A writer may replace a text that has not been taken, and any process that maps the region may
 // write one; nobody waits for anybody. What is promised: a reader that finds the mailbox full sees
 // the whole text of its writer, as long as no second text arrives at that very moment; and whatever
-// the field holds, never more than 511 characters are taken from it.
+// the field holds, never more than 511 characters are taken from it. The service's own two threads
+// are promised more, see CommandHandover.
 #pragma once
 
 #include <algorithm>
@@ -21,10 +22,15 @@ class CommandMailbox {
  public:
   static constexpr std::size_t kSize = 512;
 
-  /// Replaces the content by `text` up to its first NUL, cut to 511 characters. The first byte
-  /// goes last, because it is what the reader polls. Viewer link's receive thread.
+  /// What the mailbox holds of a text: all up to its first NUL, at most 511 characters.
+  [[nodiscard]] static std::string_view cut(std::string_view text) noexcept {
+    return text.substr(0, std::min(text.find('\0'), kSize - 1));
+  }
+
+  /// Replaces the content by `text`, cut to what the mailbox holds. The first byte
+  /// goes last, because it is what the reader polls. One thread of the service at a time.
   void post(std::string_view text) noexcept {
-    text = text.substr(0, std::min(text.find('\0'), kSize - 1));
+    text = cut(text);
     chars_[0] = '\0';  // from here on, nobody takes what is left of an earlier text
     clear();
     if (text.empty()) return;
@@ -32,11 +38,11 @@ class CommandMailbox {
     chars_[0].store_release(text[0]);
   }
 
-  /// Whether a text is waiting. Control thread.
+  /// Whether a text is waiting. Any thread.
   [[nodiscard]] bool full() const noexcept { return chars_[0].load_acquire() != '\0'; }
 
-  /// Copies the waiting text out and empties the mailbox, before anybody acts on the text. Empty
-  /// when none is waiting. Control thread.
+  /// Copies the waiting text out and empties the mailbox. Empty when none is waiting. One thread of
+  /// the service at a time.
   [[nodiscard]] TextCopy<kSize> take() noexcept {
     TextCopy<kSize> text;
     if (!full()) return text;

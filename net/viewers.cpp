@@ -10,6 +10,7 @@
 #include "base/clock.h"
 #include "base/log.h"
 #include "base/wire.h"
+#include "display/command_handover.h"
 #include "display/region.h"
 
 namespace nimbus {
@@ -172,7 +173,8 @@ void handle_viewer_datagram(const Datagram& datagram) noexcept {
       break;
     case FromViewer::command: {
       const auto text = datagram.bytes.subspan(kFrameHeaderSize);
-      display->command_mailbox.post({reinterpret_cast<const char*>(text.data()), text.size()});
+      command_handover.post(display->command_mailbox,
+                            {reinterpret_cast<const char*>(text.data()), text.size()});
       break;
     }
   }

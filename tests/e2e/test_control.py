@@ -180,6 +180,15 @@ def test_the_settings_see_a_command_first(start, viewers, cameras):
 # --- A command that takes its time ---------------------------------------------------------------
 
 
+def test_the_last_command_of_a_flood_is_done(station):
+    """However the flood falls to the looks at the mailbox. (The unit tests have 1,000 of them.)"""
+    for number in range(20):
+        for size in range(50):
+            station.viewer.command('{"cmd":"none","value":"' + "x" * (size * 9) + '"}')
+        station.viewer.command(f'{{"cmd":"gimbal","param":"mode","value1":"last {number}"}}')
+        station.camera.wait_text(f"Gimbal set mode last {number}\n")
+
+
 def test_a_long_command_holds_nothing_but_the_mailbox(station, viewers):
     """Commands that take 200 ms each, one after the other: the stream keeps its period, and the
     status loop its own."""
