@@ -1,5 +1,6 @@
 #include "tools/ctl/accepts.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 
@@ -32,10 +33,12 @@ std::optional<std::string> convert_fraction(std::string_view text) {
   return as_it_is(text, number && *number >= 0.0 && *number <= 1.0);
 }
 
+constexpr double kLeastFNumber = 0.01;
+constexpr double kMostFNumber = 327.67;  // hundredths in 16 bits
+
 std::optional<std::string> convert_f_number(std::string_view text) {
-  constexpr double kMost = 327.67;  // hundredths in 16 bits
   const auto number = whole_real(text);
-  return as_it_is(text, number && *number > 0.0 && *number <= kMost);
+  return as_it_is(text, number && *number > 0.0 && *number <= kMostFNumber);
 }
 
 std::optional<std::string> convert_ev(std::string_view text) {
@@ -79,8 +82,9 @@ std::string expected_colour() {
   return list;
 }
 
+constexpr int kChannels = 32;
+
 std::optional<std::string> convert_rc_map(std::string_view text) {
-  constexpr int kChannels = 32;
   std::string_view rest = text;
   for (int channel = 0; channel < kChannels; ++channel) {
     const auto comma = rest.find(',');
@@ -105,18 +109,41 @@ std::optional<std::string> convert_interface(std::string_view text) {
   return code;
 }
 
+std::string expected_interface() { return "none, wifi0, wlan0"; }
+
+/// A list for people as a choice.
+Shape listed(const std::string& list) {
+  Shape shape{.kind = "choice"};
+  for (std::size_t at = 0; at < list.size();) {
+    const auto comma = std::min(list.find(", ", at), list.size());
+    shape.choices.push_back(list.substr(at, comma - at));
+    at = comma + 2;
+  }
+  return shape;
+}
+
 }  // namespace
 
-constexpr Accepts kOnOff{kTranslated<kYesNoWords>.convert, [] { return std::string("on, off"); }};
-constexpr Accepts kFraction{convert_fraction, [] { return std::string("a number from 0 to 1"); }};
-constexpr Accepts kFNumber{convert_f_number,
-                           [] { return std::string("an f-number such as 2.8, up to 327.67"); }};
-constexpr Accepts kEv{convert_ev, expected_ev};
-constexpr Accepts kShutter{convert_shutter, expected_shutter};
-constexpr Accepts kColour{convert_colour, expected_colour};
-constexpr Accepts kRcMap{convert_rc_map, expected_rc_map};
-constexpr Accepts kInterfaceName{convert_interface,
-                                 [] { return std::string("none, wifi0, wlan0"); }};
+constexpr Accepts kOnOff{kTranslated<kYesNoWords>.convert, [] { return std::string("on, off"); },
+                         [] { return Shape{.kind = "switch"}; }};
+constexpr Accepts kFraction{convert_fraction, [] { return std::string("a number from 0 to 1"); },
+                            [] { return Shape{.kind = "number", .least = 0, .most = 1}; }};
+constexpr Accepts kFNumber{
+    convert_f_number, [] { return std::string("an f-number such as 2.8, up to 327.67"); },
+    [] { return Shape{.kind = "number", .least = kLeastFNumber, .most = kMostFNumber}; }};
+constexpr Accepts kEv{convert_ev, expected_ev, [] { return listed(expected_ev()); }};
+constexpr Accepts kShutter{convert_shutter, expected_shutter,
+                           [] { return listed(expected_shutter()); }};
+constexpr Accepts kColour{convert_colour, expected_colour,
+                          [] { return listed(expected_colour()); }};
+constexpr Accepts kRcMap{convert_rc_map, expected_rc_map, [] {
+                           Shape shape = choice_of(kRcFunctionWords);
+                           shape.kind = "words";
+                           shape.most = kChannels;
+                           return shape;
+                         }};
+constexpr Accepts kInterfaceName{convert_interface, expected_interface,
+                                 [] { return listed(expected_interface()); }};
 
 void append_word(std::string& list, std::string_view word) {
   if (!list.empty()) list += ", ";

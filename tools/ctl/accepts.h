@@ -6,10 +6,19 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/word_table.h"
 
 namespace nimbus::ctl {
+
+/// The same for a program that offers them.
+struct Shape {
+  std::string_view kind = "text";  ///< "choice", "switch", "integer", "number", "text" or "words"
+  std::vector<std::string> choices = {};  ///< of a choice; of words with commas between
+  std::optional<double> least = {};
+  std::optional<double> most = {};  ///< of a text: bytes; of words: how many
+};
 
 /// Which texts a value may have.
 struct Accepts {
@@ -17,7 +26,16 @@ struct Accepts {
   std::optional<std::string> (*convert)(std::string_view text);
   /// What is accepted, for people: behind "expected".
   std::string (*expected)();
+  Shape (*shape)();
 };
+
+/// The words of a table.
+template <typename Table>
+[[nodiscard]] Shape choice_of(const Table& table) {
+  Shape shape{.kind = "choice"};
+  for (const auto& row : table) shape.choices.emplace_back(row.word);
+  return shape;
+}
 
 /// Appends a word to a list for people.
 void append_word(std::string& list, std::string_view word);
@@ -32,7 +50,8 @@ inline constexpr Accepts kWordsOf{[](std::string_view text) -> std::optional<std
                                     std::string list;
                                     for (const auto& row : table) append_word(list, row.word);
                                     return list;
-                                  }};
+                                  },
+                                  [] { return choice_of(table); }};
 
 /// The words of a table of Word<std::string_view>, each with what the command carries for it.
 template <const auto& table>
@@ -41,7 +60,7 @@ inline constexpr Accepts kTranslated{[](std::string_view text) -> std::optional<
                                        if (found == nullptr) return std::nullopt;
                                        return std::string(*found);
                                      },
-                                     kWordsOf<table>.expected};
+                                     kWordsOf<table>.expected, kWordsOf<table>.shape};
 
 /// The whole text as a number: nothing when it is none, or anything stands around it.
 [[nodiscard]] std::optional<std::int64_t> whole_integer(std::string_view text);
@@ -60,6 +79,11 @@ inline constexpr Accepts kInteger{[](std::string_view text) -> std::optional<std
                                       return std::string("an integer");
                                     return "an integer from " + std::to_string(least) + " to " +
                                            std::to_string(most);
+                                  },
+                                  [] {
+                                    return Shape{.kind = "integer",
+                                                 .least = static_cast<double>(least),
+                                                 .most = static_cast<double>(most)};
                                   }};
 
 inline constexpr Accepts kNumber = kInteger<INT32_MIN, INT32_MAX>;
@@ -71,7 +95,8 @@ inline constexpr Accepts kText{
       if (text.size() > longest || text.find('"') != std::string_view::npos) return std::nullopt;
       return std::string(text);
     },
-    [] { return "a text of at most " + std::to_string(longest) + " bytes without a quote"; }};
+    [] { return "a text of at most " + std::to_string(longest) + " bytes without a quote"; },
+    [] { return Shape{.most = longest}; }};
 
 extern const Accepts kOnOff;          ///< yes or no in several words, as "1" or "0"
 extern const Accepts kFraction;       ///< a real from 0 to 1

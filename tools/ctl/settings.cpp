@@ -18,7 +18,10 @@ constexpr std::array<Word<std::string_view>, 3> kStreamSizes{
     {{"320x240", ""}, {"640x480", ""}, {"1280x720", ""}}};
 // Bands by the words of the command; the report has 2 and 5.
 constexpr std::array<Word<std::string_view>, 3> kBands{{{"2.4", "2.4"}, {"2", "2.4"}, {"5", "5"}}};
-constexpr Accepts kBand{kTranslated<kBands>.convert, [] { return std::string("2.4, 5"); }};
+constexpr Accepts kBand{kTranslated<kBands>.convert, [] { return std::string("2.4, 5"); },
+                        [] {
+                          return Shape{.kind = "choice", .choices = {"2.4", "5"}};
+                        }};
 
 constexpr auto kSettings = std::to_array<Setting>({
     // clang-format off

@@ -29,6 +29,8 @@ constexpr milliseconds kKnockPeriod{250};
 constexpr milliseconds kLongestWait{100};
 
 constexpr std::uint8_t type_of(FromViewer message) { return static_cast<std::uint8_t>(message); }
+static_assert(kRegistration[0] == type_of(FromViewer::register_viewer));
+static_assert(kLeave[0] == type_of(FromViewer::leave));
 
 std::string seconds_text(double seconds) {
   std::array<char, 32> text;
@@ -57,6 +59,23 @@ std::vector<std::uint8_t> encode_frame(std::span<const std::uint8_t> payload) {
   return frame;
 }
 
+std::array<std::uint8_t, 8> speed_payload(const std::array<std::int16_t, 3>& pan_tilt_roll) {
+  std::array<std::uint8_t, 8> payload{type_of(FromViewer::speed), kSpeedMode};
+  for (std::size_t i = 0; i < pan_tilt_roll.size(); ++i) {
+    store_le(payload, 2 + 2 * i, pan_tilt_roll[i]);
+  }
+  return payload;
+}
+
+std::span<const std::uint8_t> command_payload(std::string_view text) {
+  constexpr std::size_t kLongest = CommandMailbox::kSize - 1;
+  if (text.size() > kLongest) {
+    throw tools::Failure("a command of " + std::to_string(text.size()) +
+                         " bytes; expected at most " + std::to_string(kLongest));
+  }
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
 ViewerLink::ViewerLink(const Connection& connection)
     : socket_(connection.host, connection.port), buffer_(kLargestDatagram) {
   setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
@@ -73,7 +92,7 @@ ViewerLink::~ViewerLink() { leave(); }
 
 void ViewerLink::leave() noexcept {
   try {
-    send(std::array{type_of(FromViewer::leave)});
+    send(kLeave);
   } catch (const std::exception&) {
     // The service will miss this viewer by itself.
   }
@@ -89,21 +108,10 @@ void ViewerLink::pause(milliseconds time) {
   while (Clock::now() < until && !interrupted()) receive(until);
 }
 
-void ViewerLink::command(std::string_view text) {
-  constexpr std::size_t kLongest = CommandMailbox::kSize - 1;
-  if (text.size() > kLongest) {
-    throw tools::Failure("a command of " + std::to_string(text.size()) +
-                         " bytes; expected at most " + std::to_string(kLongest));
-  }
-  send({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
-}
+void ViewerLink::command(std::string_view text) { send(command_payload(text)); }
 
 void ViewerLink::speed(const std::array<std::int16_t, 3>& pan_tilt_roll) {
-  std::array<std::uint8_t, 8> payload{type_of(FromViewer::speed), kSpeedMode};
-  for (std::size_t i = 0; i < pan_tilt_roll.size(); ++i) {
-    store_le(payload, 2 + 2 * i, pan_tilt_roll[i]);
-  }
-  send(payload);
+  send(speed_payload(pan_tilt_roll));
 }
 
 void ViewerLink::send(std::span<const std::uint8_t> payload) {
@@ -116,7 +124,7 @@ void ViewerLink::keep_registered(Clock::duration period) {
   const auto now = Clock::now();
   if (registered_ && now - *registered_ < period) return;
   registered_ = now;
-  send(std::array<std::uint8_t, 2>{type_of(FromViewer::register_viewer), 0});
+  send(kRegistration);
 }
 
 std::optional<Frame> ViewerLink::receive_next(Clock::time_point until,

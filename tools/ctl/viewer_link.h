@@ -37,6 +37,16 @@ struct Frame {
 [[nodiscard]] std::optional<Frame> decode_frame(std::span<const std::uint8_t> datagram);
 [[nodiscard]] std::vector<std::uint8_t> encode_frame(std::span<const std::uint8_t> payload);
 
+/// What a viewer says, as payloads: 4000 is full speed.
+using ShortPayload = std::array<std::uint8_t, 2>;
+inline constexpr ShortPayload kRegistration{0, 0};
+inline constexpr std::array<std::uint8_t, 1> kLeave{1};
+[[nodiscard]] std::array<std::uint8_t, 8> speed_payload(
+    const std::array<std::int16_t, 3>& pan_tilt_roll);
+
+/// The text of a command as a payload. Throws Failure when it does not fit the service's mailbox.
+[[nodiscard]] std::span<const std::uint8_t> command_payload(std::string_view text);
+
 /// A registered viewer. Registers again and again while it receives, and leaves at its end.
 class ViewerLink {
  public:

@@ -1,0 +1,3 @@
+// Asio and Beast are compiled here, once.
+#include <boost/asio/impl/src.hpp>
+#include <boost/beast/src.hpp>

@@ -1,0 +1,20 @@
+// The event loop: sockets, timers, and who calls whom. One thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace nimbus::web {
+
+struct ServerOptions {
+  std::string service_host = "127.0.0.1";
+  std::uint16_t service_port = 4242;
+  std::string listen = "0.0.0.0:8080";  ///< ADDRESS:PORT; not used when a socket was handed over
+  std::vector<std::string> names = {};  ///< of this machine, beside addresses and localhost
+};
+
+/// Serves until SIGTERM or SIGINT. Throws Failure when it cannot begin.
+void serve(const ServerOptions& options);
+
+}  // namespace nimbus::web

@@ -1,0 +1,14 @@
+// The tables of commands and settings for the page and for programs.
+#pragma once
+
+#include <string>
+
+namespace nimbus::web {
+
+/// The program's version.
+[[nodiscard]] std::string version_text();
+
+/// `"commands":[...],"settings":[...],"wifi":[...]`, made once.
+[[nodiscard]] const std::string& tables_json();
+
+}  // namespace nimbus::web
