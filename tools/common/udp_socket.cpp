@@ -1,5 +1,6 @@
 #include "tools/common/udp_socket.h"
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -27,6 +28,13 @@ struct AddressList {
   ~AddressList() { freeaddrinfo(first); }
 };
 
+Endpoint endpoint(int (*name)(int, sockaddr*, socklen_t*), int socket) {
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  if (name(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return {};
+  return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
+}
+
 }  // namespace
 
 UdpSocket::UdpSocket(const std::string& host, std::uint16_t port)
@@ -52,5 +60,8 @@ std::optional<std::span<std::uint8_t>> UdpSocket::receive(std::span<std::uint8_t
   if (size < 0) return std::nullopt;
   return buffer.first(static_cast<std::size_t>(size));
 }
+
+Endpoint UdpSocket::local() const { return endpoint(getsockname, socket_.get()); }
+Endpoint UdpSocket::peer() const { return endpoint(getpeername, socket_.get()); }
 
 }  // namespace nimbus::tools

@@ -10,6 +10,12 @@
 
 namespace nimbus::tools {
 
+/// An IPv4 address and a port, both in host byte order.
+struct Endpoint {
+  std::uint32_t address = 0;
+  std::uint16_t port = 0;
+};
+
 /// A connected UDP socket of a tool: what it sends goes to its peer, what it receives comes from
 /// it. One thread at a time. Members throw Failure where something is said to fail.
 class UdpSocket {
@@ -26,6 +32,10 @@ class UdpSocket {
   /// ones are cut. Nothing when the time is over or a signal came.
   std::optional<std::span<std::uint8_t>> receive(std::span<std::uint8_t> buffer,
                                                  std::chrono::milliseconds wait);
+
+  /// Both ends, as the system has them; zeros when it does not tell.
+  [[nodiscard]] Endpoint local() const;
+  [[nodiscard]] Endpoint peer() const;
 
   /// For poll(2).
   int fd() const { return socket_.get(); }

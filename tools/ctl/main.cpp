@@ -13,6 +13,7 @@
 
 #include "app/version.h"
 #include "tools/common/failure.h"
+#include "tools/ctl/capture.h"
 #include "tools/ctl/commands.h"
 #include "tools/ctl/config_commands.h"
 #include "tools/ctl/hud.h"
@@ -96,6 +97,7 @@ class CommandLine {
         ->default_str("1.2");
     add_watch();
     add_video();
+    add_capture();
     add_hud();
     add_config();
     add_wifi();
@@ -154,6 +156,16 @@ class CommandLine {
     command->footer(example("video | ffplay -"));
     on(
         command, [this] { show_video(options_.connection, options_.seconds); }, true);
+  }
+
+  void add_capture() {
+    auto* const command =
+        app_.add_subcommand("capture", "Write what a viewer receives and sends to a pcapng file");
+    command->add_option("FILE", options_.name, "The file; - for standard output")->required();
+    add_seconds(command, options_.seconds);
+    command->footer(example("capture flight.pcapng --seconds 60"));
+    on(
+        command, [this] { capture(options_.connection, options_.name, options_.seconds); }, true);
   }
 
   void add_hud() {

@@ -76,8 +76,8 @@ std::span<const std::uint8_t> command_payload(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-ViewerLink::ViewerLink(const Connection& connection)
-    : socket_(connection.host, connection.port), buffer_(kLargestDatagram) {
+ViewerLink::ViewerLink(const Connection& connection, Tap tap)
+    : socket_(connection.host, connection.port), tap_(std::move(tap)), buffer_(kLargestDatagram) {
   setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
   first_ = receive_next(end_after(connection.timeout), kKnockPeriod);
   if (first_ || interrupted()) return;
@@ -93,7 +93,7 @@ ViewerLink::~ViewerLink() { leave(); }
 void ViewerLink::leave() noexcept {
   try {
     send(kLeave);
-  } catch (const std::exception&) {
+  } catch (...) {
     // The service will miss this viewer by itself.
   }
 }
@@ -118,6 +118,14 @@ void ViewerLink::send(std::span<const std::uint8_t> payload) {
   const auto frame = encode_frame(payload);
   // An earlier datagram that was refused fails the send of this one once, and is no reason.
   if (!socket_.send(frame)) socket_.send(frame);
+  pass(true, frame);
+}
+
+void ViewerLink::pass(bool sent, std::span<const std::uint8_t> datagram) const {
+  if (!tap_) return;
+  const tools::Endpoint own = socket_.local();
+  const tools::Endpoint peer = socket_.peer();
+  tap_({sent, sent ? own : peer, sent ? peer : own, datagram});
 }
 
 void ViewerLink::keep_registered(Clock::duration period) {
@@ -136,6 +144,7 @@ std::optional<Frame> ViewerLink::receive_next(Clock::time_point until,
     const auto wait =
         std::clamp(std::chrono::ceil<milliseconds>(rest), milliseconds{0}, kLongestWait);
     if (const auto datagram = socket_.receive(buffer_, wait)) {
+      pass(false, *datagram);
       if (const auto frame = decode_frame(*datagram)) return frame;
     } else if (rest <= Clock::duration::zero()) {
       return std::nullopt;

@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -33,6 +34,15 @@ struct Frame {
   std::span<const std::uint8_t> payload;
 };
 
+/// A datagram that a link sends or receives, as it passes.
+struct Passing {
+  bool sent;
+  tools::Endpoint from;
+  tools::Endpoint to;
+  std::span<const std::uint8_t> datagram;
+};
+using Tap = std::function<void(const Passing&)>;
+
 /// The header of a frame, and the frame around a payload.
 [[nodiscard]] std::optional<Frame> decode_frame(std::span<const std::uint8_t> datagram);
 [[nodiscard]] std::vector<std::uint8_t> encode_frame(std::span<const std::uint8_t> payload);
@@ -51,8 +61,9 @@ inline constexpr std::array<std::uint8_t, 1> kLeave{1};
 class ViewerLink {
  public:
   /// Registers and waits for the first frame, which receive() then gives. Throws Failure when none
-  /// comes in time; nothing but registrations has been sent then.
-  explicit ViewerLink(const Connection& connection);
+  /// comes in time; nothing but registrations has been sent then. The tap is told of every
+  /// datagram, and may throw.
+  explicit ViewerLink(const Connection& connection, Tap tap = {});
   ViewerLink(const ViewerLink&) = delete;
   ViewerLink& operator=(const ViewerLink&) = delete;
   ~ViewerLink();
@@ -75,7 +86,10 @@ class ViewerLink {
   void keep_registered(Clock::duration period);
   std::optional<Frame> receive_next(Clock::time_point until, Clock::duration registration_period);
 
+  void pass(bool sent, std::span<const std::uint8_t> datagram) const;
+
   tools::UdpSocket socket_;
+  Tap tap_;
   std::vector<std::uint8_t> buffer_;
   std::optional<Frame> first_;
   std::optional<Clock::time_point> registered_;

@@ -1,12 +1,14 @@
 // nimbus-sim: a simulated camera with its bridge and an RC receiver.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <string>
 
 #include "app/version.h"
+#include "base/word_table.h"
 #include "net/udp_link.h"
 #include "tools/common/failure.h"
 #include "tools/sim/console.h"
@@ -29,6 +31,8 @@ constexpr const char* kExamples = R"(Examples:
       plays an RC receiver for half a minute
   nimbus-sim --faults drop=0.05,corrupt=0.02 --seed 7
       a bad link between camera and service
+  nimbus-sim --replay flight.pcapng --speed 4
+      what a recording holds, four times as fast
 
 nimbus-sim(1) describes RC scripts.)";
 
@@ -66,10 +70,57 @@ struct Arguments {
   std::string faults;
   std::string seed;
   std::string lose_subject;
+  std::string replay;
+  std::string speed;
+  std::string from;
+  std::string to;
+  std::string only;
+  bool loop = false;
   int verbose = 0;
   bool once = false;
   bool no_reports = false;
 };
+
+/// Seconds, 0 among them.
+double moment(const std::string& option, const std::string& text) {
+  const auto value = parse_real(text);
+  if (!value || *value < 0) {
+    throw tools::Failure(option + " '" + text + "'; expected seconds from the recording's start");
+  }
+  return *value;
+}
+
+double speed_of(const std::string& text) {
+  constexpr double kSlowest = 0.1;
+  constexpr double kFastest = 100;
+  const auto value = parse_real(text);
+  if (!value || *value < kSlowest || *value > kFastest) {
+    throw tools::Failure("--speed '" + text + "'; expected a number from 0.1 to 100");
+  }
+  return *value;
+}
+
+constexpr std::array<Word<Link>, 2> kLinks{{{"data", Link::data}, {"video", Link::video}}};
+
+Link link_of(const std::string& text) {
+  const auto* const link = find_word(kLinks, text);
+  if (link == nullptr) throw tools::Failure("--only '" + text + "'; expected data or video");
+  return *link;
+}
+
+ReplayOptions replay_options(const Arguments& arguments) {
+  ReplayOptions replay;
+  replay.path = arguments.replay;
+  replay.loops = arguments.loop;
+  if (!arguments.speed.empty()) replay.speed = speed_of(arguments.speed);
+  if (!arguments.from.empty()) replay.from = moment("--from", arguments.from);
+  if (!arguments.to.empty()) replay.to = moment("--to", arguments.to);
+  if (!arguments.only.empty()) replay.only = link_of(arguments.only);
+  if (replay.to <= replay.from) {
+    throw tools::Failure("--to '" + arguments.to + "'; expected more than --from");
+  }
+  return replay;
+}
 
 void take_arguments(const Arguments& arguments, Options& options) {
   if (!arguments.seconds.empty()) options.seconds = positive("--seconds", arguments.seconds);
@@ -93,8 +144,29 @@ void take_arguments(const Arguments& arguments, Options& options) {
   }
   if (arguments.verbose > 0) options.detail = FrameLog::Detail::summary;
   if (arguments.verbose > 1) options.detail = FrameLog::Detail::every_frame;
+  if (!arguments.replay.empty()) options.replay = replay_options(arguments);
   options.loops = !arguments.once;
   options.reports = !arguments.no_reports;
+}
+
+void declare_replay(CLI::App& app, Arguments& arguments) {
+  auto* const replay =
+      app.add_option("--replay", arguments.replay,
+                     "send what a recording (pcap or pcapng) holds, in place of reports and video")
+          ->type_name("FILE")
+          ->group("Replay");
+  for (const char* const other : {"--no-reports", "--lose-subject", "--video", "--faults"}) {
+    replay->excludes(app.get_option(other));
+  }
+  const auto add = [&app, replay](const char* name, std::string& value, const char* type,
+                                  const char* help) {
+    app.add_option(name, value, help)->type_name(type)->needs(replay)->group("Replay");
+  };
+  add("--speed", arguments.speed, "N", "so many times as fast, 0.1 to 100 (default: 1)");
+  add("--from", arguments.from, "N", "begin so many seconds behind the recording's start");
+  add("--to", arguments.to, "N", "end so many seconds behind the recording's start");
+  add("--only", arguments.only, "data|video", "send one of the two only");
+  app.add_flag("--loop", arguments.loop, "over and over again")->needs(replay)->group("Replay");
 }
 
 void declare(CLI::App& app, Options& options, Arguments& arguments) {
@@ -148,6 +220,7 @@ void declare(CLI::App& app, Options& options, Arguments& arguments) {
       ->type_name("N")
       ->needs(faults)
       ->group("Faults");
+  declare_replay(app, arguments);
 }
 
 int run(int argc, char** argv) {

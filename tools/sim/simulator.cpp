@@ -11,17 +11,15 @@
 #include <cstring>
 #include <utility>
 
+#include "net/sources.h"
 #include "tools/common/failure.h"
 #include "tools/sim/text.h"
 
 namespace nimbus::sim {
 namespace {
 
-constexpr std::uint16_t kDataPort = 5000;
-constexpr std::uint16_t kVideoPort = 5001;
-
-/// Milliseconds between two steps at the most.
-constexpr int kStep = 5;
+/// Seconds between two steps at the most.
+constexpr double kStep = 0.005;
 
 constexpr std::string_view kStandardInput = "-";
 
@@ -51,6 +49,7 @@ Simulator::Simulator(const Options& options)
     if (display == nullptr) throw AlreadySaid();
     receiver_.emplace(std::move(script), *display);
   }
+  if (options.replay) replay_.emplace(*options.replay);
   if (any(options.faults)) faults_.emplace(options.faults, options.seed);
   for (const Report& report : reports()) due_.push_back(report.start_ms / 1000.0);
 }
@@ -61,7 +60,7 @@ double Simulator::now() const {
 
 bool Simulator::over() const {
   return StopSignals::caught() || console_.closed() || input_ended_ || (file_ && file_->ended()) ||
-         (options_.seconds > 0 && at_ >= options_.seconds);
+         (replay_ && !replay_->due()) || (options_.seconds > 0 && at_ >= options_.seconds);
 }
 
 void Simulator::run() {
@@ -71,6 +70,7 @@ void Simulator::run() {
     wait();
   }
   end();
+  if (replay_ && !StopSignals::caught()) replay_->check();
 }
 
 void Simulator::step() {
@@ -78,8 +78,20 @@ void Simulator::step() {
   at_ = now();
   camera_.tick(at_ - before);
   if (receiver_) receiver_->play(at_);
-  send_reports();
-  send_video_file();
+  if (replay_) {
+    send_replay();
+  } else {
+    send_reports();
+    send_video_file();
+  }
+}
+
+timespec Simulator::longest_wait() const {
+  double seconds = kStep;
+  if (replay_ && replay_->due()) {
+    seconds = std::clamp(*replay_->due() - now(), 0.0, kStep);
+  }
+  return {0, static_cast<long>(seconds * 1e9)};
 }
 
 void Simulator::wait() {
@@ -91,7 +103,8 @@ void Simulator::wait() {
       {STDOUT_FILENO, 0, 0},
       {options_.video == kStandardInput ? STDIN_FILENO : -1, POLLIN, 0},
   }};
-  if (poll(events.data(), events.size(), kStep) <= 0) return;
+  const timespec longest = longest_wait();
+  if (ppoll(events.data(), events.size(), &longest, nullptr) <= 0) return;
   const auto& [signal, data, video, output, input] = events;
   look_for_refusal(data.revents, data.fd);
   look_for_refusal(video.revents, video.fd);
@@ -101,6 +114,7 @@ void Simulator::wait() {
 }
 
 void Simulator::end() {
+  if (replay_) progress_.show(replay_->progress(), true);
   log_.end(at_);
   std::string text =
       format_text("%" PRIu64 " frames received, %" PRIu64 " bad, %" PRIu64 " bytes of video sent",
@@ -110,6 +124,11 @@ void Simulator::end() {
     text += format_text("; reports: %" PRIu64 " dropped, %" PRIu64 " corrupted, %" PRIu64
                         " truncated, %" PRIu64 " repeated",
                         dropped, corrupted, truncated, repeated);
+  }
+  if (replay_) {
+    const auto [data, video, incomplete] = replay_->counts();
+    text += format_text("; replayed: %" PRIu64 " data, %" PRIu64 " video, %" PRIu64 " incomplete",
+                        data, video, incomplete);
   }
   console_.line(text);
 }
@@ -203,6 +222,26 @@ void Simulator::look_for_refusal(short events, int socket) {
   socklen_t size = sizeof error;
   getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size);
   if (error == ECONNREFUSED) refused();
+}
+
+void Simulator::send_replay() {
+  // As with a file: a step sends no more than a socket holds.
+  constexpr int kAtOnce = 256;
+  for (int n = 0; n < kAtOnce && replay_->due() && *replay_->due() <= at_; ++n) {
+    const ReplayDatagram datagram = replay_->take();
+    if (datagram.link == Link::video) {
+      send_video(datagram.payload);
+    } else if (!data_.send(datagram.payload)) {
+      refused();
+    }
+  }
+  show_progress();
+}
+
+void Simulator::show_progress() {
+  if (at_ < progress_due_) return;
+  progress_due_ = at_ + progress_.interval();
+  progress_.show(replay_->progress(), false);
 }
 
 // --- What the camera is sent ---------------------------------------------------------------------

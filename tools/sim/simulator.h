@@ -3,16 +3,19 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/common/progress_line.h"
 #include "tools/common/udp_socket.h"
 #include "tools/sim/camera_model.h"
 #include "tools/sim/console.h"
 #include "tools/sim/faults.h"
 #include "tools/sim/frame_log.h"
 #include "tools/sim/rc_reader.h"
+#include "tools/sim/replay.h"
 #include "tools/sim/reports.h"
 #include "tools/sim/video.h"
 
@@ -31,6 +34,7 @@ struct Options {
   std::uint64_t seed = 1;
   double lose_subject = 0;  ///< seconds; 0: never
   FrameLog::Detail detail = FrameLog::Detail::none;
+  std::optional<ReplayOptions> replay;  ///< in place of reports and video
 };
 
 /// Sends reports and video, takes commands, and plays a receiver until it is told to end.
@@ -48,6 +52,7 @@ class Simulator {
   [[nodiscard]] double now() const;
   void step();
   void wait();
+  [[nodiscard]] timespec longest_wait() const;
   [[nodiscard]] bool over() const;
 
   void send_reports();
@@ -56,6 +61,8 @@ class Simulator {
   void send_video_file();
   void send_standard_input();
   void send_video(Bytes datagram);
+  void send_replay();
+  void show_progress();
   void refused();
   void look_for_refusal(short events, int socket);
 
@@ -72,6 +79,9 @@ class Simulator {
   tools::UdpSocket video_;
   std::optional<VideoFile> file_;
   std::optional<RcPlayback> receiver_;
+  std::optional<Replay> replay_;
+  tools::ProgressLine progress_;
+  double progress_due_ = 0;  // seconds
 
   CameraModel camera_;
   ReportEncoder encoder_;
