@@ -60,8 +60,10 @@ class Listener:
     def __init__(self):
         self.heard = []  # (time, port, payload)
         self._sockets = [nimbus.udp_socket("127.0.0.1", port) for port in (DATA, VIDEO)]
-        for one in self._sockets:
-            threading.Thread(target=self._receive, args=(one,), daemon=True).start()
+        self._threads = [threading.Thread(target=self._receive, args=(one,), daemon=True)
+                         for one in self._sockets]
+        for thread in self._threads:
+            thread.start()
 
     def _receive(self, one):
         port = one.getsockname()[1]
@@ -84,6 +86,9 @@ class Listener:
             with contextlib.suppress(OSError):  # it wakes who waits, but says that it is not connected
                 one.shutdown(socket.SHUT_RDWR)
             one.close()
+        # A socket that is still being read from keeps its port.
+        for thread in self._threads:
+            thread.join()
 
 
 @pytest.fixture
