@@ -17,12 +17,12 @@ export function clock(seconds) {
   return whole < 3600 ? minutes : `${Math.floor(whole / 3600)}:${minutes}`;
 }
 
+/** Since when is told by the server; not for a recording that is older than the server. */
 function recording(state, link) {
-  const { on, since: began, seconds } = state.group("recording");
+  const { on, since: began } = state.group("recording");
   if (!on) return null;
-  const ran = began === undefined ? undefined : (link.now() - began) / 1000;
-  return { text: `REC ${ran === undefined ? seconds ? clock(seconds) : "" : clock(ran)}`.trim(),
-    tone: "rec" };
+  const ran = began === undefined ? "" : ` ${clock((link.now() - began) / 1000)}`;
+  return { text: `REC${ran}`, tone: "rec" };
 }
 
 function card(state) {

@@ -1,20 +1,30 @@
 // Dialogs: one element each, made when it is opened and gone when it is closed. Escape, the close
 // button and a click beside it close it; the focus goes back to where it was.
-import { el, icon } from "./dom.js";
+import { $, el, icon } from "./dom.js";
+
+/** What is told stands where the person is: everything outside of an open dialog is dead. */
+function hear(place) {
+  place.append($("toasts"), $("alerts"));
+}
 
 /** Opens a dialog with a title and that content; returns the element. */
 export function open(title, properties, ...content) {
-  const dialog = el("dialog", { "aria-labelledby": "dialog-title", ...properties },
+  const dialog = el("dialog", { "aria-label": title, ...properties },
     el("header", {},
-      el("h2", { id: "dialog-title", textContent: title }),
+      el("h2", { textContent: title }),
       el("button", { class: "icon", "aria-label": "Close", onclick: () => dialog.close() },
         icon("close"))),
     el("div", { class: "content" }, ...content));
-  document.querySelectorAll("dialog").forEach((other) => other.close());
-  dialog.addEventListener("close", () => dialog.remove());
+  // A question comes over whatever is open, everything else in its place.
+  if (!properties.role) document.querySelectorAll("dialog").forEach((other) => other.close());
+  dialog.addEventListener("close", () => {
+    hear([...document.querySelectorAll("dialog[open]")].at(-1) ?? document.body);
+    dialog.remove();
+  });
   dialog.addEventListener("click", (event) => event.target === dialog && dialog.close());
   document.body.append(dialog);
   dialog.showModal();
+  hear(dialog);
   return dialog;
 }
 

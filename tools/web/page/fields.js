@@ -2,13 +2,17 @@
 // what it shows of the board's report.
 import { el } from "./dom.js";
 
-const isSwitch = (words) => words.length === 2 && words.includes("on") && words.includes("off");
+const SWITCH = ["on", "off"];
 
-/** The word of a list that a report means: reports have 1 for on, and numbers as numbers. */
+/** The words that a value can be chosen from; undefined where it is written. */
+export function choicesOf({ kind, choices }) {
+  return kind === "switch" ? SWITCH : kind === "choice" ? choices : undefined;
+}
+
+/** The word of a list that a report means, which may write numbers in another way. */
 function wordFor(words, reported) {
   if (reported === undefined || reported === null) return undefined;
   const text = String(reported);
-  if (isSwitch(words)) return ["1", "true", "on"].includes(text) ? "on" : "off";
   return words.find((word) => word.toLowerCase() === text.toLowerCase()) ??
     words.find((word) => word !== "" && Number(word) === Number(text));
 }
@@ -16,11 +20,11 @@ function wordFor(words, reported) {
 function choice(row, label) {
   const select = el("select", { "aria-label": label },
     el("option", { value: "", textContent: "—" }),
-    ...row.words.map((word) => el("option", { value: word, textContent: word })));
+    ...row.choices.map((word) => el("option", { value: word, textContent: word })));
   return {
     element: select,
     get: () => select.value,
-    set: (reported) => (select.value = wordFor(row.words, reported) ?? ""),
+    set: (reported) => (select.value = wordFor(row.choices, reported) ?? ""),
   };
 }
 
@@ -32,7 +36,7 @@ function toggle(row, label) {
     get: () => (box.indeterminate ? "" : box.checked ? "on" : "off"),
     set: (reported) => {
       box.indeterminate = reported === undefined;
-      box.checked = wordFor(row.words, reported) === "on";
+      box.checked = ["1", "true", "on"].includes(String(reported));
     },
   };
 }
@@ -52,7 +56,7 @@ function number(row, label) {
 function text(row, label) {
   const secret = row.secret === true;
   const input = el("input", {
-    type: secret ? "password" : "text", "aria-label": label, maxLength: row.longest ?? 255,
+    type: secret ? "password" : "text", "aria-label": label, maxLength: row.most ?? 255,
     autocomplete: secret ? "new-password" : "off", placeholder: secret ? "unchanged" : "",
     spellcheck: false,
   });
@@ -63,9 +67,10 @@ function text(row, label) {
   };
 }
 
-/** The field for a row {kind, words, least, most, longest, secret} of the tables. */
+/** The field for a row {kind, choices, least, most} of the tables; secrets are never shown. */
 export function field(row, label) {
-  if (row.words) return isSwitch(row.words) ? toggle(row, label) : choice(row, label);
+  if (row.kind === "switch") return toggle(row, label);
+  if (row.kind === "choice") return choice(row, label);
   if (row.kind === "integer" || row.kind === "number") return number(row, label);
   return text(row, label);
 }

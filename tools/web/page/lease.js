@@ -101,7 +101,7 @@ export class Lease extends EventTarget {
     const watches = this.role !== "operator";
     say($("who"), this.mine ? "You drive"
       : free ? "Nobody drives" : `${this.name || this.holder} drives`);
-    say($("take"), this.mine ? "Release" : free ? "Drive" : "Ask for control");
+    say($("take"), this.mine ? "Release" : free ? "Drive" : "Ask");
     $("take").disabled = watches || !this.link.open;
     mark(document.body, "data-driver", this.mine ? "me" : free ? "none" : "other");
   }

@@ -17,9 +17,9 @@ function channel(number, words, now) {
 
 /** The map as a part of the settings. */
 export function rcMap(settings) {
-  const row = settings.row("rcin_map").values[0];
+  const { choices } = settings.row("rcin_map").arguments[0];
   const now = String(settings.state.get("settings", "rcin_map") ?? "").split(",");
-  const channels = Array.from({ length: CHANNELS }, (_, i) => channel(i + 1, row.words, now[i]));
+  const channels = Array.from({ length: CHANNELS }, (_, i) => channel(i + 1, choices, now[i]));
   const lines = channels.map(({ number, select, bar, value }) => el("li",
     { hidden: number > SHOWN_AT_FIRST && !select.value },
     el("span", { textContent: number }), select, bar, value));

@@ -118,8 +118,8 @@ export class Settings {
 
   #line([name, label, members, ends]) {
     const row = this.row(name);
-    const fields = row.values.map((value, i) => {
-      const many = row.values.length > 1;
+    const fields = row.arguments.map((value, i) => {
+      const many = row.arguments.length > 1;
       const made = field(value, many ? `${label}: ${value.name.toLowerCase()}` : label);
       if (members[i]) made.set(this.#read(members[i]));
       return { ...made, name: value.name.toLowerCase(), many };
@@ -130,8 +130,7 @@ export class Settings {
       if (values.includes(null) || values.includes("")) return warn(`${label}: ${row.help}`);
       return this.set(name, values, members);
     };
-    const ended = row.restarts ?? ends;
-    const note = ended && el("small", { textContent: `Restarts ${ended}.` });
+    const note = ends && el("small", { textContent: `Restarts ${ends}.` });
     return el("form", { class: "setting", onsubmit: (event) => (event.preventDefault(), send()) },
       el("p", {}, label, note || null),
       el("span", { class: "inputs" }, ...fields.map(({ element, name: value, many }) => many

@@ -2,7 +2,7 @@
 // of what the table of commands allows.
 import { open } from "./dialog.js";
 import { $, el, mark, say } from "./dom.js";
-import { field } from "./fields.js";
+import { choicesOf, field } from "./fields.js";
 import { resolution } from "./commands.js";
 
 const signed = (ev) => (Number(ev) > 0 ? `+${ev}` : String(ev)).replace("-", "−");
@@ -82,7 +82,8 @@ export class Values {
 export function picker(row, commands) {
   const [first] = row.arguments;
   const title = el("h3", { textContent: row.help });
-  if (row.arguments.length === 1 && first.words) return words(row, first, title, commands);
+  const choices = row.arguments.length === 1 && choicesOf(first);
+  if (choices) return words(row, choices, title, commands);
   const fields = row.arguments.map((argument) => ({ argument, ...field(argument, argument.name) }));
   const send = el("button", { type: "submit", class: row.asks ? "danger" : "primary",
     textContent: row.arguments.length ? "Set" : row.words });
@@ -99,7 +100,7 @@ export function picker(row, commands) {
   return form;
 }
 
-function words(row, argument, title, commands) {
+function words(row, choices, title, commands) {
   const list = el("div", { class: "words", role: "group", "aria-label": row.help });
   const light = () => {
     for (const button of list.children) {
@@ -108,7 +109,7 @@ function words(row, argument, title, commands) {
       mark(button, "aria-pressed", is);
     }
   };
-  for (const word of argument.words) {
+  for (const word of choices) {
     list.append(el("button", { "data-word": word, textContent: word, "aria-pressed": "false",
       onclick: async ({ target }) => {
         mark(target, "aria-busy", true);

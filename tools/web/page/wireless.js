@@ -6,6 +6,7 @@ import { field } from "./fields.js";
 import { warn } from "./toast.js";
 
 const INTERFACES = { 0: "none", 1: "wifi0", 2: "wlan0" };
+const BANDS = { 2: "2.4", 5: "5" };
 const SCAN_MS = 20000;
 
 const NETWORKS = [
@@ -21,7 +22,8 @@ const LABELS = {
 /** What the report says of a value, in the words of its setting. */
 function reported(settings, name) {
   const value = settings.state.get("settings", name);
-  return name.endsWith("_iface") && value !== undefined ? INTERFACES[value] : value;
+  if (name.endsWith("_iface")) return INTERFACES[value];
+  return name === "ap_mode" ? BANDS[value] : value;
 }
 
 /** Looks for networks with the chosen interface, and offers their names. */

@@ -1,0 +1,138 @@
+"""The live picture in real browsers, read back from the screen."""
+
+import statistics
+import time
+
+import nimbus
+from conftest import PLAIN_HOST, SECURE_HOST
+
+
+def shown(browser):
+    return int(browser.run("return document.querySelector('#stage').dataset.shown"))
+
+
+def stale(browser):
+    return browser.run("return document.querySelector('#stale').textContent")
+
+
+def plays(browser, web, host, player, lag=1000):
+    """Opens the page; the picture must be live, advance, and come without a complaint."""
+    browser.open(web.address(host))
+    selector = browser.picture()
+    assert browser.run("return document.querySelector('#stage').dataset.player") == player
+    first = shown(browser)
+    ages = browser.ages(selector, 40)
+    assert shown(browser) > first + 10
+    assert -1 not in ages and 0 <= min(ages), ages
+    assert statistics.median(ages) < nimbus.limit(lag), ages
+    assert stale(browser) == ""
+    assert browser.errors() == []
+
+
+def test_chromium_on_plain_http(browser, web, film):
+    """Without TLS there is no WebCodecs, and the page plays all the same."""
+    plays(browser, web, PLAIN_HOST, "mse")
+    assert not browser.run("return isSecureContext || 'VideoDecoder' in window")
+    assert browser.run("return document.querySelector('#video').readyState") >= 2
+
+
+def test_chromium_in_a_secure_context(browser, web, film):
+    plays(browser, web, SECURE_HOST, "webcodecs")
+
+
+def test_firefox(fox, web, film):
+    plays(fox, web, PLAIN_HOST, "mse", lag=1500)
+
+
+def test_joins_between_two_key_pictures(browser, web, films):
+    """The key picture is seconds old when the page comes: it starts with what was kept."""
+    films(keys=250)
+    browser.open(web.address())
+    browser.picture()
+    time.sleep(nimbus.limit(2))
+    begun = time.monotonic()
+    browser.open(web.address())
+    browser.picture()
+    assert time.monotonic() - begun < nimbus.limit(4)
+    assert -1 not in browser.ages("#video", 10)
+
+
+def test_loss(browser, web, bridge, film):
+    """Two datagrams of a hundred are lost: what is shown is never torn, and goes on."""
+    bridge.lose = lambda number: number % 50 == 0
+    browser.open(web.address())
+    selector = browser.picture()
+    first = shown(browser)
+    ages = browser.ages(selector, 60)
+    assert -1 not in ages, "a torn code was shown"
+    nimbus.wait_until(lambda: shown(browser) > first + 25, 20, "going on")
+    assert browser.errors() == []
+
+
+def test_service_restarts(browser, start, webs, film):
+    """The picture comes back by itself, and nobody takes the old one for live meanwhile."""
+    service = start()
+    browser.open(webs().address())
+    selector = browser.picture()
+    service.stop()
+    browser.wait("return document.querySelector('#stale').textContent.includes('stale since')")
+    assert browser.run("return !document.querySelector('#curtain').hidden")
+    start()
+    browser.wait("return document.querySelector('#stale').textContent === ''", seconds=20)
+    last = shown(browser)
+    nimbus.wait_until(lambda: shown(browser) > last, 10, "new pictures")
+    assert -1 not in browser.ages(selector, 10)
+
+
+def test_bridge_pauses(browser, web, bridge, film, times):
+    """A bridge that stops, for longer than a browser keeps patience with a stalled element."""
+    browser.open(web.address())
+    selector = browser.picture()
+    bridge.silent = True
+    browser.wait("return document.querySelector('#stale').textContent.includes('stale since')")
+    time.sleep(times(4, 10))
+    bridge.silent = False
+    browser.wait("return document.querySelector('#stale').textContent === ''", seconds=20)
+    ages = browser.ages(selector, 40)[20:]
+    assert -1 not in ages and statistics.median(ages) < nimbus.limit(1000), ages
+
+
+def test_other_resolution(browser, web, films):
+    """Another size of the stream starts without a reload."""
+    first = films()
+    browser.open(web.address())
+    browser.picture()
+    browser.run("window.same = true")
+    first.close()
+    films(scale="1280:720")
+    browser.wait("const { videoWidth: w, videoHeight: h } = document.querySelector('#video');"
+                 "return w === 1280 && h === 720", seconds=20, what="the larger picture")
+    assert -1 not in browser.ages("#video", 20)
+    assert browser.run("return window.same")
+    assert browser.errors() == []
+
+
+def test_snapshot(browser, web, film, tmp_path):
+    """The picture is saved as PNG, in its own size."""
+    browser.cdp("Browser.setDownloadBehavior", behavior="allow", downloadPath=str(tmp_path))
+    browser.open(web.address())
+    browser.picture()
+    browser.find("#snapshot").click()
+    nimbus.wait_until(lambda: list(tmp_path.glob("nimbus-*.png")), 10, "the file")
+    file = next(tmp_path.glob("nimbus-*.png"))
+    nimbus.wait_until(lambda: file.stat().st_size > 1000, 5, "its content")
+    data = file.read_bytes()
+    assert data.startswith(b"\x89PNG")
+    assert (int.from_bytes(data[16:20], "big"), int.from_bytes(data[20:24], "big")) == (640, 360)
+
+
+def test_transport_stream(browser, web, bridge):
+    """What no browser plays is named instead of a black picture."""
+    browser.open(web.address())
+    packet = b"\x47\x00\x11\x10" + bytes(184)
+
+    def named():
+        bridge.take(packet * 7)
+        return "MPEG-TS" in stale(browser)
+
+    nimbus.wait_until(named, 10, "the name of the stream")
