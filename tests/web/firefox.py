@@ -110,6 +110,7 @@ class Firefox:
         return [entry["text"] for entry in self.log if entry["level"] in ("error", "warn")]
 
     def close(self):
+        self._wait(self._socket.close())
         self.process.terminate()
         try:
             self.process.wait(10)

@@ -101,7 +101,6 @@ export class Bar {
     chip.old = el("small");
     chip.element = el("p", { class: "chip", "data-chip": chip.name, hidden: true },
       chip.label && el("span", { textContent: chip.label }), " ", chip.text, " ", chip.old);
-    $("state").append(chip.element);
     this.#chips.push(chip);
   }
 
@@ -111,6 +110,8 @@ export class Bar {
     const known = value !== null && age !== null;
     chip.element.hidden = !known;
     if (!known) return;
+    // In the order in which they come to be known: what is there never moves.
+    if (!chip.element.isConnected) $("state").append(chip.element);
     const stale = age > STALE_MS || !this.link.open;
     say(chip.text, value.text);
     say(chip.old, age > STALE_MS ? `since ${since(age)}` : "");

@@ -150,6 +150,8 @@ export class Video extends EventTarget {
 
   /** Why no new picture is shown, for people; empty when nothing is wrong. */
   sentence() {
+    const reason = this.reason !== "connecting" && this.stream?.kind === "none"
+      ? "none" : this.reason;
     const kind = NAMES[this.stream?.kind] ?? this.stream?.kind;
     return {
       connecting: "Connecting to the board …",
@@ -161,6 +163,6 @@ export class Video extends EventTarget {
       unable: this.stream?.kind === "h265"
         ? "The video is H.265, which this browser does not play."
         : "This browser has neither WebCodecs nor Media Source Extensions for this video.",
-    }[this.reason] ?? "";
+    }[reason] ?? "";
   }
 }

@@ -1,0 +1,179 @@
+"""Measures the page of nimbus-web in a real browser: glass to glass by the time in the picture, and
+from a pointer to the frame at the bridge. Prints rows of the table that all benchmarks share; runs in
+the sandbox. Fails when a limit is missed.
+
+usage: bench/web_page.py --build FOLDER [--creep MINUTES] [--samples N]"""
+
+import argparse
+import contextlib
+import pathlib
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+for folder in ("tests/e2e", "tests/web", "bench"):
+    sys.path.insert(0, str(ROOT / folder))
+
+import nimbus  # noqa: E402
+from chromium import Chromium  # noqa: E402
+from film import Film, VideoBridge  # noqa: E402
+from remux import Remux  # noqa: E402
+
+PLAIN_HOST = "10.66.0.1"
+WIDTHS = (-42, 11, -26, 6, 9, 6, 6)  # of the table's columns
+
+# What the page must hold, in ms.
+GLASS_BY_MSE = 80
+GLASS_BY_WEBCODECS = 60
+CREEP = 30
+COMMAND = 100
+JOYSTICK = 250
+
+
+def row(what, figure, limit, beside="", ratio=""):
+    """Prints a row; returns whether its limit holds."""
+    holds = figure <= limit
+    cells = (what, f"{figure:.1f} ms", beside, ratio, f"{limit} ms", "", "" if holds else "MISSED")
+    print("|", " | ".join(f"{cell:<{-width}}" if width < 0 else f"{cell:>{width}}"
+                          for cell, width in zip(cells, WIDTHS)), "|", flush=True)
+    return holds
+
+
+class Rig:
+    """A service, nimbus-web and a browser; `film` begins when it is asked for."""
+
+    def __init__(self, build):
+        self.build = build
+        self.ends = contextlib.ExitStack()
+        folder = pathlib.Path(self.ends.enter_context(tempfile.TemporaryDirectory()))
+        subprocess.run(["ip", "address", "replace", f"{PLAIN_HOST}/32", "dev", "lo"], check=True)
+        service = nimbus.Service(build / "nimbus", folder, "")
+        self.ends.callback(service.kill)
+        web = subprocess.Popen([build / "nimbus-web", "--service", "127.0.0.1",
+                                "--listen", "0.0.0.0:8080"])
+        self.ends.callback(web.wait)
+        self.ends.callback(web.terminate)
+        self.browser = Chromium()
+        self.ends.callback(self.browser.close)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.ends.close()
+
+
+def ages(browser, selector, samples):
+    found = [age for age in browser.ages(selector, samples) if age >= 0]
+    assert len(found) > 0.9 * samples, "the code in the picture cannot be read"
+    return found
+
+
+def glass(browser, address, samples):
+    """The median age of what the page shows, once it has settled."""
+    browser.open(address)
+    selector = browser.picture()
+    time.sleep(6)
+    return statistics.median(ages(browser, selector, samples))
+
+
+def remuxed(browser, samples):
+    """The same by the plain way."""
+    remux = Remux(PLAIN_HOST, 8090)
+    film = Film(remux.take)
+    try:
+        browser.open(remux.address)
+        browser.wait("return document.querySelector('video').readyState > 2", seconds=20)
+        time.sleep(6)
+        return statistics.median(ages(browser, "video", samples))
+    finally:
+        film.close()
+        remux.close()
+
+
+def measure_glass(rig, samples):
+    beside = remuxed(rig.browser, samples)
+    bridge = VideoBridge()
+    film = Film(bridge.take)
+    try:
+        mse = glass(rig.browser, f"http://{PLAIN_HOST}:8080/", samples)
+        codecs = glass(rig.browser, "http://127.0.0.1:8080/", samples)
+    finally:
+        film.close()
+        bridge.close()
+    text = f"{beside:.1f} ms, FFmpeg's remux"
+    return [row("glass to glass, Media Source Extensions", mse, GLASS_BY_MSE, text,
+                f"{mse / beside:.3f}"),
+            row("glass to glass, WebCodecs", codecs, GLASS_BY_WEBCODECS, text,
+                f"{codecs / beside:.3f}")]
+
+
+def measure_creep(rig, minutes):
+    """The last minute's median against the first one's."""
+    bridge = VideoBridge()
+    film = Film(bridge.take)
+    try:
+        rig.browser.open(f"http://{PLAIN_HOST}:8080/")
+        selector = rig.browser.picture()
+        time.sleep(6)
+        first = statistics.median(ages(rig.browser, selector, 500))
+        time.sleep(60 * minutes)
+        last = statistics.median(ages(rig.browser, selector, 500))
+    finally:
+        film.close()
+        bridge.close()
+    return [row(f"picture's creep in {minutes:g} minutes", max(0.0, last - first), CREEP,
+                f"{first:.1f} ms at first")]
+
+
+# Notes when the pointer pressed.
+PRESSED = "addEventListener('pointerup', () => { window.pressed = Date.now(); }, true);"
+
+
+def measure_command(rig, times=25):
+    """From the pointer on a word of a picker to the frame at the bridge."""
+    data = nimbus.Bridge(nimbus.DATA_PORT)
+    data.keep_sending(b"\0", 0.2)
+    browser = rig.browser
+    browser.open("http://127.0.0.1:8080/")
+    browser.wait("return !document.querySelector('#take').disabled")
+    browser.find("#take").click()
+    browser.wait("return document.body.dataset.driver === 'me'")
+    browser.find("#more").click()
+    browser.wait("return document.querySelector('dialog [data-word=\"jpg+raw\"]')")
+    browser.run(PRESSED)
+    data.socket.settimeout(5)
+    found = []
+    for number in range(times):
+        word = ("raw", "jpg")[number % 2]
+        # Moments that have no rhythm with the service's own.
+        time.sleep(0.1 + 0.013 * (number % 7))
+        browser.find(f"dialog [data-word='{word}']").click()
+        while (frame := data.socket.recv(2048))[9:11] != b"\x02\x16":
+            pass
+        arrived = time.time() * 1000
+        assert frame[11] == number % 2
+        found.append(arrived - browser.run("return window.pressed"))
+    data.close()
+    return [row("pointer to the frame at the bridge", statistics.median(found), COMMAND)]
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--build", type=pathlib.Path, default=ROOT / "build/release")
+    parser.add_argument("--creep", type=float, default=0, metavar="MINUTES")
+    parser.add_argument("--samples", type=int, default=400)
+    options = parser.parse_args()
+    with Rig(options.build.resolve()) as rig:
+        held = measure_glass(rig, options.samples)
+        held += measure_command(rig)
+        if options.creep:
+            held += measure_creep(rig, options.creep)
+    return 0 if all(held) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

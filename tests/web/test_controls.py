@@ -1,0 +1,249 @@
+"""Each control of the page, by pointer and by keyboard, against a camera that obeys and reports."""
+
+import time
+
+import pytest
+from selenium.webdriver.common.keys import Keys
+
+import nimbus
+
+
+@pytest.fixture
+def page(browser, camera, web):
+    """An open page that has heard of the camera."""
+    browser.open(web.address())
+    browser.wait("return [...document.querySelectorAll('#values .value')]"
+                 ".some((one) => !one.hidden && one.textContent.includes('ISO'))", seconds=20)
+    return browser
+
+
+def value(page, name):
+    """What the page shows under a name; None while it shows nothing."""
+    return page.run(
+        "const one = [...document.querySelectorAll('#values .value')].find((one) =>"
+        " one.querySelector('span').textContent === arguments[0]);"
+        "return one && !one.hidden ? one.querySelector('b').textContent : null", name)
+
+
+def wait_value(page, name, expected, seconds=5):
+    nimbus.wait_until(lambda: value(page, name) == expected, seconds, f"{name} {expected}")
+
+
+def open_picker(page, name):
+    page.run("[...document.querySelectorAll('#values button')].find((one) =>"
+             " one.querySelector('span').textContent === arguments[0]).click()", name)
+    page.wait("return document.querySelector('dialog[open]')")
+
+
+def close_dialog(page):
+    page.keys(Keys.ESCAPE)
+    page.wait("return !document.querySelector('dialog')")
+
+
+# The name of the value, the word in the picker, and what is reported then.
+PICKS = [
+    ("ISO", "800", "800"),
+    ("Shutter", "1/100", "1/100"),
+    ("EV", "-0.7", "−0.7"),
+    ("White bal.", "cloudy", "cloudy"),
+    ("Colour", "d-log", "d-log"),
+    ("Format", "3840x2160@25", "3840×2160 25"),
+    ("Exposure", "manual", "M"),
+    ("Photo", "jpg+raw", "JPG+RAW"),
+    ("Focus", "afs", "single"),
+]
+
+
+def test_pickers(page):
+    """Each picker sets its value, and the page shows what the camera then reports."""
+    for name, word, expected in PICKS:
+        open_picker(page, name)
+        page.button(word, "dialog").click()
+        wait_value(page, name, expected)
+        page.wait("return [...document.querySelectorAll('dialog button')].find((one) =>"
+                  " one.dataset.word === arguments[0])?.ariaPressed === 'true'", word)
+        close_dialog(page)
+    assert page.errors() == []
+
+
+def test_a_picker_by_keyboard(page):
+    page.run("[...document.querySelectorAll('#values button')].find((one) =>"
+             " one.querySelector('span').textContent === 'ISO').focus()")
+    page.keys(Keys.ENTER)
+    page.wait("return document.querySelector('dialog[open]')")
+    for _ in range(20):
+        page.keys(Keys.TAB)
+        if page.run("return document.activeElement.dataset.word === '1600'"):
+            break
+    page.keys(Keys.SPACE)
+    wait_value(page, "ISO", "1600")
+    close_dialog(page)
+    focused = page.run("return document.activeElement.textContent")
+    assert focused.startswith("ISO"), "the focus does not go back"
+
+
+def test_fields(page):
+    """What is written instead of chosen; nonsense is not sent."""
+    open_picker(page, "Aperture")
+    field = page.find("dialog input")
+    field.clear()
+    field.send_keys("4")
+    page.button("Set", "dialog").click()
+    wait_value(page, "Aperture", "f/4")
+    field.clear()
+    field.send_keys("-1")
+    page.button("Set", "dialog").click()
+    time.sleep(0.3)
+    assert value(page, "Aperture") == "f/4"
+    assert page.run("return !document.querySelector('dialog input').checkValidity()")
+
+
+def test_recording(page):
+    """A red border and a timer while the camera says that it records."""
+    page.find("#record").click()
+    page.wait("return document.body.classList.contains('recording')")
+    assert page.find("#record").get_attribute("aria-pressed") == "true"
+    page.wait("return /REC 00:0[1-9]/.test("
+              "document.querySelector('[data-chip=recording]').textContent)")
+    border = page.run("return getComputedStyle(document.querySelector('#stage'), '::after')"
+                      ".borderTopColor")
+    assert border == "rgb(255, 42, 32)"
+    page.find("#record").click()
+    page.wait("return !document.body.classList.contains('recording')")
+    assert page.run("return document.querySelector('[data-chip=recording]').hidden")
+
+
+def test_keys(page):
+    """Letters are commands wherever the focus is, but in a dialog."""
+    page.keys("r")
+    page.wait("return document.body.classList.contains('recording')")
+    page.keys("r")
+    page.wait("return !document.body.classList.contains('recording')")
+    page.keys("l")
+    page.wait("return document.querySelector('#lock').ariaPressed === 'true'")
+    page.keys("l")
+    page.wait("return document.querySelector('#lock').ariaPressed === 'false'")
+    page.run("document.activeElement.blur()")
+    page.keys(Keys.SPACE)
+    page.wait("return document.body.classList.contains('recording')")
+    page.keys(Keys.SPACE)
+    page.wait("return !document.body.classList.contains('recording')")
+    page.keys("?")
+    page.wait("return document.querySelector('dialog[open]')?.ariaLabel === 'Help'")
+    page.keys("r")
+    time.sleep(0.3)
+    assert not page.run("return document.body.classList.contains('recording')")
+    close_dialog(page)
+
+
+def test_gimbal_centre(page):
+    """The attitude follows the gimbal; c brings it back."""
+    page.wait("return !document.querySelector('#attitude').hidden")
+    stick = page.find("#stick")
+    page.actions.move_to_element(stick).click_and_hold().move_by_offset(60, 0).perform()
+    page.wait("return parseInt(document.querySelector('#pan').textContent.slice(4)) > 3")
+    page.actions.release().perform()
+    page.keys("c")
+    page.wait("return document.querySelector('#pan').textContent === 'pan 0°'")
+
+
+def test_tap_to_focus(page):
+    picture = page.find("#touch")
+    box = picture.rect
+    page.actions.move_to_element_with_offset(
+        picture, int(box["width"] * 0.1), int(-box["height"] * 0.1)).click().perform()
+    page.wait("return !document.querySelector('#focus').hidden")
+    # The simulated camera reports the point as its focus values, and that it focuses once.
+    wait_value(page, "Focus", "single")
+
+
+def test_drag_to_track(page):
+    picture = page.find("#touch")
+    page.actions.move_to_element_with_offset(picture, -40, -40).click_and_hold() \
+        .move_by_offset(80, 60).perform()
+    assert not page.run("return document.querySelector('#drag').hidden")
+    page.actions.release().perform()
+    page.wait("return !document.querySelector('#tracking').hidden")
+    frame = page.run("const box = document.querySelector('#tracking').getBoundingClientRect();"
+                     "return [box.width, box.height]")
+    assert abs(frame[0] - 80) < 6 and abs(frame[1] - 60) < 6, frame
+    page.keys("t")
+    page.wait("return document.querySelector('#tracking').hidden", seconds=6)
+
+
+def test_what_erases_asks_first(page):
+    page.find("#more").click()
+    page.wait("return document.querySelector('dialog[open]')")
+    page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
+    page.button("format-card", "dialog").click()
+    page.wait("return document.querySelector('dialog[role=alertdialog]')")
+    assert page.run("return document.activeElement.textContent") == "Cancel"
+    page.keys(Keys.ENTER)
+    page.wait("return !document.querySelector('dialog[role=alertdialog]')")
+    time.sleep(0.2)
+    assert "format-card" not in page.run("return document.querySelector('#toasts').textContent")
+    page.button("format-card", "dialog").click()
+    page.button("format-card", "dialog[role=alertdialog]").click()
+    page.wait("return document.querySelector('#toasts').textContent.includes('format-card: sent')")
+
+
+def test_a_camera_that_does_not_follow(page, camera):
+    """What was clicked is not shown; that the camera did not follow is said after 2 s."""
+    before = value(page, "Aperture")
+    open_picker(page, "Aperture")
+    field = page.find("dialog input")
+    field.clear()
+    field.send_keys("200")  # no lens does that, and the simulated camera says no
+    page.button("Set", "dialog").click()
+    page.wait("return document.querySelector('#alerts').textContent.includes("
+              "'did not follow within 2 s')", seconds=6)
+    assert value(page, "Aperture") == before
+
+
+def test_all_commands_are_there(page, build):
+    """Everything that nimbusctl can say."""
+    table = page.wait("return fetch('/api/commands').then((answer) => answer.json())")
+    page.find("#more").click()
+    page.wait("return document.querySelector('dialog[open]')")
+    shown = page.run("return [...document.querySelectorAll('dialog h3')].map((one) =>"
+                     " one.textContent)")
+    assert sorted(shown) == sorted(row["help"] for row in table["commands"])
+    assert len(shown) > 30
+
+
+def test_settings(page, standins):
+    """A setting is saved on the card; what it restarts is said before."""
+    page.find("#settings").click()
+    page.wait("return document.querySelector('dialog[open] [aria-label=\"Bits a second\"]')")
+    field = page.find("[aria-label='Bits a second']")
+    assert "Restarts" in page.run(
+        "return document.querySelector('[aria-label=\"Bits a second\"]').form.textContent")
+    page.run("arguments[0].value = ''", field)
+    field.send_keys("2000000")
+    page.button("Set Bits a second", "dialog").click()
+    page.wait("return document.querySelector('#toasts').textContent.includes("
+              "'video_bitrate: saved')")
+    assert ["killall", "-q", "rtsp-server", "gst-launch-1.0"] in standins.calls("killall")
+
+
+def test_channel_map(page):
+    page.find("#settings").click()
+    page.wait("return document.querySelector('dialog[open] .channels')")
+    page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true));"
+             "document.querySelector('[aria-label=\"Channel 3 drives\"]').value = 'record'")
+    page.button("Save the channels", "dialog").click()
+    page.wait("return document.querySelector('#toasts').textContent.includes('rcin_map: saved')")
+
+
+def test_pass_phrases_are_write_only(page):
+    page.find("#settings").click()
+    page.wait("return document.querySelector('dialog[open] fieldset')")
+    page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
+    field = page.find("[aria-label='Wi-Fi: Pass phrase']")
+    assert field.get_attribute("type") == "password" and field.get_attribute("value") == ""
+    field.send_keys("a secret of the house")
+    page.button("Save the networks", "dialog").click()
+    page.button("Change", "dialog[role=alertdialog]").click()
+    page.wait("return document.querySelector('#toasts').textContent.includes('wifi: sent')")
+    assert "a secret" not in page.run(
+        "return fetch('/api/state').then((answer) => answer.text())")

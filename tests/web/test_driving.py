@@ -1,0 +1,308 @@
+"""Steering with the page, and every way to let go: what counts is what comes out at the bridge."""
+
+import os
+import signal
+import struct
+import subprocess
+import threading
+import time
+
+import pytest
+
+import nimbus
+from chromium import Chromium
+from conftest import PLAIN_HOST
+
+STOPS_WITHIN = 0.4  # s from letting go to the last frame that is not zero
+
+
+class Gimbal:
+    """The bridge's end: what speeds reach the gimbal, and when."""
+
+    def __init__(self):
+        self.bridge = nimbus.Bridge(nimbus.DATA_PORT)
+        self.bridge.keep_sending(b"\0", 0.2)
+        self.speeds = []  # (wall clock, (pan, roll, tilt))
+        threading.Thread(target=self._listen, daemon=True).start()
+
+    def _listen(self):
+        while True:
+            try:
+                data = self.bridge.socket.recv(2048)
+            except OSError:
+                return
+            if len(data) == 20 and data[9:11] == b"\x04\x0c":
+                self.speeds.append((time.time(), struct.unpack_from("<3h", data, 11)))
+
+    def moves(self, since=0.0):
+        return [speed for at, speed in self.speeds if any(speed) and at > since]
+
+    def wait_moves(self):
+        start = time.time()
+        nimbus.wait_until(lambda: len(self.moves(start)) > 3, 10, "a movement")
+
+    def wait_rest(self, let_go):
+        """Waits until nothing moves; the last movement must not be later than allowed after the
+        moment of letting go, and a frame of zeros must follow it."""
+        nimbus.wait_until(lambda: self.speeds and not any(self.speeds[-1][1]), 5, "the rest")
+        time.sleep(0.3)
+        at = max(at for at, speed in self.speeds if any(speed))
+        assert not any(self.speeds[-1][1])
+        late = at - let_go
+        print(f"moved on for {1000 * late:.0f} ms")
+        assert late < nimbus.limit(STOPS_WITHIN), late
+
+    def close(self):
+        self.bridge.close()
+
+
+@pytest.fixture
+def gimbal(service):
+    made = Gimbal()
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def page(browser, gimbal, web):
+    """An open page that nobody drives from."""
+    browser.open(web.address())
+    browser.wait("return document.querySelector('#who').textContent === 'Nobody drives' &&"
+                 " !document.querySelector('#take').disabled")
+    return browser
+
+
+# Notes the first moment of each kind of event, before the page's own listeners.
+NOTES = """
+window.noted = {};
+for (const kind of ["pointerup", "pointercancel", "blur", "keyup"]) {
+  addEventListener(kind, () => { window.noted[kind] ??= Date.now() / 1000; }, true);
+}
+"""
+
+
+def hold_stick(browser, selector="#stick", right=40, down=0):
+    browser.run(NOTES)
+    stick = browser.find(selector)
+    browser.actions.move_to_element(stick).click_and_hold().move_by_offset(right, down).perform()
+
+
+def noted(browser, kind):
+    return browser.wait("return window.noted[arguments[0]]", kind)
+
+
+def test_release(page, gimbal):
+    hold_stick(page)
+    gimbal.wait_moves()
+    pan, roll, tilt = gimbal.moves()[-1]
+    assert 0 < pan <= 1000 and roll == 0 and tilt == 0
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
+    assert page.run("return document.querySelector('#who').textContent") == "You drive"
+
+
+def test_up_is_up_and_roll_is_roll(page, gimbal):
+    hold_stick(page, down=-40, right=0)
+    gimbal.wait_moves()
+    pan, roll, tilt = gimbal.moves()[-1]
+    assert (pan, roll) == (0, 0) and tilt > 0
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
+    hold_stick(page, "#rollstick")
+    gimbal.wait_moves()
+    pan, roll, tilt = gimbal.moves()[-1]
+    assert (pan, tilt) == (0, 0) and roll > 0
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
+
+
+def test_pointer_cancelled(page, gimbal):
+    """A call comes in, the system takes the finger."""
+    page.run(NOTES)
+    box = page.find("#stick").rect
+    x, y = box["x"] + box["width"] / 2, box["y"] + box["height"] / 2
+    page.cdp("Emulation.setTouchEmulationEnabled", enabled=True)
+    try:
+        page.cdp("Input.dispatchTouchEvent", type="touchStart", touchPoints=[{"x": x, "y": y}])
+        page.cdp("Input.dispatchTouchEvent", type="touchMove", touchPoints=[{"x": x, "y": y - 50}])
+        gimbal.wait_moves()
+        page.cdp("Input.dispatchTouchEvent", type="touchCancel", touchPoints=[])
+        gimbal.wait_rest(noted(page, "pointercancel"))
+    finally:
+        page.cdp("Emulation.setTouchEmulationEnabled", enabled=False)
+
+
+def test_window_loses_the_focus(page, gimbal):
+    hold_stick(page)
+    gimbal.wait_moves()
+    page.run("dispatchEvent(new Event('blur'))")
+    gimbal.wait_rest(noted(page, "blur"))
+    page.actions.release().perform()
+
+
+def test_hidden_tab(page, gimbal):
+    """Another tab comes to the front."""
+    hold_stick(page)
+    gimbal.wait_moves()
+    own = page.driver.current_window_handle
+    let_go = time.time()
+    page.driver.switch_to.new_window("tab")
+    try:
+        gimbal.wait_rest(let_go + 0.3)  # a tab is not made at once
+    finally:
+        page.driver.close()
+        page.driver.switch_to.window(own)
+        page.actions.release().perform()
+
+
+def test_closed_tab(page, gimbal):
+    own = page.driver.current_window_handle
+    address = page.driver.current_url
+    page.driver.switch_to.new_window("tab")
+    try:
+        page.open(address)
+        page.wait("return !document.querySelector('#take').disabled")
+        hold_stick(page)
+        gimbal.wait_moves()
+        let_go = time.time()
+    finally:
+        page.driver.close()
+        page.driver.switch_to.window(own)
+    gimbal.wait_rest(let_go)
+
+
+def test_busy_page(page, gimbal):
+    """The page's thread does nothing for a second: the server notices."""
+    hold_stick(page)
+    gimbal.wait_moves()
+    busy = page.run("const start = Date.now(); while (Date.now() - start < 1000); return start")
+    at = busy / 1000
+    between = [t for t, speed in gimbal.speeds if any(speed) and at + STOPS_WITHIN < t < at + 0.95]
+    assert not between, f"moved {between[-1] - at:.3f} s after the page had stopped"
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
+
+
+@pytest.fixture
+def own_page(gimbal, web, chromiums):
+    """A page in a browser that will not survive the test."""
+    made = chromiums()
+    made.open(web.address())
+    made.wait("return !document.querySelector('#take').disabled")
+    return made
+
+
+def browser_process(browser: Chromium):
+    """The browser's own process: the driver's child."""
+    rows = subprocess.run(["ps", "-o", "pid=", "--ppid", str(browser.pid)], check=True,
+                          capture_output=True, text=True).stdout.split()
+    return int(rows[0])
+
+
+def test_killed_browser(own_page, gimbal):
+    hold_stick(own_page)
+    gimbal.wait_moves()
+    let_go = time.time()
+    os.kill(browser_process(own_page), signal.SIGKILL)
+    gimbal.wait_rest(let_go)
+
+
+def test_pulled_cable(page, gimbal, plain_host):
+    """The network between browser and board swallows everything."""
+    hold_stick(page)
+    gimbal.wait_moves()
+    let_go = time.time()
+    try:
+        subprocess.run(["ip", "address", "del", f"{PLAIN_HOST}/32", "dev", "lo"], check=True)
+        gimbal.wait_rest(let_go)
+    finally:
+        subprocess.run(["ip", "address", "replace", f"{PLAIN_HOST}/32", "dev", "lo"], check=True)
+        page.actions.release().perform()
+
+
+def test_arrow_keys(page, gimbal):
+    """For as long as they are down; two at a time are a diagonal."""
+    from selenium.webdriver.common.keys import Keys
+    page.run(NOTES)
+    page.actions.key_down(Keys.ARROW_LEFT).key_down(Keys.ARROW_UP).perform()
+    gimbal.wait_moves()
+    pan, _, tilt = gimbal.moves()[-1]
+    assert pan < 0 < tilt
+    page.actions.key_up(Keys.ARROW_LEFT).key_up(Keys.ARROW_UP).perform()
+    gimbal.wait_rest(time.time() if not page.run("return window.noted.keyup")
+                     else page.run("return window.noted.keyup") + 0.05)
+
+
+# A pad whose axes the test moves; browsers have no other way to be given one.
+PAD = """
+window.pad = { index: 0, connected: true, axes: [0, 0, 0, 0], buttons: [], timestamp: 1,
+  mapping: "standard", id: "pad" };
+navigator.getGamepads = () => [window.pad];
+const event = new Event("gamepadconnected");
+event.gamepad = window.pad;
+dispatchEvent(event);
+window.push = (pan, tilt) => { pad.axes = [pan, tilt, 0, 0]; pad.timestamp += 1; };
+window.tremble = setInterval(() => { if (!window.frozen) pad.timestamp += 1; }, 10);
+"""
+
+
+def test_gamepad(page, gimbal):
+    page.run(PAD)
+    time.sleep(0.2)
+    page.run("push(0.8, 0)")
+    gimbal.wait_moves()
+    let_go = time.time()
+    page.run("pad.connected = false")
+    gimbal.wait_rest(let_go + 0.1)
+
+
+def test_gamepad_that_froze(page, gimbal):
+    """After a lost radio link browsers go on with the last axes: nothing moves by them before the
+    stick was at rest."""
+    page.run(PAD.replace("axes: [0, 0, 0, 0]", "axes: [0.9, 0, 0, 0]"))
+    time.sleep(0.5)
+    assert not gimbal.moves()
+    page.run("push(0, 0)")
+    time.sleep(0.2)
+    page.run("push(0.6, 0)")
+    gimbal.wait_moves()
+    page.run("window.frozen = true")
+    nimbus.wait_until(lambda: not any(gimbal.speeds[-1][1]), 8, "rest of a silent pad")
+
+
+def test_maximum_and_curve(page, gimbal):
+    """The operator's maximum holds at the gimbal, and is remembered by the browser."""
+    page.run("localStorage.setItem('nimbus.feel', '{\"most\":0.2,\"curve\":0}')")
+    page.driver.refresh()
+    page.wait("return !document.querySelector('#take').disabled")
+    hold_stick(page, right=90)
+    gimbal.wait_moves()
+    assert {abs(pan) for pan, _, _ in gimbal.moves()[-3:]} == {200}
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
+
+
+def test_two_browsers_and_one_lease(page, gimbal, web, chromiums):
+    """One drives, the other sees who, asks, and gets it by consent."""
+    other = chromiums()
+    other.open(web.address())
+    other.wait("return !document.querySelector('#take').disabled")
+    hold_stick(page)
+    gimbal.wait_moves()
+    other.wait("return document.querySelector('#who').textContent.endsWith(' drives') &&"
+               " document.querySelector('#take').textContent === 'Ask'")
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
+    start = time.time()
+    hold_stick(other)
+    other.wait("return document.querySelector('#alerts').textContent.includes('Ask for control')")
+    other.actions.release().perform()
+    assert not gimbal.moves(start), "moved without the lease"
+    other.find("#take").click()
+    page.button("Hand over", "dialog").click()
+    other.wait("return document.querySelector('#who').textContent === 'You drive'")
+    page.wait("return document.body.dataset.driver === 'other'")
+    hold_stick(other)
+    gimbal.wait_moves()
+    other.actions.release().perform()
+    gimbal.wait_rest(noted(other, "pointerup"))

@@ -1,0 +1,272 @@
+"""The page itself: its size, its first moment, what screen readers are told, contrast, and that
+nothing lies outside of a screen or over something else."""
+
+import re
+import time
+import urllib.request
+
+import pytest
+
+import nimbus
+
+SIZES = [(360, 640), (390, 844), (844, 390), (768, 1024), (1920, 1080), (3840, 2160)]
+THEMES = [True, False]
+
+
+@pytest.fixture
+def page(browser, camera, web, film):
+    """An open page with everything on it."""
+    browser.open(web.address())
+    browser.picture()
+    browser.wait("return [...document.querySelectorAll('#values .value')]"
+                 ".filter((one) => !one.hidden).length > 8 &&"
+                 " !document.querySelector('#attitude').hidden", seconds=20)
+    return browser
+
+
+def served(web, path):
+    with urllib.request.urlopen(web.address().rstrip("/") + path, timeout=5) as answer:
+        return answer.headers, answer.read()
+
+
+def modules_of(text):
+    """What a file names that the browser loads with it, and what it loads only when needed."""
+    once = re.findall(r'(?:src|href)="(/[\w/.-]+)"|from "\./([\w.-]+)"', text)
+    later = re.findall(r'import\("\./([\w.-]+)"\)', text)
+    return [path or f"/page/{name}" for path, name in once], [f"/page/{name}" for name in later]
+
+
+def test_weight(web):
+    """100 kB for the first load, 150 kB in all."""
+    sizes, first = {}, set()
+    waiting = [("/", True)]
+    while waiting:
+        path, at_once = waiting.pop()
+        if at_once:
+            first.add(path)
+        if path in sizes:
+            continue
+        body = served(web, path)[1]
+        sizes[path] = len(body)
+        now, later = modules_of(body.decode())
+        waiting += [(name, at_once) for name in now] + [(name, False) for name in later]
+    assert len(sizes) > 20
+    assert sum(sizes[path] for path in first) < 100_000, sizes
+    assert sum(sizes.values()) < 150_000, sizes
+
+
+def test_policy(web):
+    """Nothing from elsewhere, and no script or style within the page."""
+    headers, body = served(web, "/")
+    policy = headers["Content-Security-Policy"]
+    assert "default-src 'self'" in policy and "unsafe" not in policy
+    text = body.decode()
+    assert not re.search(r"<style|style=|<script>|javascript:|\son\w+=", text)
+    assert not re.search(r'(?:src|href)="(?!/|#)', text)
+
+
+def test_first_moment(browser, web, film):
+    """Painted soon, and nothing jumps afterwards."""
+    browser.open(web.address())
+    browser.run("window.shift = 0; new PerformanceObserver((list) => list.getEntries().forEach("
+                "(one) => { window.shift += one.value; }))"
+                ".observe({ type: 'layout-shift', buffered: true })")
+    browser.picture()
+    browser.open(web.address())
+    browser.run("window.shift = 0; new PerformanceObserver((list) => list.getEntries().forEach("
+                "(one) => { window.shift += one.value; }))"
+                ".observe({ type: 'layout-shift', buffered: true })")
+    painted = browser.wait("return performance.getEntriesByName('first-paint')[0]?.startTime")
+    assert painted < nimbus.limit(500), painted
+    browser.picture()
+    time.sleep(0.5)
+    assert browser.run("return window.shift") < 0.01
+    elsewhere = browser.run("return performance.getEntriesByType('resource').map((one) => one.name)"
+                            ".filter((name) => !name.startsWith(location.origin))")
+    assert elsewhere == []
+
+
+def test_nothing_unreported_is_shown(browser, service, web):
+    """Without a camera the page says so, and makes no value up."""
+    browser.open(web.address())
+    browser.wait("return !document.querySelector('#take').disabled")
+    time.sleep(1.5)
+    assert browser.run("return [...document.querySelectorAll('#values .value')]"
+                       ".filter((one) => !one.hidden).length") == 0
+    assert browser.run("return document.querySelector('#attitude').hidden")
+    assert browser.run("return document.querySelector('#stale').textContent") == \
+        "No video arrives at the board."
+    shown = browser.run("return [...document.querySelectorAll('.chip')].filter((one) =>"
+                        " !one.hidden).map((one) => one.dataset.chip)")
+    assert set(shown) <= {"camera", "video", "viewers"}, shown
+
+
+def test_old_reports_are_dimmed(page, camera):
+    camera.kill()
+    page.wait("return [...document.querySelectorAll('#values .value.stale')].some((one) =>"
+              " /since \\d+ s/.test(one.textContent))", seconds=10)
+
+
+# --- What is where -------------------------------------------------------------------------------
+
+# The boxes of what can be pressed, those that are cut off, and pairs that lie over each other.
+LAYOUT = """
+const controls = [...document.querySelectorAll("button, #stick, #rollstick")].filter((one) =>
+  one.checkVisibility() && !one.closest("#values, #state, dialog"));
+const boxes = controls.map((one) => [one.id, one.getBoundingClientRect()]);
+const out = boxes.filter(([, box]) => box.left < 0 || box.top < 0 || box.right > innerWidth + 0.5
+  || box.bottom > innerHeight + 0.5 || box.width < 36 || box.height < 36).map(([id]) => id);
+const over = [];
+boxes.forEach(([a, one], i) => boxes.slice(i + 1).forEach(([b, two]) => {
+  if (one.left < two.right - 1 && two.left < one.right - 1 && one.top < two.bottom - 1
+    && two.top < one.bottom - 1) over.push(`${a}/${b}`);
+}));
+const wide = document.documentElement.scrollWidth > innerWidth;
+return { out, over, wide, count: boxes.length };
+"""
+
+
+@pytest.mark.parametrize("size", SIZES, ids=lambda size: f"{size[0]}x{size[1]}")
+def test_layout(page, size):
+    page.show(size)
+    time.sleep(0.3)
+    found = page.run(LAYOUT)
+    assert found["count"] > 10
+    assert (found["out"], found["over"], found["wide"]) == ([], [], False)
+    picture = page.run("const box = document.querySelector('#picture').getBoundingClientRect();"
+                       "return [box.width, box.height]")
+    # Edge to edge: it touches both sides, or top and bottom.
+    assert abs(picture[0] - size[0]) < 2 or abs(picture[1] - size[1]) < 2, picture
+    assert abs(picture[0] / picture[1] - 16 / 9) < 0.02
+
+
+# Every text that is seen, with its contrast to what is behind it. Grounds that are see-through are
+# laid over white and over black, whichever is worse.
+CONTRAST = """
+const parse = (text) => { const n = text.match(/[\\d.]+/g).map(Number);
+  return [n[0], n[1], n[2], n[3] ?? 1]; };
+const over = ([r, g, b, a], [x, y, z]) =>
+  [r * a + x * (1 - a), g * a + y * (1 - a), b * a + z * (1 - a)];
+const light = (rgb) => { const [r, g, b] = rgb.map((c) => { c /= 255;
+  return c <= 0.03928 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4; });
+  return 0.2126 * r + 0.7152 * g + 0.0722 * b; };
+const ratio = (a, b) => { const [x, y] = [light(a), light(b)].sort((m, n) => n - m);
+  return (x + 0.05) / (y + 0.05); };
+const overPicture = innerWidth >= innerHeight;
+function grounds(element) {
+  const layers = [];
+  for (let one = element; one; one = one.parentElement) {
+    const colour = parse(getComputedStyle(one).backgroundColor);
+    if (colour[3] > 0) layers.push(colour);
+    if (colour[3] === 1) break;
+    if (one.id === "stage" || (one.tagName === "MAIN" && overPicture)) {
+      return [[255, 255, 255], [0, 0, 0]].map((base) =>
+        layers.reduceRight((below, layer) => over(layer, below), base));
+    }
+  }
+  return [layers.reduceRight((below, layer) => over(layer, below), [255, 255, 255])];
+}
+const bad = [];
+let count = 0;
+const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+for (let node; (node = walker.nextNode());) {
+  const element = node.parentElement;
+  if (!node.data.trim() || !element.checkVisibility({ checkVisibilityCSS: true })) continue;
+  if (element.closest("noscript, option, .hidden")) continue;
+  count += 1;
+  const style = getComputedStyle(element);
+  const worst = Math.min(...grounds(element).map((ground) =>
+    ratio(over(parse(style.color), ground), ground)));
+  if (worst < 4.5) bad.push(`${node.data.trim()}: ${worst.toFixed(2)}`);
+}
+return { bad, count };
+"""
+
+
+@pytest.mark.parametrize("dark", THEMES, ids=["dark", "light"])
+def test_contrast(page, dark):
+    for size in ((360, 640), (1920, 1080)):
+        page.show(size, dark)
+        time.sleep(0.2)
+        for opened in (None, "#settings", "#help", "#more"):
+            if opened:
+                page.run("document.querySelector(arguments[0]).click()", opened)
+                page.wait("return document.querySelector('dialog[open]')")
+                page.run("document.querySelectorAll('dialog details').forEach("
+                         "(one) => (one.open = true))")
+            found = page.run(CONTRAST)
+            assert found["count"] > 10 and found["bad"] == [], (size, opened, found["bad"])
+            page.run("document.querySelector('dialog')?.close()")
+            page.wait("return !document.querySelector('dialog')")
+
+
+def test_theme_is_chosen_and_kept(page):
+    page.keys("d")
+    page.wait("return document.documentElement.dataset.theme === 'light'")
+    page.driver.refresh()
+    assert page.run("return document.documentElement.dataset.theme") == "light"
+
+
+# --- What screen readers are told ----------------------------------------------------------------
+
+# Roles of what can be operated.
+OPERATED = {"button", "checkbox", "switch", "slider", "combobox", "textbox", "spinbutton", "link",
+            "DisclosureTriangle", "searchbox"}
+
+
+def operated(page):
+    """What can be operated, as (role, name, properties), from the tree that the browser builds."""
+    nodes = page.cdp("Accessibility.getFullAXTree")["nodes"]
+    found = []
+    for node in nodes:
+        role = node.get("role", {}).get("value")
+        if node.get("ignored") or role not in OPERATED:
+            continue
+        properties = {one["name"]: one["value"].get("value") for one in node.get("properties", [])}
+        found.append((role, node.get("name", {}).get("value", ""), properties))
+    return found
+
+
+@pytest.mark.parametrize("opened", [None, "#settings", "#help", "#more"])
+def test_accessibility_tree(page, opened):
+    """Every control has a role, a name and, where it has one, a state."""
+    if opened:
+        page.find(opened).click()
+        page.wait("return document.querySelector('dialog[open]')")
+        page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
+    controls = operated(page)
+    assert len(controls) > 4
+    assert [one for one in controls if not one[1].strip()] == []
+    states = {"checkbox": "checked", "switch": "checked", "DisclosureTriangle": "expanded"}
+    for role, name, properties in controls:
+        if role in states:
+            assert states[role] in properties, (role, name, properties)
+    if opened is None:
+        names = {name for _, name, _ in controls}
+        assert {"Record", "Take a photo", "Pan and tilt", "Roll", "Settings"} <= names
+        pressed = {name for _, name, properties in controls if "pressed" in properties}
+        assert {"Record", "Lock the orientation"} <= pressed
+
+
+def test_live_regions(page):
+    """What happens is spoken: politely what went well, at once what did not."""
+    assert page.run("return document.querySelector('#toasts').getAttribute('aria-live')") == \
+        "polite"
+    for selector, role in (("#alerts", "alert"), ("#stale", "status"), ("#who", "status")):
+        assert page.find(selector).get_attribute("role") == role
+
+
+def test_keyboard_reaches_everything(page):
+    """The Tab key comes by every control, and what has the focus can be seen."""
+    from selenium.webdriver.common.keys import Keys
+    wanted = set(page.run("return [...document.querySelectorAll('button, [tabindex]')].filter("
+                          "(one) => one.checkVisibility() && !one.disabled).map((one) =>"
+                          " one.id || one.textContent)"))
+    reached = set()
+    page.run("document.activeElement.blur()")
+    for _ in range(len(wanted) + 5):
+        page.keys(Keys.TAB)
+        reached.add(page.run("const one = document.activeElement; return one.id || one.textContent"))
+        assert page.run("return document.activeElement === document.body ||"
+                        " getComputedStyle(document.activeElement).outlineStyle !== 'none'")
+    assert wanted <= reached, wanted - reached
