@@ -34,8 +34,8 @@ function card(state) {
 }
 
 function loss(state) {
-  const part = state.get("video", "loss");
-  if (part === undefined) return null;
+  const { connected: on, loss: part } = state.group("video");
+  if (!on || part === undefined) return null; // nothing can be lost
   const text = `${(100 * part).toFixed(part < 0.1 ? 1 : 0)} %`;
   return part > 0.005 ? no(text) : plain(text);
 }
