@@ -13,6 +13,7 @@
 #include "config/commands.h"
 #include "config/config.h"
 #include "config/loader.h"
+#include "config/writer.h"
 #include "control/control.h"
 #include "control/rc_map.h"
 #include "control/speed_mixer.h"
@@ -45,7 +46,9 @@ void show_splash(DisplayRegion& display) {
 /// Without its file the service goes on with zeroed settings: that way it can still be reached.
 void load_config() {
   log_text("Loading config file... ");
-  log_text(config_load(parse_rc_input_map) == 0 ? "done\n" : "failed\n");
+  const bool loaded = config_load(parse_rc_input_map) == 0;
+  log_text(loaded ? "done\n" : "failed\n");
+  if (!loaded) config_is_not_the_cards();
   config_get()->service_version.assign(version_text("").data());
 }
 

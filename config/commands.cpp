@@ -15,6 +15,7 @@
 #include "base/shell.h"
 #include "base/text_builder.h"
 #include "base/word_table.h"
+#include "config/card.h"
 #include "config/config.h"
 #include "config/fields.h"
 #include "config/hdmi_modes.h"
@@ -300,10 +301,12 @@ void scan_networks(const Arguments& arguments) {
 }
 
 void recalibrate_receiver() {
-  run_shell("mount -o rw,remount /boot");
-  run_shell("rm -f /boot/rcin.cal");
-  run_shell("umount /boot");
-  run_shell("mount /boot");
+  {
+    const CardChange card;
+    card.make_writable();
+    run_shell("rm -f /boot/rcin.cal");
+    card.mount_afresh();
+  }
   run_shell(kEndRcReader);
 }
 

@@ -2,18 +2,18 @@
 // working copy, which the loader reads at the next start, has plain line ends.
 #include "config/writer.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string_view>
 
 #include "base/log.h"
 #include "base/shell.h"
 #include "base/text_builder.h"
-#include "base/unique_fd.h"
+#include "base/whole_file.h"
+#include "config/card.h"
 #include "config/config.h"
 #include "config/fields.h"
 
@@ -135,6 +135,11 @@ constexpr std::array<Block, kConfigFieldCount> kBlocks{{
 #define CARD_FILE "/boot/tervado-nimbus.conf"
 #define WORKING_COPY "/run/tervado.conf"
 
+// There as long as the start step has not taken the settings from the card.
+constexpr const char* kCardUnread = "/run/tervado.card-unread";
+// What the card had then, behind the name of its file.
+constexpr const char* kKeptSuffix = ".kept";
+
 // Comments, keys and the longest value of every field together are half of this.
 constexpr std::size_t kFileSize = 16'384;
 
@@ -156,7 +161,9 @@ void add_value(TextBuilder& file, const ConfigField& field, Config& config) {
   }
   const std::string_view quote = field.kind == FieldKind::quoted_text ? "\"" : "";
   std::array<char, kLongestConfigText> text;
-  file.add(quote).add(field.text(config).copy_to(text)).add(quote);
+  const std::string_view value = field.text(config).copy_to(text);
+  // A line end in a value would begin a line of its own, with any key.
+  file.add(quote).add(value.substr(0, value.find_first_of("\r\n"))).add(quote);
 }
 
 void build_file(TextBuilder& file, Config& config) {
@@ -169,29 +176,45 @@ void build_file(TextBuilder& file, Config& config) {
   }
 }
 
-bool write_file(std::string_view text) {
-  const UniqueFd fd(open(CARD_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-  if (!fd) return false;
-  // A write that fails is not noticed: there is nobody to tell, and the next save tries again.
-  [[maybe_unused]] const auto written = write(fd.get(), text.data(), text.size());
+// --- The card -----------------------------------------------------------------------------------
+
+bool config_unread = false;
+
+// The last file on the card that is this service's own. Whoever changes the card.
+std::array<char, kFileSize> saved;
+std::size_t saved_length = 0;
+
+/// The settings that no start could read are not lost for those that the service has in their
+/// place.
+bool keep_unread_settings() {
+  if (!config_unread && access(kCardUnread, F_OK) != 0) return true;
+  if (saved_length > 0 && file_holds(CARD_FILE, {saved.data(), saved_length})) return true;
+  return keep_copy(CARD_FILE, kKeptSuffix);
+}
+
+/// False when the file cannot be opened. That there is no room for it is not noticed: there is
+/// nobody to tell, the former settings stay, and the next save tries again.
+bool write_card_file(std::string_view text) {
+  if (!keep_unread_settings()) return true;
+  const Replaced replaced = replace_file(CARD_FILE, text);
+  if (replaced != Replaced::whole) return replaced != Replaced::refused;
+  saved_length = text.copy(saved.data(), saved.size());
   return true;
 }
 
 }  // namespace
 
+void config_is_not_the_cards() noexcept { config_unread = true; }
+
 int config_save() noexcept {
-  // The control thread and the RC thread may save at a time. One save must not find the partition
-  // that the other has just unmounted, nor make its copy of a file half written.
-  static std::mutex saving;
-  const std::lock_guard lock(saving);
+  const CardChange card;
   log_text("Save config\n");
-  run_shell("mount -o rw,remount /boot");
+  card.make_writable();
   std::array<char, kFileSize> buffer;
   TextBuilder file(buffer);
   build_file(file, *config_get());
-  if (!write_file(file.view())) return -1;
-  run_shell("umount /boot");
-  run_shell("mount /boot");
+  if (!write_card_file(file.view())) return -1;
+  card.mount_afresh();
   return run_shell("cat " CARD_FILE " | sed 's/\\r$//' > " WORKING_COPY);
 }
 

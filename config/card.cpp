@@ -1,0 +1,24 @@
+#include "config/card.h"
+
+#include <mutex>
+
+#include "base/shell.h"
+
+namespace nimbus {
+namespace {
+
+std::mutex changing;
+
+}  // namespace
+
+CardChange::CardChange() noexcept { changing.lock(); }
+CardChange::~CardChange() { changing.unlock(); }
+
+void CardChange::make_writable() const noexcept { run_shell("mount -o rw,remount /boot"); }
+
+void CardChange::mount_afresh() const noexcept {
+  run_shell("umount /boot");
+  run_shell("mount /boot");
+}
+
+}  // namespace nimbus
