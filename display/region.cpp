@@ -13,12 +13,28 @@ namespace nimbus {
 namespace {
 
 constexpr const char* kName = "/hud_mem";
+constexpr off_t kSize = sizeof(DisplayRegion);
+
+// Together 100 ms: more than any process takes from one call to the next.
+constexpr int kLooks = 20;
+constexpr useconds_t kPauseUs = 5000;
 
 DisplayRegion* region = nullptr;
 
 DisplayRegion* refuse(const char* reason) {
   log_text("Cannot map shared memory %s: %s\n", kName, reason);
   return nullptr;
+}
+
+/// The size of the object, once it is large enough: a sibling process makes it first and sizes it
+/// then, and may be between the two. What it is when the patience is over; -1 for an error.
+off_t settled_size(const UniqueFd& fd) {
+  struct stat status {};
+  for (int look = 0;; ++look) {
+    if (fstat(fd.get(), &status) != 0) return -1;
+    if (status.st_size >= kSize || look == kLooks) return status.st_size;
+    usleep(kPauseUs);
+  }
 }
 
 DisplayRegion* map_region() {
@@ -28,12 +44,12 @@ DisplayRegion* map_region() {
   if (created) {
     if (ftruncate(fd.get(), sizeof(DisplayRegion)) != 0) return refuse(std::strerror(errno));
   } else {
-    struct stat status {};
-    if (fstat(fd.get(), &status) != 0) return refuse(std::strerror(errno));
+    const off_t size = settled_size(fd);
+    if (size == -1) return refuse(std::strerror(errno));
     // Touching a page that the object does not have would end the process with a bus error.
-    if (status.st_size < static_cast<off_t>(sizeof(DisplayRegion))) {
+    if (size < kSize) {
       log_text("Cannot map shared memory %s: it has %lld bytes, expected at least %zu\n", kName,
-               static_cast<long long>(status.st_size), sizeof(DisplayRegion));
+               static_cast<long long>(size), sizeof(DisplayRegion));
       return nullptr;
     }
   }

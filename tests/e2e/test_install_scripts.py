@@ -15,6 +15,9 @@ DEFAULTS = (INSTALL / "tervado-nimbus.conf").read_bytes()
 BOOT = pathlib.Path("/boot")
 CARD_FILE = BOOT / "tervado-nimbus.conf"
 WORKING_COPY = pathlib.Path("/run/tervado.conf")
+GOOD_COPY = BOOT / "tervado-nimbus.conf.good"
+KEPT_COPY = BOOT / "tervado-nimbus.conf.kept"
+CARD_UNREAD = pathlib.Path("/run/tervado.card-unread")
 CONFIG_TXT = BOOT / "config.txt"
 
 
@@ -42,6 +45,7 @@ def board(clean_board, standins):
     if WORKING_COPY.is_dir():
         WORKING_COPY.rmdir()
     WORKING_COPY.unlink(missing_ok=True)
+    CARD_UNREAD.unlink(missing_ok=True)
 
 
 @pytest.fixture
@@ -290,6 +294,151 @@ def test_file_in_boot_beside_boot_firmware(firmware):
     assert before_start(**environment) == ""
     assert not CARD_FILE.is_symlink()
     assert WORKING_COPY.read_bytes() == b"osd_enabled=0\n"
+
+
+# --- A spoilt file -------------------------------------------------------------------------------
+
+OWN = DEFAULTS.replace(b'wifi_ssid=""', b'wifi_ssid="home"')
+HALF = OWN[:len(OWN) // 2]
+
+# What a board that loses its power while the file is written may leave, what the line says, and
+# whether somebody's settings are in it.
+SPOILT = {
+    "empty": (b"", "is empty", False),
+    "zeros": (bytes(len(OWN)), "holds zeros", False),
+    "zeros at its end": (HALF + bytes(len(OWN) - len(HALF)), "holds zeros", False),
+    "half": (HALF, "lacks its last key, internal_camera_fullscreen", True),
+    "all but the last value": (OWN.rstrip()[:-1],
+                               "lacks its last key, internal_camera_fullscreen", True),
+}
+
+
+def switch_off_and_on():
+    WORKING_COPY.unlink()
+    CARD_UNREAD.unlink(missing_ok=True)
+
+
+@pytest.mark.parametrize("protected", [False, True])
+def test_good_copy_is_kept(read_only, protected):
+    """And written only when it changes."""
+    for content in (OWN, DEFAULTS):
+        real("mount -o remount,bind,rw /boot")
+        CARD_FILE.write_bytes(content)
+        if protected:
+            read_only()
+        assert before_start() == ""
+        assert GOOD_COPY.read_bytes() == content
+        assert GOOD_COPY.stat().st_mode & 0o777 in (0o600, 0o644)
+        former = GOOD_COPY.stat().st_ino
+        assert before_start() == ""
+        assert GOOD_COPY.stat().st_ino == former
+        assert is_read_only(BOOT) == protected
+    assert leftovers() == {GOOD_COPY.name}
+
+
+@pytest.mark.parametrize("content, fault, unread", SPOILT.values(), ids=SPOILT)
+def test_spoilt_file_with_a_good_copy(content, fault, unread):
+    CARD_FILE.write_bytes(OWN)
+    assert before_start() == ""
+    CARD_FILE.write_bytes(content)
+    switch_off_and_on()
+    assert before_start() == (f"before-start.sh: {CARD_FILE} {fault}; "
+                              f"the settings are those of the last good copy, {GOOD_COPY}\n")
+    assert WORKING_COPY.read_bytes() == without_cr(OWN)
+    assert (CARD_FILE.read_bytes(), GOOD_COPY.read_bytes()) == (content, OWN)
+    assert CARD_UNREAD.exists() == unread
+
+
+@pytest.mark.parametrize("content, fault, settings", [
+    (SPOILT[name][0], SPOILT[name][1], SPOILT[name][0] if SPOILT[name][2] else DEFAULTS)
+    for name in SPOILT], ids=SPOILT)
+def test_spoilt_file_without_a_good_copy(content, fault, settings):
+    CARD_FILE.write_bytes(content)
+    line = before_start()
+    assert_one_line(line)
+    assert line.startswith(f"before-start.sh: {CARD_FILE} {fault}; the settings are ")
+    assert WORKING_COPY.read_bytes() == without_cr(settings)
+    assert not GOOD_COPY.exists()
+
+
+@pytest.mark.parametrize("content, fault, unread", SPOILT.values(), ids=SPOILT)
+def test_spoilt_file_of_a_board_that_stayed_on(content, fault, unread):
+    """What was saved since is in the working copy."""
+    CARD_FILE.write_bytes(DEFAULTS)
+    before_start()
+    WORKING_COPY.write_bytes(without_cr(OWN))
+    CARD_FILE.write_bytes(content)
+    assert before_start() == (f"before-start.sh: {CARD_FILE} {fault}; "
+                              "the settings are those of the last start\n")
+    assert WORKING_COPY.read_bytes() == without_cr(OWN)
+    assert GOOD_COPY.read_bytes() == DEFAULTS
+    assert CARD_UNREAD.exists() == unread
+
+
+def test_good_copy_that_is_spoilt_too():
+    CARD_FILE.write_bytes(b"")
+    GOOD_COPY.write_bytes(HALF)
+    assert_one_line(before_start())
+    assert WORKING_COPY.read_bytes() == without_cr(DEFAULTS)
+
+
+def test_file_that_was_removed():
+    """That is the way back to the defaults."""
+    CARD_FILE.write_bytes(OWN)
+    before_start()
+    CARD_FILE.unlink()
+    switch_off_and_on()
+    assert_one_line(before_start())
+    assert CARD_FILE.read_bytes() == GOOD_COPY.read_bytes() == DEFAULTS
+
+
+def test_good_copy_at_boot_firmware(firmware):
+    card, environment = firmware
+    (card / CARD_FILE.name).write_bytes(OWN)
+    assert before_start(**environment) == ""
+    (card / CARD_FILE.name).write_bytes(b"")
+    switch_off_and_on()
+    assert str(card / GOOD_COPY.name) in before_start(**environment)
+    assert WORKING_COPY.read_bytes() == without_cr(OWN)
+
+
+def test_full_card_has_no_good_copy(full):
+    CARD_FILE.write_bytes(OWN)
+    full()
+    assert before_start() == ""
+    assert leftovers() == set()
+    assert WORKING_COPY.read_bytes() == without_cr(OWN)
+
+
+def test_card_is_unread_until_it_can_be_mounted(fstab, standins):
+    (BOOT / "firmware").mkdir()
+    fstab("/dev/nothing /boot/firmware vfat ro 0 0\n")
+    standins.answer("mount", "exit 32")
+    before_start()
+    assert CARD_UNREAD.exists()
+    standins.answer("mount", "exit 0")
+    CARD_FILE.write_bytes(OWN)
+    before_start()
+    assert not CARD_UNREAD.exists()
+
+
+@pytest.mark.parametrize("start_step", ["has marked the card", "could do nothing"])
+def test_save_over_settings_that_were_not_read(start, viewers, tmp_path, start_step):
+    """The service runs on the defaults, and the card is there again."""
+    if start_step == "has marked the card":
+        CARD_UNREAD.touch()
+        WORKING_COPY.write_bytes(without_cr(DEFAULTS))
+    (tmp_path / "tervado.conf").symlink_to(WORKING_COPY)
+    start(conf=None)
+    CARD_FILE.write_bytes(OWN)
+    viewer = viewers()
+    viewer.register()
+    for pan in (b"7", b"8"):
+        viewer.command(f'{{"cmd":"updateparam","name":"rcin_pan","value":"{pan.decode()}"}}')
+        nimbus.wait_until(lambda: WORKING_COPY.exists() and
+                          b"speed_pan=" + pan in WORKING_COPY.read_bytes(), 5, "the save")
+        assert b"speed_pan=" + pan in CARD_FILE.read_bytes()
+        assert KEPT_COPY.read_bytes() == OWN
 
 
 # --- The service on it ---------------------------------------------------------------------------

@@ -256,8 +256,8 @@ def test_former_content_is_gone(saver, former):
     assert WORKING_COPY.read_bytes() == without_cr(CARD_FILE.read_bytes())
 
 
-def test_files_stay_the_same_files(saver, tmp_path):
-    """They are rewritten in place: links, permissions and owners stay."""
+def test_links_and_modes_stay(saver, tmp_path):
+    """The working copy is rewritten in place; what the card's file leads to is replaced."""
     target = tmp_path / "card"
     target.write_bytes(b"former")
     target.chmod(0o640)
@@ -269,7 +269,9 @@ def test_files_stay_the_same_files(saver, tmp_path):
     assert CARD_FILE.is_symlink()
     assert target.read_bytes() == default_file(internal_camera_fullscreen=1)
     after = [file.stat() for file in (target, WORKING_COPY)]
-    assert [(s.st_ino, s.st_mode) for s in after] == [(s.st_ino, s.st_mode) for s in before]
+    assert [s.st_mode for s in after] == [s.st_mode for s in before]
+    assert after[1].st_ino == before[1].st_ino
+    assert after[0].st_ino != before[0].st_ino
 
 
 @pytest.mark.parametrize("umask, mode", [(0o022, 0o644), (0o077, 0o600), (0o000, 0o666)])
@@ -332,6 +334,30 @@ def test_save_is_announced_first(saver, standins):
     release(standins)
     saver.rc.cycle()
     assert CARD_FILE.exists() and WORKING_COPY.exists()
+
+
+@pytest.mark.parametrize("first", ["save", "recalibration"])
+def test_recalibration_and_save_take_turns(saver, viewers, standins, first):
+    """None unmounts the card under the other."""
+    viewer = viewers()
+    begin = {"save": saver.switch,
+             "recalibration": lambda: viewer.command('{"cmd":"rc","name":"recalibrate"}')}
+    begin["save"]()
+    saver.rc.cycle()
+    before = len(saver.calls())
+    hold(standins, "umount")
+    begin.pop(first)()
+    wait_held(standins)
+    begin.popitem()[1]()
+    time.sleep(0.2)  # long enough for a remount
+    assert saver.calls()[before:] == [REMOUNT, UMOUNT]
+    standins.reset("umount")
+    release(standins)
+    saver.rc.cycle()
+    wait_until(lambda: len(saver.calls()) >= before + len(CALLS) + 4, 5, "both")
+    without_killall = [call for call in saver.calls()[before:] if call[0] != "killall"]
+    parts = {"save": CALLS[:-1], "recalibration": [REMOUNT, UMOUNT, MOUNT]}
+    assert without_killall == parts.pop(first) + parts.popitem()[1]
 
 
 FAILURES = {"fails": "exit 1", "is killed": "kill -9 $$", "floods": "yes | head -c 100000 >&2",
@@ -443,13 +469,14 @@ def test_partition_stays_read_only(saver, partition):
 
 
 def test_full_partition(saver, partition):
-    """A write that fails goes unnoticed; the next save is whole again."""
-    partition("size=4k")
+    """A write that fails goes unnoticed: the former settings stay, and the next save is whole."""
+    partition("size=8k")
+    CARD_FILE.write_bytes(GOLDEN.read_bytes())
     filler = CARD_FILE.with_name("filler")
     filler.write_bytes(bytes(4096))
     assert saver.save() == CALLS
-    assert CARD_FILE.read_bytes() == b""
-    assert WORKING_COPY.read_bytes() == b""
+    assert CARD_FILE.read_bytes() == GOLDEN.read_bytes()
+    assert WORKING_COPY.read_bytes() == without_cr(GOLDEN.read_bytes())
     filler.unlink()
     assert saver.save() == CALLS
     assert CARD_FILE.read_bytes() == default_file()

@@ -1,15 +1,19 @@
-"""A service that is killed while it saves its settings, and starts again.
+"""A service that is killed while it saves its settings, or whose board loses its power then.
 
-The file on the card is rewritten in place, and the working copy is made from it at the very end.
-The next start reads the copy: it finds all of the old settings or all of the new ones, whenever the
-service itself was killed, because the command that makes the copy runs to its end without it. When
-the command is killed, too, the copy may be cut short; the card has the whole file then.
+The file on the card is replaced by a new one that is whole, and the working copy is made from it at
+the very end. The next start reads the copy: it finds all of the old settings or all of the new
+ones, whenever the service itself was killed, because the command that makes the copy runs to its
+end without it. When the command is killed, too, the copy may be cut short; the card has the whole
+file then. After a power cut there is no copy, but what had reached the card by then.
 """
 
+import codecs
 import collections
+import contextlib
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import time
@@ -114,20 +118,30 @@ def test_killed_by_the_tool(save_test, tool, script, card, copy):
     assert save_test.restart() == COPIES[without_cr(copy)]
 
 
-@pytest.mark.parametrize("call, card", [("openat", OLD), ("write", b""), ("close", NEW)],
-                         ids=["openat", "write", "close"])
-def test_killed_at_the_file(unsanitized, save_test, call, card):
-    """Before it is opened, while it is empty, and when it is whole. The copy is that of the old
-    settings."""
-    save_test.begin()
-    tracer = subprocess.Popen(
-        ["strace", "-f", "-o", "/dev/null", "-P", str(CARD_FILE), "-e", "trace=openat,write,close",
-         "-e", f"inject={call}:signal=KILL", "-p", str(save_test.service.pid)],
-        stderr=subprocess.PIPE)
-    nimbus.Console(tracer.stderr).wait(f"Process {save_test.service.pid} attached")
-    save_test.save()
-    assert save_test.wait_killed() == (card, without_cr(OLD))
+FRESH_FILE = pathlib.Path(f"{CARD_FILE}.new")
+
+
+@contextlib.contextmanager
+def strace(service, *options):
+    """Traces a service from here on; it is waited for at the end."""
+    tracer = subprocess.Popen(["strace", "-f", *options, "-p", str(service.pid)],
+                              stderr=subprocess.PIPE)
+    nimbus.Console(tracer.stderr).wait(f"Process {service.pid} attached")
+    yield tracer
     tracer.wait(nimbus.limit(5))
+
+
+@pytest.mark.parametrize("path, call, card", [
+    (CARD_FILE, "openat", OLD), (FRESH_FILE, "openat", OLD), (FRESH_FILE, "write", OLD),
+    (FRESH_FILE, "fsync", OLD), (FRESH_FILE, "rename", OLD), (CARD_FILE.parent, "fsync", NEW)],
+    ids=["open", "open new", "write", "sync", "rename", "sync folder"])
+def test_killed_at_the_file(unsanitized, save_test, path, call, card):
+    """Each call is not done any more. The copy is that of the old settings."""
+    save_test.begin()
+    with strace(save_test.service, "-o", "/dev/null", "-P", str(path),
+                "-e", "trace=openat,write,fsync,rename", "-e", f"inject={call}:signal=KILL"):
+        save_test.save()
+        assert save_test.wait_killed() == (card, without_cr(OLD))
     assert save_test.restart() == 1111
 
 
@@ -157,7 +171,7 @@ def test_killed_at_any_moment(save_test, times):
     for _ in moments(save_test, rounds):
         save_test.service.kill()
         card, copy = save_test.wait_killed()
-        assert card in (OLD, NEW, b"") and copy in COPIES
+        assert card in (OLD, NEW) and copy in COPIES
         assert card == NEW or copy == without_cr(OLD)
         assert save_test.restart() == COPIES[copy]
         found[COPIES[copy]] += 1
@@ -180,15 +194,92 @@ def test_killed_with_the_command_that_copies(save_test):
 
 
 def test_killed_with_its_commands_at_any_moment(save_test, times):
-    """At no moment are both files spoilt."""
+    """The card's file is never spoilt; the copy is, at most, cut short."""
     rounds = times(10, 300)
     found = collections.Counter()
     for _ in moments(save_test, rounds):
         os.killpg(save_test.service.pid, signal.SIGKILL)
         card, copy = save_test.wait_killed()
-        assert card == NEW or copy == without_cr(OLD)
+        assert card == NEW or (card, copy) == (OLD, without_cr(OLD))
         assert without_cr(NEW).startswith(copy) or copy == without_cr(OLD)
         found[COPIES.get(copy, "cut")] += 1
         save_test.restart()
     print(f"\nkilled with their commands: {rounds} saves; {found[1111]} old copies, {found[2222]} "
           f"new ones, {found['cut']} cut short")
+
+
+# --- The board without power ----------------------------------------------------------------------
+
+class Card:
+    """What may be on the card when the power goes, after each call of a save. What is written is
+    there for certain when the file is synced, what is renamed when the folder is."""
+
+    def __init__(self):
+        self._certain = OLD
+        self._written = self._synced = b""  # of the new file
+        self._renamed = False
+
+    def call(self, name, path, text=None):
+        if name == "openat" and path == str(FRESH_FILE):
+            self._written = b""
+        if name == "write" and path == str(FRESH_FILE):
+            self._written += codecs.decode(text, "unicode_escape").encode("latin-1")
+        if name == "fsync" and path == str(FRESH_FILE):
+            self._synced = self._written
+        if name == "rename" and (path, text) == (str(FRESH_FILE), str(CARD_FILE)):
+            self._renamed = True
+        if name == "fsync" and path == str(CARD_FILE.parent) and self._renamed:
+            self._certain = self._synced
+
+    def possible(self):
+        """All that may be in the card's file."""
+        return {self._certain, self._synced} if self._renamed else {self._certain}
+
+
+TEXT = r'"((?:[^"\\]|\\.)*)"'
+CALLS = {name: re.compile(pattern) for name, pattern in {
+    "execve": r'execve\("[^"]*/(\w+)",',
+    "openat": rf"openat\(AT_FDCWD[^,]*, {TEXT}.*\) += \d",
+    "write": rf"write\(\d+<([^>]+)>, {TEXT}, \d+\) += \d",
+    "fsync": r"fsync\(\d+<([^>]+)>\) += 0",
+    "rename": rf"rename\({TEXT}, {TEXT}\) += 0"}.items()}
+
+
+def lines_of(trace):
+    """Without the numbers of the threads; calls that others interrupted are whole again."""
+    begun = {}
+    for line in trace.splitlines():
+        thread, call = line.split(maxsplit=1)
+        if call.endswith(" <unfinished ...>"):
+            begun[thread] = call.removesuffix(" <unfinished ...>")
+            continue
+        yield re.sub(r"^<\.\.\. \w+ resumed>", lambda _: begun.pop(thread), call)
+
+
+def calls_of(trace):
+    """The calls that succeeded: their names and texts."""
+    for line in lines_of(trace):
+        for name, pattern in CALLS.items():
+            if match := pattern.match(line):
+                yield name, *match.groups()
+
+
+def test_power_cut_at_any_call(unsanitized, save_test, tmp_path):
+    """The card has the old settings or the new ones, whole; and the new ones for certain before the
+    partition is unmounted."""
+    trace = tmp_path / "trace"
+    save_test.begin()
+    with strace(save_test.service, "-o", str(trace), "-y", "-s", "100000", "-e",
+                "trace=openat,write,fsync,rename,execve") as tracer:
+        save_test.save()
+        wait_until(lambda: WORKING_COPY.read_bytes() == without_cr(NEW), 10, "the end of the save")
+        tracer.terminate()
+    card = Card()
+    unmounted = False
+    for name, *texts in calls_of(trace.read_text()):
+        card.call(name, *texts)
+        assert card.possible() <= {OLD, NEW}, (name, texts)
+        if (name, *texts) == ("execve", "umount"):
+            unmounted = True
+            assert card.possible() == {NEW}
+    assert unmounted

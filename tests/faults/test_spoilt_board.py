@@ -14,13 +14,16 @@ FORMER = b"former copy"
 STANDINS = os.environ.get("NIMBUS_STANDINS", "")
 PAGE = 4096  # what a small file system is full by
 
-# So many long texts that the file is longer than a page, also without CR.
+# Texts as long as they get; the file fills a page all the same.
 TEXTS = {key: f'"{key:_>180}"' for key in QUOTED}
 
 
 def saved(rate):
     """The file with that bit rate."""
     return default_file(rc_input_enabled=0, video_bitrate=rate, **TEXTS)
+
+
+OLD = saved(1234)
 
 
 @contextlib.contextmanager
@@ -58,6 +61,11 @@ def fill(folder, spare=0):
     os.truncate(file, file.stat().st_size - PAGE * spare)
 
 
+def fill_beside_settings(spare):
+    CARD_FILE.write_bytes(OLD)
+    fill("/boot", spare)
+
+
 def fill_beside_an_empty_copy():
     """A copy that is rewritten has the room of the former one at least."""
     WORKING_COPY.write_bytes(b"")
@@ -79,9 +87,11 @@ FAULTS = {
     "boot is read-only": (
         "/boot", lambda _: remount("/boot", "ro"), lambda file: (None, FORMER)),
     "boot is full": (
-        "/boot", lambda _: fill("/boot"), lambda file: (b"", b"")),
-    "boot is nearly full": (
-        "/boot", lambda _: fill("/boot", 1), lambda file: (file[:PAGE], without_cr(file[:PAGE]))),
+        "/boot", lambda _: fill("/boot"), lambda file: (None, b"")),
+    "boot is full, with settings on it": (
+        "/boot", lambda _: fill_beside_settings(0), lambda file: (OLD, without_cr(OLD))),
+    "boot has just the room for a new file": (
+        "/boot", lambda _: fill_beside_settings(1), lambda file: (file, without_cr(file))),
     "boot does not come back": (
         "/boot", take_away, lambda file: (None, b"")),
     "run is read-only": (

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "tests/unit/support.h"
 
@@ -76,6 +78,18 @@ TEST_F(DisplayRegionMap, AShortRegionIsRefused) {
                           " bytes, expected at least 2672\n"});
     EXPECT_EQ(test::read_file(kFile), content) << "left as it was";
   }
+}
+
+/// A sibling that has made it sizes it a moment later.
+TEST_F(DisplayRegionMap, ARegionThatIsSizedMeanwhileIsTaken) {
+  test::write_file(kFile, "");
+  test::Console console;
+  const std::jthread sibling([] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    std::filesystem::resize_file(kFile, kSize);
+  });
+  EXPECT_NE(map_display_region(), nullptr);
+  EXPECT_EQ(console.texts(), test::Texts{});
 }
 
 TEST_F(DisplayRegionMap, AFailureIsReportedInOneLine) {

@@ -14,14 +14,47 @@
 namespace nimbus::ctl {
 namespace {
 
-bool is_control(char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }
+// The control characters U+0080 to U+009F are two bytes in UTF-8, the second as in Latin-1.
+constexpr unsigned char kUpperControlLead = 0xC2;
+
+bool is_control(unsigned char c) { return c < ' ' || c == 0x7F; }
+bool is_upper_control(unsigned char c) { return c >= 0x80 && c < 0xA0; }
+
+/// How many bytes of the text make its first character: the whole of it where it is UTF-8, else 1.
+std::size_t first_character(std::string_view text) {
+  const auto lead = static_cast<unsigned char>(text[0]);
+  const std::size_t length = lead < 0xC2   ? 1
+                             : lead < 0xE0 ? 2
+                             : lead < 0xF0 ? 3
+                             : lead < 0xF5 ? 4
+                                           : 1;
+  if (length > text.size()) return 1;
+  const bool whole =
+      std::all_of(text.begin() + 1, text.begin() + static_cast<std::ptrdiff_t>(length),
+                  [](char c) { return (c & 0xC0) == 0x80; });
+  return whole ? length : 1;
+}
+
+bool is_obeyed(std::string_view character) {
+  const auto first = static_cast<unsigned char>(character[0]);
+  if (character.size() == 1) return is_control(first) || is_upper_control(first);
+  return first == kUpperControlLead && is_upper_control(static_cast<unsigned char>(character[1]));
+}
 
 }  // namespace
 
+std::string shown(std::string_view text) {
+  std::string line;
+  while (!text.empty()) {
+    const std::string_view character = text.substr(0, first_character(text));
+    line += is_obeyed(character) ? "?" : character;
+    text.remove_prefix(character.size());
+  }
+  return line;
+}
+
 void print_line(std::string_view text) {
-  std::string line(text);
-  std::replace_if(line.begin(), line.end(), is_control, '?');
-  line += '\n';
+  const std::string line = shown(text) + '\n';
   write_bytes({reinterpret_cast<const std::uint8_t*>(line.data()), line.size()});
 }
 

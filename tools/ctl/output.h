@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
 namespace nimbus::ctl {
@@ -10,9 +11,12 @@ namespace nimbus::ctl {
 /// The reader of standard output has enough: the tool ends with status 0.
 struct PipeClosed {};
 
-/// Writes a text and a line end, at once. Control characters are shown as "?": names of networks
-/// come from anybody, and a terminal obeys them. Throws PipeClosed, or Failure when it cannot be
-/// written.
+/// The text with "?" in place of each control character, U+0080 to U+009F among them: names of
+/// networks come from anybody, and a terminal obeys them.
+[[nodiscard]] std::string shown(std::string_view text);
+
+/// Writes a text as it is shown, and a line end, at once. Throws PipeClosed, or Failure when it
+/// cannot be written.
 void print_line(std::string_view text);
 
 /// Writes bytes as they are. Throws like print_line(); stops at an interrupt.
