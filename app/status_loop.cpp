@@ -17,40 +17,29 @@ namespace {
 
 constexpr unsigned kPeriodS = 1;
 
-// Status messages: a type byte and six values.
-//   5  source, state (2: connected, 0: not)
-//   6  flags (below), viewer count, 0, 0, RC receiver state
-//  11  version (three bytes), product variant
-constexpr std::uint8_t kSourceStatus = 5;
-constexpr std::uint8_t kFlagsStatus = 6;
-constexpr std::uint8_t kVersionStatus = 11;
-
 constexpr std::uint8_t kCameraDataSource = 0;
 constexpr std::uint8_t kVideoSource = 1;
 constexpr std::uint8_t kSourceConnected = 2;
-
-constexpr unsigned kAlwaysFlag = 1U << 0;
-constexpr unsigned kAccessPointFlagBit = 1;
-constexpr unsigned kHdmiFlagBit = 2;
-constexpr unsigned kCameraDataFlagBit = 4;
 
 constexpr std::uint8_t kProductVariant = 2;
 
 void send_source_status(std::uint8_t source, std::uint8_t connected) {
   const std::uint8_t state = connected != 0 ? kSourceConnected : 0;
-  send_status(kSourceStatus, {source, state});
+  send_status(ToViewer::connection, {source, state});
 }
 
 void send_flags_status(const DisplayRegion& display, const Config& config) {
-  const unsigned flags = kAlwaysFlag | unsigned{config.ap_running} << kAccessPointFlagBit |
-                         unsigned{config.hdmi_enabled} << kHdmiFlagBit |
-                         unsigned{config.data_connected} << kCameraDataFlagBit;
-  send_status(kFlagsStatus,
+  using Flags = FlagsMessage;
+  const unsigned flags = 1U << Flags::always.bit |
+                         unsigned{config.ap_running} << Flags::access_point.bit |
+                         unsigned{config.hdmi_enabled} << Flags::hdmi.bit |
+                         unsigned{config.data_connected} << Flags::camera_data.bit;
+  send_status(ToViewer::flags,
               {static_cast<std::uint8_t>(flags), display.viewer_count, 0, 0, display.rc_status, 0});
 }
 
 void send_version_status() {
-  send_status(kVersionStatus, {kVersionMajor, kVersionMinor, kVersionPatch, kProductVariant});
+  send_status(ToViewer::version, {kVersionMajor, kVersionMinor, kVersionPatch, kProductVariant});
 }
 
 void probe_access_point(Config& config) {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cmath>
 
 #include "base/log.h"
@@ -201,8 +200,8 @@ std::int32_t camera_set_focus_point(float x, float y) noexcept {
   usleep(kFocusTypeSettlesUs);
   log_text("Camera set focus point %f,%f\n", double{x}, double{y});
   DumlPayload<8> payload;
-  store_le(payload, 0, std::bit_cast<std::uint32_t>(x));
-  store_le(payload, 4, std::bit_cast<std::uint32_t>(y));
+  store_le(payload, 0, x);
+  store_le(payload, 4, y);
   return send_frame(kFocusPoint, payload);
 }
 

@@ -137,6 +137,20 @@ inline constexpr std::array<std::string_view, 57> kShutterTexts{
 /// digits behind the decimal point as a number.
 using ShutterCode = std::array<std::uint8_t, 3>;
 
+/// What such a code says, read as a number of 24 bits.
+struct ShutterTime {
+  std::int32_t whole;     ///< of seconds, or of the denominator
+  std::int32_t decimals;  ///< the digits behind the point, as a number
+  bool fraction;          ///< of a second
+
+  /// Whether it is a time: no other camera code has whole seconds above 255.
+  [[nodiscard]] constexpr bool known() const noexcept { return fraction || whole <= 0xFF; }
+};
+[[nodiscard]] constexpr ShutterTime shutter_time(std::uint32_t code) noexcept {
+  return {static_cast<std::int32_t>(code & 0x7FFFU), static_cast<std::int32_t>(code >> 16 & 0xFFU),
+          (code & 0x8000U) != 0};
+}
+
 /// The code of one of kShutterTexts; three zeros for any other text.
 [[nodiscard]] ShutterCode shutter_code(std::string_view text) noexcept;
 

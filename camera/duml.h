@@ -32,6 +32,7 @@ inline constexpr std::uint8_t kDumlStart = 0x55;
 inline constexpr std::size_t kDumlHeaderSize = 11;
 inline constexpr std::size_t kDumlOverhead = kDumlHeaderSize + 2;
 inline constexpr std::size_t kDumlSequenceOffset = 6;
+inline constexpr std::size_t kDumlSetOffset = 9;
 
 /// CRC-8 of a frame's first three bytes: reflected polynomial 0x8C (Dallas/Maxim), seed 0x77.
 [[nodiscard]] constexpr std::uint8_t duml_crc8(std::span<const std::uint8_t> bytes) noexcept {

@@ -1,7 +1,6 @@
 #include "camera/gimbal.h"
 
 #include <array>
-#include <bit>
 
 #include "base/log.h"
 #include "base/number.h"
@@ -97,7 +96,7 @@ std::int32_t tracking_start(const TrackingRectangle& rectangle) noexcept {
            double{values[2]}, double{values[3]});
   auto payload = kTrackingStart.payload();
   for (std::size_t i = 0; i < values.size(); ++i) {
-    store_le(payload, kTrackingRectangleOffset + 4 * i, std::bit_cast<std::uint32_t>(values[i]));
+    store_le(payload, kTrackingRectangleOffset + 4 * i, values[i]);
   }
   return send_frame(kTrackingStart, payload);
 }

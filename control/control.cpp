@@ -33,10 +33,6 @@ constexpr std::uint32_t kFocusRestMs = 200;
 constexpr std::uint32_t kRcReportPeriodMs = 500;
 constexpr std::uint32_t kTelemetryTimeoutMs = 3000;
 
-// The RC report: type, receiver state, number of channels, then each channel as u16.
-constexpr std::uint8_t kRcReportType = 15;
-constexpr std::size_t kRcReportChannelsOffset = 3;
-
 DisplayRegion* display = nullptr;
 const Config* config = nullptr;
 Shared<std::uint32_t> focus_pending;   // now_ms when the focus point was moved, 0: it is sent
@@ -67,12 +63,12 @@ void send_rc_report() {
   if (config->rc_input_enabled == 0 || age_ms(last_rc_report) <= kRcReportPeriodMs) return;
   last_rc_report = now_ms();
   const auto& channels = display->rc_channel_values;
-  std::array<std::uint8_t, kRcReportChannelsOffset + sizeof(channels)> report{};
-  report[0] = kRcReportType;
-  report[1] = display->rc_status;
-  report[2] = static_cast<std::uint8_t>(channels.size());
+  using Report = RcChannelsMessage;
+  std::array<std::uint8_t, Report::kSize> report{type_of(ToViewer::rc_channels)};
+  put(report, Report::rc_status, display->rc_status);
+  put(report, Report::count, static_cast<std::uint8_t>(channels.size()));
   for (std::size_t i = 0; i < channels.size(); ++i) {
-    store_le<std::uint16_t>(report, kRcReportChannelsOffset + 2 * i, channels[i]);
+    put(report, Report::channels.word(i), channels[i]);
   }
   broadcast(report, FrameKind::data);
 }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cmath>
 
 #include "base/clock.h"
@@ -17,74 +16,28 @@
 #include "camera/codes.h"
 #include "camera/duml.h"
 #include "camera/gimbal.h"
+#include "camera/reports.h"
 #include "display/region.h"
 #include "net/viewers.h"
 
 namespace nimbus {
 namespace {
 
-/// A whole frame. Decoders read at fixed offsets, all within the length that chose the decoder.
-class FrameView {
- public:
-  explicit FrameView(std::span<const std::uint8_t> bytes) noexcept : bytes_(bytes) {}
-
-  [[nodiscard]] std::uint8_t u8(std::size_t at) const noexcept { return bytes_[at]; }
-  [[nodiscard]] std::uint8_t bit(std::size_t at, unsigned number) const noexcept {
-    return static_cast<std::uint8_t>(bytes_[at] >> number & 1U);
-  }
-  [[nodiscard]] std::uint16_t u16(std::size_t at) const noexcept {
-    return load_le<std::uint16_t>(bytes_, at);
-  }
-  [[nodiscard]] std::int16_t s16(std::size_t at) const noexcept {
-    return load_le<std::int16_t>(bytes_, at);
-  }
-  [[nodiscard]] std::uint32_t u24(std::size_t at) const noexcept {
-    return u16(at) | static_cast<std::uint32_t>(u8(at + 2)) << 16;
-  }
-  [[nodiscard]] std::uint32_t u32(std::size_t at) const noexcept {
-    return load_le<std::uint32_t>(bytes_, at);
-  }
-  [[nodiscard]] float f32(std::size_t at) const noexcept { return std::bit_cast<float>(u32(at)); }
-  [[nodiscard]] std::span<const std::uint8_t> bytes(std::size_t at, std::size_t count) const {
-    return bytes_.subspan(at, count);
-  }
-
- private:
-  std::span<const std::uint8_t> bytes_;
-};
-
-// What the viewers are sent, by its first byte.
-enum class Message : std::uint8_t {
-  gimbal_attitude = 0,
-  camera_settings = 2,
-  camera_status = 7,
-  orientation_lock = 8,
-  gimbal_angles = 10,
-  focus_values = 13,
-  histogram = 14,
-  lens_flag = 16,
-  recording_timer = 19,
-  zoom = 20,
-  tracking = 21,
-};
-
-constexpr std::uint8_t type_of(Message message) { return static_cast<std::uint8_t>(message); }
-
 /// The values are cut to their low 16 bits.
-void send_triple(Message message, std::int32_t a, std::int32_t b, std::int32_t c) {
-  nimbus::send_triple(type_of(message), {static_cast<std::int16_t>(a), static_cast<std::int16_t>(b),
-                                         static_cast<std::int16_t>(c)});
+void send_triple(ToViewer message, std::int32_t a, std::int32_t b, std::int32_t c) {
+  nimbus::send_triple(message, {static_cast<std::int16_t>(a), static_cast<std::int16_t>(b),
+                                static_cast<std::int16_t>(c)});
 }
 
 // --- Small reports -----------------------------------------------------------------------------
 
-void decode_report_17(const FrameView& frame, DisplayRegion& display) {
-  display.status_631 = frame.bit(11, 1);
+void decode_flag(ByteView frame, DisplayRegion& display) {
+  display.status_631 = frame[FlagReport::status_631];
 }
 
-void decode_report_30(const FrameView& frame, DisplayRegion& display) {
-  display.status_629 = frame.u8(24) == 0 ? 1 : 0;
-  display.status_630 = frame.u8(27);
+void decode_state(ByteView frame, DisplayRegion& display) {
+  display.status_629 = frame[StateReport::status_629] == 0 ? 1 : 0;
+  display.status_630 = frame[StateReport::status_630];
 }
 
 // --- Tracking ----------------------------------------------------------------------------------
@@ -116,57 +69,69 @@ struct TrackingRestore {
 
 TrackingRestore tracking_restore;
 
-void decode_tracking(const FrameView& frame, DisplayRegion& display) {
-  const bool on = frame.u8(16) != 0 && frame.u8(17) != 0;
-  const std::array rectangle{frame.f32(18), frame.f32(22), frame.f32(26), frame.f32(30)};
+/// What lies outside of the picture is at its edge.
+std::uint16_t part_of_picture(float part) {
+  return to_integer<std::uint16_t>(double{part} * 65535.0);
+}
+
+void decode_tracking(ByteView frame, DisplayRegion& display) {
+  using Report = TrackingReport;
+  const bool on = frame[Report::on_1] != 0 && frame[Report::on_2] != 0;
+  const float x = frame[Report::x];
+  const float y = frame[Report::y];
+  const float width = frame[Report::width];
+  const float height = frame[Report::height];
   const std::uint32_t now = now_ms();
   display.tracking_on = on ? 1 : 0;
   display.tracking_ms.store_release(now);
-  display.tracking_x = rectangle[0];
-  display.tracking_y = rectangle[1];
-  display.tracking_width = rectangle[2];
-  display.tracking_height = rectangle[3];
+  display.tracking_x = x;
+  display.tracking_y = y;
+  display.tracking_width = width;
+  display.tracking_height = height;
   if (on) {
-    tracking_restore.seen(now, rectangle[0], rectangle[1]);
+    tracking_restore.seen(now, x, y);
   } else {
     tracking_restore.lost(now);
   }
-  std::array<std::uint8_t, 10> message{type_of(Message::tracking),
-                                       on ? std::uint8_t{1} : std::uint8_t{0}};
-  for (std::size_t i = 0; i < rectangle.size(); ++i) {
-    store_le(message, 2 + 2 * i, to_integer<std::uint16_t>(double{rectangle[i]} * 65535.0));
-  }
+  using Message = TrackingMessage;
+  std::array<std::uint8_t, Message::kSize> message{type_of(ToViewer::tracking)};
+  put(message, Message::on, on ? 1 : 0);
+  put(message, Message::x, part_of_picture(x));
+  put(message, Message::y, part_of_picture(y));
+  put(message, Message::width, part_of_picture(width));
+  put(message, Message::height, part_of_picture(height));
   broadcast(message, FrameKind::data);
 }
 
 // --- Gimbal ------------------------------------------------------------------------------------
 
-void decode_gimbal(const FrameView& frame, DisplayRegion& display) {
-  // Tenths of a degree on the wire; the display's first angle is the report's third.
-  const auto a1 = static_cast<std::int16_t>(frame.s16(11) / 10);
-  const auto a2 = static_cast<std::int16_t>(frame.s16(13) / 10);
-  const auto a3 = static_cast<std::int16_t>(frame.s16(19) / 10);
-  display.gimbal_angle_1 = a3;
-  display.gimbal_angle_2 = a1;
-  display.gimbal_angle_3 = a2;
-  display.gimbal_flag = frame.u8(34) == 0 ? 1 : 0;
-  send_triple(Message::gimbal_attitude, a3 * 100, a1 * 100, a2 * 100);
-  send_triple(Message::gimbal_angles, a3, a1, a2);
-  send_triple(Message::orientation_lock, display.orientation_lock, 0, 0);
+void decode_gimbal(ByteView frame, DisplayRegion& display) {
+  using Report = GimbalReport;
+  const auto degrees = [](std::int16_t tenths) { return static_cast<std::int16_t>(tenths / 10); };
+  const std::int16_t angle_1 = degrees(frame[Report::angle_1]);
+  const std::int16_t angle_2 = degrees(frame[Report::angle_2]);
+  const std::int16_t angle_3 = degrees(frame[Report::angle_3]);
+  display.gimbal_angle_1 = angle_1;
+  display.gimbal_angle_2 = angle_2;
+  display.gimbal_angle_3 = angle_3;
+  display.gimbal_flag = frame[Report::flag] == 0 ? 1 : 0;
+  send_triple(ToViewer::gimbal_attitude, angle_1 * 100, angle_2 * 100, angle_3 * 100);
+  send_triple(ToViewer::gimbal_angles, angle_1, angle_2, angle_3);
+  send_triple(ToViewer::orientation, display.orientation_lock, 0, 0);
 }
 
 // --- Recording timer ---------------------------------------------------------------------------
 
-void decode_recording_timer(const FrameView& frame, DisplayRegion& display) {
-  const std::uint8_t state = frame.u8(11);
-  const bool reset = frame.u8(50) != 0;
+void decode_recording_timer(ByteView frame, DisplayRegion& display) {
+  const std::uint8_t state = frame[RecordingReport::state];
+  const bool reset = frame[RecordingReport::reset] != 0;
   display.recording_state = state;
   display.recording_reset = reset ? 1 : 0;
   if (reset) {
     display.timer_state = 0;
     display.timer_start_ms = 0;
     display.timer_elapsed_ms = 0;
-    send_triple(Message::recording_timer, state, 1, 0);
+    send_triple(ToViewer::recording_timer, state, 1, 0);
     return;
   }
   if (display.timer_state == 0) {
@@ -180,7 +145,7 @@ void decode_recording_timer(const FrameView& frame, DisplayRegion& display) {
     if (start != 0) display.timer_elapsed_ms = state * (now - start);
     display.timer_start_ms = now;
   }
-  send_triple(Message::recording_timer, state, 0,
+  send_triple(ToViewer::recording_timer, state, 0,
               static_cast<std::int32_t>(display.timer_elapsed_ms / 1000));
 }
 
@@ -197,63 +162,75 @@ std::int32_t zoom_ratio(std::uint16_t value, std::uint16_t base) {
   return base == 0 ? 0 : to_integer<std::int32_t>(static_cast<double>(value) / base * 100.0);
 }
 
-void decode_lens(const FrameView& frame, DisplayRegion& display) {
-  const std::uint8_t state = frame.u8(11);
-  const std::uint8_t mode = focus_mode_of(state);
-  const std::int32_t ratio = zoom_ratio(frame.u16(14), frame.u16(12));
-  const auto zoom = to_integer<std::int32_t>(std::round(double{frame.f32(16)} * 100.0));
-  const double focus_1 = frame.f32(24);
-  const double focus_2 = frame.f32(28);
-  const std::uint8_t flag = frame.bit(32, 0);
-  display.lens_bit_2 = frame.bit(11, 2);
+void decode_lens(ByteView frame, DisplayRegion& display) {
+  using Report = LensReport;
+  const std::uint8_t mode = focus_mode_of(frame[Report::state]);
+  const std::int32_t ratio = zoom_ratio(frame[Report::zoom_now], frame[Report::zoom_base]);
+  const auto zoom = to_integer<std::int32_t>(std::round(double{frame[Report::zoom_value]} * 100.0));
+  const double focus_1 = frame[Report::focus_1];
+  const double focus_2 = frame[Report::focus_2];
+  const std::uint8_t flag = frame[Report::flag];
+  display.lens_bit_2 = frame[Report::bit_2];
   display.zoom_ratio = static_cast<std::uint8_t>(ratio);
-  display.lens_bit_0 = frame.bit(11, 0);
+  display.lens_bit_0 = frame[Report::bit_0];
   display.focus_mode = mode;
   display.zoom_value = zoom * 0.01;
   display.focus_value_1 = focus_1;
   display.focus_value_2 = focus_2;
   display.lens_flag = flag;
   display.lens_known = 1;
-  send_status(type_of(Message::lens_flag), {flag});
-  send_triple(Message::zoom, mode, ratio, zoom);
-  send_triple(Message::focus_values, to_integer<std::int32_t>(focus_1 * 10000.0),
-              to_integer<std::int32_t>(focus_2 * 10000.0), frame.u8(42));
+  send_status(ToViewer::lens_flag, {flag});
+  send_triple(ToViewer::zoom, mode, ratio, zoom);
+  send_triple(ToViewer::focus_values, to_integer<std::int32_t>(focus_1 * 10000.0),
+              to_integer<std::int32_t>(focus_2 * 10000.0), frame[Report::focus_3]);
 }
 
 // --- Camera status -----------------------------------------------------------------------------
 
-void decode_camera_status(const FrameView& frame, DisplayRegion& display) {
-  const std::uint8_t mode = frame.u8(15);
-  display.status_792 = frame.u8(11);
-  display.status_793 = frame.u8(42);
-  display.status_794 = frame.u8(13);
+void show_camera_status(ByteView frame, DisplayRegion& display) {
+  using Report = StatusReport;
+  const std::uint8_t mode = frame[Report::camera_mode];
+  display.status_792 = frame[Report::status_792];
+  display.status_793 = frame[Report::status_793];
+  display.status_794 = frame[Report::status_794];
   display.camera_mode = mode;
   display.camera_mode_text.assign(value_of(kCameraModeNames, mode));
-  display.status_796 = frame.u32(20);
-  display.status_800 = frame.u32(24);
-  display.status_804 = frame.u32(28);
-  display.status_808 = frame.u16(40);
+  display.status_796 = frame[Report::status_796];
+  display.status_800 = frame[Report::status_800];
+  display.status_804 = frame[Report::status_804];
+  display.status_808 = frame[Report::status_808];
+}
 
-  std::array<std::uint8_t, 24> message{type_of(Message::camera_status), mode, frame.u8(11)};
-  store_le(message, 3, frame.u32(20));
-  store_le(message, 7, frame.u32(24));
-  store_le(message, 11, frame.u32(28));
-  store_le(message, 15, frame.u16(40));
-  message[21] = frame.u8(42);
-  message[22] = frame.u8(13);
-  message[23] = frame.u8(44);
+void send_camera_status(ByteView frame) {
+  using Report = StatusReport;
+  using Message = CameraStatusMessage;
+  std::array<std::uint8_t, Message::kSize> message{type_of(ToViewer::camera_status)};
+  put(message, Message::camera_mode, frame[Report::camera_mode]);
+  put(message, Message::status_792, frame[Report::status_792]);
+  put(message, Message::status_796, frame[Report::status_796]);
+  put(message, Message::status_800, frame[Report::status_800]);
+  put(message, Message::status_804, frame[Report::status_804]);
+  put(message, Message::status_808, frame[Report::status_808]);
+  put(message, Message::status_793, frame[Report::status_793]);
+  put(message, Message::status_794, frame[Report::status_794]);
+  put(message, Message::last_byte, frame[Report::last_byte]);
   broadcast(message, FrameKind::data);
+}
+
+void decode_camera_status(ByteView frame, DisplayRegion& display) {
+  show_camera_status(frame, display);
+  send_camera_status(frame);
 }
 
 // --- Histogram ---------------------------------------------------------------------------------
 
-void decode_histogram(const FrameView& frame, DisplayRegion& display) {
-  constexpr std::size_t kBins = 64;
-  const auto bins = frame.bytes(kDumlHeaderSize, kBins);
+void decode_histogram(ByteView frame, DisplayRegion& display) {
+  using Message = HistogramMessage;
+  const auto bins = frame[HistogramReport::bins];
   std::copy(bins.begin(), bins.end(), display.histogram.begin());
   display.histogram_ms.store_release(now_ms());
-  std::array<std::uint8_t, 1 + kBins> message{type_of(Message::histogram)};
-  std::copy(bins.begin(), bins.end(), message.begin() + 1);
+  std::array<std::uint8_t, Message::kSize> message{type_of(ToViewer::histogram)};
+  std::copy(bins.begin(), bins.end(), bytes_of(message, Message::bins).begin());
   broadcast(message, FrameKind::data);
 }
 
@@ -261,114 +238,105 @@ void decode_histogram(const FrameView& frame, DisplayRegion& display) {
 
 /// The exposure time as the display shows it: seconds (8", 1.3") or a fraction of one (1/500 ).
 /// A code that is neither keeps the text as it is.
-void show_shutter(const FrameView& frame, DisplayRegion& display) {
-  const bool fraction = frame.bit(52, 7) != 0;
-  if (!fraction && frame.u8(52) != 0) return;
-  const std::int32_t tenths = frame.u8(53);
+void show_shutter(ShutterTime time, DisplayRegion& display) {
+  if (!time.known()) return;
   std::array<char, 24> buffer;
   TextBuilder text(buffer);
-  if (fraction) text.add("1/");
-  text.add(frame.u16(51) & 0x7FFF);
-  if (tenths != 0) text.add(".").add(tenths);
-  text.add(fraction ? " " : "\"");
+  if (time.fraction) text.add("1/");
+  text.add(time.whole);
+  if (time.decimals != 0) text.add(".").add(time.decimals);
+  text.add(time.fraction ? " " : "\"");
   display.shutter_text.assign(text.view());
 }
 
-void store_camera_settings(const FrameView& frame, DisplayRegion& display) {
-  const Resolution resolution = value_of(kResolutions, frame.u8(24));
-  display.resolution = frame.u8(24);
+void show_camera_settings(ByteView frame, DisplayRegion& display) {
+  using Report = SettingsReport;
+  const Resolution resolution = value_of(kResolutions, frame[Report::resolution]);
+  display.resolution = frame[Report::resolution];
   display.resolution_text.assign(resolution.label);
   display.resolution_width = resolution.width;
   display.resolution_height = resolution.height;
-  display.frame_rate_code = frame.u8(25);
-  display.frame_rate = value_of(kFrameRates, frame.u8(25));
-  display.white_balance = frame.u8(34);
-  display.white_balance_text.assign(value_of(kWhiteBalances, frame.u8(34)));
-  display.colour_temperature = static_cast<std::uint16_t>(frame.u8(35) * 100);
-  display.photo_format = frame.u8(23);
-  display.photo_format_text.assign(value_of(kPhotoFormatNames, frame.u8(23)));
-  display.aperture = frame.u16(49) * 0.01;
-  display.settings_728 = frame.u16(54);
-  display.iso_code = frame.u8(16);
-  display.iso = value_of(kIsoValues, frame.u8(16));
-  display.settings_789 = frame.u8(67);
-  display.ev_code = frame.u8(17);
-  display.ev = value_of(kEvSteps, frame.u8(17));
-  display.colour = frame.u8(42);
-  display.colour_text.assign(value_of(kColours, frame.u8(42)));
-  display.exposure_mode = frame.u8(31);
-  display.exposure_mode_text.assign(value_of(kExposureModeNames, frame.u8(31)));
-  display.settings_736 = frame.u24(13);
-  display.shutter_code = frame.u24(51);
-  show_shutter(frame, display);
-  display.settings_790 = frame.u8(21);
-  display.settings_791 = frame.u8(43);
+  display.frame_rate_code = frame[Report::frame_rate];
+  display.frame_rate = value_of(kFrameRates, frame[Report::frame_rate]);
+  display.white_balance = frame[Report::white_balance];
+  display.white_balance_text.assign(value_of(kWhiteBalances, frame[Report::white_balance]));
+  display.colour_temperature = static_cast<std::uint16_t>(frame[Report::colour_temperature] * 100);
+  display.photo_format = frame[Report::photo_format];
+  display.photo_format_text.assign(value_of(kPhotoFormatNames, frame[Report::photo_format]));
+  display.aperture = frame[Report::aperture] * 0.01;
+  display.settings_728 = frame[Report::settings_728];
+  display.iso_code = frame[Report::iso];
+  display.iso = value_of(kIsoValues, frame[Report::iso]);
+  display.settings_789 = frame[Report::settings_789];
+  display.ev_code = frame[Report::ev];
+  display.ev = value_of(kEvSteps, frame[Report::ev]);
+  display.colour = frame[Report::colour];
+  display.colour_text.assign(value_of(kColours, frame[Report::colour]));
+  display.exposure_mode = frame[Report::exposure_mode];
+  display.exposure_mode_text.assign(value_of(kExposureModeNames, frame[Report::exposure_mode]));
+  display.settings_736 = frame[Report::settings_736];
+  display.shutter_code = frame[Report::shutter];
+  show_shutter(shutter_time(frame[Report::shutter]), display);
+  display.settings_790 = frame[Report::settings_790];
+  display.settings_791 = frame[Report::settings_791];
 }
 
-void send_camera_settings(const FrameView& frame) {
-  const double ev = value_of(kEvSteps, frame.u8(17));
-  const std::array<std::uint8_t, 31> message{
-      type_of(Message::camera_settings),
-      frame.u8(31),  // exposure mode
-      frame.u8(21),
-      0,
-      frame.u8(42),  // colour
-      static_cast<std::uint8_t>(to_integer<std::int32_t>(ev * 10.0)),
-      frame.u8(34),  // white balance
-      frame.u8(24),  // resolution
-      frame.u8(25),  // frame rate
-      frame.u8(35),  // colour temperature, hundreds of kelvin
-      frame.u8(54),
-      frame.u8(55),
-      frame.u8(13),
-      frame.u8(14),
-      frame.u8(15),
-      frame.u8(67),
-      frame.u8(16),  // ISO
-      frame.u8(49),  // aperture, hundredths
-      frame.u8(50),
-      0,
-      frame.u8(43),
-      frame.u8(51),  // shutter
-      frame.u8(52),
-      frame.u8(53),
-      frame.u8(23),  // photo format
-  };
+void send_camera_settings(ByteView frame) {
+  using Report = SettingsReport;
+  using Message = CameraSettingsMessage;
+  const double ev = value_of(kEvSteps, frame[Report::ev]);
+  std::array<std::uint8_t, Message::kSize> message{type_of(ToViewer::camera_settings)};
+  put(message, Message::exposure_mode, frame[Report::exposure_mode]);
+  put(message, Message::settings_790, frame[Report::settings_790]);
+  put(message, Message::colour, frame[Report::colour]);
+  put(message, Message::ev, to_integer<std::int8_t>(ev * 10.0));
+  put(message, Message::white_balance, frame[Report::white_balance]);
+  put(message, Message::resolution, frame[Report::resolution]);
+  put(message, Message::frame_rate, frame[Report::frame_rate]);
+  put(message, Message::colour_temperature, frame[Report::colour_temperature]);
+  put(message, Message::settings_728, frame[Report::settings_728]);
+  put(message, Message::settings_736, frame[Report::settings_736]);
+  put(message, Message::settings_789, frame[Report::settings_789]);
+  put(message, Message::iso, frame[Report::iso]);
+  put(message, Message::aperture, frame[Report::aperture]);
+  put(message, Message::settings_791, frame[Report::settings_791]);
+  put(message, Message::shutter, frame[Report::shutter]);
+  put(message, Message::photo_format, frame[Report::photo_format]);
   broadcast(message, FrameKind::data);
 }
 
-void decode_camera_settings(const FrameView& frame, DisplayRegion& display) {
-  store_camera_settings(frame, display);
+void decode_camera_settings(ByteView frame, DisplayRegion& display) {
+  show_camera_settings(frame, display);
   send_camera_settings(frame);
 }
 
 // --- The kinds ---------------------------------------------------------------------------------
 
-struct Kind {
+struct Decoder {
   std::uint8_t length;
-  std::uint8_t command_set;  ///< kAnySet: not looked at
-  void (*decode)(const FrameView&, DisplayRegion&);
+  std::uint8_t command_set;
+  void (*decode)(ByteView, DisplayRegion&);
 };
 
-constexpr std::uint8_t kAnySet = 0xFF;
+template <typename Report>
+constexpr Decoder decoder(void (*decode)(ByteView, DisplayRegion&),
+                          std::uint8_t length = Report::kLength) {
+  return {length, Report::kSet, decode};
+}
 
-constexpr std::array<Kind, 11> kKinds{{
-    // clang-format off
-    { 17, 4,       decode_report_17},
-    { 30, kAnySet, decode_report_30},
-    { 36, kAnySet, decode_tracking},
-    { 53, 4,       decode_gimbal},
-    { 53, 5,       decode_recording_timer},
-    { 57, 4,       decode_gimbal},
-    { 57, 5,       decode_recording_timer},
-    { 58, kAnySet, decode_lens},
-    { 62, kAnySet, decode_camera_status},
-    { 77, kAnySet, decode_histogram},
-    {107, kAnySet, decode_camera_settings},
-    // clang-format on
+constexpr std::array<Decoder, kReportKinds.size()> kDecoders{{
+    decoder<FlagReport>(decode_flag),
+    decoder<StateReport>(decode_state),
+    decoder<TrackingReport>(decode_tracking),
+    decoder<GimbalReport>(decode_gimbal),
+    decoder<RecordingReport>(decode_recording_timer),
+    decoder<GimbalReport>(decode_gimbal, GimbalReport::kLongLength),
+    decoder<RecordingReport>(decode_recording_timer, RecordingReport::kLongLength),
+    decoder<LensReport>(decode_lens),
+    decoder<StatusReport>(decode_camera_status),
+    decoder<HistogramReport>(decode_histogram),
+    decoder<SettingsReport>(decode_camera_settings),
 }};
-
-constexpr std::size_t kCommandSetOffset = 9;
 
 bool is_intact(std::span<const std::uint8_t> frame) {
   const std::size_t checked = frame.size() - 2;
@@ -380,10 +348,10 @@ bool is_intact(std::span<const std::uint8_t> frame) {
 void decode_camera_frame(std::span<const std::uint8_t> frame) noexcept {
   DisplayRegion* const display = display_region();
   if (display == nullptr) return;
-  for (const Kind& kind : kKinds) {
+  for (const Decoder& kind : kDecoders) {
     if (kind.length != frame.size()) continue;
-    if (kind.command_set != kAnySet && kind.command_set != frame[kCommandSetOffset]) continue;
-    kind.decode(FrameView(frame), *display);
+    if (kind.command_set != kAnySet && kind.command_set != frame[kDumlSetOffset]) continue;
+    kind.decode(ByteView(frame), *display);
   }
 }
 

@@ -53,7 +53,7 @@ bool holds(const ViewerClient& slot, Endpoint viewer) {
 
 bool is_free(const ViewerClient& slot) { return slot.address.load_acquire() == 0; }
 
-// --- FromViewer --------------------------------------------------------------------------------
+// --- From viewers ------------------------------------------------------------------------------
 
 void handle_register(Endpoint viewer, bool data_only) {
   if (register_viewer(viewer, data_only) == 0) return;
@@ -157,18 +157,19 @@ void handle_viewer_datagram(const Datagram& datagram) noexcept {
   std::array<std::uint8_t, kFrameHeaderSize + kLongestFixedPayload> head{};
   std::copy_n(datagram.bytes.begin(), std::min(datagram.bytes.size(), head.size()), head.begin());
   if (head[0] != kFrameMagic || is_own_frame(datagram.sender)) return;
-  const auto payload = std::span<const std::uint8_t>(head).subspan(kFrameHeaderSize);
-  switch (static_cast<FromViewer>(payload[0])) {
+  const ByteView payload(std::span<const std::uint8_t>(head).subspan(kFrameHeaderSize));
+  switch (static_cast<FromViewer>(head[kFrameHeaderSize])) {
     case FromViewer::register_viewer:
-      handle_register(datagram.sender, payload[1] == kDataOnlyMode);
+      handle_register(datagram.sender, payload[RegisterMessage::mode] == kDataOnlyMode);
       break;
     case FromViewer::leave:
       handle_leave(datagram.sender);
       break;
     case FromViewer::speed:
       if (speed_handler != nullptr) {
-        speed_handler(payload[1], load_le<std::int16_t>(payload, 2),
-                      load_le<std::int16_t>(payload, 4), load_le<std::int16_t>(payload, 6));
+        using Speed = SpeedMessage;
+        speed_handler(payload[Speed::mode], payload[Speed::pan], payload[Speed::tilt],
+                      payload[Speed::roll]);
       }
       break;
     case FromViewer::command: {
@@ -190,14 +191,14 @@ void broadcast_text(std::string_view text) noexcept {
   broadcast({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, FrameKind::data);
 }
 
-void send_status(std::uint8_t type, const std::array<std::uint8_t, 6>& values) noexcept {
-  std::array<std::uint8_t, 7> payload{type};
+void send_status(ToViewer type, const std::array<std::uint8_t, 6>& values) noexcept {
+  std::array<std::uint8_t, kShortMessageSize> payload{type_of(type)};
   std::copy(values.begin(), values.end(), payload.begin() + 1);
   broadcast(payload, FrameKind::data);
 }
 
-void send_triple(std::uint8_t type, const std::array<std::int16_t, 3>& values) noexcept {
-  std::array<std::uint8_t, 7> payload{type};
+void send_triple(ToViewer type, const std::array<std::int16_t, 3>& values) noexcept {
+  std::array<std::uint8_t, kShortMessageSize> payload{type_of(type)};
   for (std::size_t i = 0; i < values.size(); ++i) store_le(payload, 1 + 2 * i, values[i]);
   broadcast(payload, FrameKind::data);
 }

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "base/shared.h"
+#include "net/messages.h"
 #include "net/udp_link.h"
 
 namespace nimbus {
@@ -21,23 +22,6 @@ inline constexpr std::size_t kMaxViewers = 10;
 
 /// A viewer that has not registered again for longer than this is lost.
 inline constexpr std::uint32_t kViewerTimeoutMs = 5000;
-
-/// A frame to or from a viewer is a header of so many bytes, the first of them the magic, and the
-/// payload. The header's 32-bit word at kFrameNumberOffset numbers the broadcasts.
-inline constexpr std::size_t kFrameHeaderSize = 12;
-inline constexpr std::uint8_t kFrameMagic = 0x42;
-inline constexpr std::size_t kFrameNumberOffset = 4;
-
-/// What a viewer says, by its payload's first byte.
-enum class FromViewer : std::uint8_t {
-  register_viewer = 0,  ///<  1 u8 mode: 1 is data-only
-  leave = 1,
-  speed = 5,      ///<  1 u8 mode, 2 i16 pan, 4 i16 tilt, 6 i16 roll
-  command = '{',  ///<  a JSON text from this byte on, up to a NUL or the datagram's end
-};
-
-/// The byte of the frame header that tells relayed video from everything else.
-enum class FrameKind : std::uint8_t { data = 0, video = 1 };
 
 /// One slot of the viewer table. `address` is the slot's ownership, written first when it fills and
 /// last when it empties; `tenancy` is its visibility to broadcasts, written last when it fills and
@@ -79,10 +63,10 @@ void broadcast(std::span<const std::uint8_t> payload, FrameKind kind) noexcept;
 void broadcast_text(std::string_view text) noexcept;
 
 /// Broadcasts a 7-byte status message: the type and six bytes. Any thread.
-void send_status(std::uint8_t type, const std::array<std::uint8_t, 6>& values) noexcept;
+void send_status(ToViewer type, const std::array<std::uint8_t, 6>& values) noexcept;
 
 /// Broadcasts a 7-byte triple message: the type and three 16-bit values, little-endian. Any thread.
-void send_triple(std::uint8_t type, const std::array<std::int16_t, 3>& values) noexcept;
+void send_triple(ToViewer type, const std::array<std::int16_t, 3>& values) noexcept;
 
 /// Acts on one datagram from a viewer, or from anybody. Viewer link's receive thread.
 void handle_viewer_datagram(const Datagram& datagram) noexcept;

@@ -273,17 +273,27 @@ def test_members_of_the_report():
 
 
 def test_types_of_messages():
-    code = {int(number) for number
-            in re.findall(r"\w+ = (\d+)", block("control/telemetry.cpp", "Message"))}
-    code.add(constant("control/control.cpp", "kRcReportType"))
-    for name in ("kSourceStatus", "kFlagsStatus", "kVersionStatus"):
-        code.add(constant("app/status_loop.cpp", name))
-    code.add(ord("{"))
-    assert no_repeats(int(row["Type"]) for row in table("Messages to viewers")) == code
+    """Each with its size."""
+    types = {name: ord("{") if number == "'{'" else int(number) for name, number
+             in re.findall(r"(\w+) = (\d+|'\{')", block("net/messages.h", "ToViewer"))}
+    kinds = dict(re.findall(r"\{ToViewer::(\w+), +(\w+(?:::kSize)?),",
+                            block("net/messages.h", "kMessageKinds")))
+    assert kinds.keys() == types.keys() - {"text"}
+
+    def size(text):
+        if "::" not in text:
+            return constant("net/messages.h", text)
+        record = source("net/messages.h").split(f"struct {text.split('::')[0]} ")[1]
+        return int(re.search(r"kSize = (\d+)", record)[1])
+
+    code = {(types[name], str(size(text))) for name, text in kinds.items()}
+    described = no_repeats((int(row["Type"]), row["Length"])
+                           for row in table("Messages to viewers"))
+    assert described == code | {(types["text"], "its own")}
 
 
 def test_types_from_viewers():
-    code = set(re.findall(r"\w+ = ([^,\s]+)", block("net/viewers.h", "FromViewer")))
+    code = set(re.findall(r"\w+ = ([^,\s]+)", block("net/messages.h", "FromViewer")))
     described = {row["First byte"] for row in table("From viewers")}
     assert described == {str(ord(value[1])) if value[0] == "'" else value for value in code}
 
@@ -371,8 +381,11 @@ def test_codes():
 
 
 def test_reports():
-    code = {(length, "any" if command_set == "kAnySet" else command_set) for length, command_set
-            in re.findall(r"\{ ?(\d+), (\w+),", block("control/telemetry.cpp", "kKinds"))}
+    code = set()
+    for report, length in re.findall(r"(\w+)::(k\w*Length), ", block("camera/reports.h", "kReportKinds")):
+        layout = source("camera/reports.h").split(f"struct {report} ")[1]
+        numbers = dict(re.findall(r" (k\w+) = (\w+);", layout.split("};")[0]))
+        code.add((numbers[length], numbers["kSet"].replace("kAnySet", "any")))
     rows = tables("Camera reports")
     assert no_repeats((row["Length"], row["Set"]) for row in rows[0]) == code
     assert {row["Report"] for row in rows[1]} == {row["Report"] for row in rows[0]}

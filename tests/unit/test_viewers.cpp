@@ -330,9 +330,9 @@ void broadcast(std::string_view payload, FrameKind kind) {
 TEST_F(Viewers, EveryShapeOfMessageIsFramed) {
   const test::UdpEnd viewer;
   ASSERT_EQ(add(viewer.endpoint()), 1);
-  send_status(6, {1, 2, 3, 127, 128, 255});
+  send_status(ToViewer::flags, {1, 2, 3, 127, 128, 255});
   EXPECT_EQ(payload_of_next(viewer, 0), "\6\1\2\3\x7F\x80\xFF");
-  send_triple(255, {0x1234, -2, -32'768});
+  send_triple(static_cast<ToViewer>(255), {0x1234, -2, -32'768});
   EXPECT_EQ(payload_of_next(viewer, 0), "\xFF\x34\x12\xFE\xFF\0\x80"s);
   broadcast_text("{}");
   EXPECT_EQ(payload_of_next(viewer, 0), "{}");
