@@ -310,3 +310,21 @@ def test_unknown_settings_change_nothing(board):
     assert board.calls() == []
     assert not CARD_FILE.exists()
     assert not WORKING_COPY.exists()
+
+
+# --- Line ends in values -------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("end", ["\n", "\r", "\r\n"], ids=repr)
+def test_no_value_begins_a_line(board, end):
+    """It ends there in the file; the record, and what is said, have it as it came."""
+    name = f"Studio{end}hdmi_enabled=7{end}ap_mode=9"
+    board.update("wifi", *["0"] * 7, name, name, "", "", "US")
+    report = board.request({"cmd": "configrequest"}).decode()
+    assert f'"ap_ssid":"{name}"' in report.replace(" ", "")
+    saved = settings(CARD_FILE)
+    assert (saved["ap_ssid"], saved["ap_psk"]) == ('"Studio"', '"Studio"')
+    for file in (CARD_FILE, WORKING_COPY):
+        lines = file.read_bytes().replace(b"\r\n", b"\n").split(b"\n")
+        assert len(lines) == 157 + 1 and b"hdmi_enabled=7" not in lines and b"ap_mode=9" not in lines
+        assert not any(b"\r" in line for line in lines)
