@@ -227,7 +227,7 @@ Samples calls_between_receipts(const std::filesystem::path& calls, std::size_t b
   for (std::string line; std::getline(trace, line);) {
     // A call that another thread's interrupts is shown in two lines.
     if (line.ends_with("<unfinished ...>")) continue;
-    const bool received = line.find("recvfrom") != std::string::npos && line.ends_with(receipt);
+    const bool received = line.find("recvmsg") != std::string::npos && line.ends_with(receipt);
     if (thread.empty() && received) thread = line.substr(0, line.find(' ') + 1);
     if (thread.empty() || !line.starts_with(thread)) continue;
     if (received && count > 0) result.add(std::exchange(count, 0));

@@ -8,6 +8,13 @@
 namespace nimbus {
 namespace {
 
+// A burst of 64 datagrams of the largest size, with the kernel's own bookkeeping for each, must
+// wait while ten viewers are served.
+constexpr int kVideoQueueBytes = 4 * 1024 * 1024;
+
+// The camera's reports for seconds.
+constexpr int kDataQueueBytes = 1024 * 1024;
+
 UdpLink data_link;
 UdpLink video_link;
 DisplayRegion* display = nullptr;
@@ -68,19 +75,11 @@ void video_packet(const Datagram& datagram) {
   broadcast(datagram.bytes, FrameKind::video);
 }
 
-/// Opens a link and reports how it went. The callbacks follow once the link is open: a datagram
-/// that arrives in between only counts as received.
-bool open_source(const char* name, UdpLink& link, std::uint16_t port) {
+bool open_source(const char* name, UdpLink& link, const LinkPort& port) {
   log_text("Init %s source... ", name);
   const bool opened = link.open(port) == 0;
   log_text(opened ? "done\n" : "fail\n");
   return opened;
-}
-
-void install(UdpLink& link, void (*packet)(const Datagram&), void (*found)(), void (*lost)()) {
-  link.on_packet.store_release(packet);
-  link.on_found.store_release(found);
-  link.on_lost.store_release(lost);
 }
 
 }  // namespace
@@ -91,10 +90,12 @@ int init_sources(CameraDataHandler on_camera_data) {
   camera_data_handler = on_camera_data;
   data_lost();
   video_lost();
-  if (!open_source("data", data_link, kDataPort)) return -1;
-  install(data_link, data_packet, data_found, data_lost);
-  if (!open_source("video", video_link, kVideoPort)) return -1;
-  install(video_link, video_packet, video_found, video_lost);
+  if (!open_source("data", data_link, {kDataPort, kDataQueueBytes})) return -1;
+  if (!open_source("video", video_link, {kVideoPort, kVideoQueueBytes})) return -1;
+  // What has arrived so far waits in the queues: the first datagram finds the source, whenever it
+  // came, and does not say so in the middle of these texts.
+  data_link.start({.packet = data_packet, .found = data_found, .lost = data_lost});
+  video_link.start({.packet = video_packet, .found = video_found, .lost = video_lost});
   return 0;
 }
 

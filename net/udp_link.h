@@ -2,17 +2,21 @@
 //
 // Anything may arrive, from anybody: each datagram is handed on alone, whole, with its sender. The
 // sender of the last one is the link's peer, and the time of the last one tells whether the link is
-// live or silent.
+// live or silent. What comes faster than it can be handled waits in the socket's queue, but not for
+// long: old is worse than lost.
 #pragma once
 
 #include <netinet/in.h>
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 #include "base/shared.h"
+#include "net/queue_age.h"
 
 namespace nimbus {
 
@@ -26,6 +30,17 @@ struct Endpoint {
 };
 
 [[nodiscard]] AddressText address_text(in_addr_t address) noexcept;
+[[nodiscard]] sockaddr_in socket_address(Endpoint endpoint) noexcept;
+
+/// The two options that set the size of a socket's buffer. The forced one passes the system's limit
+/// but wants CAP_NET_ADMIN; the plain one is cut to the limit.
+struct BufferOptions {
+  int forced;
+  int plain;
+};
+
+/// Sets that buffer to twice so many bytes, as the kernel counts, or to as many as it grants.
+void set_buffer(int socket, BufferOptions options, int bytes) noexcept;
 
 /// One received datagram. The bytes are the link's buffer: valid until the callback returns.
 struct Datagram {
@@ -39,51 +54,75 @@ inline constexpr std::size_t kMaxDatagram = 60'000;
 /// A silent link is one without a datagram for longer than this.
 inline constexpr std::uint32_t kLinkTimeoutMs = 1000;
 
+/// A datagram that has waited in the queue for longer than this keeps its link live, and is
+/// dropped.
+inline constexpr std::chrono::seconds kQueuePatience{2};
+
+/// At most once in this time, for all links together, the console says that datagrams are dropped.
+inline constexpr std::chrono::seconds kDropReportPeriod{10};
+
+/// Whom a link tells; each may be null. found and packet run on the link's receive thread, lost on
+/// the thread that calls notice_silence(); found and lost never run at the same time.
+struct LinkCallbacks {
+  void (*packet)(const Datagram&) = nullptr;  ///< every datagram that is not too old
+  void (*found)() = nullptr;                  ///< the first datagram after silence, before packet
+  void (*lost)() = nullptr;                   ///< the link has fallen silent
+};
+
+/// A port and how a link takes it.
+struct LinkPort {
+  std::uint16_t number;
+  int queue_bytes;     ///< asked for; the kernel doubles it, and counts its own bookkeeping
+  bool joins = false;  ///< the group that has it, whose last member it is to be
+};
+
 /// A UDP link. All of them are static objects that live as long as the process; there is no close.
-///
-/// The callbacks may be empty and may be set at any moment, also after open(). on_found and
-/// on_packet run on the link's receive thread, on_lost on the thread that calls notice_silence();
-/// found and lost never run at the same time.
 class UdpLink {
  public:
-  Shared<void (*)(const Datagram&)> on_packet;  ///< every datagram
-  Shared<void (*)()> on_found;  ///< the first datagram after silence, before on_packet
-  Shared<void (*)()> on_lost;   ///< the link has fallen silent
+  constexpr UdpLink() noexcept : last_packet_ms_(0), peer_address_(0), peer_port_(0) {}
 
-  constexpr UdpLink() noexcept
-      : on_packet(nullptr),
-        on_found(nullptr),
-        on_lost(nullptr),
-        last_packet_ms_(0),
-        peer_address_(0),
-        peer_port_(0) {}
+  /// Binds the port on all interfaces: from then on, what arrives waits in the queue. Returns 0, or
+  /// -1 when the port cannot be bound. Main thread, once.
+  int open(const LinkPort& port) noexcept;
 
-  /// Binds `port` on all interfaces and starts the receive thread. Returns 0, or -1 when the port
-  /// cannot be bound. Main thread, once.
-  int open(std::uint16_t port) noexcept;
+  /// Starts the receive thread, which tells these. Main thread, once, after open().
+  void start(const LinkCallbacks& callbacks) noexcept;
 
-  /// Sends one datagram made of `parts` to `destination`. Returns what sendmsg(2) returns. Any
-  /// thread.
-  std::ptrdiff_t send_to(std::span<const iovec> parts, Endpoint destination) const noexcept;
+  /// The socket, for sends. Main thread, after open().
+  [[nodiscard]] int socket() const noexcept { return socket_; }
 
-  /// Sends one datagram to the sender of the last one received. Returns what sendto(2) returns, or
-  /// -1 without a system call when nothing has ever been received. Any thread.
+  /// Sends one datagram to the sender of the last one received; it is lost when too much waits to
+  /// be sent already. Never waits. Returns what sendto(2) returns, or -1 without a system call when
+  /// nothing has ever been received. Any thread.
   std::ptrdiff_t send_to_peer(std::span<const std::uint8_t> bytes) const noexcept;
 
-  /// Calls on_lost once when the last datagram is more than kLinkTimeoutMs old. Main thread, once a
+  /// Calls `lost` once when the last datagram is more than kLinkTimeoutMs old. Main thread, once a
   /// second.
   void notice_silence() noexcept;
 
  private:
   static void* run(void* link) noexcept;
   [[noreturn]] void receive_loop() noexcept;
-  void handle(const Datagram& datagram) noexcept;
+  /// What one call has received: how many bytes, from whom, stamped when.
+  struct Receipt {
+    std::ptrdiff_t length;
+    Endpoint sender;
+    std::optional<std::int64_t> stamp;  // nanoseconds of the kernel's wall clock
+  };
+  Receipt receive() noexcept;
+  void note(Endpoint sender) noexcept;
+  bool is_too_old(const Receipt& receipt) noexcept;
+  void count_dropped() noexcept;
 
   int socket_ = -1;
+  LinkCallbacks callbacks_;               // set before the receive thread starts
   Shared<std::uint32_t> last_packet_ms_;  // now_ms of the last datagram, 0: silent
   Shared<in_addr_t> peer_address_;        // network byte order
   Shared<std::uint16_t> peer_port_;       // host byte order, 0: no peer yet; set after the address
-  std::array<std::uint8_t, kMaxDatagram> buffer_{};  // receive thread only
+  // Receive thread only.
+  QueueAge queue_age_;
+  std::uint32_t dropped_ = 0;  // too old
+  std::array<std::uint8_t, kMaxDatagram> buffer_{};
 };
 
 }  // namespace nimbus

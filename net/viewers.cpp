@@ -12,6 +12,8 @@
 #include "base/wire.h"
 #include "display/command_handover.h"
 #include "display/region.h"
+#include "net/send_sockets.h"
+#include "net/turn.h"
 
 namespace nimbus {
 namespace {
@@ -32,15 +34,14 @@ constexpr std::size_t kLongestFixedPayload = 8;
 // --- Policy ------------------------------------------------------------------------------------
 // The pause after every send keeps the fan-out from overrunning a viewer's Wi-Fi.
 constexpr useconds_t kPauseAfterSendUs = 1000;
-// A broadcast waits for the one before it, but never longer than 50 ms: a stuck sender must not
-// stop the others.
-constexpr int kGuardAttempts = 100;
-constexpr useconds_t kGuardSleepUs = 500;
+// Commands and speeds of ten viewers for seconds.
+constexpr int kQueueBytes = 1024 * 1024;
 
 UdpLink viewer_link;
+std::array<int, kMaxViewers> send_sockets;  // by slot
+Turn turn;
 std::array<ViewerClient, kMaxViewers> viewers;
 Shared<std::uint32_t> frame_counter;
-Shared<std::uint8_t> send_busy;
 DisplayRegion* display = nullptr;
 ViewerSpeedHandler speed_handler = nullptr;
 
@@ -75,10 +76,14 @@ bool is_own_frame(Endpoint sender) {
 
 // --- Outbound ----------------------------------------------------------------------------------
 
-/// Waits while another thread broadcasts. Advisory: it keeps the frames of two broadcasts from
-/// interleaving, but nothing depends on it.
-void wait_for_turn() {
-  for (int i = 0; i < kGuardAttempts && send_busy != 0; ++i) usleep(kGuardSleepUs);
+/// Each slot sends through a socket of its own, or, where the system cannot share a port among
+/// sockets, through the one that receives.
+bool open_sockets() {
+  const bool shared = open_send_sockets(send_sockets, kViewerPort);
+  const LinkPort port{.number = kViewerPort, .queue_bytes = kQueueBytes, .joins = shared};
+  if (viewer_link.open(port) == -1) return false;
+  if (!shared) send_sockets.fill(viewer_link.socket());
+  return true;
 }
 
 std::array<std::uint8_t, kFrameHeaderSize> frame_header(FrameKind kind, std::uint32_t number) {
@@ -94,24 +99,25 @@ bool has_viewers() {
                      [](const ViewerClient& slot) { return slot.tenancy != 0; });
 }
 
+/// The frame goes to every slot in turn. What a slot's socket does not take is lost for its viewer
+/// alone, and the pause follows all the same.
 void send_to_viewers(std::span<const std::uint8_t> payload, FrameKind kind) {
-  wait_for_turn();
+  const Turn::Ticket ticket = turn.take(kind == FrameKind::video ? Rank::next : Rank::in_line);
   // Header and payload are gathered by the kernel: no frame buffer that two threads could share.
   auto header = frame_header(kind, frame_counter);
-  send_busy = 1;
   const std::size_t length = static_cast<std::uint16_t>(kFrameHeaderSize + payload.size());
   const std::size_t header_length = std::min(length, kFrameHeaderSize);
   const std::array<iovec, 2> parts{{
       {header.data(), header_length},
       {const_cast<std::uint8_t*>(payload.data()), length - header_length},
   }};
-  for (const auto& slot : viewers) {
-    const Endpoint viewer = slot.viewer();
+  for (std::size_t i = 0; i < kMaxViewers; ++i) {
+    const Endpoint viewer = viewers[i].viewer();
     if (viewer.port == 0) continue;
-    viewer_link.send_to(parts, viewer);
+    send_through(send_sockets[i], parts, viewer);
     usleep(kPauseAfterSendUs);
   }
-  send_busy = 0;
+  turn.give_back(ticket);
 }
 
 }  // namespace
@@ -143,12 +149,10 @@ int open_viewers_link(ViewerSpeedHandler on_speed) {
   speed_handler = on_speed;
   frame_counter = 0;
   log_text("Init network... ");
-  if (viewer_link.open(kViewerPort) == -1) {
-    log_text("fail\n");
-    return -1;
-  }
-  log_text("done\n");
-  viewer_link.on_packet.store_release(handle_viewer_datagram);
+  const bool open = open_sockets();
+  log_text(open ? "done\n" : "fail\n");
+  if (!open) return -1;
+  viewer_link.start({.packet = handle_viewer_datagram});
   return 0;
 }
 

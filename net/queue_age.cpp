@@ -1,0 +1,35 @@
+#include "net/queue_age.h"
+
+#include <time.h>
+
+#include <algorithm>
+
+namespace nimbus {
+namespace {
+
+std::int64_t nanoseconds_of(clockid_t clock) noexcept {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+}  // namespace
+
+Clocks read_clocks() noexcept {
+  const std::int64_t monotonic = nanoseconds_of(CLOCK_MONOTONIC);
+  return {.wall = nanoseconds_of(CLOCK_REALTIME), .monotonic = monotonic};
+}
+
+std::int64_t QueueAge::waited(std::int64_t stamp, Clocks now) noexcept {
+  // A wall clock that is set forward lessens the distance of what it stamps from then on.
+  const std::int64_t distance = now.monotonic - stamp;
+  least_ = std::min(least_, distance);
+  const std::int64_t by_monotonic = distance - least_;
+  const std::int64_t by_wall = now.wall - stamp;
+  // Before it was stamped (or after, if by_wall is less than nothing), the clock was not set back.
+  if (by_wall < 0 || by_wall >= by_monotonic) return by_monotonic;
+  least_ = distance - by_wall;
+  return by_wall;
+}
+
+}  // namespace nimbus

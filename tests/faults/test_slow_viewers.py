@@ -1,0 +1,191 @@
+"""Viewers on bad links, and viewers that are gone without a word. What waits for them, waits for them
+alone: the others get their picture in time, and the status loop goes round.
+
+The kernel charges what waits in an interface's queue, or for an address to be resolved, to the socket
+that it was sent through.
+"""
+
+import itertools
+import statistics
+import struct
+import time
+
+import pytest
+
+import nimbus
+from far import FarViewer, Link
+from nimbus import StampedViewer, connected, limit, wait_until
+
+pytestmark = pytest.mark.skipif(bool(nimbus.EMULATOR), reason="the emulator knows no groups of sockets")
+
+SECONDS = 4
+MS = 1_000_000
+TELLING = 0.99  # of the datagrams arrive, and of these in time
+IN_TIME_MS = 50
+HEAD = struct.Struct("<Iq")  # number, time of the bridge's send in nanoseconds of the wall clock
+
+
+@pytest.fixture
+def privilege(request):
+    """The service may pass the system's limits on buffers ("root") or not ("user")."""
+    as_user = ("setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin")
+    return as_user if getattr(request, "param", "root") == "user" else ()
+
+
+@pytest.fixture
+def serving(start, privilege, passes):
+    service = start(wrapper=privilege)
+    passes(1)
+    return service
+
+
+@pytest.fixture
+def links():
+    """links(n) makes the n-th network beside this one."""
+    made = []
+
+    def make(number=0):
+        made.append(Link(number))
+        return made[-1]
+
+    yield make
+    for link in made:
+        link.close()
+
+
+@pytest.fixture
+def good(serving):
+    """good(host="127.0.0.1") registers a viewer on a good link."""
+    made = []
+
+    def make(host="127.0.0.1"):
+        viewer = StampedViewer(host)
+        made.append(viewer)
+        viewer.register()
+        serving.err.wait(connected(viewer))
+        return viewer
+
+    yield make
+    for viewer in made:
+        viewer.close()
+
+
+@pytest.fixture
+def stranded(serving, links):
+    """stranded(link) registers a viewer at the far end of that link."""
+    made = []
+
+    def make(link):
+        viewer = FarViewer(link, link.far)
+        made.append(viewer)
+        viewer.register()
+        serving.err.wait(connected(viewer))
+        return viewer
+
+    yield make
+    for viewer in made:
+        viewer.close()
+
+
+def ghosts(service, link, count):
+    """Viewers that answer no question for their address."""
+    for number in range(count):
+        host, port = f"10.7.0.{100 + number}", 40000 + number
+        link.register_ghost(host, port)
+        service.err.wait(f"New client connected from {host}:{port}")
+
+
+def play(video, size, rate, keep=(), seconds=SECONDS):
+    """Sends so many datagrams of that size a second; `keep` register again. Returns their number."""
+    begin = time.monotonic()
+    for number in range(seconds * rate):
+        time.sleep(max(0.0, begin + number / rate - time.monotonic()))
+        video.send(HEAD.pack(number, time.time_ns()).ljust(size, b"\5"))
+        if number % rate == 0:
+            for viewer in keep:
+                viewer.register()
+    return seconds * rate
+
+
+def check_served(service, viewers, sent, size):
+    """Every one of them has got the picture in time, and the status messages of each second."""
+    assert "lost" not in nimbus.events(service) and service.running()
+    for viewer in viewers:
+        video = [frame for frame in viewer.frames if frame.video]
+        assert all(len(frame.payload) == size for frame in video)
+        delays = sorted((frame.time - HEAD.unpack_from(frame.payload)[1]) / MS for frame in video)
+        in_time = sum(delay <= limit(IN_TIME_MS) for delay in delays)
+        rounds = [frame.time for frame in viewer.frames
+                  if not frame.video and frame.payload[:1] == b"\x0b"]
+        periods = [(after - before) / 1e9 for before, after in itertools.pairwise(rounds)]
+        print(f"\nslow viewers: {len(video)} of {sent}; median {statistics.median(delays):.1f} ms, "
+              f"longest {delays[-1]:.1f} ms; status every {min(periods):.2f} to "
+              f"{max(periods):.2f} s")
+        assert len(video) >= TELLING * sent
+        assert in_time >= TELLING * len(video)
+        assert len(periods) >= SECONDS - 2
+        assert 1.0 <= min(periods) and max(periods) <= limit(1.2)
+
+
+def finish(viewers, sent):
+    """What is on its way arrives, or never will."""
+    def all_there():
+        return all(sum(frame.video for frame in viewer.frames) == sent for viewer in viewers)
+    try:
+        wait_until(all_there, 0.5)
+    except AssertionError:
+        pass
+
+
+def show(service, video, viewers, size, rate):
+    sent = play(video, size, rate, viewers)
+    finish(viewers, sent)
+    check_served(service, viewers, sent, size)
+
+
+@pytest.mark.parametrize("privilege", ["root", "user"], indirect=True)
+@pytest.mark.parametrize("rate, queue, size, per_second",
+                         [("300kbit", "1000000", 1400, 80), ("5mbit", "4000000", 30_000, 30)])
+def test_viewer_behind_a_narrow_link(serving, links, good, stranded, video, rate, queue, size,
+                                     per_second):
+    """Before and behind it in the order of sends, somebody on a good link."""
+    first = good()
+    link = links()
+    slow = stranded(link)
+    last = good("127.0.0.2")
+    link.narrow(rate, queue)
+    show(serving, video, [first, last], size, per_second)
+    assert any(frame.video for frame in slow.frames), "what fits through its link, it gets"
+
+
+@pytest.mark.parametrize("count, size, per_second", [(1, 1400, 80), (9, 1400, 40), (9, 60_000, 40)])
+def test_viewers_that_answer_nobody(serving, links, good, video, count, size, per_second):
+    """They are there, the last that was heard of them, and nobody knows where."""
+    ghosts(serving, links(), count)
+    show(serving, video, [good()], size, per_second)
+
+
+def test_link_that_goes_down(serving, links, good, stranded, video):
+    """In the middle of the picture."""
+    first, link = good(), links()
+    stranded(link)
+    last = good("127.0.0.2")
+    link.narrow("20mbit", "1000000")
+    play(video, 30_000, 30, seconds=1)
+    for viewer in (first, last):
+        viewer.frames.clear()
+    link.break_off()
+    show(serving, video, [first, last], 30_000, 30)
+
+
+def test_viewer_that_takes_the_slot_of_a_slow_one(serving, links, good, stranded, video):
+    """What still waits for the one before is not its business for long."""
+    link = links()
+    slow = stranded(link)
+    link.narrow("5mbit", "1000000")
+    play(video, 30_000, 30, seconds=2)
+    slow.leave()
+    serving.err.wait(nimbus.removed(slow))
+    successor = good()
+    time.sleep(1)
+    show(serving, video, [successor], 30_000, 30)
