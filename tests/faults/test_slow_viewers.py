@@ -158,7 +158,7 @@ def test_viewer_behind_a_narrow_link(serving, links, good, stranded, video, rate
     assert any(frame.video for frame in slow.frames), "what fits through its link, it gets"
 
 
-@pytest.mark.parametrize("count, size, per_second", [(1, 1400, 80), (9, 1400, 40), (9, 60_000, 40)])
+@pytest.mark.parametrize("count, size, per_second", [(1, 1400, 80), (9, 1400, 25), (9, 60_000, 25)])
 def test_viewers_that_answer_nobody(serving, links, good, video, count, size, per_second):
     """They are there, the last that was heard of them, and nobody knows where."""
     ghosts(serving, links(), count)
