@@ -76,7 +76,7 @@ void Relay::expect_frames() {
 }
 
 void Relay::wait_until_it_relays() {
-  // The service installs its video handler after its last start-up text: video in between is lost.
+  // What it is busy with at its start.
   for (int i = 0; i < kFirstDatagrams; ++i) {
     expect_frames();
     around_.bridge.send(video_port_);
@@ -99,6 +99,34 @@ Effort Relay::relay(std::size_t datagrams) {
   return {.wall = end - begin,
           .latency = around_.viewers.front().arrivals().front() - begin,
           .cpu = process_.cpu_time() - cpu_before};
+}
+
+Samples Relay::relay_stream(std::size_t datagrams, const std::function<void()>& each_tick) {
+  constexpr int kTicks = 4;
+  constexpr auto kTick = kStreamPeriod / kTicks;
+  constexpr std::size_t kMoments = 10;  // of a tick, by turns
+  expect_frames();
+  std::vector<nanoseconds> sent;
+  auto due = std::chrono::steady_clock::now();
+  for (std::size_t i = 0; i < datagrams * kTicks; ++i) {
+    each_tick();
+    if (i % kTicks == 0) {
+      const std::size_t moment = i / kTicks % kMoments;
+      std::this_thread::sleep_until(due + kTick * moment / kMoments);
+      sent.push_back(wall_clock());
+      around_.bridge.send(video_port_);
+    }
+    std::this_thread::sleep_until(due += kTick);
+  }
+  if (!frames_come(around_.viewers, datagrams, kWindowLimit)) {
+    throw std::runtime_error("a relay has lost a datagram");
+  }
+  Samples result;
+  const auto& arrivals = around_.viewers.front().arrivals();
+  for (std::size_t i = 0; i < datagrams; ++i) {
+    result.add(std::chrono::duration<double, std::milli>(arrivals[i] - sent[i]).count());
+  }
+  return result;
 }
 
 double Relay::relay_steadily(milliseconds time) {

@@ -5,10 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "bench/child.h"
+#include "bench/samples.h"
 #include "bench/traffic.h"
 
 namespace nimbus::bench {
@@ -32,6 +34,9 @@ struct Effort {
   std::chrono::nanoseconds cpu;      ///< of the relay's process, until it was idle again
 };
 
+/// Between two datagrams of a stream.
+inline constexpr std::chrono::milliseconds kStreamPeriod{40};
+
 /// The service or the bare loop, as a process that serves the viewers of its surroundings.
 class Relay {
  public:
@@ -49,6 +54,11 @@ class Relay {
 
   /// Relays that many datagrams. Throws when one does not reach every viewer.
   Effort relay(std::size_t datagrams);
+
+  /// Relays one datagram each kStreamPeriod, at a moment of that period that varies, and calls
+  /// `each_tick` before each. Returns how long each took to the first viewer, in milliseconds.
+  /// Throws when one is lost.
+  Samples relay_stream(std::size_t datagrams, const std::function<void()>& each_tick);
 
   /// Relays for that long, with the next datagrams always waiting. Returns how many the last viewer
   /// got per second.

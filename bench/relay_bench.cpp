@@ -16,10 +16,15 @@
 //            receipt.
 //   memory   Resident memory (VmRSS), the largest of all runs.
 //   start    From the start of the process to its last start-up text.
+//   stream   From the bridge's send to the first of ten viewers, for a datagram each 40 ms, half of
+//            them or all but one in a hundred: alone, and with a hundred of the camera's reports a
+//            second, each of which is told to the viewers as well.
 //   rate     Datagrams that reach ten viewers in a second, with the next ones always waiting.
 //   calls    System calls of the thread that relays, from one datagram's receipt to the next's: the
 //            median over some datagrams.
 //   size     The stripped binary.
+//   against  CPU time as above, of another build of the service as well (--against), each held
+//            against the bare loop beside it, in turn.
 //
 // Both relays run, and are measured in turn, strictly alternating. "service" and "bare loop" are
 // the medians of all measurements. "ratio" is the median of the ratios within each pair, not the
@@ -51,8 +56,10 @@
 
 #include "bench/driver.h"
 #include "bench/relay.h"
+#include "bench/report.h"
 #include "bench/samples.h"
 #include "bench/traffic.h"
+#include "net/sources.h"
 #include "net/viewers.h"
 
 namespace nimbus::bench {
@@ -84,10 +91,12 @@ constexpr std::array<std::size_t, 3> kSteadySizes{1'400, 1'316, 60'000};
 constexpr milliseconds kSteadyTime{2'500};
 
 constexpr std::size_t kTracedDatagrams = 16;
+constexpr std::size_t kStreamDatagrams = 200;
 
 constexpr double kWallLimit = 1.05;
 constexpr double kCpuLimit = 1.15;
 constexpr double kLatencyLimit = 1.25;
+constexpr double kAgainstLimit = 1.02;
 constexpr double kMemoryLimitKib = 4096;
 constexpr double kStartLimitMs = 20;
 
@@ -132,6 +141,7 @@ struct Measurement {
 struct Binaries {
   std::filesystem::path service;
   std::filesystem::path bare;
+  std::filesystem::path against = {};  ///< another build of the service; empty: none
 };
 
 /// One round with one kind of traffic: both relays run, and are used in turn.
@@ -295,6 +305,57 @@ void add_shares(const Measurement& measured, Table& table) {
   }
 }
 
+/// The median and the 99th percentile of a stream's first receipts, with and without reports.
+void add_streams(const Binaries& binaries, Table& table) {
+  constexpr std::size_t kBytes = 1'400;
+  constexpr std::size_t kGimbalReport = 53;
+  constexpr std::uint8_t kGimbalSet = 4;
+  Surroundings around(kBytes, kMaxViewers);
+  const UniqueFd camera = udp_socket();
+  const auto report = empty_report(kGimbalReport, kGimbalSet);
+  const auto stream = [&](Relay relay, bool with_reports) {
+    int tick = 0;
+    return relay.relay_stream(kStreamDatagrams, [&] {
+      if (tick++ % 100 == 0) around.register_viewers();
+      if (with_reports) bench::send(camera, report, kDataPort);
+    });
+  };
+  const Samples bare = stream(Relay::start_bare(binaries.bare, around), false);
+  for (const bool with_reports : {false, true}) {
+    const Samples service = stream(Relay::start_service(binaries.service, around), with_reports);
+    for (const double share : {0.5, 0.99}) {
+      const std::string what = "stream to ten viewers" +
+                               std::string(with_reports ? ", with reports" : "") +
+                               (share < 0.9 ? ", median" : ", p99");
+      const double of_service = service.quantile(share);
+      const double of_bare = bare.quantile(share);
+      table.add(
+          {what, of_service, "ms", {}, Comparison{"bare loop", of_bare, of_service / of_bare}});
+    }
+  }
+}
+
+/// The CPU time of this build and of another.
+void add_against(const Binaries& binaries, int rounds, Table& table) {
+  const Binaries other{.service = binaries.against, .bare = binaries.bare};
+  for (const auto& traffic : kCases) {
+    Results own_results;
+    Results other_results;
+    for (int i = 0; i < rounds; ++i) {
+      Round(binaries, traffic).measure(own_results);
+      Round(other, traffic).measure(other_results);
+    }
+    const Pair& own = own_results.cpu;
+    const Pair& others = other_results.cpu;
+    table.add({label("CPU of two builds", traffic.bytes, traffic.viewers),
+               own.service.median(),
+               "us",
+               {},
+               Comparison{"the other build", others.service.median(),
+                          own.ratio.median() / others.ratio.median(), kAgainstLimit}});
+  }
+}
+
 void add_rates(const Binaries& binaries, Table& table) {
   for (const std::size_t bytes : kSteadySizes) {
     Surroundings around(bytes, kMaxViewers);
@@ -320,6 +381,7 @@ void run(const Binaries& binaries, int rounds, Table& table) {
   const Measurement measured = measure(binaries, rounds);
   add_pairs(measured, table);
   add_shares(measured, table);
+  add_streams(binaries, table);
   add_rates(binaries, table);
   table.add({"CPU without video, ten viewers", idle_cost(binaries), "us/s"});
   add_calls(binaries, table);
@@ -330,6 +392,7 @@ void run(const Binaries& binaries, int rounds, Table& table) {
   table.add({"resident memory, the largest", service, "KiB", kMemoryLimitKib,
              Comparison{"bare loop", bare, service / bare}});
   table.add({"stripped binary", stripped_kib(binaries.service), "KiB"});
+  if (!binaries.against.empty()) add_against(binaries, rounds, table);
 }
 
 }  // namespace
@@ -342,6 +405,11 @@ int main(int argc, char** argv) {
   CLI::App app("Measures the service's relay against a bare loop.", "relay_bench");
   add_binary(app, "--service", binaries.service, "the service's binary");
   add_binary(app, "--bare", binaries.bare, "the bare loop's binary");
+  app.add_option_function<std::string>(
+         "--against",
+         [&](const std::string& path) { binaries.against = std::filesystem::absolute(path); },
+         "another build of the service, to compare with")
+      ->check(CLI::ExistingFile);
   app.add_option("--rounds", rounds, "how often each relay runs with each traffic")
       ->check(CLI::Range(1, 100))
       ->capture_default_str();

@@ -18,7 +18,6 @@ class Samples {
   /// Half the distance between the quartiles.
   [[nodiscard]] double spread() const { return (quantile(0.75) - quantile(0.25)) / 2; }
 
- private:
   /// Between the two nearest samples, in proportion.
   [[nodiscard]] double quantile(double share) const {
     std::vector<double> sorted = values_;
@@ -29,6 +28,7 @@ class Samples {
     return sorted[below] + (place - static_cast<double>(below)) * (sorted[above] - sorted[below]);
   }
 
+ private:
   std::vector<double> values_;
 };
 

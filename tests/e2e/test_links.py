@@ -1,5 +1,10 @@
 """The three UDP links, whatever arrives on them."""
 
+import contextlib
+import pathlib
+import re
+import socket
+import subprocess
 import threading
 
 import pytest
@@ -89,34 +94,88 @@ def test_closed_viewers_do_not_disturb(steady, viewers, serves):
     viewers(*gone[0].address).message(11)
 
 
-def test_datagrams_from_the_first_moment_on(start, bridge, serves):
-    """A datagram may arrive the instant that its port is open. It is handled or only counts as
-    received, and nothing is missing later."""
-    links = [bridge(port) for port in PORTS]
-    stop = threading.Event()
-    volleys = []
+class Barrage:
+    """Datagrams to all three ports, whether open or not, as fast as they can be sent."""
 
-    def bombard():
-        while not stop.is_set():
-            for link in links:
-                link.send(b"\x42")
-            volleys.append(links)
+    def __init__(self, links):
+        self._links = links
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._send)
 
-    thread = threading.Thread(target=bombard)
-    thread.start()
-    try:
-        for _ in range(20):
-            service = start(wait_ready=False)
-            service.err.wait("Init video source... ", 10)
+    def _send(self):
+        while not self._stop.is_set():
+            for link in self._links:
+                with contextlib.suppress(ConnectionRefusedError):
+                    link.send(b"\x42")
+
+    def __enter__(self):
+        self._thread.start()
+
+    def __exit__(self, *_):
+        self._stop.set()
+        self._thread.join()
+
+
+START_LINES = ("Loading config file... done\nInit network... done\nData lost\nVideo lost\n"
+               "Init data source... done\nInit video source... done\nInit control\n")
+
+
+def test_start_in_the_middle_of_a_stream(start, bridge, region, serves, times):
+    """Whatever arrives from the instant on that a port is open: both sources are found, and said to
+    be, and the lines of the start stay whole and in their order."""
+    starts = times(25, 200)
+    with Barrage([bridge(port) for port in PORTS]):
+        for number in range(starts):
+            service = start()
+            for line in ("Data found\n", "Video found\n", "New client connected"):
+                service.err.wait(line)
+            wait_until(lambda: region.u8(region.DATA_CONNECTED) and region.u8(region.VIDEO_CONNECTED),
+                       5, "both sources")
+            said = service.err.text()
+            for line in ("Data found\n", "Video found\n"):
+                assert said.count(line) == 1, f"start {number}: {said}"
+                said = said.replace(line, "")
+            # Viewers register as soon as their port is open, also in the middle of a line.
+            assert re.sub(r"New client connected from .*\n", "", said) == START_LINES
             service.stop()
             wait_until(lambda: nimbus.bound_ports().isdisjoint(PORTS), 5, "free ports")
-        last = start(wait_ready=False)
-        last.err.wait("done\n", 10, count=4)
-        now = len(volleys)
-        wait_until(lambda: len(volleys) > now + 1, 5, "another volley, a whole one")
-    finally:
-        stop.set()
-        thread.join()
-    for source in ("Data", "Video"):
-        last.err.wait(f"{source} lost\n", 10, count=2)
-    serves(last)
+    serves(start())
+
+
+def test_the_viewers_port_is_nobody_elses(steady):
+    """Ten sockets have it that send to viewers. Nobody comes to share it, be it by the same option
+    and of the same user, or by another one."""
+    for option in (0, socket.SO_REUSEADDR, socket.SO_REUSEPORT):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as other:
+            if option:
+                other.setsockopt(socket.SOL_SOCKET, option, 1)
+            with pytest.raises(OSError, match="in use"):
+                other.bind(("0.0.0.0", VIEWER_PORT))
+
+
+def test_second_instance_does_not_start(steady, launch, tmp_path, serves):
+    """It says so, and the first one goes on with all of its datagrams."""
+    folder = tmp_path / "second"
+    folder.mkdir()
+    second = launch(folder=folder, wait_ready=False, stderr=subprocess.PIPE)
+    assert second.wait_exit() == 1
+    assert second.err.text().endswith("Init network... fail\n")
+    serves(steady)
+
+
+def test_broadcast_registration_is_heard_once(steady, viewers):
+    """A viewer that does not know the service's address asks everybody. That is one datagram, though
+    eleven sockets are on the port, and none of it stays in the others."""
+    viewer = viewers()
+    viewer.socket.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+    subprocess.run(["ip", "address", "add", "127.0.0.1/8", "broadcast", "127.255.255.255", "dev", "lo"],
+                   capture_output=True)
+    viewer.socket.sendto(b"\x42" + bytes(13), ("127.255.255.255", VIEWER_PORT))
+    steady.err.wait(connected(viewer))
+    viewer.message(11)
+    viewer.leave()
+    steady.err.wait(nimbus.removed(viewer))
+    rows = pathlib.Path("/proc/net/udp").read_text().splitlines()[1:]
+    queues = [row.split()[4] for row in rows if row.split()[1].endswith(f":{VIEWER_PORT:04X}")]
+    assert len(queues) == (2 if nimbus.EMULATOR else 12) - 1
+    assert {queue.split(":")[1] for queue in queues} == {"00000000"}
