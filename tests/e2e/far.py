@@ -46,7 +46,8 @@ class FarViewer(nimbus.StampedViewer):
 
 
 class Link:
-    """A pair of interfaces: one here, at 10.7.N.1, the other in a network of its own, at 10.7.N.2."""
+    """Two interfaces that are joined: one here, at 10.7.N.1, the other in a network of its own, at
+    10.7.N.2."""
 
     def __init__(self, number):
         self._name = f"far{number}"
@@ -68,8 +69,8 @@ class Link:
 
     def narrow(self, rate, queue):
         """From here on so many bits a second leave here, and so many bytes wait for it."""
-        run("tc", "qdisc", "replace", "dev", self.here, "root", "tbf", "rate", rate, "burst", "5000",
-            "limit", queue)
+        run("tc", "qdisc", "replace", "dev", self.here, "root", "tbf", "rate", rate,
+            "burst", "5000", "limit", queue)
 
     def break_off(self):
         """The far end goes down, and the carrier here with it."""

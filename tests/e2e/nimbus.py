@@ -32,6 +32,9 @@ TIME_SCALE = float(os.environ.get("NIMBUS_TIME_SCALE", "1"))
 # What runs a binary of another processor.
 EMULATOR = os.environ.get("NIMBUS_EMULATOR", "").split()
 
+# The service's sockets: one for each port, and one to send to each viewer (an emulator cannot).
+SOCKETS = len(PORTS) + (0 if EMULATOR else 10)
+
 
 def limit(seconds):
     """A time limit, stretched for slow builds."""

@@ -41,7 +41,7 @@ def test_closed_standard_descriptors(launch, region, passes, closed):
     descriptors = service.descriptors()
     assert {descriptors[fd] for fd in closed} == {"/dev/null"}
     sockets = {fd for fd, target in descriptors.items() if target.startswith("socket:")}
-    assert len(sockets) == len(nimbus.PORTS) and sockets.isdisjoint(STANDARD_DESCRIPTORS)
+    assert len(sockets) == nimbus.SOCKETS and sockets.isdisjoint(STANDARD_DESCRIPTORS)
     assert region.text(*region.PRODUCT_NAME) == "Tervado Nimbus"
     assert region.text(*region.VIDEO_STATUS_TEXT) == "video disconnected"
 
@@ -288,11 +288,11 @@ def test_no_allocation_after_the_start(start, preload, passes, everything, tmp_p
 
 
 def test_nothing_grows(launch, access_point, everything):
-    """Descriptors and threads are those of the start: the standard streams, one socket a link."""
+    """Descriptors and threads are those of the start: the standard streams and the sockets."""
     service = launch()
     access_point.wait_probe()
     descriptors, threads = service.descriptors(), service.threads()
-    assert len(descriptors) == len(STANDARD_DESCRIPTORS) + len(nimbus.PORTS)
+    assert len(descriptors) == len(STANDARD_DESCRIPTORS) + nimbus.SOCKETS
     everything(6)
     access_point.answer(1)
     access_point.wait_probe()

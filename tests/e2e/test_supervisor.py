@@ -171,4 +171,4 @@ def test_without_a_supervisor_there_is_no_socket(launch, passes):
     service = launch()
     passes(1)
     targets = [target for target in service.descriptors().values() if "socket" in target]
-    assert len(targets) == 3 + 10  # one for each port, and one to send to each viewer
+    assert len(targets) == nimbus.SOCKETS

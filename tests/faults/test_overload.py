@@ -90,7 +90,7 @@ def test_too_many_reports(steady, audience, data):
         data.send(GIMBAL.frame(a1=10 * (number % 300), a2=10 * (number // 300)) + TAIL)
 
     def number_of(frame):
-        high, low, _ = frame.triple()
+        _, low, high = frame.triple()
         return (low + 300 * high) // 100
 
     pour(3 * CAPACITY, seconds, report)

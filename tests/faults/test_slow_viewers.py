@@ -1,8 +1,8 @@
-"""Viewers on bad links, and viewers that are gone without a word. What waits for them, waits for them
-alone: the others get their picture in time, and the status loop goes round.
+"""Viewers on bad links, and viewers that are gone without a word. What waits for them, waits for
+them alone: the others get their picture in time, and the status loop goes round.
 
-The kernel charges what waits in an interface's queue, or for an address to be resolved, to the socket
-that it was sent through.
+The kernel charges what waits in an interface's queue, or for an address to be resolved, to the
+socket that it was sent through.
 """
 
 import itertools
@@ -16,7 +16,8 @@ import nimbus
 from far import FarViewer, Link
 from nimbus import StampedViewer, connected, limit, wait_until
 
-pytestmark = pytest.mark.skipif(bool(nimbus.EMULATOR), reason="the emulator knows no groups of sockets")
+pytestmark = pytest.mark.skipif(bool(nimbus.EMULATOR),
+                                reason="the emulator knows no groups of sockets")
 
 SECONDS = 4
 MS = 1_000_000
@@ -96,7 +97,8 @@ def ghosts(service, link, count):
 
 
 def play(video, size, rate, keep=(), seconds=SECONDS):
-    """Sends so many datagrams of that size a second; `keep` register again. Returns their number."""
+    """Sends so many datagrams of that size a second, while `keep` register again. Returns how many
+    they were."""
     begin = time.monotonic()
     for number in range(seconds * rate):
         time.sleep(max(0.0, begin + number / rate - time.monotonic()))
@@ -113,7 +115,8 @@ def check_served(service, viewers, sent, size):
     for viewer in viewers:
         video = [frame for frame in viewer.frames if frame.video]
         assert all(len(frame.payload) == size for frame in video)
-        delays = sorted((frame.time - HEAD.unpack_from(frame.payload)[1]) / MS for frame in video)
+        delays = sorted((frame.time - HEAD.unpack_from(frame.payload)[1]) / MS
+                        for frame in video)
         in_time = sum(delay <= limit(IN_TIME_MS) for delay in delays)
         rounds = [frame.time for frame in viewer.frames
                   if not frame.video and frame.payload[:1] == b"\x0b"]
