@@ -624,6 +624,71 @@ def test_region_too_short(sim, region, tmp_path):
         "Cannot map shared memory /hud_mem: it has 5 bytes, expected at least 2672\n")
 
 
+# --- The picture that follows the gimbal ---------------------------------------------------------
+
+
+def pictures(frames):
+    """The pictures in the video of these frames: luma of 64x36 points each."""
+    stream = b"".join(frame.payload for frame in frames if frame.video)
+    done = subprocess.run(
+        ["ffmpeg", "-loglevel", "quiet", "-f", "h264", "-i", "-", "-vf", "scale=64:36,format=gray",
+         "-f", "rawvideo", "-"], input=stream, capture_output=True, timeout=limit(30), check=False)
+    return [done.stdout[at:at + 2304] for at in range(0, len(done.stdout), 2304)]
+
+
+def difference(first, second):
+    return sum(abs(a - b) for a, b in zip(first, second)) / len(first)
+
+
+def test_the_picture_follows_the_gimbal(sim, service, viewer):
+    viewer.keep_alive()
+    one = sim("--scene")
+
+    def whole(start, count):
+        return wait_until(lambda: viewer_has(start, count), 20, f"{count} pictures")
+
+    def viewer_has(start, count):
+        frames = list(viewer.frames)[start:]
+        if sum(len(f.payload) for f in frames if f.video) < 5000:
+            return None
+        found = pictures(frames)
+        time.sleep(0.2)  # decoding them again and again would keep the camera from its work
+        return found if len(found) >= count else None
+
+    still = whole(0, 30)
+    assert difference(still[-10], still[-1]) < 8  # but for the ball
+    start = time.monotonic()
+    while time.monotonic() - start < 1:
+        viewer.speed(1, 4000, 0, 0)
+        time.sleep(0.1)
+    viewer.speed(1, 0, 0, 0)
+    place = len(viewer.frames)
+    turned = whole(place, 30)
+    assert difference(still[-1], turned[-1]) > 20
+    send(viewer, "ev", "-3")
+    time.sleep(0.3)
+    place = len(viewer.frames)
+    dark = whole(place, 30)
+    assert sum(dark[-1]) < 0.75 * sum(turned[-1])
+    one.end()
+
+
+def test_no_coder(sim, tmp_path):
+    one = sim("--scene", env={**os.environ, "PATH": str(tmp_path)})
+    assert one.wait_end() == 1
+    assert one.err.text() == ("nimbus-sim: cannot run ffmpeg: No such file or directory; "
+                              "expected it to be installed\n")
+
+
+def test_coder_that_ends(sim, tmp_path):
+    (tmp_path / "ffmpeg").write_text("#!/bin/sh\nexit 1\n")
+    (tmp_path / "ffmpeg").chmod(0o755)
+    one = sim("--scene", env={**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}"})
+    assert one.wait_end() == 1
+    assert one.err.text() == ("nimbus-sim: ffmpeg made no panorama; expected one with its own "
+                              "sources\n")
+
+
 def test_help_and_manual(sim):
     """Both tell of every option."""
     one = sim("--help")

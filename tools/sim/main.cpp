@@ -155,7 +155,8 @@ void declare_replay(CLI::App& app, Arguments& arguments) {
                      "send what a recording (pcap or pcapng) holds, in place of reports and video")
           ->type_name("FILE")
           ->group("Replay");
-  for (const char* const other : {"--no-reports", "--lose-subject", "--video", "--faults"}) {
+  for (const char* const other :
+       {"--no-reports", "--lose-subject", "--video", "--scene", "--faults"}) {
     replay->excludes(app.get_option(other));
   }
   const auto add = [&app, replay](const char* name, std::string& value, const char* type,
@@ -188,6 +189,10 @@ void declare(CLI::App& app, Options& options, Arguments& arguments) {
                                      "comes")
                           ->type_name("FILE")
                           ->group("Video");
+  app.add_flag("--scene", options.scene,
+               "send a picture of a landscape that follows the gimbal, coded by ffmpeg")
+      ->excludes(video)
+      ->group("Video");
   app.add_option("--datagram", arguments.datagram, "cut it into so many bytes (default: 1400)")
       ->type_name("BYTES")
       ->needs(video)

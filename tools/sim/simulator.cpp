@@ -49,6 +49,7 @@ Simulator::Simulator(const Options& options)
     if (display == nullptr) throw AlreadySaid();
     receiver_.emplace(std::move(script), *display);
   }
+  if (options.scene) picture_.emplace();
   if (options.replay) replay_.emplace(*options.replay);
   if (any(options.faults)) faults_.emplace(options.faults, options.seed);
   for (const Report& report : reports()) due_.push_back(report.start_ms / 1000.0);
@@ -84,6 +85,7 @@ void Simulator::step() {
     send_reports();
     send_video_file();
   }
+  if (picture_) send_picture();
 }
 
 timespec Simulator::longest_wait() const {
@@ -96,16 +98,20 @@ timespec Simulator::longest_wait() const {
 
 void Simulator::wait() {
   // Nothing is asked of standard output but whether somebody still reads it.
-  std::array<pollfd, 5> events{{
+  const auto picture =
+      picture_ ? picture_->events() : std::array<pollfd, 2>{{{-1, 0, 0}, {-1, 0, 0}}};
+  std::array<pollfd, 7> events{{
       {signals_.fd(), POLLIN, 0},
       {data_.fd(), POLLIN, 0},
       {video_.fd(), 0, 0},
       {STDOUT_FILENO, 0, 0},
       {options_.video == kStandardInput ? STDIN_FILENO : -1, POLLIN, 0},
+      picture[0],
+      picture[1],
   }};
   const timespec longest = longest_wait();
   if (ppoll(events.data(), events.size(), &longest, nullptr) <= 0) return;
-  const auto& [signal, data, video, output, input] = events;
+  const auto& [signal, data, video, output, input, coded, coder] = events;
   look_for_refusal(data.revents, data.fd);
   look_for_refusal(video.revents, video.fd);
   if ((data.revents & POLLIN) != 0) take_frames();
@@ -236,6 +242,17 @@ void Simulator::send_replay() {
     }
   }
   show_progress();
+}
+
+/// The stream as it comes from the coder.
+void Simulator::send_picture() {
+  picture_->pass(at_, camera_);
+  constexpr int kAtOnce = 256;
+  for (int n = 0; n < kAtOnce; ++n) {
+    const auto piece = picture_->read(options_.datagram);
+    if (piece.empty()) return;
+    send_video(piece);
+  }
 }
 
 void Simulator::show_progress() {

@@ -11,6 +11,7 @@
 #include "tools/common/progress_line.h"
 #include "tools/common/udp_socket.h"
 #include "tools/sim/camera_model.h"
+#include "tools/sim/camera_picture.h"
 #include "tools/sim/console.h"
 #include "tools/sim/faults.h"
 #include "tools/sim/frame_log.h"
@@ -34,6 +35,7 @@ struct Options {
   std::uint64_t seed = 1;
   double lose_subject = 0;  ///< seconds; 0: never
   FrameLog::Detail detail = FrameLog::Detail::none;
+  bool scene = false;                   ///< a picture that follows the gimbal
   std::optional<ReplayOptions> replay;  ///< in place of reports and video
 };
 
@@ -62,6 +64,7 @@ class Simulator {
   void send_standard_input();
   void send_video(Bytes datagram);
   void send_replay();
+  void send_picture();
   void show_progress();
   void refused();
   void look_for_refusal(short events, int socket);
@@ -80,6 +83,7 @@ class Simulator {
   std::optional<VideoFile> file_;
   std::optional<RcPlayback> receiver_;
   std::optional<Replay> replay_;
+  std::optional<CameraPicture> picture_;
   tools::ProgressLine progress_;
   double progress_due_ = 0;  // seconds
 
