@@ -21,6 +21,7 @@
 #include "tools/ctl/operate.h"
 #include "tools/ctl/output.h"
 #include "tools/ctl/settings.h"
+#include "tools/ctl/top.h"
 #include "tools/ctl/video.h"
 #include "tools/ctl/viewer_link.h"
 #include "tools/ctl/watch.h"
@@ -96,6 +97,7 @@ class CommandLine {
         ->transform(time_text())
         ->default_str("1.2");
     add_watch();
+    add_top();
     add_video();
     add_capture();
     add_hud();
@@ -148,6 +150,14 @@ class CommandLine {
     command->footer(example("watch --seconds 10"));
     on(
         command, [this] { watch(options_.connection, options_.watch); }, true);
+  }
+
+  void add_top() {
+    auto* const command = app_.add_subcommand("top", "Show on one screen what the service does");
+    add_seconds(command, options_.seconds);
+    command->footer(example("top"));
+    on(
+        command, [this] { show_top(options_.connection, options_.seconds); }, true);
   }
 
   void add_video() {

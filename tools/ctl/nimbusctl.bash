@@ -10,7 +10,7 @@ _nimbusctl_next() {
     osd_top_offset osd_bottom_offset video_bitrate video_transcode_enabled disable_video_stream
     video_hflip video_vflip video_resolution wifi"
   case "$*" in
-    "") echo "watch video capture hud config wifi send speed mode shot shotmode record iso shutter aperture
+    "") echo "watch top video capture hud config wifi send speed mode shot shotmode record iso shutter aperture
       ev wb color antiflicker exposure histogram resolution aspect focus tracking gimbal
       orientation channels format-card reset-camera recalibrate restart reboot shutdown" ;;
     config) echo "set" ;;
@@ -61,7 +61,7 @@ _nimbusctl_options() {
   case "$1" in
     "") echo "$everywhere --version" ;;
     watch) echo "$everywhere --json --seconds" ;;
-    video | capture) echo "$everywhere --seconds" ;;
+    top | video | capture) echo "$everywhere --seconds" ;;
     hud) echo "$everywhere --json --follow --seconds" ;;
     config) echo "$everywhere --json --force" ;;
     wifi | send) echo "$everywhere" ;;
