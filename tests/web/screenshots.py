@@ -1,0 +1,138 @@
+"""`./dev screenshots`: the page as phones and desks show it, on a service with a simulated camera, to
+be looked at. The README's pictures are among them.
+
+usage: tests/web/screenshots.py --build FOLDER OUTPUT_FOLDER"""
+
+import argparse
+import contextlib
+import pathlib
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+
+import nimbus  # noqa: E402
+from chromium import Chromium  # noqa: E402
+
+SIZES = {"phone": (360, 640), "phone-across": (844, 390), "desk": (1920, 1080)}
+# Of those, with their themes, the README shows these; small ones of 256 colours.
+SHOWN = {"phone-dark": "page-phone.png", "phone-across-light": "page-across.png",
+         "desk-dark": "page-desk.png"}
+CONFIGURATION = "rc_input_enabled=1\nrc_input_map=pan,tilt,record,,ev\n"
+
+# Hills under an evening sky, drawn once; they pass by.
+SCENE = ("nullsrc=s=1280x360:d=0.04:r=25,geq="
+         "r='if(gt(Y,210+34*sin(X/102)+14*sin(X/41)),58+Y/9,if(lt(hypot(X-860,Y-130),26),255,"
+         "70+Y*0.75))':"
+         "g='if(gt(Y,210+34*sin(X/102)+14*sin(X/41)),88+Y/7,if(lt(hypot(X-860,Y-130),26),226,"
+         "118+Y*0.36))':"
+         "b='if(gt(Y,210+34*sin(X/102)+14*sin(X/41)),64,if(lt(hypot(X-860,Y-130),26),150,"
+         "196-Y*0.25))',loop=-1:1,scroll=horizontal=0.001,crop=640:360:320:0,format=yuv420p")
+
+
+def arguments():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--build", type=pathlib.Path, required=True)
+    parser.add_argument("folder", type=pathlib.Path)
+    parser.add_argument("--readme", type=pathlib.Path, help="where the README's pictures go")
+    return parser.parse_args()
+
+
+@contextlib.contextmanager
+def running(*command, **options):
+    process = subprocess.Popen([str(word) for word in command], stderr=subprocess.DEVNULL,
+                               **{"stdin": subprocess.DEVNULL, **options})
+    try:
+        yield process
+    finally:
+        process.kill()
+        process.wait()
+
+
+def start(build, ends):
+    """A service with its camera, picture and page."""
+    folder = pathlib.Path(ends.enter_context(tempfile.TemporaryDirectory()))
+    service = nimbus.Service(build / "nimbus", folder, CONFIGURATION)
+    ends.callback(service.kill)
+    encoder = ends.enter_context(running(
+        "ffmpeg", "-v", "error", "-re", "-f", "lavfi", "-i", SCENE, "-c:v", "libx264", "-preset",
+        "veryfast", "-tune", "zerolatency", "-b:v", "900k", "-g", "25", "-f", "h264", "-",
+        stdout=subprocess.PIPE))
+    ends.enter_context(running(build / "nimbus-sim", "--video", "-", stdin=encoder.stdout,
+                               stdout=subprocess.DEVNULL))
+    ends.enter_context(running(build / "nimbus-web", "--service", "127.0.0.1", "--listen",
+                               "127.0.0.1:8080"))
+
+
+def operate(browser):
+    """What somebody may have done before the picture was taken."""
+    browser.wait("return !document.querySelector('#take').disabled", seconds=20)
+    browser.picture()
+    browser.run("document.querySelector('#take').click()")
+    browser.wait("return document.body.dataset.driver === 'me'")
+    stick = browser.find("#stick")
+    browser.actions.move_to_element(stick).click_and_hold().move_by_offset(30, -25).perform()
+    time.sleep(0.8)
+    browser.actions.release().perform()
+    browser.run("document.querySelector('#record').click()")
+    browser.wait("return document.body.classList.contains('recording')")
+    touch = browser.find("#touch")
+    browser.actions.move_to_element_with_offset(touch, 50, -60).click_and_hold() \
+        .move_by_offset(70, 60).perform()
+    browser.actions.release().perform()
+    browser.wait("return !document.querySelector('#tracking').hidden")
+    time.sleep(6)  # what was told has gone
+
+
+def take(browser, folder):
+    for name, size in SIZES.items():
+        for dark in (True, False):
+            browser.show(size, dark)
+            time.sleep(0.6)
+            file = folder / f"{name}-{'dark' if dark else 'light'}.png"
+            browser.driver.save_screenshot(str(file))
+            print(file)
+
+
+def dialogs(browser, folder):
+    browser.show(SIZES["phone"])
+    for button in ("settings", "help", "more"):
+        browser.run("document.querySelector(arguments[0]).click()", f"#{button}")
+        browser.wait("return document.querySelector('dialog[open]')")
+        time.sleep(0.4)
+        browser.driver.save_screenshot(str(folder / f"{button}.png"))
+        browser.run("document.querySelector('dialog').close()")
+
+
+def small(file, target):
+    subprocess.run(["ffmpeg", "-v", "error", "-y", "-i", file, "-vf",
+                    "scale='min(iw,1280)':-1,split[a][b];[a]palettegen=max_colors=128[p];"
+                    "[b][p]paletteuse=dither=none", "-frames:v", "1", target], check=True)
+
+
+def main():
+    options = arguments()
+    options.folder.mkdir(parents=True, exist_ok=True)
+    with contextlib.ExitStack() as ends:
+        start(options.build.resolve(), ends)
+        browser = Chromium(size=SIZES["phone-across"])
+        ends.callback(browser.close)
+        nimbus.wait_until(lambda: opens(browser), 20, "nimbus-web")
+        operate(browser)
+        take(browser, options.folder)
+        dialogs(browser, options.folder)
+    if options.readme:
+        options.readme.mkdir(parents=True, exist_ok=True)
+        for source, target in SHOWN.items():
+            small(options.folder / f"{source}.png", options.readme / target)
+
+
+def opens(browser):
+    browser.open("http://127.0.0.1:8080/")
+    return browser.driver.title == "Nimbus"
+
+
+if __name__ == "__main__":
+    main()
