@@ -25,7 +25,7 @@ CONFIGURATION = "rc_input_enabled=1\nrc_input_map=pan,tilt,record,,ev\n"
 # Hills under an evening sky, drawn once; they pass by.
 SCENE = ("nullsrc=s=1280x360:d=0.04:r=25,geq="
          "r='if(gt(Y,210+34*sin(X/102)+14*sin(X/41)),58+Y/9,if(lt(hypot(X-860,Y-130),26),255,"
-         "70+Y*0.75))':"
+         "min(250,70+Y*0.75)))':"
          "g='if(gt(Y,210+34*sin(X/102)+14*sin(X/41)),88+Y/7,if(lt(hypot(X-860,Y-130),26),226,"
          "118+Y*0.36))':"
          "b='if(gt(Y,210+34*sin(X/102)+14*sin(X/41)),64,if(lt(hypot(X-860,Y-130),26),150,"

@@ -114,4 +114,9 @@ link.addEventListener("message", ({ detail }) => {
   say($("foot"), `Nimbus ${detail.version} · ${who}`);
 });
 
+// The screen of a phone stays on while the page is looked at, where the browser allows that.
+const stayOn = () => !document.hidden && navigator.wakeLock?.request("screen").catch(() => {});
+document.addEventListener("visibilitychange", stayOn);
+stayOn();
+
 video.addEventListener("blocked", ({ detail }) => ($("play").hidden = !detail));
