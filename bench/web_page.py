@@ -11,6 +11,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
@@ -161,6 +162,66 @@ def measure_command(rig, times=25):
     return [row("pointer to the frame at the bridge", statistics.median(found), COMMAND)]
 
 
+# Waits for the lamp, and answers how long after the pointer moved it was seen.
+LAMP = """
+const done = arguments[arguments.length - 1];
+const source = document.querySelector("#canvas");
+const canvas = document.createElement("canvas");
+[canvas.width, canvas.height] = [1, 1];
+const context = canvas.getContext("2d", { willReadFrequently: true });
+(function look() {
+  context.drawImage(source, 32, 48, 1, 1, 0, 0, 1, 1);
+  if (context.getImageData(0, 0, 1, 1).data[1] > 128) return done(Date.now() - window.pushed);
+  requestAnimationFrame(look);
+})();
+"""
+PUSHED = "addEventListener('pointermove', () => { window.pushed ??= Date.now(); }, true);"
+
+
+class Lamp:
+    """A camera that switches its lamp on as soon as its gimbal is to move, off when it rests."""
+
+    def __init__(self, film):
+        self.data = nimbus.Bridge(nimbus.DATA_PORT)
+        self.data.keep_sending(b"\0", 0.2)
+        self.film = film
+        threading.Thread(target=self._watch, daemon=True).start()
+
+    def _watch(self):
+        with contextlib.suppress(OSError):
+            while True:
+                frame = self.data.socket.recv(2048)
+                if frame[9:11] == b"\x04\x0c":
+                    self.film.lamp = any(frame[11:17])
+
+
+def measure_joystick(rig, times=15):
+    """From the pointer on the stick to the changed picture on the page."""
+    bridge = VideoBridge()
+    film = Film(bridge.take)
+    lamp = Lamp(film)
+    browser = rig.browser
+    found = []
+    try:
+        browser.open("http://127.0.0.1:8080/")
+        browser.picture()
+        browser.find("#take").click()
+        browser.wait("return document.body.dataset.driver === 'me'")
+        stick = browser.find("#stick")
+        for number in range(times):
+            browser.actions.move_to_element(stick).click_and_hold().perform()
+            browser.run("window.pushed = undefined;" + (PUSHED if number == 0 else ""))
+            browser.actions.move_by_offset(50, 0).perform()
+            found.append(browser.driver.execute_async_script(LAMP))
+            browser.actions.release().perform()
+            time.sleep(0.3 + 0.017 * (number % 5))
+    finally:
+        film.close()
+        bridge.close()
+        lamp.data.close()
+    return [row("joystick to the changed picture", statistics.median(found), JOYSTICK)]
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--build", type=pathlib.Path, default=ROOT / "build/release")
@@ -170,6 +231,7 @@ def main():
     with Rig(options.build.resolve()) as rig:
         held = measure_glass(rig, options.samples)
         held += measure_command(rig)
+        held += measure_joystick(rig)
         if options.creep:
             held += measure_creep(rig, options.creep)
     return 0 if all(held) else 1

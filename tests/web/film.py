@@ -1,7 +1,7 @@
 """A test film with its time in the picture: what a page shows at any moment tells when it was made.
 
 Across the top of each picture stand 32 cells, black or white: a white one, a black one, and 30 bits
-of the wall clock's milliseconds, the highest first."""
+of the wall clock's milliseconds, the highest first. Below them, at the left, is a lamp."""
 
 import contextlib
 import functools
@@ -13,6 +13,7 @@ import time
 WIDTH, HEIGHT = 640, 360
 CELLS = 32
 ROWS = 32  # of the picture that the code covers
+LAMP = 64  # its width, and as many rows as the code's
 BITS = 30
 LUMA = WIDTH * HEIGHT
 CHROMA = LUMA // 4
@@ -64,21 +65,25 @@ def background(seconds=4, rate=25):
     return [raw[at:at + size] for at in range(0, len(raw), size)]
 
 
-def picture(base, milliseconds):
-    """A picture with the code of that time."""
+def picture(base, milliseconds, lamp=False):
+    """A picture with the code of that time, and the lamp on or off."""
     made = bytearray(base)
     made[:WIDTH * ROWS] = code_row(milliseconds) * ROWS
-    grey = bytes([128]) * (WIDTH // 2 * ROWS // 2)
+    for row in range(ROWS, 2 * ROWS):
+        made[row * WIDTH:row * WIDTH + LAMP] = (WHITE if lamp else BLACK) * LAMP
+    grey = bytes([128]) * (WIDTH // 2 * ROWS)
     for plane in (LUMA, LUMA + CHROMA):
         made[plane:plane + len(grey)] = grey
     return bytes(made)
 
 
 class Film:
-    """Makes the film live, encodes it with x264 and hands each piece of the stream to `take`."""
+    """Makes the film live, encodes it with x264 and hands each piece of the stream to `take`. The
+    next picture shows whether `lamp` is on."""
 
     def __init__(self, take, rate=25, keys=25, scale=None):
         self.rate = rate
+        self.lamp = False
         self._stop = threading.Event()
         resize = ["-vf", f"scale={scale}:flags=neighbor"] if scale else []
         self._encoder = subprocess.Popen(
@@ -99,7 +104,7 @@ class Film:
         number = 0
         with contextlib.suppress(OSError):
             while not self._stop.is_set():
-                made = picture(bases[number % len(bases)], int(time.time() * 1000))
+                made = picture(bases[number % len(bases)], int(time.time() * 1000), self.lamp)
                 self._encoder.stdin.write(made)
                 self._encoder.stdin.flush()
                 number += 1
