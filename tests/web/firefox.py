@@ -83,11 +83,17 @@ class Firefox:
         self.call("browsingContext.navigate", context=self.context, url=address, wait="complete")
 
     def run(self, body, *arguments):
-        """What the body of a function answers, as JSON; the last argument of a body that uses
-        `done` is where its answer goes."""
-        script = (f"new Promise((done) => {{ const answer = (function() {{ {body} }})"
-                  f".call(null, ...{json.dumps(arguments)}, done);"
-                  " if (answer !== undefined) done(answer); }).then((one) => JSON.stringify(one))")
+        """What the body of a function answers, as JSON."""
+        return self._evaluate(f"Promise.resolve((function() {{ {body} }})"
+                              f".call(null, ...{json.dumps(arguments)}))")
+
+    def run_until_done(self, body, *arguments):
+        """What the body gives to its last argument, a function."""
+        return self._evaluate(f"new Promise((done) => {{ (function() {{ {body} }})"
+                              f".call(null, ...{json.dumps(arguments)}, done); }})")
+
+    def _evaluate(self, promise):
+        script = f"{promise}.then((one) => JSON.stringify(one ?? null))"
         result = self.call("script.evaluate", expression=script, awaitPromise=True,
                            target={"context": self.context})
         assert result["type"] == "success", result
@@ -104,7 +110,7 @@ class Firefox:
         return {"mse": "#video", "webcodecs": "#canvas"}[player]
 
     def ages(self, selector, times):
-        return self.run(READER, selector, times)
+        return self.run_until_done(READER, selector, times)
 
     def errors(self):
         return [entry["text"] for entry in self.log if entry["level"] in ("error", "warn")]

@@ -2,6 +2,7 @@
 import { mark } from "./dom.js";
 
 const DEAD = { in: 0.07, out: 0.04 }; // enters and leaves rest, in parts of the way: hysteresis
+const STRAIGHT = 0.04; // an axis that hardly moves does not: straight on is easy to hold
 const NUDGE = { ArrowLeft: [-1, 0], ArrowRight: [1, 0], ArrowUp: [0, 1], ArrowDown: [0, -1] };
 
 export class Stick {
@@ -55,6 +56,7 @@ export class Stick {
       x /= far;
       y /= far;
     }
+    [x, y] = [x, y].map((way) => (Math.abs(way) < STRAIGHT ? 0 : way));
     this.#moved = far > (this.#moved ? DEAD.out : DEAD.in);
     this.#show(x, y);
     this.on(this.#moved ? this.#named(x, y) : null);
