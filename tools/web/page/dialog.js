@@ -14,7 +14,7 @@ export function open(title, properties, ...content) {
       el("h2", { textContent: title }),
       el("button", { class: "icon", "aria-label": "Close", onclick: () => dialog.close() },
         icon("close"))),
-    el("div", { class: "content" }, ...content));
+    el("div", { class: "content" }, ...content.filter(Boolean)));
   // A question comes over whatever is open, everything else in its place.
   if (!properties.role) document.querySelectorAll("dialog").forEach((other) => other.close());
   dialog.addEventListener("close", () => {

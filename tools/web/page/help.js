@@ -31,7 +31,7 @@ function slider(label, value, on) {
 }
 
 /** The dialog. */
-export function showHelp(drive, keys, theme) {
+export function showHelp(drive, keys, theme, password) {
   const letters = el("input", { type: "checkbox", role: "switch", checked: keys.letters,
     onchange: () => {
       keys.letters = letters.checked;
@@ -46,6 +46,8 @@ export function showHelp(drive, keys, theme) {
       (curve) => (drive.tuning = { ...drive.feel, curve })),
     el("label", { class: "slider" }, el("span", { textContent: "Letters are commands" }), letters),
     el("p", {}, el("button", { onclick: theme, textContent: "Dark or light" })),
+    password && el("form", { method: "post", action: "/logout" },
+      el("button", { type: "submit", textContent: "Log out" })),
     el("h3", { textContent: "Keys" }),
     el("dl", { class: "keys" }, ...KEYS.flatMap(([key, text]) =>
       [el("dt", {}, el("kbd", { textContent: key })), el("dd", { textContent: text })])));

@@ -75,7 +75,7 @@ async function showSettings() {
   new Settings(link, state, lease, tables).show();
 }
 
-const help = async () => (await import("./help.js")).showHelp(drive, keys, theme);
+const help = async () => (await import("./help.js")).showHelp(drive, keys, theme, tables?.password);
 const all = async () => (await import("./all-commands.js")).showCommands(commands);
 
 const keys = new Keys((axes) => drive.hold("keys", axes), {
