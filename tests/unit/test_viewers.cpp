@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -171,6 +172,26 @@ TEST_F(Viewers, ANewcomerKeepsTheSlotOfTheOneWhoLeft) {
     EXPECT_EQ(slot.viewer().address, newcomer.address);
     EXPECT_EQ(slot.viewer().port, newcomer.port);
   }
+}
+
+/// A broadcast that reads a slot while one viewer leaves it and another comes.
+TEST_F(Viewers, AnAddressIsNeverPairedWithAnothersPort) {
+  static ViewerClient slot{};
+  const Endpoint one = endpoint("127.0.0.1", 1001);
+  const Endpoint other = endpoint("127.0.0.2", 1002);
+  const test::Background comings_and_goings([one, other] {
+    for (const Endpoint viewer : {one, other}) {
+      slot.fill(viewer);
+      static_cast<void>(slot.release(slot.tenancy));
+    }
+  });
+  test::hammer(
+      [one, other] {
+        const Endpoint viewer = slot.viewer();
+        if (viewer.port == 0) return;
+        EXPECT_EQ(viewer.address, viewer.port == one.port ? one.address : other.address);
+      },
+      std::chrono::seconds(1));
 }
 
 TEST_F(Viewers, AFreeSlotHasNoTenancyToEnd) {
