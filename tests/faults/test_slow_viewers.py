@@ -14,7 +14,7 @@ import pytest
 
 import nimbus
 from far import FarViewer, Link
-from nimbus import StampedViewer, connected, limit, wait_until
+from nimbus import StampedViewer, connected, wait_until
 
 pytestmark = pytest.mark.skipif(bool(nimbus.EMULATOR),
                                 reason="the emulator knows no groups of sockets")
@@ -111,23 +111,28 @@ def play(video, size, rate, keep=(), seconds=SECONDS):
 
 def check_served(service, viewers, sent, size):
     """Every one of them has got the picture in time, and the status messages of each second."""
-    assert "lost" not in nimbus.events(service) and service.running()
+    said = nimbus.events(service)
+    assert "Video lost" not in said and service.running()
     for viewer in viewers:
+        assert nimbus.lost(viewer) not in said
         video = [frame for frame in viewer.frames if frame.video]
         assert all(len(frame.payload) == size for frame in video)
         delays = sorted((frame.time - HEAD.unpack_from(frame.payload)[1]) / MS
                         for frame in video)
-        in_time = sum(delay <= limit(IN_TIME_MS) for delay in delays)
+        in_time = sum(delay <= IN_TIME_MS for delay in delays)
         rounds = [frame.time for frame in viewer.frames
                   if not frame.video and frame.payload[:1] == b"\x0b"]
         periods = [(after - before) / 1e9 for before, after in itertools.pairwise(rounds)]
+        assert video and periods
         print(f"\nslow viewers: {len(video)} of {sent}; median {statistics.median(delays):.1f} ms, "
               f"longest {delays[-1]:.1f} ms; status every {min(periods):.2f} to "
               f"{max(periods):.2f} s")
+        if nimbus.TIME_SCALE > 1:
+            continue  # how much a sanitized build gets done on a busy machine tells nothing
         assert len(video) >= TELLING * sent
         assert in_time >= TELLING * len(video)
         assert len(periods) >= SECONDS - 2
-        assert 1.0 <= min(periods) and max(periods) <= limit(1.2)
+        assert 1.0 <= min(periods) and max(periods) <= 1.2
 
 
 def finish(viewers, sent):
