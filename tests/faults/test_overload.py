@@ -18,7 +18,7 @@ VIEWERS = 10
 CAPACITY = 90  # datagrams a second to ten viewers
 PATIENCE = 2.0  # seconds in a queue
 # From the queue's head to the last viewer: the turn of another, and ten pauses.
-ON_ITS_WAY = 0.1
+ON_ITS_WAY = 0.2
 HEAD = struct.Struct("<Iq")  # number, nanoseconds of the wall clock when it was sent
 REPORT = re.compile(r"Too much on port (\d+): (\d+) datagrams waited for more than 2 s "
                     r"and were dropped\n")
