@@ -49,7 +49,6 @@ void load_config() {
   const bool loaded = config_load(parse_rc_input_map) == 0;
   log_text(loaded ? "done\n" : "failed\n");
   if (!loaded) config_is_not_the_cards();
-  config_get()->service_version.assign(version_text("").data());
 }
 
 /// The display learns these once, at start; later changes of the file do not refresh them.
@@ -69,6 +68,7 @@ int run_service() {
   show_splash(*display);
   load_config();
   Config* const config = config_get();
+  config->service_version.assign(version_text("").data());
   show_settings(*display, *config);
 
   if (open_viewers_link(set_viewer_speed) == -1) return EXIT_FAILURE;

@@ -19,7 +19,7 @@
 #include "config/config.h"
 #include "config/fields.h"
 #include "config/hdmi_modes.h"
-#include "config/interfaces.h"
+#include "config/interface_codes.h"
 #include "config/report.h"
 #include "config/wireless.h"
 #include "config/writer.h"
@@ -62,8 +62,8 @@ class Arguments {
   const JsonObject& json_;
 };
 
-void store(std::string_view key, const char* value) {
-  store_config_field(*find_config_field(key), value, command_hooks.publish_channel_map);
+void store(ConfigKey key, const char* value) {
+  store_config_field(*key, value, command_hooks.publish_channel_map);
 }
 
 void reset_receiver() { display_region()->rc_status = 0; }
@@ -189,7 +189,7 @@ void set_wifi(const Arguments& arguments) {
 enum class Reads : std::uint8_t { like_file, yes_or_no };
 
 struct Store {
-  std::string_view key;
+  ConfigKey key;
   Reads reads = Reads::like_file;
 };
 
@@ -248,7 +248,7 @@ void change(const Setting& setting, const Arguments& arguments) {
   int n = 0;
   for (const Store& each : setting.stores) {
     ++n;
-    if (each.key.empty()) break;
+    if (!each.key) break;
     const bool yes_or_no = each.reads == Reads::yes_or_no;
     store(each.key, !yes_or_no ? arguments.value(n) : arguments.on(n) ? "1" : "0");
   }

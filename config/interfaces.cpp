@@ -1,34 +1,70 @@
 #include "config/interfaces.h"
 
-#include <algorithm>
+#include <ifaddrs.h>
+#include <netdb.h>
+#include <netinet/in.h>
+
 #include <array>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string_view>
 
 namespace nimbus {
 namespace {
 
-struct InterfaceCode {
-  const char* code;
-  const char* name;
-};
+/// The system's interface addresses. Null when they cannot be read.
+using InterfaceList = std::unique_ptr<ifaddrs, decltype([](ifaddrs* list) { freeifaddrs(list); })>;
 
-constexpr std::array<InterfaceCode, 3> kInterfaceCodes{{
-    {kNoInterfaceCode, ""},
-    {"1", "wifi0"},
-    {"2", "wlan0"},
-}};
+InterfaceList list_interfaces() {
+  ifaddrs* list = nullptr;
+  return InterfaceList(getifaddrs(&list) == 0 ? list : nullptr);
+}
+
+using HostText = std::array<char, NI_MAXHOST>;
+
+/// The numeric text of an entry's IPv4 address, if it has one.
+std::optional<HostText> ipv4_text(const ifaddrs& entry) {
+  if (entry.ifa_addr == nullptr || entry.ifa_addr->sa_family != AF_INET) return {};
+  HostText text;
+  if (getnameinfo(entry.ifa_addr, sizeof(sockaddr_in), text.data(), text.size(), nullptr, 0,
+                  NI_NUMERICHOST) != 0) {
+    return {};
+  }
+  return text;
+}
 
 }  // namespace
 
-const char* interface_name(std::string_view code) noexcept {
-  const auto* const found = std::find_if(kInterfaceCodes.begin(), kInterfaceCodes.end(),
-                                         [code](const auto& row) { return row.code == code; });
-  return found == kInterfaceCodes.end() ? nullptr : found->name;
+void iface_list_json(TextBuilder& list) noexcept {
+  const InterfaceList interfaces = list_interfaces();
+  bool first = true;
+  for (const ifaddrs* entry = interfaces.get(); entry != nullptr; entry = entry->ifa_next) {
+    const auto address = ipv4_text(*entry);
+    if (!address || std::string_view(entry->ifa_name) == "lo") continue;
+    std::array<char, 128> item;
+    const TextBuilder text = TextBuilder(item)
+                                 .add(first ? "" : ",")
+                                 .add("{\"name\":\"")
+                                 .add(entry->ifa_name)
+                                 .add("\",\"addr\":\"")
+                                 .add(address->data())
+                                 .add("\"}");
+    if (text.view().size() > list.room()) break;
+    list.add(text.view());
+    first = false;
+  }
 }
 
-const char* interface_code(std::string_view name) noexcept {
-  const auto* const found = std::find_if(kInterfaceCodes.begin(), kInterfaceCodes.end(),
-                                         [name](const auto& row) { return row.name == name; });
-  return found == kInterfaceCodes.end() ? kNoInterfaceCode : found->code;
+void iface_address(const char* iface, std::span<char> address) noexcept {
+  const InterfaceList interfaces = list_interfaces();
+  for (const ifaddrs* entry = interfaces.get(); entry != nullptr; entry = entry->ifa_next) {
+    if (std::strcmp(entry->ifa_name, iface) != 0) continue;
+    if (const auto text = ipv4_text(*entry)) {
+      if (!address.empty()) TextBuilder(address).add(text->data());
+      return;
+    }
+  }
 }
 
 }  // namespace nimbus

@@ -1,17 +1,20 @@
-// The network interfaces that viewers can choose, by the codes of their commands and reports.
+// The board's network interfaces, as the system lists them. Control thread.
 #pragma once
 
-#include <string_view>
+#include <span>
+
+#include "base/text_builder.h"
 
 namespace nimbus {
 
-/// The code that stands for no interface.
-inline constexpr const char* kNoInterfaceCode = "0";
+/// Appends {"name":..,"addr":..} for each interface that has an IPv4 address, but for "lo", in the
+/// system's order, comma-separated. An item that does not fit whole is left out.
+void iface_list_json(TextBuilder& list) noexcept;
 
-/// The name of an interface code, empty for "0", null for a code that is none.
-[[nodiscard]] const char* interface_name(std::string_view code) noexcept;
+// Nobody in the service calls this one: it is for setting up the networks, see config/wireless.h.
 
-/// The code of an interface name, "0" for any that has none.
-[[nodiscard]] const char* interface_code(std::string_view name) noexcept;
+/// The first IPv4 address of an interface into `address`, NUL-terminated and cut to it; nothing is
+/// written when it has none.
+void iface_address(const char* iface, std::span<char> address) noexcept;
 
 }  // namespace nimbus

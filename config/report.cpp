@@ -8,9 +8,9 @@
 #include "base/text_builder.h"
 #include "config/config.h"
 #include "config/fields.h"
+#include "config/interface_codes.h"
 #include "config/interfaces.h"
 #include "config/report_items.h"
-#include "config/wireless.h"
 
 namespace nimbus {
 namespace {
@@ -24,7 +24,7 @@ void add_quoted(TextBuilder& report, std::string_view text) {
 }
 
 void add_item(TextBuilder& report, const ReportItem& item, Config& config) {
-  const ConfigField& field = *find_config_field(item.key);
+  const ConfigField& field = *item.key;
   add_name(report, item.name);
   if (field.byte != nullptr) {
     report.add(std::int32_t{config.*field.byte});

@@ -14,15 +14,15 @@ enum class ReportAs : std::uint8_t {
   interface,  ///< the code of an interface name, in quotes
 };
 
-/// A setting in the report, and the configuration key of its field.
+/// A setting in the report, and its key in the file.
 struct ReportItem {
   std::string_view name;
-  std::string_view key;
+  ConfigKey key;
   ReportAs as = ReportAs::value;
 };
 
 // The order of the report.
-inline constexpr std::array<ReportItem, kConfigFieldCount> kReportItems{{
+inline constexpr auto kReportItems = std::to_array<ReportItem>({
     // clang-format off
     {"vbitrate",      "video_bitrate"},
     {"vw",            "video_width"},
@@ -64,6 +64,7 @@ inline constexpr std::array<ReportItem, kConfigFieldCount> kReportItems{{
     {"cam_ssid",      "camera_ssid"},
     {"cam_psk",       "camera_psk"},
     // clang-format on
-}};
+});
+static_assert(kReportItems.size() == kConfigFieldCount);
 
 }  // namespace nimbus

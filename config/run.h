@@ -1,5 +1,6 @@
-// Small helpers around the output of commands, for setting up networks. The commands must not hold
-// anything that came from outside. Control thread.
+// Small helpers around the output of commands. Nobody in the service calls them: they are for
+// setting up the networks, see config/wireless.h. The commands must not hold anything that came
+// from outside. Control thread.
 #pragma once
 
 #include <span>

@@ -1,10 +1,9 @@
-// What the board's network tools and interfaces tell. The tools run while the caller waits.
+// What the board's Wi-Fi tools tell. They run while the caller waits.
 // Interface names with anything but letters, digits, ".", "-" and "_" are taken for tools that
 // cannot be started. Control thread.
 #pragma once
 
 #include <cstdint>
-#include <span>
 
 #include "base/text_builder.h"
 
@@ -15,13 +14,8 @@ namespace nimbus {
 /// status, or -1 when it cannot be started.
 int wifi_scan(const char* iface, TextBuilder& list) noexcept;
 
-/// Appends {"name":..,"addr":..} for each interface that has an IPv4 address, but for "lo", in the
-/// system's order, comma-separated. An item that does not fit whole is left out.
-void iface_list_json(TextBuilder& list) noexcept;
-
-/// The first IPv4 address of an interface into `address`, NUL-terminated and cut to it; nothing is
-/// written when it has none.
-void iface_address(const char* iface, std::span<char> address) noexcept;
+// Nobody in the service calls what follows: it is for setting up the networks, which the board's
+// own services do for now.
 
 /// The network that an interface is connected to, up to 39 bytes, with its line end. Empty when
 /// there is none. Static storage, overwritten by the next call.

@@ -20,118 +20,6 @@
 namespace nimbus {
 namespace {
 
-/// One key of the file with the comment lines above it.
-struct Block {
-  std::string_view comment;
-  std::string_view key;
-};
-
-// The order of the file. The blanks at some line ends are part of it.
-constexpr std::array<Block, kConfigFieldCount> kBlocks{{
-    {"# Video out selection\n"
-     "# 1 - use HDMI\n"
-     "# 0 - use TV-out\n",
-     "hdmi_enabled"},
-    {"# Video transcode enabled\n", "video_transcode_enabled"},
-    {"# Transcoded video bitrate (bit/s)\n", "video_bitrate"},
-    {"# Transcoded video width\n", "video_width"},
-    {"# Transcoded video height\n", "video_height"},
-    {"# Disable video stream to Kestrava\n"
-     "# 1 - video stream disabled\n"
-     "# 0 - video stream enabled (default)\n",
-     "disable_video_stream"},
-    {"# Video horizontal flip\n"
-     "# 1 - flipped\n"
-     "# 0 - normal\n",
-     "video_hflip"},
-    {"# Video vertical flip\n"
-     "# 1 - flipped\n"
-     "# 0 - normal\n",
-     "video_vflip"},
-    {"# Use RC control\n"
-     "# 1 - enabled\n"
-     "# 0 - disabled\n",
-     "rc_input_enabled"},
-    {"# RC1 mode\n"
-     "# pwm - PWM mode\n"
-     "# ppm - PPM mode\n",
-     "rc_input_mode"},
-    {"# RC2 mode\n"
-     "# sbus - Sbus mode\n"
-     "# ppm - PPM mode\n",
-     "rc2_input_mode"},
-    {"# RC channels mapping\n"
-     "# pan,tilt,zoom... etc\n",
-     "rc_input_map"},
-    {"# RC pan speed (%)\n"
-     "# 0 - 100\n",
-     "rc_input_speed_pan"},
-    {"# RC tilt speed (%)\n"
-     "# 0 - 100\n",
-     "rc_input_speed_tilt"},
-    {"# RC dutch speed (%)\n"
-     "# 0 - 100\n",
-     "rc_input_speed_dutch"},
-    {"# RC pan inverse\n"
-     "# 0 - no\n"
-     "# 1 - inverse\n",
-     "rc_input_inverse_pan"},
-    {"# RC tilt inverse\n"
-     "# 0 - no\n"
-     "# 1 - inverse\n",
-     "rc_input_inverse_tilt"},
-    {"# RC dutch inverse\n"
-     "# 0 - no\n"
-     "# 1 - inverse\n",
-     "rc_input_inverse_dutch"},
-    {"# RC exponential pan/tilt\n", "rc_input_exp"},
-    {"# RC pan/tilt absolute\n", "rc_input_abs"},
-    {"# Interface for Wi-Fi access point\n"
-     "# disabled if empty\n",
-     "ap_iface"},
-    {"# SSID for Wi-Fi access point\n", "ap_ssid"},
-    {"# Password for Wi-Fi access point\n", "ap_psk"},
-    {"# Wi-Fi Access Point mode\n"
-     "# 2 - 2.4GHz, 5 - 5GHz\n",
-     "ap_mode"},
-    {"# Wi-Fi Access Point country code\n"
-     "# 00, CN, US\n",
-     "ap_country"},
-    {"# Wi-Fi Access Point channel\n"
-     "# 1 - 13 for 2.4Ghz and 36 - 42 for 5Ghz\n",
-     "ap_channel"},
-    {"# Interface for Wi-Fi network connection\n"
-     "# disabled if empty\n",
-     "wifi_iface"},
-    {"# SSID for network connection \n", "wifi_ssid"},
-    {"# Password for network connection \n", "wifi_psk"},
-    {"# Interface for DJI Osmo connection\n"
-     "# disabled if empty\n",
-     "camera_iface"},
-    {"# DJI Osmo Wi-Fi SSID \n", "camera_ssid"},
-    {"# DJI Osmo Wi-Fi password \n", "camera_psk"},
-    {"# OSD enable \n"
-     "# 1 - enabled\n"
-     "# 0 - disabled\n",
-     "osd_enabled"},
-    {"# OSD borders width (pixels)\n"
-     "# 0 - disabled\n",
-     "osd_border_width"},
-    {"# OSD borders height (pixels)\n"
-     "# 0 - disabled\n",
-     "osd_border_height"},
-    {"# OSD top text offset (pixels)\n", "osd_top_offset"},
-    {"# OSD bottom text offset (pixels)\n", "osd_bottom_offset"},
-    {"# Internal camera enable \n"
-     "# 1 - enabled\n"
-     "# 0 - disabled\n",
-     "internal_camera_enabled"},
-    {"# Internal camera fullscreen \n"
-     "# 1 - fullscreen\n"
-     "# 0 - windowed\n",
-     "internal_camera_fullscreen"},
-}};
-
 #define CARD_FILE "/boot/tervado-nimbus.conf"
 #define WORKING_COPY "/run/tervado.conf"
 
@@ -168,10 +56,10 @@ void add_value(TextBuilder& file, const ConfigField& field, Config& config) {
 
 void build_file(TextBuilder& file, Config& config) {
   add_lines(file, "# Tervado config file\n\n");
-  for (const Block& block : kBlocks) {
-    add_lines(file, block.comment);
-    file.add(block.key).add("=");
-    add_value(file, *find_config_field(block.key), config);
+  for (const ConfigField& field : kConfigFields) {
+    add_lines(file, field.comment);
+    file.add(field.key).add("=");
+    add_value(file, field, config);
     add_lines(file, "\n\n");
   }
 }

@@ -171,12 +171,16 @@ def test_pages_read_well(root):
 
 
 def test_every_key_has_its_line_in_the_page():
-    """With the default that the installation writes."""
+    """With the kind and the value on a fresh card that the service's table has."""
     page = (ROOT / "docs/man/tervado-nimbus.conf.5").read_text()
-    rows = {row[0]: row[2] for row in re.findall(r"^(\w+)\|([^|]+)\|([^|]+)\|T{$", page,
-                                                re.MULTILINE)}
-    file = (INSTALL / "tervado-nimbus.conf").read_bytes().decode()
-    defaults = dict(re.findall(r"^(\w+)=(.*)\r$", file, re.MULTILINE))
-    words = {"": "empty", '""': "empty", "," * 31: "31 commas"}
-    assert rows == {key: words.get(value, value) for key, value in defaults.items()}
-    assert len(rows) == 39
+    rows = {row[0]: row[1:] for row in re.findall(r"^(\w+)\|([^|]+)\|([^|]+)\|T{$", page,
+                                                 re.MULTILINE)}
+    table = (ROOT / "config/fields.h").read_text().partition("kConfigFields =")[2]
+    kinds = {"FLAG": "flag", "BYTE": "byte", "NUMBER": "number", "CHANNEL_MAP": r"text\(511\)",
+             "TEXT": r"text\((5|9)\)|interface", "QUOTED_TEXT": "quoted"}
+    words = {"": "empty", "," * 31: "31 commas"}
+    keys = re.findall(r'^    ([A-Z_]+)\((\w+), "([^"]*)",$', table, re.MULTILINE)
+    assert len(keys) == len(rows) == 39
+    for kind, key, fresh in keys:
+        assert re.fullmatch(kinds[kind], rows[key][0]), key
+        assert rows[key][1] == words.get(fresh, fresh), key

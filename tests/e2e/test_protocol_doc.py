@@ -146,7 +146,7 @@ def test_keys():
     macros = {"FLAG": "flag", "BYTE": "byte", "NUMBER": "number", "TEXT": "text",
               "CHANNEL_MAP": "channel map", "QUOTED_TEXT": "quoted text"}
     code = {(key, macros[macro]) for macro, key
-            in re.findall(r"(\w+)\((\w+)\),", block("config/fields.cpp", "kConfigFields"))}
+            in re.findall(r"(\w+)\((\w+), \"", block("config/fields.h", "kConfigFields"))}
     described = no_repeats((word(row["Field"]), row["Kind"])
                            for row in table("The configuration region")
                            if row["Kind"] != "runtime")
@@ -209,7 +209,7 @@ def test_configuration_commands():
 def test_interface_codes():
     described = {(word(row["Code"]), "".join(words(row["Interface"])))
                  for row in table("Configuration commands", 1)}
-    text = block("config/interfaces.cpp", "kInterfaceCodes").replace("kNoInterfaceCode", '"0"')
+    text = block("config/interface_codes.cpp", "kInterfaceCodes").replace("kNoInterfaceCode", '"0"')
     assert described == set(re.findall(r'\{"(\w+)", "(\w*)"\}', text))
 
 

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "tests/unit/config_keys.h"
 #include "tests/unit/support.h"
@@ -77,6 +80,33 @@ TEST(Fields, HaveOneMemberOfTheirKind) {
     EXPECT_EQ(field.byte != nullptr, byte);
     EXPECT_EQ(field.number != nullptr, number);
     EXPECT_EQ(field.text != nullptr, !byte && !number);
+  }
+}
+
+/// The bounds are those of the field.
+TEST(Fields, KnowTheirBounds) {
+  for (std::size_t i = 0; i < kConfigKeys.size(); ++i) {
+    SCOPED_TRACE(kConfigKeys[i].key);
+    const ConfigField& field = kConfigFields[i];
+    const auto size = static_cast<std::int64_t>(kConfigKeys[i].size);
+    switch (field.kind) {
+      case FieldKind::flag:
+        EXPECT_EQ(std::pair(field.least, field.most), std::pair(std::int64_t{0}, std::int64_t{1}));
+        break;
+      case FieldKind::byte:
+        EXPECT_EQ(std::pair(field.least, field.most),
+                  std::pair(std::int64_t{0}, std::int64_t{255}));
+        break;
+      case FieldKind::number:
+        EXPECT_EQ(field.least, std::numeric_limits<std::int32_t>::min());
+        EXPECT_EQ(field.most, std::numeric_limits<std::int32_t>::max());
+        break;
+      case FieldKind::text:
+      case FieldKind::channel_map:
+      case FieldKind::quoted_text:
+        EXPECT_EQ(std::pair(field.least, field.most), std::pair(std::int64_t{0}, size - 1));
+        break;
+    }
   }
 }
 

@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "config/config.h"
+#include "config/fields.h"
 #include "config/loader.h"
 #include "tests/unit/support.h"
 
@@ -127,6 +128,16 @@ TEST_F(Writer, RecordOfZeros) {
   }
   EXPECT_EQ(read_file(kCardFile), expected);
   EXPECT_EQ(read_file(kWorkingCopy), without_cr(expected));
+}
+
+/// The file of defaults that the installation has for a card without one.
+TEST_F(Writer, RecordOfAFreshCard) {
+  for (const ConfigField& field : kConfigFields) {
+    store_config_field(field, std::string(field.fresh).c_str(), nullptr);
+  }
+  EXPECT_EQ(config_save(), 0);
+  EXPECT_EQ(read_file(kCardFile),
+            read_file(fs::path(NIMBUS_SOURCE_DIR) / "install" / "tervado-nimbus.conf"));
 }
 
 TEST_F(Writer, BytesAreUnsignedAndNumbersSigned) {

@@ -5,7 +5,7 @@
 #include <cmath>
 
 #include "camera/codes.h"
-#include "config/interfaces.h"
+#include "config/interface_codes.h"
 #include "control/rc_map.h"
 #include "tools/ctl/value.h"
 

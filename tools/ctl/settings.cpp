@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "config/fields.h"
 #include "config/hdmi_modes.h"
 #include "tools/common/failure.h"
 #include "tools/ctl/json.h"
@@ -10,9 +11,23 @@
 namespace nimbus::ctl {
 namespace {
 
-constexpr auto* kByte = &kInteger<0, 255>;
-constexpr auto* kMode = &kText<5>;
-constexpr auto* kName = &kText<255>;
+/// What fits the field of a key.
+constexpr const Accepts* fitting(ConfigKey key) {
+  switch (key->kind) {
+    case FieldKind::flag:
+      return &kOnOff;
+    case FieldKind::byte:
+      return &kInteger<0, UINT8_MAX>;
+    case FieldKind::number:
+      return &kNumber;
+    case FieldKind::channel_map:
+      return &kRcMap;
+    case FieldKind::text:
+    case FieldKind::quoted_text:
+      break;
+  }
+  return key->most == 5 ? &kText<5> : key->most == 9 ? &kText<9> : &kText<255>;
+}
 
 constexpr std::array<Word<std::string_view>, 3> kStreamSizes{
     {{"320x240", ""}, {"640x480", ""}, {"1280x720", ""}}};
@@ -25,51 +40,72 @@ constexpr Accepts kBand{kTranslated<kBands>.convert, [] { return std::string("2.
 
 constexpr auto kSettings = std::to_array<Setting>({
     // clang-format off
-    {"rcin_enabled",   "RC input on or off",             {{{"ON", "value", &kOnOff}}}},
-    {"rcin_mode",      "modes of the two RC receivers",  {{{"MODE", "value", kMode}, {"MODE2", "value2", kMode}}}},
-    {"rcin_map",       "functions of the RC channels",   {{{"MAP", "value", &kRcMap}}}},
-    {"rcin_speed",     "speeds of the RC input",         {{{"PAN", "value", &kNumber}, {"TILT", "value2", &kNumber},
-                                                           {"DUTCH", "value3", &kNumber}}}},
-    {"rcin_pan",       "pan speed of the RC input",      {{{"SPEED", "value", &kNumber}}}},
-    {"rcin_tilt",      "tilt speed of the RC input",     {{{"SPEED", "value", &kNumber}}}},
-    {"rcin_dutch",     "roll speed of the RC input",     {{{"SPEED", "value", &kNumber}}}},
-    {"rcin_pan_inv",   "pan the other way (not 0)",      {{{"NUMBER", "value", &kNumber}}}},
-    {"rcin_tilt_inv",  "tilt the other way (not 0)",     {{{"NUMBER", "value", &kNumber}}}},
-    {"rcin_dutch_inv", "roll the other way (not 0)",     {{{"NUMBER", "value", &kNumber}}}},
-    {"rcin_exp",       "exponential sticks",             {{{"ON", "value", &kOnOff}}}},
-    {"rcin_abs",       "absolute sticks",                {{{"ON", "value", &kOnOff}}}},
-    {"internal_camera_enabled",    "the board's own camera",           {{{"ON", "value", &kOnOff}}}},
-    {"internal_camera_fullscreen", "the board's own camera, full size", {{{"ON", "value", &kOnOff}}}},
-    {"osd_enabled",    "on-screen display",              {{{"ON", "value", &kOnOff}}}},
-    {"hdmi_enabled",   "HDMI output",                    {{{"ON", "value", &kOnOff}}}},
-    {"hdmimode",       "HDMI mode, and at the next boots too", {{{"MODE", "value", &kWordsOf<kHdmiModes>},
-                                                           {"BOOT", "value2", &kOnOff, true}}}, false},
-    {"osd_borders",    "borders of the on-screen display", {{{"WIDTH", "value", kByte}, {"HEIGHT", "value2", kByte}}}},
-    {"osd_offset",     "offsets of the on-screen display", {{{"TOP", "value", kByte}, {"BOTTOM", "value2", kByte}}}},
-    {"osd_top_offset",    "upper offset of the on-screen display", {{{"TOP", "value", kByte}}}},
-    {"osd_bottom_offset", "lower offset of the on-screen display", {{{"BOTTOM", "value", kByte}}}},
-    {"video_bitrate",  "bits a second of the stream",    {{{"BITRATE", "value", &kNumber}}}},
-    {"video_transcode_enabled", "transcode the stream",  {{{"ON", "value", &kOnOff}}}},
-    {"disable_video_stream", "relay no video to viewers", {{{"ON", "value", &kOnOff}}}},
-    {"video_hflip",    "mirror the picture",             {{{"ON", "value", &kOnOff}}}},
-    {"video_vflip",    "turn the picture upside down",   {{{"ON", "value", &kOnOff}}}},
-    {"video_resolution", "size of the stream",           {{{"SIZE", "value", &kWordsOf<kStreamSizes>}}}},
+    {"rcin_enabled", "RC input on or off", {{{"ON", "value", fitting("rc_input_enabled")}}}},
+    {"rcin_mode", "modes of the two RC receivers",
+     {{{"MODE", "value", fitting("rc_input_mode")},
+       {"MODE2", "value2", fitting("rc2_input_mode")}}}},
+    {"rcin_map", "functions of the RC channels", {{{"MAP", "value", fitting("rc_input_map")}}}},
+    {"rcin_speed", "speeds of the RC input",
+     {{{"PAN", "value", fitting("rc_input_speed_pan")},
+       {"TILT", "value2", fitting("rc_input_speed_tilt")},
+       {"DUTCH", "value3", fitting("rc_input_speed_dutch")}}}},
+    {"rcin_pan", "pan speed of the RC input",
+     {{{"SPEED", "value", fitting("rc_input_speed_pan")}}}},
+    {"rcin_tilt", "tilt speed of the RC input",
+     {{{"SPEED", "value", fitting("rc_input_speed_tilt")}}}},
+    {"rcin_dutch", "roll speed of the RC input",
+     {{{"SPEED", "value", fitting("rc_input_speed_dutch")}}}},
+    {"rcin_pan_inv", "pan the other way (not 0)",
+     {{{"NUMBER", "value", fitting("rc_input_inverse_pan")}}}},
+    {"rcin_tilt_inv", "tilt the other way (not 0)",
+     {{{"NUMBER", "value", fitting("rc_input_inverse_tilt")}}}},
+    {"rcin_dutch_inv", "roll the other way (not 0)",
+     {{{"NUMBER", "value", fitting("rc_input_inverse_dutch")}}}},
+    {"rcin_exp", "exponential sticks", {{{"ON", "value", fitting("rc_input_exp")}}}},
+    {"rcin_abs", "absolute sticks", {{{"ON", "value", fitting("rc_input_abs")}}}},
+    {"internal_camera_enabled", "the board's own camera",
+     {{{"ON", "value", fitting("internal_camera_enabled")}}}},
+    {"internal_camera_fullscreen", "the board's own camera, full size",
+     {{{"ON", "value", fitting("internal_camera_fullscreen")}}}},
+    {"osd_enabled", "on-screen display", {{{"ON", "value", fitting("osd_enabled")}}}},
+    {"hdmi_enabled", "HDMI output", {{{"ON", "value", fitting("hdmi_enabled")}}}},
+    {"hdmimode", "HDMI mode, and at the next boots too",
+     {{{"MODE", "value", &kWordsOf<kHdmiModes>}, {"BOOT", "value2", &kOnOff, true}}}, false},
+    {"osd_borders", "borders of the on-screen display",
+     {{{"WIDTH", "value", fitting("osd_border_width")},
+       {"HEIGHT", "value2", fitting("osd_border_height")}}}},
+    {"osd_offset", "offsets of the on-screen display",
+     {{{"TOP", "value", fitting("osd_top_offset")},
+       {"BOTTOM", "value2", fitting("osd_bottom_offset")}}}},
+    {"osd_top_offset", "upper offset of the on-screen display",
+     {{{"TOP", "value", fitting("osd_top_offset")}}}},
+    {"osd_bottom_offset", "lower offset of the on-screen display",
+     {{{"BOTTOM", "value", fitting("osd_bottom_offset")}}}},
+    {"video_bitrate", "bits a second of the stream",
+     {{{"BITRATE", "value", fitting("video_bitrate")}}}},
+    {"video_transcode_enabled", "transcode the stream",
+     {{{"ON", "value", fitting("video_transcode_enabled")}}}},
+    {"disable_video_stream", "relay no video to viewers",
+     {{{"ON", "value", fitting("disable_video_stream")}}}},
+    {"video_hflip", "mirror the picture", {{{"ON", "value", fitting("video_hflip")}}}},
+    {"video_vflip", "turn the picture upside down", {{{"ON", "value", fitting("video_vflip")}}}},
+    {"video_resolution", "size of the stream", {{{"SIZE", "value", &kWordsOf<kStreamSizes>}}}},
     // clang-format on
 });
 
 constexpr auto kWifiValues = std::to_array<WifiValue>({
     {"cam_iface", &kInterfaceName},
-    {"cam_ssid", kName},
-    {"cam_psk", kName},
+    {"cam_ssid", fitting("camera_ssid")},
+    {"cam_psk", fitting("camera_psk")},
     {"lan_iface", &kInterfaceName},
-    {"lan_ssid", kName},
-    {"lan_psk", kName},
+    {"lan_ssid", fitting("wifi_ssid")},
+    {"lan_psk", fitting("wifi_psk")},
     {"ap_iface", &kInterfaceName},
-    {"ap_ssid", kName},
-    {"ap_psk", kName},
+    {"ap_ssid", fitting("ap_ssid")},
+    {"ap_psk", fitting("ap_psk")},
     {"ap_mode", &kBand},
-    {"ap_channel", &kNumber},
-    {"ap_country", &kText<9>},
+    {"ap_channel", fitting("ap_channel")},
+    {"ap_country", fitting("ap_country")},
 });
 
 constexpr std::string_view kWifi = "wifi";
