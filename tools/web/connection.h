@@ -29,7 +29,7 @@ class Connection {
 /// What a connection must know of where it belongs.
 struct ConnectionContext {
   Site& site;
-  std::string address;  ///< of the other side
+  std::shared_ptr<const std::string> place;  ///< the address of the other side; given back with it
 };
 
 /// How far a TCP connection has come: changes as long as its other side takes bytes.

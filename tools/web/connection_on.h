@@ -26,10 +26,11 @@ inline constexpr std::chrono::seconds kRequestTime{10};
 inline constexpr std::chrono::seconds kRestTime{15};
 inline constexpr std::chrono::seconds kStandstill{5};
 
-/// `Link` tells of the connection below the stream: its socket, and whether it is secret.
+/// `Below` knows the connection below the stream:
+///   static constexpr bool kSecure    whether a handshake comes first
 ///   static int fd(Stream&)           its socket, or -1
+///   static void shut(Stream&)        no more to be sent
 ///   static void close(Stream&)       at once
-///   static constexpr bool kSecure
 template <typename Stream, typename Below>
 class ConnectionOn final : public Connection,
                            public std::enable_shared_from_this<ConnectionOn<Stream, Below>> {
@@ -37,10 +38,22 @@ class ConnectionOn final : public Connection,
   ConnectionOn(Stream stream, ConnectionContext context)
       : socket_(std::move(stream)), context_(std::move(context)) {}
 
-  void start() override { read_request(kRequestTime); }
+  void start() override {
+    if constexpr (Below::kSecure) {
+      expect(kRequestTime);
+      lowest().async_handshake(Stream::server, [self = self()](beast::error_code error) {
+        error ? self->close() : self->read_request(kRequestTime);
+      });
+    } else {
+      read_request(kRequestTime);
+    }
+  }
 
   void check(Time now) override {
     if (deadline_ && now >= *deadline_) return close();
+    if (peer_ != nullptr) {
+      if (const auto code = peer_->over()) return end(*code);
+    }
     if (!writing_) return;
     const std::uint64_t progress = tcp_progress(Below::fd(lowest()));
     if (progress != progress_) {
@@ -52,6 +65,7 @@ class ConnectionOn final : public Connection,
   }
 
   void close() override {
+    peer_.reset();
     deadline_.reset();
     Below::close(lowest());
   }
@@ -113,7 +127,7 @@ class ConnectionOn final : public Connection,
     request.content_type = text(message[http::field::content_type]);
     request.known_tag = text(message[http::field::if_none_match]);
     request.body = message.body();
-    request.address = context_.address;
+    request.address = *context_.place;
     request.secure = Below::kSecure;
     request.upgrade = websocket::is_upgrade(message);
     return request;
@@ -192,7 +206,7 @@ class ConnectionOn final : public Connection,
 
   void on_accepted(beast::error_code error) {
     deadline_.reset();
-    if (error) return end();
+    if (error) return close();
     parser_.reset();
     buffer_.consume(buffer_.size());
     peer_->on_ready([this] { pump(); });
@@ -207,12 +221,22 @@ class ConnectionOn final : public Connection,
   }
 
   void on_message(beast::error_code error) {
-    if (error) return end();
+    if (peer_ == nullptr) return;  // it is over
+    if (error) return close();
     const auto data = buffer_.cdata();
     const std::string_view text(static_cast<const char*>(data.data()), data.size());
-    if (!socket_.got_text() || !peer_->received(text)) return end();
+    if (!socket_.got_text()) return end(websocket::close_code::unknown_data);
+    if (const auto code = peer_->received(text)) return end(*code);
     buffer_.consume(buffer_.size());
     read_message();
+  }
+
+  /// Says goodbye, for a moment.
+  void end(std::uint16_t code) {
+    peer_.reset();
+    expect(std::chrono::seconds(1));
+    socket_.async_close(websocket::close_code(code),
+                        [self = self()](beast::error_code /*error*/) { self->close(); });
   }
 
   void pump() {
@@ -227,15 +251,10 @@ class ConnectionOn final : public Connection,
         sent_.body == nullptr ? boost::asio::const_buffer() : boost::asio::buffer(*sent_.body)};
     socket_.async_write(buffers, [self = self()](beast::error_code error, std::size_t /*size*/) {
       self->writing_ = false;
-      if (error) return self->end();
+      if (error) return self->close();
       self->sent_ = {};
       self->pump();
     });
-  }
-
-  void end() {
-    peer_.reset();
-    close();
   }
 
   websocket::stream<Stream, false> socket_;

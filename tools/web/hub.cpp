@@ -2,133 +2,26 @@
 
 #include <algorithm>
 #include <cmath>
-#include <deque>
 
-#include "tools/ctl/json.h"
+#include "tools/common/failure.h"
 #include "tools/web/json_text.h"
-#include "tools/web/tables.h"
+#include "tools/web/orders.h"
+#include "tools/web/peers.h"
 
 namespace nimbus::web {
 
-// --- Pictures to a browser ---------------------------------------------------------------------
-
-class VideoPeer final : public Peer {
- public:
-  VideoPeer(Hub& hub, Form form) : hub_(hub), reader_(form, hub.stream_) {
-    hub_.video_.push_back(this);
-  }
-  VideoPeer(const VideoPeer&) = delete;
-  VideoPeer& operator=(const VideoPeer&) = delete;
-  ~VideoPeer() override { std::erase(hub_.video_, this); }
-
-  std::optional<Message> next() override { return reader_.next(); }
-  bool received(std::string_view /*text*/) override { return true; }
-
-  void tell(const SharedEpoch& epoch) {
-    reader_.on_epoch(epoch);
-    wake();
-  }
-  void tell(const SharedPicture& picture) {
-    reader_.on_picture(picture);
-    wake();
-  }
-  void tell(Waiting reason) {
-    reader_.on_waiting(reason);
-    wake();
-  }
-
- private:
-  Hub& hub_;
-  Reader reader_;
-};
-
-// --- State to a browser, and what it says ------------------------------------------------------
-
-class ControlPeer final : public Peer {
- public:
-  ControlPeer(Hub& hub, Visitor visitor, std::string name)
-      : hub_(hub), visitor_(std::move(visitor)), name_(std::move(name)) {
-    hub_.control_.push_back(this);
-  }
-  ControlPeer(const ControlPeer&) = delete;
-  ControlPeer& operator=(const ControlPeer&) = delete;
-  ~ControlPeer() override { std::erase(hub_.control_, this); }
-
-  std::optional<Message> next() override;
-  bool received(std::string_view text) override;
-
-  /// A text for this browser. One that does not keep up gets the whole state later.
-  void say(std::string text);
-  void say_changes(const std::string& message);
-
- private:
-  static constexpr std::size_t kMostBytes = 64 * 1024;
-
-  Hub& hub_;
-  Visitor visitor_;
-  std::string name_;
-  std::deque<std::string> texts_;
-  std::size_t bytes_ = 0;
-  bool needs_whole_ = true;
-  bool greeted_ = false;
-};
-
-std::optional<Message> ControlPeer::next() {
-  if (!greeted_) {
-    greeted_ = true;
-    return text_message(R"({"type":"hello","version":)" + quoted(version_text()) + R"(,"you":)" +
-                        quoted(name_) + R"(,"role":)" +
-                        (visitor_.operates ? R"("operator")" : R"("viewer")") +
-                        R"(,"password":false,)" + tables_json() + "}");
-  }
-  if (!texts_.empty()) {
-    const std::string text = std::move(texts_.front());
-    texts_.pop_front();
-    bytes_ -= text.size();
-    return text_message(text);
-  }
-  if (!needs_whole_) return std::nullopt;
-  needs_whole_ = false;
-  return text_message(R"({"type":"state",)" + hub_.state_.whole().substr(1));
-}
-
-void ControlPeer::say(std::string text) {
-  if (bytes_ + text.size() > kMostBytes) return;
-  bytes_ += text.size();
-  texts_.push_back(std::move(text));
-  wake();
-}
-
-void ControlPeer::say_changes(const std::string& message) {
-  if (needs_whole_) return;
-  if (bytes_ + message.size() > kMostBytes) {
-    needs_whole_ = true;
-    return;
-  }
-  say(message);
-}
-
-bool ControlPeer::received(std::string_view text) {
-  const ctl::Json json = ctl::parse_object(text);
-  if (json == nullptr) return false;
-  const std::string type = ctl::member_text(json.get(), "type");
-  if (type == "ping") {
-    const cJSON* const echo = cJSON_GetObjectItemCaseSensitive(json.get(), "echo");
-    say(R"({"type":"clock","now":)" + std::to_string(millis_of(Clock::now())) + R"(,"echo":)" +
-        (echo == nullptr ? "null" : ctl::line_of(echo)) + "}");
-  }
-  return true;
-}
-
-// --- The hub -----------------------------------------------------------------------------------
-
 Hub::Hub(std::string host, ToService to_service)
-    : to_service_(std::move(to_service)), stream_(*this) {
+    : to_service_(std::move(to_service)),
+      stream_(*this),
+      queue_([this](const std::string& text) { return linked_ && to_service_.command(text); }),
+      helm_([this](const Helm::Speeds& speeds) { to_service_.speed(speeds); }) {
   state_.set("service", "host", quoted(host));
   state_.set("service", "linked", "false");
 }
 
-Hub::~Hub() = default;
+Hub::~Hub() { helm_.release(Clock::now()); }
+
+// --- From the service --------------------------------------------------------------------------
 
 void Hub::take(const ctl::Frame& frame, Time now) {
   const std::uint64_t missing = stream_.counts().missing;
@@ -138,82 +31,23 @@ void Hub::take(const ctl::Frame& frame, Time now) {
   } else {
     stream_.other(frame.number);
     reports_.take(frame.payload, now);
+    if (!frame.payload.empty() && frame.payload[0] == '{') take_text(frame.payload, now);
   }
   datagrams_.add(1, now);
   missing_.add(stream_.counts().missing - missing, now);
 }
 
-void Hub::pass_time(Time now) { stream_.pass_time(now); }
-
-void Hub::each_second(bool linked, Time now) {
-  if (linked_ && !linked) stream_.interrupt();
-  if (linked && !linked_) settings_asked_ = false;
-  linked_ = linked;
-  stream_.pass_time(now);
-  if (control_.empty()) return;
-  ask_for_settings();
-  const std::string clock =
-      R"({"type":"clock","now":)" + std::to_string(millis_of(now)) + R"(,"echo":null})";
-  for (ControlPeer* const peer : control_) peer->say(clock);
-}
-
-/// The report goes to every viewer of the service, so it is asked for once only.
-void Hub::ask_for_settings() {
-  if (!linked_ || settings_asked_) return;
-  settings_asked_ = to_service_.command(R"({"cmd":"configrequest"})");
-}
-
-void Hub::refresh(Time now) {
-  reports_.read_into(state_);
-  state_.set("service", "linked", json_text(linked_));
-  const Epoch& epoch = *stream_.epoch();
-  const StreamCounts& counts = stream_.counts();
-  const auto number = [this](std::string_view name, std::uint64_t value) {
-    state_.set("video", name, std::to_string(value));
-  };
-  state_.set("video", "kind", quoted(name_of(epoch.kind)));
-  state_.set("video", "codec", quoted(epoch.codec));
-  number("width", epoch.width);
-  number("height", epoch.height);
-  number("pictures", counts.pictures);
-  number("key_pictures", counts.key_pictures);
-  number("discarded", counts.discarded);
-  number("gaps", counts.gaps);
-  number("bitrate", bytes_.sum(now) * 8 / 2);
-  state_.set("video", "rate", json_text(pictures_.per_second(now)));
-  const std::uint64_t missing = missing_.sum(now);
-  const std::uint64_t all = missing + datagrams_.sum(now);
-  const double loss = all == 0 ? 0 : static_cast<double>(missing) / static_cast<double>(all);
-  state_.set("video", "loss", json_text(std::round(loss * 1e4) / 1e4));
-  const Waiting waiting = stream_.waiting();
-  state_.set("video", "waiting", waiting == Waiting::no ? "null" : quoted(name_of(waiting)));
-  state_.set("viewers", "browsers", std::to_string(video_.size()));
-  state_.set("viewers", "watching", std::to_string(control_.size()));
-}
-
-void Hub::tell_changes(Time now) {
-  refresh(now);
-  const std::string changes = state_.take_changes();
-  if (changes.empty()) return;
-  const std::string message = R"({"type":"state",)" + changes.substr(1);
-  for (ControlPeer* const peer : control_) peer->say_changes(message);
-}
-
-std::string Hub::state(Time now) {
-  refresh(now);
-  return state_.whole();
-}
-
-std::unique_ptr<Peer> Hub::open_video(Form form) {
-  return std::make_unique<VideoPeer>(*this, form);
-}
-
-std::unique_ptr<Peer> Hub::open_control(Visitor visitor) {
-  refresh(Clock::now());
-  auto peer =
-      std::make_unique<ControlPeer>(*this, std::move(visitor), "b" + std::to_string(next_name_++));
-  ask_for_settings();
-  return peer;
+/// Answers let the next command go.
+void Hub::take_text(Bytes payload, Time now) {
+  const std::string text(payload.begin(), payload.end());
+  ctl::Json json = ctl::parse_object(text);
+  // A name with a quote in it makes any of them unreadable: such a text is an answer, too.
+  const bool scan = json != nullptr && ctl::member_text(json.get(), "cmd") == "wlanscan";
+  const bool report = json != nullptr && ctl::member_text(json.get(), "app") == "nimbus";
+  if (report) report_ = std::move(json);
+  if (!scan) queue_.replied(Reply::report, now);
+  if (!report) queue_.replied(Reply::scan, now);
+  deadline_moved();
 }
 
 void Hub::on_epoch(const SharedEpoch& epoch) {
@@ -229,6 +63,198 @@ void Hub::on_picture(const SharedPicture& picture) {
 
 void Hub::on_waiting(Waiting reason) {
   for (VideoPeer* const peer : video_) peer->tell(reason);
+}
+
+// --- Time --------------------------------------------------------------------------------------
+
+std::optional<Time> Hub::deadline() const {
+  std::optional<Time> first;
+  for (const auto& one : {stream_.deadline(), helm_.deadline(), queue_.deadline()}) {
+    if (one && (!first || *one < *first)) first = one;
+  }
+  return first;
+}
+
+void Hub::deadline_moved() {
+  if (deadline_changed_) deadline_changed_();
+}
+
+void Hub::pass_time(Time now) {
+  stream_.pass_time(now);
+  helm_.pass_time(now);
+  queue_.pass_time(now);
+}
+
+void Hub::each_second(bool linked, Time now) {
+  if (linked_ && !linked) stream_.interrupt();
+  if (linked && !linked_) settings_asked_ = false;
+  linked_ = linked;
+  pass_time(now);
+  if (control_.empty()) return;
+  ask_for_settings();
+  const std::string clock =
+      R"({"type":"clock","now":)" + std::to_string(millis_of(now)) + R"(,"echo":null})";
+  for (ControlPeer* const peer : control_) peer->say(clock);
+}
+
+/// The report goes to every viewer of the service, so it is asked for once only.
+void Hub::ask_for_settings() {
+  if (!linked_ || settings_asked_ || !queue_.has_room()) return;
+  settings_asked_ = true;
+  queue_.push({.text = R"({"cmd":"configrequest"})", .awaits = Reply::report}, Clock::now());
+  deadline_moved();
+}
+
+// --- The state ---------------------------------------------------------------------------------
+
+void Hub::refresh(Time now) {
+  reports_.read_into(state_);
+  state_.set("service", "linked", json_text(linked_));
+  refresh_video(now);
+  refresh_recording(now);
+  refresh_driving();
+  state_.set("viewers", "browsers", std::to_string(video_.size()));
+  state_.set("viewers", "watching", std::to_string(control_.size()));
+}
+
+void Hub::refresh_video(Time now) {
+  const Epoch& epoch = *stream_.epoch();
+  const StreamCounts& counts = stream_.counts();
+  const auto number = [this](std::string_view name, std::uint64_t value) {
+    state_.set("video", name, std::to_string(value));
+  };
+  state_.set("video", "kind", quoted(web::name_of(epoch.kind)));
+  state_.set("video", "codec", quoted(epoch.codec));
+  number("width", epoch.width);
+  number("height", epoch.height);
+  number("pictures", counts.pictures);
+  number("key_pictures", counts.key_pictures);
+  number("discarded", counts.discarded);
+  number("gaps", counts.gaps);
+  number("bitrate", bytes_.sum(now) * 8 / 2);
+  state_.set("video", "rate", json_text(pictures_.per_second(now)));
+  const std::uint64_t missing = missing_.sum(now);
+  const std::uint64_t all = missing + datagrams_.sum(now);
+  const double loss = all == 0 ? 0 : static_cast<double>(missing) / static_cast<double>(all);
+  state_.set("video", "loss", json_text(std::round(loss * 1e4) / 1e4));
+  const Waiting waiting = stream_.waiting();
+  state_.set("video", "waiting", waiting == Waiting::no ? "null" : quoted(web::name_of(waiting)));
+}
+
+/// Since when the camera records, as far as it was seen to begin.
+void Hub::refresh_recording(Time now) {
+  const std::string on = state_.get("recording", "on");
+  const bool records = on == "true";
+  if (records != recorded_) {
+    const bool seen = records && recording_known_;
+    state_.set("recording", "since", seen ? std::to_string(millis_of(now)) : "null");
+  }
+  recorded_ = records;
+  recording_known_ = !on.empty();
+}
+
+void Hub::refresh_driving() {
+  const auto text = [](const std::optional<std::string>& value) {
+    return value ? quoted(*value) : std::string("null");
+  };
+  state_.set("driving", "holder", text(lease_.holder()));
+  state_.set("driving", "name", quoted(name_of(lease_.holder())));
+  state_.set("driving", "asked_by", text(lease_.asked_by()));
+  state_.set("driving", "moving", json_text(helm_.moving()));
+}
+
+void Hub::tell_changes(Time now) {
+  refresh(now);
+  const std::string changes = state_.take_changes();
+  if (changes.empty()) return;
+  const std::string message = R"({"type":"state",)" + changes.substr(1);
+  for (ControlPeer* const peer : control_) peer->say_changes(message);
+}
+
+std::string Hub::state(Time now) {
+  refresh(now);
+  return state_.whole();
+}
+
+// --- Browsers ----------------------------------------------------------------------------------
+
+std::unique_ptr<Peer> Hub::open_video(Visitor visitor, Form form) {
+  return std::make_unique<VideoPeer>(*this, std::move(visitor), form);
+}
+
+std::unique_ptr<Peer> Hub::open_control(Visitor visitor) {
+  const Time now = Clock::now();
+  refresh(now);
+  auto peer =
+      std::make_unique<ControlPeer>(*this, std::move(visitor), "b" + std::to_string(next_name_++));
+  tell_lease();
+  ask_for_settings();
+  return peer;
+}
+
+ControlPeer* Hub::peer_of(std::string_view name) const {
+  const auto found = std::find_if(control_.begin(), control_.end(),
+                                  [name](const auto* peer) { return peer->name() == name; });
+  return found == control_.end() ? nullptr : *found;
+}
+
+std::string Hub::name_of(const std::optional<std::string>& who) const {
+  const ControlPeer* const peer = peer_of(who.value_or(""));
+  return peer == nullptr ? "" : peer->visitor().address;
+}
+
+/// Whoever moved the gimbal does not any more.
+void Hub::lease_changed(Time now) {
+  helm_.release(now);
+  tell_lease();
+}
+
+void Hub::tell_lease() {
+  const auto text = [](const std::optional<std::string>& value) {
+    return value ? quoted(*value) : std::string("null");
+  };
+  const std::string start = R"({"type":"lease","holder":)" + text(lease_.holder()) + R"(,"name":)" +
+                            quoted(name_of(lease_.holder())) + R"(,"asked_by":)" +
+                            text(lease_.asked_by()) + R"(,"asked_name":)" +
+                            quoted(name_of(lease_.asked_by())) + R"(,"you":)";
+  for (ControlPeer* const peer : control_) {
+    peer->say(start + json_text(lease_.held_by(peer->name())) + "}");
+  }
+}
+
+void Hub::left(const ControlPeer& peer) {
+  const Time now = Clock::now();
+  const bool drove = lease_.held_by(peer.name());
+  lease_.release(peer.name(), now);
+  drove ? lease_changed(now) : tell_lease();
+  deadline_moved();
+}
+
+// --- Orders ------------------------------------------------------------------------------------
+
+void Hub::queue(const cJSON* order, std::function<void(bool)> done, Time now) {
+  Orders orders = orders_of(order, report_.get());
+  if (!linked_) throw tools::Failure("the service does not answer");
+  if (!queue_.has_room(orders.size())) {
+    throw tools::Failure("too many commands wait already; expected a moment's patience");
+  }
+  orders.front().done = std::move(done);
+  for (QueuedCommand& one : orders) queue_.push(std::move(one), now);
+  deadline_moved();
+}
+
+Hub::Result Hub::order(std::string_view text, Time now) {
+  const ctl::Json json = ctl::parse_object(text);
+  if (json == nullptr)
+    return {false, "no JSON object; expected one such as {\"words\":[\"shot\"]}"};
+  if (lease_.holder()) return {false, name_of(lease_.holder()) + " drives", true};
+  try {
+    queue(json.get(), {}, now);
+    return {true, "taken"};
+  } catch (const tools::Failure& failure) {
+    ++orders_refused_;
+    return {false, failure.what()};
+  }
 }
 
 }  // namespace nimbus::web

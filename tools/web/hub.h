@@ -10,7 +10,11 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/ctl/json.h"
 #include "tools/ctl/viewer_link.h"
+#include "tools/web/command_queue.h"
+#include "tools/web/helm.h"
+#include "tools/web/lease.h"
 #include "tools/web/peer.h"
 #include "tools/web/rate.h"
 #include "tools/web/reports.h"
@@ -25,10 +29,17 @@ struct ToService {
   std::function<bool(const std::array<std::int16_t, 3>&)> speed;
 };
 
-/// Who has opened a control connection.
+/// Who has opened a WebSocket.
 struct Visitor {
   std::string address;
-  bool operates = true;  ///< otherwise it may only watch
+  bool operates = true;                ///< otherwise it may only watch
+  std::function<bool()> allowed = {};  ///< whether it is still logged in; null: always
+
+  /// The code to close with, when it is not.
+  [[nodiscard]] std::optional<std::uint16_t> over() const {
+    if (allowed && !allowed()) return Peer::kLogInAgain;
+    return std::nullopt;
+  }
 };
 
 class VideoPeer;
@@ -45,8 +56,10 @@ class Hub : private StreamListener {
   void take(const ctl::Frame& frame, Time now);
 
   /// When the stream wants the time, and everything that happens once in a while.
-  [[nodiscard]] std::optional<Time> deadline() const { return stream_.deadline(); }
+  [[nodiscard]] std::optional<Time> deadline() const;
   void pass_time(Time now);
+  /// Whom to tell that deadline() may have come nearer.
+  void on_deadline(std::function<void()> changed) { deadline_changed_ = std::move(changed); }
   /// Once a second.
   void each_second(bool linked, Time now);
   /// Ten times a second: tells what has changed. Nothing to do while nobody watches.
@@ -54,13 +67,26 @@ class Hub : private StreamListener {
   [[nodiscard]] bool watched() const { return !control_.empty(); }
 
   /// For a browser that opens a WebSocket. The hub outlives what it gives.
-  [[nodiscard]] std::unique_ptr<Peer> open_video(Form form);
+  [[nodiscard]] std::unique_ptr<Peer> open_video(Visitor visitor, Form form);
   [[nodiscard]] std::unique_ptr<Peer> open_control(Visitor visitor);
 
   /// The whole state, one JSON object.
   [[nodiscard]] std::string state(Time now);
 
-  [[nodiscard]] const Stream& stream() const { return stream_; }
+  /// An order of a program: a JSON object, as orders.h has it. The answer is for a person; `ok`
+  /// tells whether it was taken.
+  struct Result {
+    bool ok;
+    std::string text;
+    bool conflict = false;  ///< somebody else drives
+  };
+  [[nodiscard]] Result order(std::string_view json, Time now);
+
+  /// The figures for a monitor, in Prometheus' text format.
+  [[nodiscard]] std::string metrics(std::size_t connections, Time now);
+
+  /// Whether a password is set, for the greeting.
+  void has_password(bool has) { has_password_ = has; }
 
  private:
   friend class VideoPeer;
@@ -70,14 +96,35 @@ class Hub : private StreamListener {
   void on_picture(const SharedPicture& picture) override;
   void on_waiting(Waiting reason) override;
   void refresh(Time now);
+  void refresh_video(Time now);
+  void refresh_recording(Time now);
+  void refresh_driving();
+  void take_text(Bytes payload, Time now);
   void ask_for_settings();
+  void queue(const cJSON* order, std::function<void(bool)> done, Time now);
+  void lease_changed(Time now);
+  void tell_lease();
+  void left(const ControlPeer& peer);
+  void deadline_moved();
+  [[nodiscard]] std::string name_of(const std::optional<std::string>& who) const;
+  [[nodiscard]] ControlPeer* peer_of(std::string_view name) const;
 
   ToService to_service_;
   Stream stream_;
   Reports reports_;
   State state_;
+  CommandQueue queue_;
+  Helm helm_;
+  Lease lease_;
+  ctl::Json report_;  // the last, pass phrases and all: it stays here
+  std::function<void()> deadline_changed_;
+  bool has_password_ = false;
   bool linked_ = false;
   bool settings_asked_ = false;
+  bool recorded_ = false;
+  bool recording_known_ = false;
+  std::uint64_t dropped_ = 0;  // by browsers that are gone
+  std::uint64_t orders_refused_ = 0;
   std::uint32_t next_name_ = 1;
   std::vector<VideoPeer*> video_;
   std::vector<ControlPeer*> control_;

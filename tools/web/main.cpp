@@ -1,10 +1,15 @@
 // nimbus-web: the picture and the controls in a browser.
+#include <termios.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <iostream>
 
 #include "tools/common/failure.h"
+#include "tools/web/passwords.h"
 #include "tools/web/server.h"
 #include "tools/web/tables.h"
 
@@ -29,23 +34,92 @@ void split_service(const std::string& text, ServerOptions& options) {
   options.service_port = static_cast<std::uint16_t>(port);
 }
 
-int run(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);
-  ServerOptions options;
+/// A line of standard input, not shown if somebody types it.
+std::string typed_password() {
+  termios before{};
+  const bool terminal = tcgetattr(STDIN_FILENO, &before) == 0;
+  if (terminal) {
+    termios silent = before;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(STDIN_FILENO, TCSANOW, &silent);
+    std::fputs("Password: ", stderr);
+  }
+  std::string line;
+  std::getline(std::cin, line);
+  if (terminal) {
+    tcsetattr(STDIN_FILENO, TCSANOW, &before);
+    std::fputs("\n", stderr);
+  }
+  return line;
+}
+
+/// An empty one takes the password away.
+void set_password(const std::string& path, const std::string& role_name) {
+  const Role role = role_name == name_of(Role::viewer) ? Role::viewer : Role::operates;
+  Passwords passwords = Passwords::read(path);
+  const std::string password = typed_password();
+  passwords.set(role, password.empty() ? "" : hash_of(password));
+  passwords.write(path);
+}
+
+/// What the command line says beside the server's options.
+struct Words {
   std::string service = "127.0.0.1:4242";
-  CLI::App app("The picture and the controls of Tervado Nimbus in a browser.", "nimbus-web");
+  std::string state = ".";
+  std::string role;
+  bool tls = false;
+};
+
+void add_options(CLI::App& app, ServerOptions& options, Words& words) {
   app.set_version_flag("--version", "nimbus-web " + version_text(), "Print the version and end");
   app.set_help_flag("-h,--help", "Print this help and end");
-  app.add_option("--service", service, "Where the service runs: HOST or HOST:PORT")
+  app.add_option("--service", words.service, "Where the service runs: HOST or HOST:PORT")
       ->envname("NIMBUS_SERVICE")
       ->capture_default_str();
   app.add_option("--listen", options.listen, "Where browsers come to: ADDRESS:PORT")
       ->capture_default_str();
   app.add_option("--name", options.names, "Another name by which browsers know this machine");
+  app.add_option("--passwords", options.passwords, "The file of passwords (default: none)");
+  app.add_option("--set-password", words.role,
+                 "Set the password of this role in that file, and end")
+      ->expected(0, 1)
+      ->default_str("operator")
+      ->check(CLI::IsMember({"operator", "viewer"}));
+  app.add_flag("--tls", words.tls, "Speak TLS, with a certificate that is made if there is none");
+  app.add_option("--tls-cert", options.tls.certificate, "Speak TLS with this certificate (PEM)");
+  app.add_option("--tls-key", options.tls.key, "Its key (PEM)");
+  app.add_option("--state", words.state, "The folder for a certificate that is made")
+      ->envname("STATE_DIRECTORY")
+      ->capture_default_str();
+}
+
+/// What belongs together is there together.
+void check(ServerOptions& options, const Words& words) {
+  if (options.tls.certificate.empty() != options.tls.key.empty()) {
+    throw tools::Failure("--tls-cert and --tls-key go together; expected both or none");
+  }
+  if (!words.tls || !options.tls.certificate.empty()) return;
+  options.tls = {words.state + "/certificate.pem", words.state + "/key.pem"};
+  options.makes_certificate = true;
+}
+
+int run(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);
+  ServerOptions options;
+  Words words;
+  CLI::App app("The picture and the controls of Tervado Nimbus in a browser.", "nimbus-web");
+  add_options(app, options, words);
   try {
     app.parse(argc, argv);
-    split_service(service, options);
-    serve(options);
+    split_service(words.service, options);
+    check(options, words);
+    if (app.count("--set-password") == 0) {
+      serve(options);
+    } else if (options.passwords.empty()) {
+      throw tools::Failure("--set-password needs a file; expected --passwords FILE");
+    } else {
+      set_password(options.passwords, words.role);
+    }
     return 0;
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);

@@ -7,6 +7,8 @@
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <list>
 #include <memory>
@@ -14,6 +16,7 @@
 #include "tools/common/failure.h"
 #include "tools/ctl/accepts.h"
 #include "tools/web/connection_tcp.h"
+#include "tools/web/connection_tls.h"
 #include "tools/web/guests.h"
 #include "tools/web/hub.h"
 #include "tools/web/link.h"
@@ -63,18 +66,16 @@ int handed_over() {
 class Server {
  public:
   explicit Server(const ServerOptions& options);
-  void run() { loop_.run(); }
+  void run();
 
  private:
   struct Listener {
     tcp::acceptor acceptor;
     asio::steady_timer pause;
   };
-  struct Guest {
-    std::weak_ptr<Connection> connection;
-    std::string address;
-  };
 
+  void load();
+  void reload();
   void listen(const ServerOptions& options);
   void add_listener(tcp::acceptor acceptor);
   void accept(Listener& listener);
@@ -87,12 +88,14 @@ class Server {
   void watch_signals();
   void look_after_guests(Time now);
 
+  ServerOptions options_;
+  Guests guests_;  // connections that the loop still holds at its end leave it
   asio::io_context loop_{1};
   Link link_;
   Hub hub_;
   ConsoleSite site_;
-  Guests guests_;
-  std::list<Guest> connections_;
+  std::unique_ptr<Tls> tls_;
+  std::list<std::weak_ptr<Connection>> connections_;
   std::list<Listener> listeners_;
   asio::posix::stream_descriptor service_;
   asio::steady_timer deadline_;
@@ -108,26 +111,25 @@ std::string service_name(const ServerOptions& options) {
 }
 
 std::vector<std::string> names_of(const ServerOptions& options) {
-  std::vector<std::string> names = options.names;
-  std::array<char, 256> own{};
-  if (gethostname(own.data(), own.size() - 1) == 0 && own[0] != '\0') {
-    names.emplace_back(own.data());
-    names.push_back(names.back() + ".local");
-  }
+  std::vector<std::string> names = own_names();
+  names.insert(names.end(), options.names.begin(), options.names.end());
   return names;
 }
 
 Server::Server(const ServerOptions& options)
-    : link_(options.service_host, options.service_port),
+    : options_(options),
+      link_(options.service_host, options.service_port),
       hub_(service_name(options),
            {[this](std::string_view text) { return link_.command(text); },
             [this](const std::array<std::int16_t, 3>& speed) { return link_.speed(speed); }}),
-      site_(hub_, {.names = names_of(options)}),
+      site_(hub_, guests_, {.names = names_of(options)}),
       service_(loop_, dup(link_.fd())),
       deadline_(loop_),
       second_(loop_),
       tell_(loop_),
-      signals_(loop_, SIGINT, SIGTERM) {
+      signals_(loop_, SIGINT, SIGTERM, SIGHUP) {
+  load();
+  hub_.on_deadline([this] { watch_deadline(); });
   listen(options);
   watch_signals();
   watch_service();
@@ -135,7 +137,38 @@ Server::Server(const ServerOptions& options)
 }
 
 void Server::watch_signals() {
-  signals_.async_wait([this](error_code /*error*/, int /*signal*/) { loop_.stop(); });
+  signals_.async_wait([this](error_code error, int signal) {
+    if (error) return;
+    if (signal != SIGHUP) return loop_.stop();
+    reload();
+    watch_signals();
+  });
+}
+
+/// What is read from files: the passwords, and the certificate.
+void Server::load() {
+  if (!options_.passwords.empty()) site_.use(Passwords::read(options_.passwords));
+  if (options_.tls.certificate.empty()) return;
+  if (options_.makes_certificate) make_certificate(options_.tls, names_of(options_));
+  tls_ = std::make_unique<Tls>(options_.tls);
+}
+
+/// Files that are no good change nothing.
+void Server::reload() {
+  try {
+    load();
+    std::fputs("nimbus-web: passwords and certificate are read anew\n", stderr);
+  } catch (const tools::Failure& failure) {
+    std::fprintf(stderr, "nimbus-web: %s; the old ones stay\n", failure.what());
+  }
+}
+
+void Server::run() {
+  loop_.run();
+  // What the loop still holds must not outlive the hub.
+  for (const auto& guest : connections_) {
+    if (const auto connection = guest.lock()) connection->close();
+  }
 }
 
 // --- Browsers ----------------------------------------------------------------------------------
@@ -183,26 +216,32 @@ void Server::welcome(tcp::socket socket) {
   if (error) return;
   const std::string address = peer.address().to_string();
   if (!guests_.enter(address)) {
+    if (tls_ != nullptr) return;
     constexpr std::string_view kFull =
         "HTTP/1.1 503 Service Unavailable\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
     socket.non_blocking(true, error);
     socket.send(asio::buffer(kFull), 0, error);
     return;
   }
+  const std::shared_ptr<const std::string> place(new std::string(address),
+                                                 [this](const std::string* one) {
+                                                   guests_.leave(*one);
+                                                   delete one;
+                                                 });
   tune_tcp(socket.native_handle());
-  const auto connection = connect_tcp(std::move(socket), {site_, address});
-  connections_.push_back({connection, address});
+  const auto connection = tls_ == nullptr ? connect_tcp(std::move(socket), {site_, place})
+                                          : connect_tls(std::move(socket), *tls_, {site_, place});
+  connections_.push_back(connection);
   connection->start();
   tell_soon();
 }
 
 void Server::look_after_guests(Time now) {
   for (auto guest = connections_.begin(); guest != connections_.end();) {
-    if (const auto connection = guest->connection.lock()) {
+    if (const auto connection = guest->lock()) {
       connection->check(now);
       ++guest;
     } else {
-      guests_.leave(guest->address);
       guest = connections_.erase(guest);
     }
   }
@@ -219,7 +258,7 @@ void Server::watch_service() {
   });
 }
 
-/// Waits for the end of the picture that is on its way.
+/// Waits for what the hub has to do next.
 void Server::watch_deadline() {
   const auto deadline = hub_.deadline();
   if (!deadline || (armed_ && *armed_ <= *deadline)) return;

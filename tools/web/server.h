@@ -5,12 +5,17 @@
 #include <string>
 #include <vector>
 
+#include "tools/web/certificate.h"
+
 namespace nimbus::web {
 
 struct ServerOptions {
   std::string service_host = "127.0.0.1";
   std::uint16_t service_port = 4242;
   std::string listen = "0.0.0.0:8080";  ///< ADDRESS:PORT; not used when a socket was handed over
+  std::string passwords = {};           ///< their file; empty: none
+  CertificateFiles tls = {};            ///< empty: no TLS
+  bool makes_certificate = false;       ///< when it is not there
   std::vector<std::string> names = {};  ///< of this machine, beside addresses and localhost
 };
 

@@ -14,6 +14,8 @@
 namespace nimbus::web {
 namespace {
 
+constexpr unsigned kMisdirected = 421;
+
 std::string lower(std::string_view text) {
   std::string out(text);
   std::transform(out.begin(), out.end(), out.begin(),
@@ -24,12 +26,11 @@ std::string lower(std::string_view text) {
 // What never changes in an answer: no other site may show the page, read from it, or guess types.
 void harden(Response& response, const Request& request) {
   // Safari takes a WebSocket for another origin, and a picture made of a stream is a blob.
-  const std::string host = is_address(host_of(request.host)) || !request.host.empty()
-                               ? " ws://" + request.host + " wss://" + request.host
-                               : "";
+  const std::string host = " ws://" + request.host + " wss://" + request.host;
+  const bool known = response.status != kMisdirected;
   response.headers.emplace_back(
       "Content-Security-Policy",
-      "default-src 'self'; connect-src 'self'" + host +
+      "default-src 'self'; connect-src 'self'" + (known ? host : "") +
           "; img-src 'self' blob: data:; media-src 'self' blob:; object-src 'none'; base-uri "
           "'none'; form-action 'self'; frame-ancestors 'none'");
   response.headers.emplace_back("X-Content-Type-Options", "nosniff");
@@ -49,6 +50,33 @@ Response json(std::string text) {
           .body = std::move(text),
           .headers = {{"Cache-Control", "no-store"}}};
 }
+
+Response go_to(const std::string& path) {
+  return {.status = 303, .headers = {{"Location", path}, {"Cache-Control", "no-store"}}};
+}
+
+constexpr std::string_view kCookie = "nimbus";
+
+constexpr std::string_view kLogInPage = R"(<!DOCTYPE html>
+<html lang="en">
+<head>
+<meta charset="utf-8">
+<meta name="viewport" content="width=device-width, initial-scale=1">
+<meta name="color-scheme" content="dark light">
+<title>Tervado Nimbus: log in</title>
+<link rel="icon" href="/favicon.svg">
+</head>
+<body>
+<main>
+<h1>Tervado Nimbus</h1>
+<form method="post" action="/login">
+<label>Password <input type="password" name="password" autocomplete="current-password" required autofocus></label>
+<button>Log in</button>
+</form>
+</main>
+</body>
+</html>
+)";
 
 struct Type {
   std::string_view ending;
@@ -117,59 +145,133 @@ bool ConsoleSite::knows_host(std::string_view header) const {
          std::find(options_.names.begin(), options_.names.end(), host) != options_.names.end();
 }
 
+void ConsoleSite::use(Passwords passwords) {
+  passwords_ = std::move(passwords);
+  hub_.has_password(passwords_.any());
+}
+
+std::optional<Role> ConsoleSite::role_of(const Request& request, Time now) {
+  if (!passwords_.any()) return Role::operates;
+  return sessions_.role_of(cookie_of(request.cookie, kCookie), now);
+}
+
 Answer ConsoleSite::answer(const Request& request) {
+  const Time now = Clock::now();
   Answer answer;
   if (!knows_host(request.host)) {
-    answer.response = refusal(421, "no such host here");
-  } else if ((request.upgrade || request.method != "GET") && !same_origin(request)) {
+    answer.response = refusal(kMisdirected, "no such host here");
+  } else if ((request.upgrade || request.method == "POST") && !same_origin(request)) {
     answer.response = refusal(403, "a page of another site may not do that");
   } else if (request.upgrade) {
-    answer = open(request);
+    answer = open(request, role_of(request, now));
   } else {
-    answer.response = respond(request);
+    answer.response = respond(request, role_of(request, now), now);
   }
   if (answer.peer == nullptr) harden(answer.response, request);
   return answer;
 }
 
-Answer ConsoleSite::open(const Request& request) {
-  if (request.path() == "/ws/video") {
-    const auto form = request.parameter("form");
-    if (!form.empty() && form != "fmp4" && form != "raw") {
-      return {.response = refusal(400, "no such form; expected fmp4 or raw")};
-    }
-    return {.peer = hub_.open_video(form == "raw" ? Form::raw : Form::fmp4)};
+Answer ConsoleSite::open(const Request& request, std::optional<Role> role) {
+  if (!role) return {.response = refusal(401, "log in first")};
+  const auto path = request.path();
+  if (path != "/ws/video" && path != "/ws/control") return {.response = refusal(404, "not found")};
+  const auto allowed = [this, cookie = std::string(cookie_of(request.cookie, kCookie))] {
+    return !passwords_.any() || sessions_.is_on(cookie, Clock::now());
+  };
+  Visitor visitor{request.address, role == Role::operates, allowed};
+  if (path == "/ws/control") return {.peer = hub_.open_control(std::move(visitor))};
+  const auto form = request.parameter("form");
+  if (!form.empty() && form != "fmp4" && form != "raw") {
+    return {.response = refusal(400, "no such form; expected fmp4 or raw")};
   }
-  if (request.path() == "/ws/control") return {.peer = hub_.open_control({request.address, true})};
-  return {.response = refusal(404, "not found")};
+  return {.peer = hub_.open_video(std::move(visitor), form == "raw" ? Form::raw : Form::fmp4)};
 }
 
-Response ConsoleSite::respond(const Request& request) {
+Response ConsoleSite::respond(const Request& request, std::optional<Role> role, Time now) {
+  if (request.method == "POST") return post(request, role, now);
+  if (request.method == "GET" || request.method == "HEAD")
+    return get(request, role.has_value(), now);
+  Response response = refusal(405, "not allowed");
+  response.headers.emplace_back("Allow", "GET, HEAD, POST");
+  return response;
+}
+
+Response ConsoleSite::get(const Request& request, bool allowed, Time now) {
   const auto path = request.path();
-  if (request.method != "GET" && request.method != "HEAD") {
-    Response response = refusal(405, "not allowed");
-    response.headers.emplace_back("Allow", "GET, HEAD");
-    return response;
-  }
   if (path == "/healthz") return {.body = "ok\n", .headers = {{"Cache-Control", "no-store"}}};
-  if (path == "/api/state") return json(hub_.state(Clock::now()) + "\n");
+  const bool program = path.starts_with("/api/") || path == "/metrics" || path.starts_with("/ws/");
+  if (program && !allowed) return refusal(401, "log in first");
+  if (path == "/api/state") return json(hub_.state(now) + "\n");
   if (path == "/api/commands") return json("{" + tables_json() + "}\n");
+  if (path == "/metrics") {
+    return {.type = "text/plain; version=0.0.4; charset=utf-8",
+            .body = hub_.metrics(guests_.count(), now),
+            .headers = {{"Cache-Control", "no-store"}}};
+  }
   if (path == "/ws/video" || path == "/ws/control") {
     Response response = refusal(426, "expected a WebSocket");
     response.headers.emplace_back("Upgrade", "websocket");
     return response;
   }
-  return page(request);
+  return page(request, allowed);
 }
 
-Response ConsoleSite::page(const Request& request) const {
+Response ConsoleSite::page(const Request& request, bool allowed) const {
   constexpr std::string_view kFolder = "/page/";
   auto path = request.path();
-  if (path == "/") path = "/page/index.html";
   if (path == "/favicon.svg") path = "/page/favicon.svg";
+  if (path == "/login") {
+    return {.type = "text/html; charset=utf-8",
+            .fixed_body = kLogInPage,
+            .headers = {{"Cache-Control", "no-store"}}};
+  }
+  if (!allowed && path != "/page/favicon.svg") return go_to("/login");
+  if (path == "/") path = "/page/index.html";
   const File* const file =
       path.starts_with(kFolder) ? find_file(path.substr(kFolder.size())) : nullptr;
   return file == nullptr ? refusal(404, "not found") : file_response(*file, request);
+}
+
+Response ConsoleSite::post(const Request& request, std::optional<Role> role, Time now) {
+  const auto path = request.path();
+  if (path == "/login") return log_in(request, now);
+  if (path == "/logout") return log_out(request);
+  if (path == "/api/command") return command(request, role, now);
+  return refusal(404, "not found");
+}
+
+Response ConsoleSite::command(const Request& request, std::optional<Role> role, Time now) {
+  if (!role) return refusal(401, "log in first");
+  if (role != Role::operates) return refusal(403, "you are logged in to watch only");
+  const Hub::Result result = hub_.order(request.body, now);
+  Response response = json(std::string(R"({"ok":)") + (result.ok ? "true" : "false") +
+                           R"(,"text":)" + quoted(result.text) + "}\n");
+  if (!result.ok) response.status = result.conflict ? 409 : 400;
+  return response;
+}
+
+Response ConsoleSite::log_in(const Request& request, Time now) {
+  if (!passwords_.any()) return go_to("/");
+  if (!tries_.allowed(request.address, now)) {
+    Response response = refusal(429, "too many tries; expected a minute's patience");
+    response.headers.emplace_back("Retry-After", "60");
+    return response;
+  }
+  const auto role = passwords_.role_of(form_value(request.body, "password"));
+  if (!role) return refusal(403, "that is not the password");
+  Response response = go_to("/");
+  response.headers.emplace_back(
+      "Set-Cookie", std::string(kCookie) + "=" + sessions_.begin(*role, now) +
+                        "; Path=/; HttpOnly; SameSite=Strict" + (request.secure ? "; Secure" : ""));
+  return response;
+}
+
+Response ConsoleSite::log_out(const Request& request) {
+  sessions_.end(cookie_of(request.cookie, kCookie));
+  Response response = go_to("/login");
+  response.headers.emplace_back(
+      "Set-Cookie", std::string(kCookie) + "=; Path=/; HttpOnly; SameSite=Strict; Max-Age=0");
+  return response;
 }
 
 }  // namespace nimbus::web

@@ -4,8 +4,11 @@
 #include <string>
 #include <vector>
 
+#include "tools/web/guests.h"
 #include "tools/web/http.h"
 #include "tools/web/hub.h"
+#include "tools/web/passwords.h"
+#include "tools/web/sessions.h"
 
 namespace nimbus::web {
 
@@ -15,18 +18,32 @@ struct SiteOptions {
 
 class ConsoleSite final : public Site {
  public:
-  ConsoleSite(Hub& hub, SiteOptions options) : hub_(hub), options_(std::move(options)) {}
+  ConsoleSite(Hub& hub, const Guests& guests, SiteOptions options)
+      : hub_(hub), guests_(guests), options_(std::move(options)) {}
+
+  /// Who may come in. Nobody needs a password as long as none is set.
+  void use(Passwords passwords);
 
   [[nodiscard]] Answer answer(const Request& request) override;
 
  private:
   [[nodiscard]] bool knows_host(std::string_view host) const;
-  [[nodiscard]] Response respond(const Request& request);
-  [[nodiscard]] Response page(const Request& request) const;
-  [[nodiscard]] Answer open(const Request& request);
+  [[nodiscard]] std::optional<Role> role_of(const Request& request, Time now);
+  [[nodiscard]] Response respond(const Request& request, std::optional<Role> role, Time now);
+  [[nodiscard]] Response get(const Request& request, bool allowed, Time now);
+  [[nodiscard]] Response post(const Request& request, std::optional<Role> role, Time now);
+  [[nodiscard]] Response page(const Request& request, bool allowed) const;
+  [[nodiscard]] Response command(const Request& request, std::optional<Role> role, Time now);
+  [[nodiscard]] Response log_in(const Request& request, Time now);
+  [[nodiscard]] Response log_out(const Request& request);
+  [[nodiscard]] Answer open(const Request& request, std::optional<Role> role);
 
   Hub& hub_;
+  const Guests& guests_;
   SiteOptions options_;
+  Passwords passwords_;
+  Sessions sessions_;
+  Tries tries_;
 };
 
 /// The host of a Host header, without its port; empty when it is no such header.

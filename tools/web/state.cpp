@@ -36,6 +36,13 @@ void State::reported(std::string_view group, std::uint64_t now) {
   set(group, "at", std::to_string(now));
 }
 
+std::string State::get(std::string_view group, std::string_view member) const {
+  const auto members = groups_.find(group);
+  if (members == groups_.end()) return {};
+  const auto found = members->second.find(member);
+  return found == members->second.end() ? std::string() : found->second.json;
+}
+
 std::string State::whole() const {
   std::string out = "{";
   for (const auto& [name, members] : groups_) {

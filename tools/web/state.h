@@ -20,6 +20,9 @@ class State {
   /// The group was reported now: milliseconds on the server's clock.
   void reported(std::string_view group, std::uint64_t now);
 
+  /// The JSON text of a member; empty when it is not known.
+  [[nodiscard]] std::string get(std::string_view group, std::string_view member) const;
+
   /// One JSON object, all groups in it.
   [[nodiscard]] std::string whole() const;
 

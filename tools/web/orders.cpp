@@ -1,0 +1,94 @@
+#include "tools/web/orders.h"
+
+#include <algorithm>
+
+#include "config/interfaces.h"
+#include "tools/common/failure.h"
+#include "tools/ctl/commands.h"
+#include "tools/ctl/json.h"
+#include "tools/ctl/settings.h"
+#include "tools/ctl/viewer_link.h"
+
+namespace nimbus::web {
+namespace {
+
+using tools::Failure;
+
+const cJSON* member(const cJSON* object, const char* name) {
+  return cJSON_GetObjectItemCaseSensitive(object, name);
+}
+
+std::vector<std::string> texts_of(const cJSON* list, const char* name) {
+  if (cJSON_IsArray(list) == 0) throw Failure(std::string(name) + " is no list; expected texts");
+  std::vector<std::string> texts;
+  const cJSON* item = nullptr;
+  cJSON_ArrayForEach(item, list) {
+    if (cJSON_IsString(item) == 0) {
+      throw Failure(std::string(name) + " has what is no text; expected texts, also for numbers");
+    }
+    texts.emplace_back(item->valuestring);
+  }
+  return texts;
+}
+
+/// What fits the service's mailbox.
+QueuedCommand checked(std::string text) {
+  static_cast<void>(ctl::command_payload(text));
+  return {.text = std::move(text)};
+}
+
+QueuedCommand ask_report() {
+  return {.text = R"({"cmd":"configrequest"})", .awaits = Reply::report};
+}
+
+Orders command_orders(const cJSON* order) {
+  const auto words = texts_of(member(order, "words"), "words");
+  if (words.empty()) throw Failure("no words; expected a command such as [\"iso\",\"400\"]");
+  const auto all = ctl::all_commands();
+  if (std::none_of(all.begin(), all.end(),
+                   [&words](const auto& row) { return ctl::first_word(row) == words.front(); })) {
+    throw Failure("no command '" + words.front() + "'; expected one of /api/commands");
+  }
+  const ctl::Command& command = ctl::find_command(words);
+  QueuedCommand queued = checked(ctl::json_for(command, words, false));
+  if (command.asks == ctl::Asks::yes && cJSON_IsTrue(member(order, "confirmed")) == 0) {
+    throw Failure(std::string(command.words) + " would " + std::string(command.help) +
+                  "; expected \"confirmed\":true as a sign that you mean it");
+  }
+  queued.busy = command.busy;
+  return {queued};
+}
+
+Orders setting_orders(const cJSON* order, const cJSON* report) {
+  const std::string name = ctl::member_text(order, "name");
+  const auto values = texts_of(member(order, "values"), "values");
+  if (name == "wifi" && report == nullptr) {
+    throw Failure("the networks are not known yet; expected a report of the service before");
+  }
+  // What the setting has become is seen by its report.
+  return {checked(ctl::json_for_setting(name, values, false, report)), ask_report()};
+}
+
+Orders scan_orders(const cJSON* order) {
+  const std::string name = ctl::member_text(order, "interface");
+  const auto code = ctl::kInterfaceName.convert(name);
+  if (!code || *code == kNoInterfaceCode) {
+    throw Failure("no interface '" + name + "'; expected wifi0 or wlan0");
+  }
+  const ctl::Json command = ctl::empty_object();
+  ctl::add_text(command.get(), "cmd", "wlan");
+  ctl::add_text(command.get(), "param", "scan");
+  ctl::add_text(command.get(), "value", *code);
+  return {{.text = ctl::line_of(command.get()), .awaits = Reply::scan}};
+}
+
+}  // namespace
+
+Orders orders_of(const cJSON* order, const cJSON* report) {
+  if (member(order, "words") != nullptr) return command_orders(order);
+  if (member(order, "name") != nullptr) return setting_orders(order, report);
+  if (member(order, "interface") != nullptr) return scan_orders(order);
+  throw Failure("no order; expected words, name and values, or interface");
+}
+
+}  // namespace nimbus::web
