@@ -14,9 +14,11 @@ std::mutex changing;
 CardChange::CardChange() noexcept { changing.lock(); }
 CardChange::~CardChange() { changing.unlock(); }
 
-void CardChange::make_writable() const noexcept { run_shell("mount -o rw,remount /boot"); }
+void make_writable(const CardChange& /*change*/) noexcept {
+  run_shell("mount -o rw,remount /boot");
+}
 
-void CardChange::mount_afresh() const noexcept {
+void mount_afresh(const CardChange& /*change*/) noexcept {
   run_shell("umount /boot");
   run_shell("mount /boot");
 }

@@ -13,11 +13,12 @@ class CardChange {
   CardChange(const CardChange&) = delete;
   CardChange& operator=(const CardChange&) = delete;
   ~CardChange();
-
-  /// Before the change.
-  void make_writable() const noexcept;
-  /// After it: what was written is seen as the next start will see it.
-  void mount_afresh() const noexcept;
 };
+
+/// Before the change.
+void make_writable(const CardChange& change) noexcept;
+
+/// After it: what was written is seen as the next start will see it.
+void mount_afresh(const CardChange& change) noexcept;
 
 }  // namespace nimbus

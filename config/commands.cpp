@@ -303,9 +303,9 @@ void scan_networks(const Arguments& arguments) {
 void recalibrate_receiver() {
   {
     const CardChange card;
-    card.make_writable();
+    make_writable(card);
     run_shell("rm -f /boot/rcin.cal");
-    card.mount_afresh();
+    mount_afresh(card);
   }
   run_shell(kEndRcReader);
 }

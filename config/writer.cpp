@@ -97,12 +97,12 @@ void config_is_not_the_cards() noexcept { config_unread = true; }
 int config_save() noexcept {
   const CardChange card;
   log_text("Save config\n");
-  card.make_writable();
+  make_writable(card);
   std::array<char, kFileSize> buffer;
   TextBuilder file(buffer);
   build_file(file, *config_get());
   if (!write_card_file(file.view())) return -1;
-  card.mount_afresh();
+  mount_afresh(card);
   return run_shell("cat " CARD_FILE " | sed 's/\\r$//' > " WORKING_COPY);
 }
 
