@@ -50,11 +50,9 @@ constexpr int kLowestIso = 100;
 
 constexpr useconds_t kFocusTypeSettlesUs = 20'000;
 
-std::uint8_t low_byte(std::int32_t value) { return static_cast<std::uint8_t>(value); }
+constexpr std::string_view kCustomWhiteBalance = "custom";
 
-std::int32_t send_white_balance(std::string_view name, std::uint8_t tint) {
-  return send_frame(kWhiteBalance, {code_of(kWhiteBalances, name, 0), tint});
-}
+std::uint8_t low_byte(std::int32_t value) { return static_cast<std::uint8_t>(value); }
 
 std::int32_t set_custom_white_balance(const char* temperature) {
   if (temperature == nullptr) return -1;
@@ -63,7 +61,8 @@ std::int32_t set_custom_white_balance(const char* temperature) {
   // that 1901 to 1999 K count as 2000.
   const std::int64_t hundreds = (std::int64_t{parse_i32(temperature)} - 2000) / 100;
   if (hundreds < 0) return -1;
-  return send_white_balance("custom", static_cast<std::uint8_t>(hundreds + 20));
+  return send_frame(kWhiteBalance, {code_of(kWhiteBalances, kCustomWhiteBalance, 0),
+                                    static_cast<std::uint8_t>(hundreds + 20)});
 }
 
 }  // namespace
@@ -145,9 +144,9 @@ std::int32_t camera_set_exposure_point(int point) noexcept {
 
 std::int32_t camera_set_white_balance(const char* name, const char* temperature) noexcept {
   log_text("Camera set WB %s\n", name);
-  if (std::string_view(name) == "custom") return set_custom_white_balance(temperature);
-  const auto* const tint = find_word(kWhiteBalanceTints, name);
-  return tint == nullptr ? -1 : send_white_balance(name, *tint);
+  if (name == kCustomWhiteBalance) return set_custom_white_balance(temperature);
+  const auto* const found = find_word(kWhiteBalanceWords, name);
+  return found == nullptr ? -1 : send_frame(kWhiteBalance, {found->code, found->tint});
 }
 
 std::int32_t camera_set_colour(const char* profile) noexcept {

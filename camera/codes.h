@@ -55,18 +55,24 @@ inline constexpr std::array<Code<double>, 19> kEvSteps{{
     {1.7, 21},  {2.0, 22},  {2.3, 23}, {2.7, 24},  {3.0, 25},
 }};
 
-/// ISO values, 0 for the automatic.
-inline constexpr std::array<Code<std::uint16_t>, 10> kIsoValues{{
-    {0, 0},
-    {25, 1},
-    {50, 2},
-    {100, 3},
-    {200, 4},
-    {400, 5},
-    {800, 6},
-    {1600, 7},
-    {3200, 8},
-    {6400, 9},
+/// An ISO value that the camera knows; 0 is the automatic.
+struct Iso {
+  std::uint16_t value;
+  std::uint8_t code;
+  std::string_view word;  ///< of the commands; empty: it is only reported
+};
+
+inline constexpr std::array<Iso, 10> kIsoValues{{
+    {0, 0, "auto"},
+    {25, 1, ""},
+    {50, 2, ""},
+    {100, 3, "100"},
+    {200, 4, "200"},
+    {400, 5, "400"},
+    {800, 6, "800"},
+    {1600, 7, "1600"},
+    {3200, 8, "3200"},
+    {6400, 9, "6400"},
 }};
 
 struct Resolution {
@@ -95,14 +101,21 @@ inline constexpr std::array<Code<std::uint16_t>, 7> kFrameRates{{
     {120, 7},
 }};
 
-inline constexpr std::array<Code<std::string_view>, 7> kWhiteBalances{{
-    {"auto", 0},
-    {"sunny", 1},
-    {"cloudy", 2},
-    {"unknown", 3},
-    {"incandescent", 4},
-    {"neon", 5},
-    {"custom", 6},
+/// A white balance that the camera reports.
+struct WhiteBalance {
+  std::string_view value;
+  std::uint8_t code;
+  std::uint8_t tint;  ///< the byte behind the code in its command; 0: no word selects it
+};
+
+inline constexpr std::array<WhiteBalance, 7> kWhiteBalances{{
+    {"auto", 0, 0x44},
+    {"sunny", 1, 0x30},
+    {"cloudy", 2, 0x40},
+    {"unknown", 3, 0},
+    {"incandescent", 4, 0x44},
+    {"neon", 5, 0x19},
+    {"custom", 6, 0},  // with a colour temperature instead
 }};
 
 // What the camera's reports call things; its commands have other words for them.

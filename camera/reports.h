@@ -112,7 +112,7 @@ struct SettingsReport {
   static constexpr std::uint8_t kSet = kAnySet;
   static constexpr WireField<std::uint32_t, 3> settings_736{13, "settings_736"};
   static constexpr WireField<std::uint8_t> iso{16, "iso"};
-  static constexpr WireField<std::uint8_t> ev{17, "ev"};
+  static constexpr WireField<std::uint8_t> ev{17, "ev_code"};
   static constexpr WireField<std::uint8_t> settings_790{21, "settings_790"};
   static constexpr WireField<std::uint8_t> photo_format{23, "photo_format"};
   static constexpr WireField<std::uint8_t> resolution{24, "resolution"};

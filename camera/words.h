@@ -1,10 +1,13 @@
 // The words of the commands that operate the camera and its gimbal, and what they stand for.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include "base/word_table.h"
+#include "camera/codes.h"
 
 namespace nimbus {
 
@@ -17,22 +20,31 @@ inline constexpr std::array<Word<std::uint8_t>, 2> kAntiFlickers{{{"50", 1}, {"6
 inline constexpr std::array<Word<std::uint8_t>, 3> kShotModes{{{"raw", 0}, {"jpg", 1}, {"jpg+raw", 2}}};
 inline constexpr std::array<Word<std::uint8_t>, 2> kFocusTypes{{{"afc", 2}, {"afs", 1}}};
 
-// The second byte that goes with the code of each white balance that can be commanded.
-inline constexpr std::array<Word<std::uint8_t>, 5> kWhiteBalanceTints{{
-    {"auto", 0x44}, {"sunny", 0x30}, {"cloudy", 0x40}, {"incandescent", 0x44}, {"neon", 0x19},
-}};
 // clang-format on
 
-inline constexpr std::array<Word<int>, 8> kIsoWords{{
-    {"auto", 0},
-    {"100", 100},
-    {"200", 200},
-    {"400", 400},
-    {"800", 800},
-    {"1600", 1600},
-    {"3200", 3200},
-    {"6400", 6400},
-}};
+/// The white balances that have a word, with the rows that say what is sent.
+inline constexpr auto kWhiteBalanceWords = [] {
+  constexpr auto count = std::count_if(kWhiteBalances.begin(), kWhiteBalances.end(),
+                                       [](const auto& row) { return row.tint != 0; });
+  std::array<Word<WhiteBalance>, count> words{};
+  std::size_t used = 0;
+  for (const auto& row : kWhiteBalances) {
+    if (row.tint != 0) words[used++] = {row.value, row};
+  }
+  return words;
+}();
+
+/// The ISO values that have a word, lowest first.
+inline constexpr auto kIsoWords = [] {
+  constexpr auto count = std::count_if(kIsoValues.begin(), kIsoValues.end(),
+                                       [](const auto& row) { return !row.word.empty(); });
+  std::array<Word<int>, count> words{};
+  std::size_t used = 0;
+  for (const auto& row : kIsoValues) {
+    if (!row.word.empty()) words[used++] = {row.word, row.value};
+  }
+  return words;
+}();
 
 struct VideoFormat {
   int width;

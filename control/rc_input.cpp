@@ -16,6 +16,7 @@
 #include "camera/camera.h"
 #include "camera/codes.h"
 #include "camera/gimbal.h"
+#include "camera/words.h"
 #include "config/config.h"
 #include "config/writer.h"
 #include "control/control.h"
@@ -173,7 +174,6 @@ void record_or_shoot(const Receiver& rc) {
 
 // --- Stepped settings ---------------------------------------------------------------------------
 
-constexpr std::array<int, 8> kIsoSteps{0, 100, 200, 400, 800, 1600, 3200, 6400};
 constexpr std::array<const char*, 4> kExposureModeSteps{"auto", "manual", "shutter", "aperture"};
 
 // While it films, the camera exposes no longer than this.
@@ -221,8 +221,8 @@ struct SteppedSetting {
 };
 
 constinit std::array<SteppedSetting, 3> stepped_settings{{
-    {RcFunction::iso, kIsoSteps.size() - 1, lowest_step,
-     [](std::size_t step) { camera_set_iso(kIsoSteps[step]); }},
+    {RcFunction::iso, kIsoWords.size() - 1, lowest_step,
+     [](std::size_t step) { camera_set_iso(kIsoWords[step].value); }},
     {RcFunction::shutter, kShutterTexts.size() - 1, lowest_shutter_step,
      [](std::size_t step) { camera_set_shutter(kShutterTexts[step].data()); }},
     {RcFunction::videomode, kExposureModeSteps.size() - 1, lowest_step,

@@ -877,12 +877,12 @@ COMPLETED = {
 
 
 @pytest.mark.parametrize("typed", COMPLETED)
-def test_completion(typed):
+def test_completion(build, typed):
     file = pathlib.Path(__file__).resolve().parents[2] / "tools" / "ctl" / "nimbusctl.bash"
     script = (f'. "{file}"; COMP_LINE="nimbusctl $1"; COMP_POINT=${{#COMP_LINE}}; _nimbusctl; '
               'printf "%s\\n" "${COMPREPLY[@]}"')
     done = subprocess.run(["bash", "-c", script, "bash", typed], capture_output=True, text=True,
-                          check=True)
+                          check=True, env={**os.environ, "PATH": f"{build}:{os.environ['PATH']}"})
     assert done.stderr == ""
     found = set(done.stdout.split())
     assert found >= COMPLETED[typed] if typed == "" else found == COMPLETED[typed]

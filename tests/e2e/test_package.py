@@ -35,7 +35,7 @@ FILES = {
     "usr/share/lintian/overrides/nimbus": 0o644,
 }
 # There when the tools for people are built.
-TOOLS = re.compile("usr/(bin/|share/man/man1/|share/bash-completion/)")
+TOOLS = re.compile("usr/(bin/|share/man/man1/|share/bash-completion/|lib/[^/]+/wireshark/)")
 
 
 def output_of(*command, **options):

@@ -187,12 +187,14 @@ def accepted(cmd, param=None):
 
 def test_words_of_camera_commands():
     path = "camera/words.h"
-    assert accepted("iso") == set(first_words(path, "kIsoWords"))
+    values = block("camera/codes.h", "kIsoValues")
+    assert accepted("iso") == set(re.findall(r'\{\d+, \d+, "(\w+)"\}', values))
     assert accepted("video_mode") == set(first_words(path, "kExposureModes"))
     assert accepted("video_aspect") == set(first_words(path, "kAspectRatios"))
     assert accepted("antiflicker") == set(first_words(path, "kAntiFlickers"))
     assert accepted("shotmode") == set(first_words(path, "kShotModes"))
-    assert accepted("wb") == {*first_words(path, "kWhiteBalanceTints"), "custom"}
+    balances = re.findall(r'\{"(\w+)", \d+, 0x', block("camera/codes.h", "kWhiteBalances"))
+    assert accepted("wb") == {*balances, "custom"}
     assert accepted("focus", "type") == set(first_words(path, "kFocusTypes"))
     assert accepted("gimbal", "mode") == set(first_words(path, "kGimbalModes"))
     formats = no_repeats(words(section("Video formats")))
@@ -358,7 +360,7 @@ CODES = {
     "Photo format": ("camera/words.h", "kShotModes"),
     "Photo format, shown": ("camera/codes.h", "kPhotoFormatNames"),
     "White balance": ("camera/codes.h", "kWhiteBalances"),
-    "White balance tint": ("camera/words.h", "kWhiteBalanceTints"),
+    "White balance tint": ("camera/codes.h", "kWhiteBalances"),
     "Colour": ("camera/codes.h", "kColours"),
     "ISO": ("camera/codes.h", "kIsoValues"),
     "Exposure compensation": ("camera/codes.h", "kEvSteps"),
@@ -373,8 +375,13 @@ def test_codes():
     for what, (path, name) in CODES.items():
         described = {(value, int(code)) for value, code
                      in re.findall(r"`([^`]+)` (\d+)", rows[what])}
-        pairs = re.findall(r"\{(?:\{([^{}]*)\}|\"([^\"]*)\"|([-\d.]+)), (\w+)\}",
-                           block(path, name))
+        source_rows = block(path, name)
+        if what == "White balance tint":  # the third column, where it is not 0
+            source_rows = re.sub(r'\{"\w+", \d+, 0\}', "", source_rows)
+            source_rows = re.sub(r", \d+, (0x\w+)\}", r", \1}", source_rows)
+        # Behind the code there may be one more column.
+        pairs = re.findall(r"\{(?:\{([^{}]*)\}|\"([^\"]*)\"|([-\d.]+)), (\w+)"
+                           r"(?:, \"?\w*\"?)?\}", source_rows)
         code = {(struct or text or number, ast.literal_eval(value))
                 for struct, text, number, value in pairs}
         assert code and described == code, what

@@ -58,7 +58,10 @@ TEST(Codes, UnknownValues) {
 }
 
 TEST(Codes, IsoValuesDouble) {
-  for (const auto& [iso, code] : kIsoValues) EXPECT_EQ(iso, code == 0 ? 0 : 25 << (code - 1));
+  for (const auto& [iso, code, word] : kIsoValues) {
+    EXPECT_EQ(iso, code == 0 ? 0 : 25 << (code - 1));
+    EXPECT_TRUE(word.empty() || word == (code == 0 ? "auto" : std::to_string(iso)));
+  }
 }
 
 TEST(Codes, EvStepsAreThirds) {

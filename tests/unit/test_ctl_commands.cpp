@@ -8,6 +8,7 @@
 
 #include "tools/common/failure.h"
 #include "tools/ctl/commands.h"
+#include "tools/ctl/completion.h"
 #include "tools/ctl/json.h"
 #include "tools/ctl/settings.h"
 
@@ -42,14 +43,10 @@ std::string content(const char* name) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// The words of the completion: blanks, quotes and the shell's signs stand between them.
-std::set<std::string> completed_words() {
-  std::string text = content("tools/ctl/nimbusctl.bash");
-  for (char& c : text) {
-    if (std::string_view("\"();|*").find(c) != std::string_view::npos) c = ' ';
-  }
-  const Words words = split(text);
-  return {words.begin(), words.end()};
+/// What the shell offers behind these words.
+std::set<std::string> offered(const Words& words) {
+  const auto choices = choices_behind(words);
+  return {choices.begin(), choices.end()};
 }
 
 TEST(CtlCommands, Json) {
@@ -113,26 +110,40 @@ TEST(CtlCommands, EveryRow) {
   }
 }
 
-TEST(CtlCommands, CompletionFollowsTheTable) {
-  const auto known = completed_words();
+TEST(CtlCommands, EveryRowCanBeCompleted) {
   for (const Command& command : all_commands()) {
-    for (const std::string& word : split(command.words)) EXPECT_TRUE(known.contains(word)) << word;
-    for (const Argument& argument : command.arguments) {
-      if (argument.name.empty()) break;
-      std::istringstream expected(argument.accepts->expected());
-      for (std::string value; std::getline(expected >> std::ws, value, ',');) {
-        // A sentence is no value, and a value with a blank cannot be completed.
-        if (!argument.accepts->convert(value) || value.find(' ') != std::string::npos) continue;
-        EXPECT_TRUE(known.contains(value)) << command.words << " " << value;
+    Words words;
+    for (const std::string& word : split(command.words)) {
+      if (!words.empty()) {
+        EXPECT_TRUE(offered(words).contains(word)) << command.words;
       }
+      words.push_back(word);
+    }
+    std::size_t index = 0;
+    for (const std::string& value : split(command.example)) {
+      const Shape shape = command.arguments.at(index++).accepts->shape();
+      EXPECT_TRUE(shape.kind != "choice" || offered(words).contains(value)) << command.words;
+      words.push_back(value);
     }
   }
-  for (const Setting& setting : all_settings()) {
-    EXPECT_TRUE(known.contains(std::string(setting.name))) << setting.name;
-  }
-  for (const WifiValue& value : wifi_values()) {
-    EXPECT_TRUE(known.contains(std::string(value.name) + "=")) << value.name;
-  }
+}
+
+TEST(CtlCommands, Completion) {
+  using Set = std::set<std::string>;
+  EXPECT_EQ(offered({}), Set{});
+  EXPECT_EQ(offered({"record"}), (Set{"start", "stop"}));
+  EXPECT_EQ(offered({"record", "start"}), Set{});
+  EXPECT_EQ(offered({"wb"}), (Set{"custom", "auto", "sunny", "cloudy", "incandescent", "neon"}));
+  EXPECT_EQ(offered({"wb", "custom"}), Set{});
+  EXPECT_EQ(offered({"histogram"}), (Set{"on", "off"}));
+  EXPECT_FALSE(offered({"color"}).contains("black white")) << "a blank cannot be completed";
+  EXPECT_EQ(offered({"config", "set"}).size(), all_settings().size() + 1);
+  EXPECT_EQ(offered({"config", "set", "osd_enabled"}), (Set{"on", "off"}));
+  EXPECT_EQ(offered({"config", "set", "osd_enabled", "on"}), Set{});
+  EXPECT_EQ(offered({"config", "set", "wifi", "ap_ssid=x"}).size(), wifi_values().size());
+  EXPECT_EQ(offered({"config", "set", "volume"}), Set{});
+  EXPECT_EQ(offered({"wifi", "scan"}), (Set{"wifi0", "wlan0"}));
+  EXPECT_EQ(offered({"nonsense"}), Set{});
 }
 
 TEST(CtlCommands, ManualFollowsTheTable) {

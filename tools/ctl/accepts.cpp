@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 
 #include "camera/codes.h"
 #include "config/interface_codes.h"
 #include "control/rc_map.h"
+#include "tools/common/numbers.h"
 #include "tools/ctl/value.h"
 
 namespace nimbus::ctl {
@@ -29,7 +29,7 @@ constexpr std::array<Word<std::string_view>, 8> kYesNoWords{{
 }};
 
 std::optional<std::string> convert_fraction(std::string_view text) {
-  const auto number = whole_real(text);
+  const auto number = tools::parse_real(text);
   return as_it_is(text, number && *number >= 0.0 && *number <= 1.0);
 }
 
@@ -37,13 +37,13 @@ constexpr double kLeastFNumber = 0.01;
 constexpr double kMostFNumber = 327.67;  // hundredths in 16 bits
 
 std::optional<std::string> convert_f_number(std::string_view text) {
-  const auto number = whole_real(text);
+  const auto number = tools::parse_real(text);
   return as_it_is(text, number && *number > 0.0 && *number <= kMostFNumber);
 }
 
 std::optional<std::string> convert_ev(std::string_view text) {
   constexpr std::uint8_t kUnknown = 0;
-  const auto number = whole_real(text);
+  const auto number = tools::parse_real(text);
   return as_it_is(text, number && code_of(kEvSteps, *number, kUnknown) != kUnknown);
 }
 
@@ -155,15 +155,6 @@ std::optional<std::int64_t> whole_integer(std::string_view text) {
   const char* const end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, number);
   if (error != std::errc() || stop != end) return std::nullopt;
-  return number;
-}
-
-std::optional<double> whole_real(std::string_view text) {
-  if (text.starts_with('+')) text.remove_prefix(1);
-  double number = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number);
-  if (error != std::errc() || stop != end || !std::isfinite(number)) return std::nullopt;
   return number;
 }
 

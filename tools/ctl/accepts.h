@@ -62,9 +62,8 @@ inline constexpr Accepts kTranslated{[](std::string_view text) -> std::optional<
                                      },
                                      kWordsOf<table>.expected, kWordsOf<table>.shape};
 
-/// The whole text as a number: nothing when it is none, or anything stands around it.
+/// The whole text as an integer: nothing when it is none, or anything stands around it.
 [[nodiscard]] std::optional<std::int64_t> whole_integer(std::string_view text);
-[[nodiscard]] std::optional<double> whole_real(std::string_view text);
 
 /// An integer within limits, which belong to it.
 template <std::int64_t least, std::int64_t most>

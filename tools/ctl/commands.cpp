@@ -54,7 +54,7 @@ constexpr auto kCommands = std::to_array<Command>({
     {"wb custom", "set the white balance to a colour temperature",
      {{{"cmd", "wb"}, {"param", "custom"}}}, {{{"KELVIN", "value1", kKelvin}}}, "5600"},
     {"wb", "set the white balance", {{{"cmd", "wb"}}},
-     {{{"NAME", "param", &kWordsOf<kWhiteBalanceTints>}}}, "cloudy"},
+     {{{"NAME", "param", &kWordsOf<kWhiteBalanceWords>}}}, "cloudy"},
     {"color", "set the colour profile", {{{"cmd", "color"}}},
      {{{"PROFILE", "param", &kColour}}}, "d-log"},
     {"antiflicker", "set the frequency of the light", {{{"cmd", "antiflicker"}}},

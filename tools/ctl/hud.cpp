@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "base/unique_fd.h"
 #include "control/rc_map.h"
 #include "tools/common/failure.h"
+#include "tools/common/text.h"
 #include "tools/ctl/interrupt.h"
 #include "tools/ctl/json.h"
 #include "tools/ctl/output.h"
@@ -111,10 +111,9 @@ std::string json_of(const Fields& fields) {
 }
 
 void print_field(const Field& field) {
-  std::array<char, 40> name;
-  std::snprintf(name.data(), name.size(), "%-28.*s", static_cast<int>(field.name.size()),
-                field.name.data());
-  print_line(name.data() + text_of(field.value) + std::string(field.unit));
+  const std::string name =
+      tools::format_text("%-28.*s", static_cast<int>(field.name.size()), field.name.data());
+  print_line(name + text_of(field.value) + std::string(field.unit));
 }
 
 void print_fields(const Fields& fields, bool json) {
@@ -137,16 +136,11 @@ Fields changes(const Fields& before, const Fields& after) {
 }  // namespace
 
 // A field is shown under its own name.
-#define FIELD(name)                        \
-  {                                        \
-#name, value_of_field(region.name), {} \
-  }
-#define FIELD_IN(name, unit) \
-  { #name, value_of_field(region.name), unit }
-#define FLAG(name)                    \
-  {                                   \
-#name, yes_or_no(region.name), {} \
-  }
+// clang-format off
+#define FIELD(name) { #name, value_of_field(region.name), {} }
+#define FIELD_IN(name, unit) { #name, value_of_field(region.name), unit }
+#define FLAG(name) { #name, yes_or_no(region.name), {} }
+// clang-format on
 
 Fields decode_region(const DisplayRegion& region) {
   return {

@@ -7,14 +7,17 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "app/version.h"
 #include "tools/common/failure.h"
+#include "tools/common/numbers.h"
 #include "tools/ctl/capture.h"
 #include "tools/ctl/commands.h"
+#include "tools/ctl/completion.h"
 #include "tools/ctl/config_commands.h"
 #include "tools/ctl/hud.h"
 #include "tools/ctl/interrupt.h"
@@ -56,7 +59,7 @@ std::string to_seconds(std::string& text) {
   static const std::map<std::string, double> kUnits{{"", 1}, {"s", 1}, {"ms", 0.001}, {"min", 60}};
   const auto digits = text.find_first_not_of("0123456789.");
   const auto unit = kUnits.find(digits == std::string::npos ? "" : text.substr(digits));
-  const auto number = whole_real(std::string_view(text).substr(0, digits));
+  const auto number = tools::parse_real(std::string_view(text).substr(0, digits));
   if (unit == kUnits.end() || !number || *number <= 0) {
     return "'" + text + "' is no time; expected such as 2, 2s or 500ms";
   }
@@ -124,6 +127,24 @@ class CommandLine {
   }
 
   int exit(const CLI::Error& error) { return app_.exit(error); }
+
+  /// What may stand in place of the last of these words: options where one is begun; else commands,
+  /// and what their tables say.
+  std::vector<std::string> choices(std::span<const std::string> words) {
+    const auto before = words.first(words.size() - 1);
+    const bool option = words.back().starts_with("--");
+    std::vector<std::string> found;
+    const CLI::App* at = &app_;
+    for (std::size_t depth = 0; at != nullptr; ++depth) {
+      if (option) add_options(found, *at, before.empty());
+      if (!option && depth == before.size()) add_commands(found, *at);
+      at = depth == before.size() ? nullptr : subcommand(*at, before[depth]);
+    }
+    if (!option) {
+      for (std::string& each : choices_behind(before)) found.push_back(std::move(each));
+    }
+    return found;
+  }
 
  private:
   static void add_seconds(CLI::App* command, double& seconds, const char* name = "--seconds") {
@@ -293,6 +314,27 @@ class CommandLine {
     });
   }
 
+  static const CLI::App* subcommand(const CLI::App& app, const std::string& name) {
+    const auto all = app.get_subcommands(nullptr);
+    const auto found = std::find_if(
+        all.begin(), all.end(), [&name](const CLI::App* each) { return each->get_name() == name; });
+    return found == all.end() ? nullptr : *found;
+  }
+
+  static void add_commands(std::vector<std::string>& found, const CLI::App& app) {
+    for (const CLI::App* command : app.get_subcommands(nullptr)) {
+      found.push_back(command->get_name());
+    }
+  }
+
+  static void add_options(std::vector<std::string>& found, const CLI::App& app, bool version) {
+    for (const CLI::Option* option : app.get_options()) {
+      for (const std::string& name : option->get_lnames()) {
+        if (name != "version" || version) found.push_back("--" + name);
+      }
+    }
+  }
+
   /// A command with what its values may be.
   static std::string form(const Command& row) {
     std::string text = "  " + usage(row) + "\n      " + std::string(row.help) + "\n";
@@ -329,10 +371,21 @@ int fail(std::string text) {
   return 1;
 }
 
+/// For the shell, and in no help: "nimbusctl completion WORD...". No options are looked for,
+/// because the last word may be the beginning of one.
+bool asks_for_completion(int argc, char** argv) {
+  return argc > 2 && std::string_view(argv[1]) == "completion";
+}
+
 int run(int argc, char** argv) {
   catch_signals();
   CommandLine line;
   try {
+    if (asks_for_completion(argc, argv)) {
+      const std::vector<std::string> words(argv + 2, argv + argc);
+      for (const std::string& choice : line.choices(words)) print_line(choice);
+      return 0;
+    }
     const Task task = line.parse(argc, argv);
     task.run();
     return interrupted() && !task.ends_by_interrupt ? kInterrupted : 0;

@@ -3,41 +3,35 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 
 #include "base/wire.h"
 #include "camera/codes.h"
+#include "net/messages.h"
+#include "tools/common/text.h"
 #include "tools/ctl/json.h"
 
 namespace nimbus::ctl {
 namespace {
 
-/// A payload of the right size for the decoder that reads it.
-class Payload {
- public:
-  explicit Payload(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
-  [[nodiscard]] std::uint8_t u8(std::size_t at) const { return bytes_[at]; }
-  [[nodiscard]] std::uint16_t u16(std::size_t at) const {
-    return load_le<std::uint16_t>(bytes_, at);
-  }
-  [[nodiscard]] std::int16_t s16(std::size_t at) const { return load_le<std::int16_t>(bytes_, at); }
-  [[nodiscard]] std::uint32_t u24(std::size_t at) const {
-    return u16(at) | static_cast<std::uint32_t>(u8(at + 2)) << 16;
-  }
-  [[nodiscard]] std::uint32_t u32(std::size_t at) const {
-    return load_le<std::uint32_t>(bytes_, at);
-  }
-
- private:
-  std::span<const std::uint8_t> bytes_;
-};
-
 Value integer(std::int64_t number) { return number; }
 
-// The status and triple messages have six bytes, or three words, behind their type.
-constexpr std::size_t kFirst = 1;
-constexpr std::size_t kSecond = 3;
-constexpr std::size_t kThird = 5;
+/// A whole number under the name that the layout gives it.
+template <typename T, std::size_t size>
+Field whole(ByteView payload, const WireField<T, size>& field, std::string_view unit = {}) {
+  return {field.name, integer(payload[field]), unit};
+}
+
+/// A number of so many parts of one.
+template <typename T>
+Field parts(ByteView payload, const WireField<T>& field, double of_one) {
+  return {field.name, payload[field] / of_one};
+}
+
+/// A flag, as a bit or as a number that is not 0.
+template <typename Place>
+Field flag(ByteView payload, const Place& field) {
+  return {field.name, payload[field] != 0};
+}
 
 /// The name of a code, or "code N" for a code that has none.
 template <typename Table>
@@ -52,181 +46,177 @@ std::string iso_text(std::uint8_t code) {
   return iso == 0 ? "code " + std::to_string(code) : std::to_string(iso);
 }
 
+/// The name of a field's code.
+template <typename Table>
+Field named(ByteView payload, const WireField<std::uint8_t>& field, const Table& table) {
+  return {field.name, name_of(table, payload[field])};
+}
+
 // --- Once a second -----------------------------------------------------------------------------
 
-Fields connection(const Payload& payload) {
+Fields connection(ByteView payload) {
+  using M = ConnectionMessage;
   constexpr std::uint8_t kConnected = 2;
-  const std::uint8_t source = payload.u8(1);
+  const std::uint8_t source = payload[M::source];
   return {{"source", source == 0   ? std::string("camera data")
                      : source == 1 ? std::string("video")
                                    : "source " + std::to_string(source)},
-          {"connected", payload.u8(2) == kConnected}};
+          {"connected", payload[M::state] == kConnected}};
 }
 
-Fields flags(const Payload& payload) {
-  const auto flag = [bits = payload.u8(1)](unsigned bit) { return (bits >> bit & 1U) != 0; };
-  return {{"access_point", flag(1)},
-          {"hdmi", flag(2)},
-          {"camera_data", flag(4)},
-          {"viewers", integer(payload.u8(2))},
-          {"rc_status", integer(payload.u8(5))}};
+Fields flags(ByteView payload) {
+  using M = FlagsMessage;
+  return {flag(payload, M::access_point), flag(payload, M::hdmi), flag(payload, M::camera_data),
+          whole(payload, M::viewers), whole(payload, M::rc_status)};
 }
 
-Fields version(const Payload& payload) {
-  std::array<char, 12> text;
-  std::snprintf(text.data(), text.size(), "%u.%u.%u", payload.u8(1), payload.u8(2), payload.u8(3));
-  return {{"version", std::string(text.data())}, {"variant", integer(payload.u8(4))}};
+Fields version(ByteView payload) {
+  using M = VersionMessage;
+  return {{"version", tools::format_text("%u.%u.%u", unsigned{payload[M::major]},
+                                         unsigned{payload[M::minor]}, unsigned{payload[M::patch]})},
+          whole(payload, M::variant)};
 }
 
 // --- Gimbal ------------------------------------------------------------------------------------
 
-Fields angles(const Payload& payload, double unit) {
-  constexpr std::string_view kDegrees = "\u00B0";
-  return {{"angle_1", payload.s16(kFirst) * unit, kDegrees},
-          {"angle_2", payload.s16(kSecond) * unit, kDegrees},
-          {"angle_3", payload.s16(kThird) * unit, kDegrees}};
+Fields angles(ByteView payload, double unit) {
+  using M = GimbalMessage;
+  const auto angle = [&](const WireField<std::int16_t>& field) {
+    return Field{field.name, rounded(payload[field] * unit), "\u00B0"};
+  };
+  return {angle(M::angle_1), angle(M::angle_2), angle(M::angle_3)};
 }
 
-Fields gimbal_attitude(const Payload& payload) {
+Fields gimbal_attitude(ByteView payload) {
   constexpr double kHundredth = 0.01;
-  Fields fields = angles(payload, kHundredth);
-  for (Field& field : fields) field.value = rounded(std::get<double>(field.value));
-  return fields;
+  return angles(payload, kHundredth);
 }
 
-Fields gimbal_angles(const Payload& payload) { return angles(payload, 1.0); }
+Fields gimbal_angles(ByteView payload) { return angles(payload, 1.0); }
 
-Fields orientation(const Payload& payload) { return {{"locked", payload.s16(kFirst) != 0}}; }
+Fields orientation(ByteView payload) { return {flag(payload, OrientationMessage::locked)}; }
 
 // --- Lens --------------------------------------------------------------------------------------
 
-Fields focus_values(const Payload& payload) {
+Fields focus_values(ByteView payload) {
+  using M = FocusValuesMessage;
   constexpr double kParts = 10'000.0;
-  return {{"focus_1", payload.s16(kFirst) / kParts},
-          {"focus_2", payload.s16(kSecond) / kParts},
-          {"focus_3", integer(payload.s16(kThird))}};
+  return {parts(payload, M::focus_1, kParts), parts(payload, M::focus_2, kParts),
+          whole(payload, M::focus_3)};
 }
 
-Fields lens_flag(const Payload& payload) { return {{"lens_flag", payload.u8(1) != 0}}; }
+Fields lens_flag(ByteView payload) { return {flag(payload, LensFlagMessage::lens_flag)}; }
 
-Fields zoom(const Payload& payload) {
-  return {{"focus_mode", integer(payload.s16(kFirst))},
-          {"ratio", integer(payload.s16(kSecond)), " %"},
-          {"zoom", payload.s16(kThird) / 100.0}};
+Fields zoom(ByteView payload) {
+  using M = ZoomMessage;
+  return {whole(payload, M::focus_mode), whole(payload, M::ratio, " %"),
+          parts(payload, M::zoom, 100.0)};
 }
 
 // --- Camera ------------------------------------------------------------------------------------
 
-Fields camera_settings(const Payload& payload) {
-  const Resolution resolution = value_of(kResolutions, payload.u8(7));
-  const std::uint16_t rate = value_of(kFrameRates, payload.u8(8));
+Fields camera_settings(ByteView payload) {
+  using M = CameraSettingsMessage;
+  const Resolution resolution = value_of(kResolutions, payload[M::resolution]);
+  const std::uint16_t rate = value_of(kFrameRates, payload[M::frame_rate]);
   return {
-      {"exposure_mode", name_of(kExposureModeNames, payload.u8(1))},
-      {"iso", iso_text(payload.u8(16))},
-      {"shutter", shutter_text(payload.u24(21))},
-      {"aperture", payload.u16(17) / 100.0},
-      {"ev", static_cast<std::int8_t>(payload.u8(5)) / 10.0},
-      {"white_balance", name_of(kWhiteBalances, payload.u8(6))},
-      {"colour_temperature", integer(std::int64_t{payload.u8(9)} * 100), " K"},
-      {"colour", name_of(kColours, payload.u8(4))},
-      {"resolution", resolution.label.empty() ? "code " + std::to_string(payload.u8(7))
-                                              : std::to_string(resolution.width) + "x" +
-                                                    std::to_string(resolution.height)},
-      {"frame_rate", integer(rate), " fps"},
-      {"photo_format", name_of(kPhotoFormatNames, payload.u8(24))},
-      {"settings_728", integer(payload.u16(10))},
-      {"settings_736", integer(payload.u24(12))},
-      {"settings_789", integer(payload.u8(15))},
-      {"settings_790", integer(payload.u8(2))},
-      {"settings_791", integer(payload.u8(20))},
+      named(payload, M::exposure_mode, kExposureModeNames),
+      {M::iso.name, iso_text(payload[M::iso])},
+      {M::shutter.name, shutter_text(payload[M::shutter])},
+      parts(payload, M::aperture, 100.0),
+      parts(payload, M::ev, 10.0),
+      named(payload, M::white_balance, kWhiteBalances),
+      {M::colour_temperature.name, integer(payload[M::colour_temperature] * 100), " K"},
+      named(payload, M::colour, kColours),
+      {M::resolution.name,
+       resolution.label.empty()
+           ? "code " + std::to_string(payload[M::resolution])
+           : std::to_string(resolution.width) + "x" + std::to_string(resolution.height)},
+      {M::frame_rate.name, integer(rate), " fps"},
+      named(payload, M::photo_format, kPhotoFormatNames),
+      whole(payload, M::settings_728),
+      whole(payload, M::settings_736),
+      whole(payload, M::settings_789),
+      whole(payload, M::settings_790),
+      whole(payload, M::settings_791),
   };
 }
 
-Fields camera_status(const Payload& payload) {
+Fields camera_status(ByteView payload) {
+  using M = CameraStatusMessage;
   return {
-      {"camera_mode", name_of(kCameraModeNames, payload.u8(1))},
-      {"status_792", integer(payload.u8(2))},
-      {"status_793", integer(payload.u8(21))},
-      {"status_794", integer(payload.u8(22))},
-      {"status_796", integer(payload.u32(3))},
-      {"status_800", integer(payload.u32(7))},
-      {"status_804", integer(payload.u32(11))},
-      {"status_808", integer(payload.u16(15))},
-      {"last_byte", integer(payload.u8(23))},
+      named(payload, M::camera_mode, kCameraModeNames),
+      whole(payload, M::status_792),
+      whole(payload, M::status_793),
+      whole(payload, M::status_794),
+      whole(payload, M::status_796),
+      whole(payload, M::status_800),
+      whole(payload, M::status_804),
+      whole(payload, M::status_808),
+      whole(payload, M::last_byte),
   };
 }
 
-Fields recording_timer(const Payload& payload) {
-  return {{"state", integer(payload.s16(kFirst))},
-          {"reset", payload.s16(kSecond) != 0},
-          {"seconds", integer(payload.u16(kThird)), " s"}};
+Fields recording_timer(ByteView payload) {
+  using M = RecordingTimerMessage;
+  return {whole(payload, M::state), flag(payload, M::reset), whole(payload, M::seconds, " s")};
 }
 
-Fields tracking(const Payload& payload) {
-  const auto fraction = [&payload](std::size_t at) {
+Fields tracking(ByteView payload) {
+  using M = TrackingMessage;
+  const auto fraction = [&payload](const WireField<std::uint16_t>& field) {
     constexpr double kDecimals = 1e4;
-    return std::round(payload.u16(at) / 65535.0 * kDecimals) / kDecimals;
+    return Field{field.name, std::round(payload[field] / 65535.0 * kDecimals) / kDecimals};
   };
-  return {{"on", payload.u8(1) != 0},
-          {"x", fraction(2)},
-          {"y", fraction(4)},
-          {"width", fraction(6)},
-          {"height", fraction(8)}};
+  return {flag(payload, M::on), fraction(M::x), fraction(M::y), fraction(M::width),
+          fraction(M::height)};
 }
 
-Fields histogram(const Payload& payload) {
-  std::vector<int> bins(64);
-  for (std::size_t i = 0; i < bins.size(); ++i) bins[i] = payload.u8(1 + i);
-  return {{"bins", std::move(bins)}};
+Fields histogram(ByteView payload) {
+  const auto bins = payload[HistogramMessage::bins];
+  return {{HistogramMessage::bins.name, std::vector<int>(bins.begin(), bins.end())}};
 }
 
 // --- RC receiver -------------------------------------------------------------------------------
 
-Fields rc_channels(const Payload& payload) {
+Fields rc_channels(ByteView payload) {
+  using M = RcChannelsMessage;
   constexpr std::size_t kMost = 32;
-  std::vector<int> channels(std::min<std::size_t>(payload.u8(2), kMost));
-  for (std::size_t i = 0; i < channels.size(); ++i) channels[i] = payload.u16(3 + 2 * i);
-  return {{"rc_status", integer(payload.u8(1))}, {"channels", std::move(channels)}};
+  std::vector<int> channels(std::min<std::size_t>(payload[M::count], kMost));
+  for (std::size_t i = 0; i < channels.size(); ++i) channels[i] = payload[M::channels.word(i)];
+  return {whole(payload, M::rc_status), {M::channels.name, std::move(channels)}};
 }
 
 // --- The kinds ---------------------------------------------------------------------------------
 
-struct Kind {
-  std::uint8_t type;
-  std::size_t size;
-  std::string_view name;
-  Fields (*decode)(const Payload&);
+struct Decoder {
+  ToViewer type;
+  Fields (*decode)(ByteView payload);
 };
 
-constexpr auto kKinds = std::to_array<Kind>({
-    // clang-format off
-    { 0,  7, "gimbal_attitude", gimbal_attitude},
-    { 2, 31, "camera_settings", camera_settings},
-    { 5,  7, "connection",      connection},
-    { 6,  7, "flags",           flags},
-    { 7, 24, "camera_status",   camera_status},
-    { 8,  7, "orientation",     orientation},
-    {10,  7, "gimbal_angles",   gimbal_angles},
-    {11,  7, "version",         version},
-    {13,  7, "focus_values",    focus_values},
-    {14, 65, "histogram",       histogram},
-    {15, 67, "rc_channels",     rc_channels},
-    {16,  7, "lens_flag",       lens_flag},
-    {19,  7, "recording_timer", recording_timer},
-    {20,  7, "zoom",            zoom},
-    {21, 10, "tracking",        tracking},
-    // clang-format on
-});
+constexpr std::array<Decoder, kMessageKinds.size()> kDecoders{{
+    {ToViewer::gimbal_attitude, gimbal_attitude},
+    {ToViewer::camera_settings, camera_settings},
+    {ToViewer::connection, connection},
+    {ToViewer::flags, flags},
+    {ToViewer::camera_status, camera_status},
+    {ToViewer::orientation, orientation},
+    {ToViewer::gimbal_angles, gimbal_angles},
+    {ToViewer::version, version},
+    {ToViewer::focus_values, focus_values},
+    {ToViewer::histogram, histogram},
+    {ToViewer::rc_channels, rc_channels},
+    {ToViewer::lens_flag, lens_flag},
+    {ToViewer::recording_timer, recording_timer},
+    {ToViewer::zoom, zoom},
+    {ToViewer::tracking, tracking},
+}};
 
 Message unknown(std::span<const std::uint8_t> payload) {
-  std::string hex;
-  for (const std::uint8_t byte : payload) {
-    std::array<char, 4> text;
-    std::snprintf(text.data(), text.size(), hex.empty() ? "%02x" : " %02x", byte);
-    hex += text.data();
-  }
-  return {
-      "unknown", {{"size", integer(static_cast<std::int64_t>(payload.size()))}, {"hex", hex}}, {}};
+  return {"unknown",
+          {{"size", integer(static_cast<std::int64_t>(payload.size()))},
+           {"hex", tools::hexadecimal(payload)}},
+          {}};
 }
 
 // --- JSON texts --------------------------------------------------------------------------------
@@ -242,26 +232,28 @@ Message json_text(std::string text) {
 }  // namespace
 
 std::string shutter_text(std::uint32_t code) {
-  const unsigned whole = code & 0x7FFFU;
-  const unsigned decimals = code >> 16;
-  const bool fraction = (code & 0x8000U) != 0;
-  if (!fraction && whole > 0xFF) return "code " + std::to_string(code);
-  std::string text = fraction ? "1/" : "";
-  text += std::to_string(whole);
-  if (decimals != 0) text.append(".").append(std::to_string(decimals));
+  const ShutterTime time = shutter_time(code);
+  if (!time.known()) return "code " + std::to_string(code);
+  std::string text = time.fraction ? "1/" : "";
+  text += std::to_string(time.whole);
+  if (time.decimals != 0) text.append(".").append(std::to_string(time.decimals));
   return text + " s";
 }
 
 Message decode_message(std::span<const std::uint8_t> payload) {
   if (payload.empty()) return unknown(payload);
-  if (payload[0] == '{') {
+  if (payload[0] == type_of(ToViewer::text)) {
     return json_text({reinterpret_cast<const char*>(payload.data()), payload.size()});
   }
-  const auto* const kind = std::find_if(kKinds.begin(), kKinds.end(), [&payload](const Kind& row) {
-    return row.type == payload[0] && row.size == payload.size();
-  });
-  if (kind == kKinds.end()) return unknown(payload);
-  return {kind->name, kind->decode(Payload(payload)), {}};
+  const auto* const kind =
+      std::find_if(kMessageKinds.begin(), kMessageKinds.end(), [&payload](const auto& row) {
+        return type_of(row.type) == payload[0] && row.size == payload.size();
+      });
+  if (kind == kMessageKinds.end()) return unknown(payload);
+  const auto* const decoder =
+      std::find_if(kDecoders.begin(), kDecoders.end(),
+                   [kind](const Decoder& row) { return row.type == kind->type; });
+  return {kind->name, decoder->decode(ByteView(payload)), {}};
 }
 
 std::string text_of(const Message& message) {

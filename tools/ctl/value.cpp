@@ -1,10 +1,9 @@
 #include "tools/ctl/value.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstdio>
 
+#include "tools/common/text.h"
 #include "tools/ctl/json.h"
 
 namespace nimbus::ctl {
@@ -13,11 +12,7 @@ namespace {
 struct ToText {
   std::string operator()(bool flag) const { return flag ? "yes" : "no"; }
   std::string operator()(std::int64_t number) const { return std::to_string(number); }
-  std::string operator()(double number) const {
-    std::array<char, 40> text;
-    std::snprintf(text.data(), text.size(), "%.10g", number);
-    return text.data();
-  }
+  std::string operator()(double number) const { return tools::format_text("%.10g", number); }
   std::string operator()(const std::string& text) const { return text; }
   std::string operator()(const std::vector<int>& numbers) const {
     std::string text;

@@ -1,13 +1,11 @@
 #include "tools/ctl/watch.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdarg>
-#include <cstdio>
 #include <ctime>
 #include <map>
 #include <string>
 
+#include "tools/common/text.h"
 #include "tools/ctl/interrupt.h"
 #include "tools/ctl/json.h"
 #include "tools/ctl/messages.h"
@@ -16,19 +14,12 @@
 namespace nimbus::ctl {
 namespace {
 
+using tools::format_text;
+
 constexpr std::chrono::seconds kVideoPeriod{1};
 constexpr std::chrono::seconds kSilence{3};
 
 double seconds_of(Clock::duration time) { return std::chrono::duration<double>(time).count(); }
-
-[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...) {
-  std::array<char, 200> text;
-  va_list arguments;
-  va_start(arguments, pattern);
-  std::vsnprintf(text.data(), text.size(), pattern, arguments);
-  va_end(arguments);
-  return text.data();
-}
 
 /// Seconds since 1970, to the millisecond.
 double wall_clock() {
@@ -41,7 +32,8 @@ std::string clock_text(double time) {
   std::tm parts{};
   localtime_r(&seconds, &parts);
   const int milliseconds = static_cast<int>((time - static_cast<double>(seconds)) * 1000);
-  return format("%02d:%02d:%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec, milliseconds);
+  return format_text("%02d:%02d:%02d.%03d", parts.tm_hour, parts.tm_min, parts.tm_sec,
+                     milliseconds);
 }
 
 /// How much came.
@@ -101,15 +93,15 @@ class Watch {
       print_line(summary_json(seconds));
       return;
     }
-    print_line(
-        format("%llu frames, %llu bytes in %.1f s", ull(all_.frames), ull(all_.bytes), seconds));
-    print_line(
-        format("frame counter: %llu gap(s), %llu missing, %llu repeated or late, %llu "
-               "restart(s)",
-               ull(gaps_.gaps()), ull(gaps_.missing()), ull(gaps_.late()), ull(gaps_.restarts())));
+    print_line(format_text("%llu frames, %llu bytes in %.1f s", ull(all_.frames), ull(all_.bytes),
+                           seconds));
+    print_line(format_text(
+        "frame counter: %llu gap(s), %llu missing, %llu repeated or late, %llu "
+        "restart(s)",
+        ull(gaps_.gaps()), ull(gaps_.missing()), ull(gaps_.late()), ull(gaps_.restarts())));
     for (const auto& [name, count] : counts_) {
-      print_line(format("  %-16s %8llu  %7.1f/s", name.c_str(), ull(count),
-                        static_cast<double>(count) / seconds));
+      print_line(format_text("  %-16s %8llu  %7.1f/s", name.c_str(), ull(count),
+                             static_cast<double>(count) / seconds));
     }
   }
 
@@ -131,8 +123,8 @@ class Watch {
             {"bytes", static_cast<std::int64_t>(video_.bytes), {}},
             {"seconds", rounded(seconds), " s"}},
            {}},
-          format("video: %llu datagrams, %llu bytes, %.2f Mbit/s", ull(video_.frames),
-                 ull(video_.bytes), megabits));
+          format_text("video: %llu datagrams, %llu bytes, %.2f Mbit/s", ull(video_.frames),
+                      ull(video_.bytes), megabits));
     video_ = {};
   }
 

@@ -1,66 +1,10 @@
 #include "tools/sim/camera_model.h"
 
 #include <algorithm>
-#include <array>
-#include <bit>
 #include <cmath>
-
-#include "base/wire.h"
 
 namespace nimbus::sim {
 namespace {
-
-constexpr std::string_view kUnknownCode = "no such code";
-
-float real(Bytes payload, std::size_t at) {
-  return std::bit_cast<float>(load_le<std::uint32_t>(payload, at));
-}
-
-/// Takes a code that stands in the table.
-template <typename Table>
-std::string_view take(const Table& table, std::uint8_t code, std::uint8_t& setting) {
-  if (find_code(table, code) == nullptr) return kUnknownCode;
-  setting = code;
-  return {};
-}
-
-Axes speed_of(Bytes payload) {
-  // Roll stands before tilt on the wire.
-  return {.pan = static_cast<double>(load_le<std::int16_t>(payload, 0)),
-          .tilt = static_cast<double>(load_le<std::int16_t>(payload, 4)),
-          .roll = static_cast<double>(load_le<std::int16_t>(payload, 2))};
-}
-
-/// What it can do with its lens.
-std::string_view take_aperture(Bytes payload, std::uint16_t& aperture) {
-  constexpr std::int16_t kWidest = 170;
-  constexpr std::int16_t kSmallest = 1600;
-  const auto hundredths = load_le<std::int16_t>(payload, 0);
-  if (hundredths < kWidest || hundredths > kSmallest) return "the lens goes from f/1.7 to f/16";
-  aperture = static_cast<std::uint16_t>(hundredths);
-  return {};
-}
-
-std::string_view take_shutter(Bytes payload, ShutterCode& shutter) {
-  const ShutterCode code{payload[1], payload[2], payload[3]};
-  if (!is_shutter_code(code)) return kUnknownCode;
-  shutter = code;
-  return {};
-}
-
-/// Both codes or none.
-std::string_view take_video_format(Bytes payload, Settings& settings) {
-  if (find_code(kFrameRates, payload[1]) == nullptr) return kUnknownCode;
-  const std::string_view refused = take(kResolutions, payload[0], settings.resolution);
-  if (refused.empty()) settings.frame_rate = payload[1];
-  return refused;
-}
-
-std::string_view take_white_balance(Bytes payload, Settings& settings) {
-  const std::string_view refused = take(kWhiteBalances, payload[0], settings.white_balance);
-  if (refused.empty()) settings.temperature = payload[1];
-  return refused;
-}
 
 /// True when nothing is left of it from now on.
 bool count_down(double& left, double seconds) {
@@ -71,60 +15,9 @@ bool count_down(double& left, double seconds) {
 
 }  // namespace
 
-std::string_view CameraModel::apply(const CommandName& command, Bytes payload) {
-  using Kind = CommandKind;
-  // clang-format off
-  switch (command.kind) {
-    case Kind::gimbal_speed:
-      if (!calibrating()) gimbal_.set_speed(speed_of(payload));
-      return {};
-    case Kind::gimbal_position:
-      if (find_code(kGimbalPositions, payload[1]) == nullptr) return kUnknownCode;
-      if (payload[1] == kGimbalPositions[0].code) gimbal_.centre(); else gimbal_.next_position();
-      return {};
-    case Kind::gimbal_mode:
-      return find_code(kGimbalModes, payload[0]) == nullptr ? kUnknownCode : std::string_view{};
-    case Kind::gimbal_tilt_lock:
-      tilt_locked_ = payload[3] != 0;
-      return {};
-    case Kind::gimbal_follow:
-      return find_code(kFollowSpeeds, payload[3]) == nullptr ? kUnknownCode : std::string_view{};
-    case Kind::gimbal_calibrate:
-      gimbal_.centre();
-      calibrates_ = kCalibrates;
-      return {};
-    case Kind::shot:            return shoot();
-    case Kind::record:          return record(payload[0] != 0);
-    case Kind::camera_mode:
-      if (payload[0] != kVideoMode) record(false);
-      return take(kCameraModeNames, payload[0], settings_.mode);
-    case Kind::aspect_ratio:    return take(kAspectRatios, payload[1], settings_.aspect_ratio);
-    case Kind::photo_format:    return take(kPhotoFormatNames, payload[0], settings_.photo_format);
-    case Kind::video_format:    return take_video_format(payload, settings_);
-    case Kind::exposure_mode:
-      return take(kExposureModeNames, payload[0], settings_.exposure_mode);
-    case Kind::exposure_centre: settings_.exposure_point = 0; return {};
-    case Kind::focus_type:      return take(kFocusTypes, payload[0], settings_.focus_type);
-    case Kind::aperture:        return take_aperture(payload, settings_.aperture);
-    case Kind::shutter:         return take_shutter(payload, settings_.shutter);
-    case Kind::iso:             return take(kIsoValues, payload[0], settings_.iso);
-    case Kind::white_balance:   return take_white_balance(payload, settings_);
-    case Kind::ev:              return take(kEvSteps, payload[0], settings_.ev);
-    case Kind::focus_point:     set_focus_point(payload); return {};
-    case Kind::exposure_point:  settings_.exposure_point = payload[0]; return {};
-    case Kind::colour:          return take(kColours, payload[0], settings_.colour);
-    case Kind::anti_flicker:    return take(kAntiFlickers, payload[0], settings_.anti_flicker);
-    case Kind::histogram:       settings_.histogram = payload[0]; return {};
-    case Kind::ae_lock:         settings_.exposure_lock = payload[0]; return {};
-    case Kind::format_card:     format_card(); return {};
-    case Kind::reset:
-      record(false);
-      settings_ = Settings{};
-      return {};
-    case Kind::tracking:        return track(payload);
-  }
-  // clang-format on
-  return {};
+void CameraModel::calibrate() {
+  gimbal_.centre();
+  calibrates_ = kCalibrates;
 }
 
 std::string_view CameraModel::record(bool start) {
@@ -150,27 +43,30 @@ std::string_view CameraModel::shoot() {
   return {};
 }
 
-std::string_view CameraModel::track(Bytes payload) {
-  tracked_.reset();
-  tracked_for_ = 0;
-  if (payload[0] == 0) return {};
-  const Rectangle wanted{real(payload, 5), real(payload, 9), real(payload, 13), real(payload, 17)};
-  for (const float value : {wanted.x, wanted.y, wanted.width, wanted.height}) {
-    // Written so that what is no number is none.
+std::string_view CameraModel::track(const Rectangle& subject) {
+  stop_tracking();
+  for (const float value : {subject.x, subject.y, subject.width, subject.height}) {
+    // Written so that NaN is outside, too.
     if (!(value >= 0 && value <= 1)) return "the rectangle is not within the picture";
   }
-  tracked_ = wanted;
+  tracked_ = subject;
+  tracked_for_ = 0;
   return {};
 }
 
-void CameraModel::set_focus_point(Bytes payload) {
-  focus_point_ = {real(payload, 0), real(payload, 4)};
+void CameraModel::set_focus_point(const Point& point) {
+  focus_point_ = point;
   focuses_ = kFocuses;
 }
 
 void CameraModel::format_card() {
   record(false);
   formats_ = kFormats;
+}
+
+void CameraModel::reset() {
+  record(false);
+  settings_ = Settings{};
 }
 
 void CameraModel::tick(double seconds) {

@@ -75,8 +75,23 @@ class CameraModel {
       : loses_subject_after_(loses_subject_after) {}
 
   /// Does what the command says. Returns nothing, or why the camera ignores it.
-  std::string_view apply(const CommandName& command, Bytes payload);
+  std::string_view apply(const CommandName& command, Bytes payload) {
+    return command.act(*this, payload);
+  }
   void tick(double seconds);
+
+  // What commands do. Some return nothing, or why the camera does not do it.
+  Settings& settings() { return settings_; }
+  Gimbal& gimbal() { return gimbal_; }
+  void lock_tilt(bool lock) { tilt_locked_ = lock; }
+  void calibrate();
+  std::string_view shoot();
+  std::string_view record(bool start);
+  void set_focus_point(const Point& point);
+  void format_card();
+  void reset();
+  std::string_view track(const Rectangle& subject);
+  void stop_tracking() { tracked_.reset(); }
 
   [[nodiscard]] const Settings& settings() const { return settings_; }
   [[nodiscard]] const Gimbal& gimbal() const { return gimbal_; }
@@ -103,12 +118,6 @@ class CameraModel {
   RecordingTimer next_timer_report();
 
  private:
-  std::string_view record(bool start);
-  std::string_view shoot();
-  std::string_view track(Bytes payload);
-  void set_focus_point(Bytes payload);
-  void format_card();
-
   Settings settings_;
   Gimbal gimbal_;
   bool tilt_locked_ = false;

@@ -8,11 +8,12 @@
 #include <utility>
 
 #include "tools/common/failure.h"
-#include "tools/sim/text.h"
+#include "tools/common/text.h"
 
 namespace nimbus::sim {
 namespace {
 
+using tools::format_text;
 using Words = std::vector<std::string>;
 
 Words ffmpeg(std::initializer_list<Words> parts) {

@@ -1,13 +1,16 @@
 #include "tools/sim/commands.h"
 
 #include <algorithm>
-#include <bit>
 
 #include "base/wire.h"
-#include "tools/sim/text.h"
+#include "tools/common/text.h"
+#include "tools/sim/camera_model.h"
 
 namespace nimbus::sim {
 namespace {
+
+using tools::format_text;
+using tools::hexadecimal;
 
 std::string unknown(unsigned code) { return format_text("unknown code %u", code); }
 
@@ -23,9 +26,7 @@ std::string on_or_off(Bytes payload) { return payload.back() != 0 ? "on" : "off"
 std::string start_or_stop(Bytes payload) { return payload[0] != 0 ? "start" : "stop"; }
 std::string number(Bytes payload) { return std::to_string(payload[0]); }
 
-double real(Bytes payload, std::size_t at) {
-  return double{std::bit_cast<float>(load_le<std::uint32_t>(payload, at))};
-}
+double real(Bytes payload, std::size_t at) { return double{load_le<float>(payload, at)}; }
 
 double thousandths(Bytes payload, std::size_t at) {
   return load_le<std::int16_t>(payload, at) / 1000.0;
@@ -59,11 +60,10 @@ std::string f_number(Bytes payload) {
 std::string shutter(Bytes payload) {
   const ShutterCode code{payload[1], payload[2], payload[3]};
   if (!is_shutter_code(code)) return "unknown code " + hexadecimal(payload.subspan(1));
-  constexpr unsigned kFractionOfASecond = 0x8000;
-  const unsigned whole = load_le<std::uint16_t>(payload, 1);
-  std::string text = (whole & kFractionOfASecond) != 0 ? "1/" : "";
-  text += std::to_string(whole & ~kFractionOfASecond);
-  if (code[2] != 0) text += "." + std::to_string(code[2]);
+  const ShutterTime time = shutter_time(load_le<std::uint32_t, 3>(payload, 1));
+  std::string text = time.fraction ? "1/" : "";
+  text += std::to_string(time.whole);
+  if (time.decimals != 0) text += "." + std::to_string(time.decimals);
   return text + " s";
 }
 
@@ -92,46 +92,171 @@ std::string tracking(Bytes payload) {
                      real(payload, 9), real(payload, 13), real(payload, 17));
 }
 
+// --- What they do --------------------------------------------------------------------------------
+
+constexpr std::string_view kUnknownCode = "no such code";
+
+/// Does one thing that cannot fail.
+template <void (*act)(CameraModel&)>
+std::string_view done(CameraModel& camera, Bytes /*unused*/) {
+  act(camera);
+  return {};
+}
+
+/// Takes a code that stands in the table.
+template <typename Table>
+std::string_view take_code(const Table& table, std::uint8_t code, std::uint8_t& setting) {
+  if (find_code(table, code) == nullptr) return kUnknownCode;
+  setting = code;
+  return {};
+}
+
+/// Takes the code at a place of the payload.
+template <const auto& table, auto setting, std::size_t at = 0>
+std::string_view take(CameraModel& camera, Bytes payload) {
+  return take_code(table, payload[at], camera.settings().*setting);
+}
+
+/// Takes the first byte as it is.
+template <auto setting>
+std::string_view take_byte(CameraModel& camera, Bytes payload) {
+  camera.settings().*setting = payload[0];
+  return {};
+}
+
+/// Knows the codes of a table, which change nothing here.
+template <const auto& table, std::size_t at>
+std::string_view know(CameraModel& /*unused*/, Bytes payload) {
+  return find_code(table, payload[at]) == nullptr ? kUnknownCode : std::string_view{};
+}
+
+std::string_view turn(CameraModel& camera, Bytes payload) {
+  if (camera.calibrating()) return {};
+  // Roll stands before tilt on the wire.
+  camera.gimbal().set_speed({.pan = static_cast<double>(load_le<std::int16_t>(payload, 0)),
+                             .tilt = static_cast<double>(load_le<std::int16_t>(payload, 4)),
+                             .roll = static_cast<double>(load_le<std::int16_t>(payload, 2))});
+  return {};
+}
+
+std::string_view turn_to_position(CameraModel& camera, Bytes payload) {
+  if (find_code(kGimbalPositions, payload[1]) == nullptr) return kUnknownCode;
+  if (payload[1] == kGimbalPositions[0].code) {
+    camera.gimbal().centre();
+  } else {
+    camera.gimbal().next_position();
+  }
+  return {};
+}
+
+std::string_view lock_tilt(CameraModel& camera, Bytes payload) {
+  camera.lock_tilt(payload[3] != 0);
+  return {};
+}
+
+void calibrate(CameraModel& camera) { camera.calibrate(); }
+void format_card(CameraModel& camera) { camera.format_card(); }
+void reset(CameraModel& camera) { camera.reset(); }
+void meter_centre(CameraModel& camera) { camera.settings().exposure_point = 0; }
+
+std::string_view shoot(CameraModel& camera, Bytes /*unused*/) { return camera.shoot(); }
+
+std::string_view record(CameraModel& camera, Bytes payload) {
+  return camera.record(payload[0] != 0);
+}
+
+std::string_view take_mode(CameraModel& camera, Bytes payload) {
+  if (payload[0] != kVideoMode) camera.record(false);
+  return take_code(kCameraModeNames, payload[0], camera.settings().mode);
+}
+
+/// Both codes or none.
+std::string_view take_video_format(CameraModel& camera, Bytes payload) {
+  if (find_code(kFrameRates, payload[1]) == nullptr) return kUnknownCode;
+  Settings& settings = camera.settings();
+  const std::string_view refused = take_code(kResolutions, payload[0], settings.resolution);
+  if (refused.empty()) settings.frame_rate = payload[1];
+  return refused;
+}
+
+/// What it can do with its lens.
+std::string_view take_aperture(CameraModel& camera, Bytes payload) {
+  constexpr std::int16_t kWidest = 170;
+  constexpr std::int16_t kSmallest = 1600;
+  const auto hundredths = load_le<std::int16_t>(payload, 0);
+  if (hundredths < kWidest || hundredths > kSmallest) return "the lens goes from f/1.7 to f/16";
+  camera.settings().aperture = static_cast<std::uint16_t>(hundredths);
+  return {};
+}
+
+std::string_view take_shutter(CameraModel& camera, Bytes payload) {
+  const ShutterCode code{payload[1], payload[2], payload[3]};
+  if (!is_shutter_code(code)) return kUnknownCode;
+  camera.settings().shutter = code;
+  return {};
+}
+
+std::string_view take_white_balance(CameraModel& camera, Bytes payload) {
+  Settings& settings = camera.settings();
+  const std::string_view refused = take_code(kWhiteBalances, payload[0], settings.white_balance);
+  if (refused.empty()) settings.temperature = payload[1];
+  return refused;
+}
+
+std::string_view focus_on(CameraModel& camera, Bytes payload) {
+  camera.set_focus_point({load_le<float>(payload, 0), load_le<float>(payload, 4)});
+  return {};
+}
+
+std::string_view track(CameraModel& camera, Bytes payload) {
+  if (payload[0] == 0) {
+    camera.stop_tracking();
+    return {};
+  }
+  return camera.track({load_le<float>(payload, 5), load_le<float>(payload, 9),
+                       load_le<float>(payload, 13), load_le<float>(payload, 17)});
+}
+
 // --- The table -----------------------------------------------------------------------------------
 
 constexpr int any = CommandName::any;
-using Kind = CommandKind;
+using S = Settings;
 
 constexpr std::array<CommandName, 32> kCommands{{
     // clang-format off
-    //                   receiver, set, id, size, and the byte to tell it by
-    {Kind::gimbal_speed,     4, 4, 0x0C,  7, 0, any,  "gimbal speed", speed},
-    {Kind::gimbal_position,  4, 4, 0x4C,  2, 0, 0xFE, "gimbal position", word<kGimbalPositions, 1>},
-    {Kind::gimbal_mode,      4, 4, 0x4C,  2, 0, any,  "gimbal mode", word<kGimbalModes>},
-    {Kind::gimbal_tilt_lock, 4, 4, 0x50,  4, 1, 4,    "gimbal tilt lock", on_or_off},
-    {Kind::gimbal_follow,    4, 4, 0x50,  4, 1, 5,    "gimbal follow", word<kFollowSpeeds, 3>},
-    {Kind::gimbal_calibrate, 4, 4, 0x07,  1, 0, any,  "gimbal calibration", step_1},
-    {Kind::gimbal_calibrate, 4, 4, 0x01,  8, 0, any,  "gimbal calibration", step_2},
-    {Kind::gimbal_calibrate, 4, 4, 0x08,  0, 0, any,  "gimbal calibration", step_3},
-    {Kind::shot,             1, 2, 0x01,  1, 0, any,  "shot", nullptr},
-    {Kind::record,           1, 2, 0x02,  1, 0, any,  "record", start_or_stop},
-    {Kind::camera_mode,      1, 2, 0x10,  1, 0, any,  "camera mode", word<kCameraModeNames>},
-    {Kind::aspect_ratio,     1, 2, 0x12,  2, 0, any,  "aspect ratio", word<kAspectRatios, 1>},
-    {Kind::photo_format,     1, 2, 0x16,  1, 0, any,  "photo format", word<kPhotoFormatNames>},
-    {Kind::video_format,     1, 2, 0x18,  5, 0, any,  "video format", video_format},
-    {Kind::exposure_mode,    1, 2, 0x1E,  2, 0, any,  "exposure mode", word<kExposureModeNames>},
-    {Kind::exposure_centre,  1, 2, 0x22,  1, 0, any,  "exposure at the centre", nullptr},
-    {Kind::focus_type,       1, 2, 0x24,  1, 0, any,  "focus type", word<kFocusTypes>},
-    {Kind::aperture,         1, 2, 0x26,  2, 0, any,  "aperture", f_number},
-    {Kind::shutter,          1, 2, 0x28,  4, 0, any,  "shutter", shutter},
-    {Kind::iso,              1, 2, 0x2A,  1, 0, any,  "ISO", iso},
-    {Kind::white_balance,    1, 2, 0x2C,  2, 0, any,  "white balance", white_balance},
-    {Kind::ev,               1, 2, 0x2E,  1, 0, any,  "EV", ev},
-    {Kind::focus_point,      1, 2, 0x30,  8, 0, any,  "focus point", point},
-    {Kind::exposure_point,   1, 2, 0x32,  1, 0, any,  "exposure point", number},
-    {Kind::colour,           1, 2, 0x42,  1, 0, any,  "colour", word<kColours>},
-    {Kind::anti_flicker,     1, 2, 0x46,  1, 0, any,  "anti-flicker", word<kAntiFlickers>},
-    {Kind::histogram,        1, 2, 0x60,  1, 0, any,  "histogram", on_or_off},
-    {Kind::ae_lock,          1, 2, 0x68,  1, 0, any,  "exposure lock", on_or_off},
-    {Kind::format_card,      1, 2, 0x72,  0, 0, any,  "format card", nullptr},
-    {Kind::reset,            1, 2, 0x78,  1, 0, any,  "reset", nullptr},
-    {Kind::tracking,         1, 2, 0xA6, 21, 0, any,  "tracking", tracking},
-    {Kind::video_format,     1, 2, 0xAF,  2, 0, any,  "video format", video_format},
+    // receiver, set, id, size, and the byte to tell it by; its name, arguments in words, what it does
+    {4, 4, 0x0C,  7, 0, any,  "gimbal speed", speed, turn, true},
+    {4, 4, 0x4C,  2, 0, 0xFE, "gimbal position", word<kGimbalPositions, 1>, turn_to_position},
+    {4, 4, 0x4C,  2, 0, any,  "gimbal mode", word<kGimbalModes>, know<kGimbalModes, 0>},
+    {4, 4, 0x50,  4, 1, 4,    "gimbal tilt lock", on_or_off, lock_tilt},
+    {4, 4, 0x50,  4, 1, 5,    "gimbal follow", word<kFollowSpeeds, 3>, know<kFollowSpeeds, 3>},
+    {4, 4, 0x07,  1, 0, any,  "gimbal calibration", step_1, done<calibrate>},
+    {4, 4, 0x01,  8, 0, any,  "gimbal calibration", step_2, done<calibrate>},
+    {4, 4, 0x08,  0, 0, any,  "gimbal calibration", step_3, done<calibrate>},
+    {1, 2, 0x01,  1, 0, any,  "shot", nullptr, shoot},
+    {1, 2, 0x02,  1, 0, any,  "record", start_or_stop, record},
+    {1, 2, 0x10,  1, 0, any,  "camera mode", word<kCameraModeNames>, take_mode},
+    {1, 2, 0x12,  2, 0, any,  "aspect ratio", word<kAspectRatios, 1>, take<kAspectRatios, &S::aspect_ratio, 1>},
+    {1, 2, 0x16,  1, 0, any,  "photo format", word<kPhotoFormatNames>, take<kPhotoFormatNames, &S::photo_format>},
+    {1, 2, 0x18,  5, 0, any,  "video format", video_format, take_video_format},
+    {1, 2, 0x1E,  2, 0, any,  "exposure mode", word<kExposureModeNames>, take<kExposureModeNames, &S::exposure_mode>},
+    {1, 2, 0x22,  1, 0, any,  "exposure at the centre", nullptr, done<meter_centre>},
+    {1, 2, 0x24,  1, 0, any,  "focus type", word<kFocusTypes>, take<kFocusTypes, &S::focus_type>},
+    {1, 2, 0x26,  2, 0, any,  "aperture", f_number, take_aperture},
+    {1, 2, 0x28,  4, 0, any,  "shutter", shutter, take_shutter},
+    {1, 2, 0x2A,  1, 0, any,  "ISO", iso, take<kIsoValues, &S::iso>},
+    {1, 2, 0x2C,  2, 0, any,  "white balance", white_balance, take_white_balance},
+    {1, 2, 0x2E,  1, 0, any,  "EV", ev, take<kEvSteps, &S::ev>},
+    {1, 2, 0x30,  8, 0, any,  "focus point", point, focus_on},
+    {1, 2, 0x32,  1, 0, any,  "exposure point", number, take_byte<&S::exposure_point>},
+    {1, 2, 0x42,  1, 0, any,  "colour", word<kColours>, take<kColours, &S::colour>},
+    {1, 2, 0x46,  1, 0, any,  "anti-flicker", word<kAntiFlickers>, take<kAntiFlickers, &S::anti_flicker>},
+    {1, 2, 0x60,  1, 0, any,  "histogram", on_or_off, take_byte<&S::histogram>},
+    {1, 2, 0x68,  1, 0, any,  "exposure lock", on_or_off, take_byte<&S::exposure_lock>},
+    {1, 2, 0x72,  0, 0, any,  "format card", nullptr, done<format_card>},
+    {1, 2, 0x78,  1, 0, any,  "reset", nullptr, done<reset>},
+    {1, 2, 0xA6, 21, 0, any,  "tracking", tracking, track},
+    {1, 2, 0xAF,  2, 0, any,  "video format", video_format, take_video_format},
     // clang-format on
 }};
 
@@ -142,6 +267,8 @@ bool is(const CommandName& command, const Frame& frame) {
 }
 
 }  // namespace
+
+std::span<const CommandName> all_commands() { return kCommands; }
 
 const CommandName* find_command(const Frame& frame) {
   const auto* const found =

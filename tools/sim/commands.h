@@ -1,8 +1,10 @@
 // The commands of the service by their names.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -12,41 +14,10 @@
 
 namespace nimbus::sim {
 
-enum class CommandKind : std::uint8_t {
-  gimbal_speed,
-  gimbal_position,
-  gimbal_mode,
-  gimbal_tilt_lock,
-  gimbal_follow,
-  gimbal_calibrate,
-  shot,
-  record,
-  camera_mode,
-  aspect_ratio,
-  photo_format,
-  video_format,
-  exposure_mode,
-  exposure_centre,
-  focus_type,
-  aperture,
-  shutter,
-  iso,
-  white_balance,
-  ev,
-  focus_point,
-  exposure_point,
-  colour,
-  anti_flicker,
-  histogram,
-  ae_lock,
-  format_card,
-  reset,
-  tracking,
-};
+class CameraModel;
 
-/// One command of the service's protocol.
+/// One command of the service's protocol, from its frame to what the camera does.
 struct CommandName {
-  CommandKind kind;
   std::uint8_t receiver;
   std::uint8_t set;
   std::uint8_t id;
@@ -57,9 +28,15 @@ struct CommandName {
   int byte;
   std::string_view name;
   std::string (*arguments)(Bytes payload);  ///< in words; null: it has none
+  /// Does what the command says. Returns nothing, or why the camera ignores it.
+  std::string_view (*act)(CameraModel& camera, Bytes payload);
+  bool streamed = false;  ///< comes again and again, unlike what a person asks for
 
   static constexpr int any = -1;
 };
+
+/// Every command.
+[[nodiscard]] std::span<const CommandName> all_commands();
 
 /// The command that a frame is, or null. Receiver, command set, id and size of the payload must
 /// all be right.

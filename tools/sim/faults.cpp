@@ -6,10 +6,12 @@
 
 #include "base/word_table.h"
 #include "tools/common/failure.h"
-#include "tools/sim/numbers.h"
+#include "tools/common/numbers.h"
 
 namespace nimbus::sim {
 namespace {
+
+using tools::parse_real;
 
 using tools::Failure;
 

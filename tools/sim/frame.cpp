@@ -3,17 +3,11 @@
 #include <cstddef>
 
 #include "camera/duml.h"
-#include "tools/sim/text.h"
+#include "tools/common/text.h"
 
 namespace nimbus::sim {
 
-std::string hexadecimal(Bytes bytes) {
-  std::string text;
-  for (const std::uint8_t byte : bytes) {
-    text += format_text(text.empty() ? "%02x" : " %02x", unsigned{byte});
-  }
-  return text;
-}
+using tools::format_text;
 
 std::variant<Frame, std::string> check_frame(Bytes datagram) {
   if (datagram.size() < kDumlOverhead) {

@@ -24,7 +24,4 @@ struct Frame {
 /// The frame that a datagram consists of, or what is wrong with it, in words.
 [[nodiscard]] std::variant<Frame, std::string> check_frame(Bytes datagram);
 
-/// The bytes in hexadecimal, blanks between them.
-[[nodiscard]] std::string hexadecimal(Bytes bytes);
-
 }  // namespace nimbus::sim

@@ -3,15 +3,17 @@
 #include <algorithm>
 #include <cinttypes>
 
-#include "tools/sim/text.h"
+#include "tools/common/text.h"
 
 namespace nimbus::sim {
+
+using tools::format_text;
+using tools::hexadecimal;
 
 void FrameLog::command(double at, const Frame& frame, const CommandName& command,
                        std::string_view ignored) {
   if (detail_ == Detail::none) return;
-  if (command.kind == CommandKind::gimbal_speed && detail_ == Detail::summary &&
-      is_repeated(at, frame.payload)) {
+  if (command.streamed && detail_ == Detail::summary && is_repeated(at, frame.payload)) {
     return;
   }
   std::string text = format_text("#%u ", unsigned{frame.sequence});

@@ -11,13 +11,17 @@
 #include "base/word_table.h"
 #include "net/udp_link.h"
 #include "tools/common/failure.h"
+#include "tools/common/numbers.h"
+#include "tools/common/text.h"
 #include "tools/sim/console.h"
-#include "tools/sim/numbers.h"
 #include "tools/sim/simulator.h"
-#include "tools/sim/text.h"
 
 namespace nimbus::sim {
 namespace {
+
+using tools::format_text;
+using tools::parse_real;
+using tools::parse_whole;
 
 constexpr const char* kExamples = R"(Examples:
   nimbus-sim --verbose

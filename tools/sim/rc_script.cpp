@@ -4,11 +4,15 @@
 
 #include "control/rc_map.h"
 #include "tools/common/failure.h"
-#include "tools/sim/numbers.h"
-#include "tools/sim/text.h"
+#include "tools/common/numbers.h"
+#include "tools/common/text.h"
 
 namespace nimbus::sim {
 namespace {
+
+using tools::format_text;
+using tools::parse_real;
+using tools::parse_whole;
 
 using tools::Failure;
 using Words = std::vector<std::string_view>;

@@ -6,10 +6,12 @@
 #include "net/sources.h"
 #include "net/viewers.h"
 #include "tools/common/failure.h"
-#include "tools/sim/text.h"
+#include "tools/common/text.h"
 
 namespace nimbus::sim {
 namespace {
+
+using tools::format_text;
 
 using tools::Failure;
 

@@ -13,10 +13,12 @@
 
 #include "net/sources.h"
 #include "tools/common/failure.h"
-#include "tools/sim/text.h"
+#include "tools/common/text.h"
 
 namespace nimbus::sim {
 namespace {
+
+using tools::format_text;
 
 /// Seconds between two steps at the most.
 constexpr double kStep = 0.005;

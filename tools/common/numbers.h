@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace nimbus::sim {
+namespace nimbus::tools {
 
 /// The number that the whole text is, or nothing. No blanks, infinities or not-numbers.
 [[nodiscard]] inline std::optional<double> parse_real(std::string_view text) {
@@ -28,4 +28,4 @@ namespace nimbus::sim {
   return static_cast<unsigned>(*value);
 }
 
-}  // namespace nimbus::sim
+}  // namespace nimbus::tools
