@@ -1,0 +1,95 @@
+"""Parts of the page that can be tried one by one, in a browser."""
+
+import pytest
+
+# Target, patch, result: the table of RFC 7396, appendix A, as far as targets are objects.
+MERGES = [
+    ({"a": "b"}, {"a": "c"}, {"a": "c"}),
+    ({"a": "b"}, {"b": "c"}, {"a": "b", "b": "c"}),
+    ({"a": "b"}, {"a": None}, {}),
+    ({"a": "b", "b": "c"}, {"a": None}, {"b": "c"}),
+    ({"a": ["b"]}, {"a": "c"}, {"a": "c"}),
+    ({"a": "c"}, {"a": ["b"]}, {"a": ["b"]}),
+    ({"a": {"b": "c"}}, {"a": {"b": "d", "c": None}}, {"a": {"b": "d"}}),
+    ({"a": [{"b": "c"}]}, {"a": [1]}, {"a": [1]}),
+    (["a", "b"], ["c", "d"], ["c", "d"]),
+    ({"a": "b"}, ["c"], ["c"]),
+    ({"a": "foo"}, None, None),
+    ({"a": "foo"}, "bar", "bar"),
+    ({"e": None}, {"a": 1}, {"e": None, "a": 1}),
+    ([1, 2], {"a": "b", "c": None}, {"a": "b"}),
+    ({}, {"a": {"bb": {"ccc": None}}}, {"a": {"bb": {}}}),
+]
+
+
+@pytest.fixture
+def module(browser, web):
+    """module(name, body, ...) runs a body with what a module of the page exports as `m`."""
+    browser.open(web.address())
+
+    def run(name, body, *arguments):
+        script = ("const done = arguments[arguments.length - 1]; const given = [...arguments];"
+                  f"import('/page/{name}.js').then((m) => {{ {body} }}).then(done,"
+                  " (error) => done(String(error)))")
+        return browser.driver.execute_async_script(script, *arguments)
+
+    return run
+
+
+def test_merge_patch(module):
+    found = module("state", "return given[0].map(([target, patch]) => m.merge(target, patch));",
+                   [row[:2] for row in MERGES])
+    assert found == [row[2] for row in MERGES]
+
+
+def test_curve(module):
+    """The sticks' curve keeps the sign, the rest and the maximum, and never exceeds it."""
+    shaped = ("return given[0].map(([x, curve, most]) => m.shaped(x, { curve, most }));", [
+        [0, 0.5, 1], [1, 0.5, 0.4], [-1, 1, 0.4], [5, 0, 0.7], [0.5, 0, 1], [0.5, 1, 1]])
+    assert module("drive", *shaped) == [0, 0.4, -0.4, 0.7, 0.5, 0.125]
+
+
+# Plays so many pictures of 40 ms with what the module advises; answers with what is left in the end,
+# and the fastest rate.
+PLAY = """
+const [left, jitter, pictures] = given;
+const edge = new m.LiveEdge();
+let [end, time, rate, fastest, jumps, now] = [left, 0, 1, 1, 0, 0];
+const lefts = [];
+for (let n = 0; n < pictures; ++n) {
+  const wait = 40 + (n % 2 ? jitter : -jitter);
+  now += wait;
+  time = Math.min(end, time + (rate * wait) / 1000);
+  const advice = edge.arrived(end - time, n, now);
+  end += wait / 1000;
+  if (advice.jump) { jumps += 1; time = end - 0.02; } else { rate = advice.rate; }
+  fastest = Math.max(fastest, rate);
+  lefts.push(end - time);
+}
+return { least: Math.min(...lefts.slice(-25)), fastest, jumps, rate };
+"""
+
+
+@pytest.mark.parametrize("left, jumps", [(0.04, 0), (0.3, 0), (0.9, 0), (3, 1)])
+def test_live_edge(module, left, jumps):
+    """From wherever it starts, playing comes to the live edge, never faster than a tenth more."""
+    found = module("live-edge", PLAY, left, 5, 600)
+    assert found["jumps"] == jumps and found["fastest"] <= 1.1
+    assert found["least"] < 0.1, found
+    assert found["rate"] == 1
+
+
+def test_live_edge_bears_jitter(module):
+    """Pictures that come in pairs are no reason to hurry."""
+    assert module("live-edge", PLAY, 0.08, 35, 300)["fastest"] == 1
+
+
+def test_boxes(module):
+    """Times are found in both versions of their boxes, and nothing in what is cut short."""
+    long = [0, 0, 0, 20, *b"tfdt", 1, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2]
+    short = [0, 0, 0, 16, *b"tfdt", 0, 0, 0, 0, 0, 0, 0, 7]
+    header = [0, 0, 0, 32, *b"mdhd", *[0] * 12, 0, 1, 0x5F, 0x90, *[0] * 8]
+    body = "return given[0].map((bytes) => m[given[1]](new Uint8Array(bytes)));"
+    assert module("boxes", body, [long, short, long[:10], []], "decodeTimeOf") == \
+        [2**32 + 2, 7, None, None]
+    assert module("boxes", body, [header, header[:20]], "timescaleOf") == [90000, None]
