@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "config/interfaces.h"
+#include "config/interface_codes.h"
 #include "tools/common/failure.h"
 #include "tools/ctl/commands.h"
 #include "tools/ctl/json.h"
