@@ -14,7 +14,10 @@ def page(browser, camera, web):
     browser.open(web.address())
     browser.wait("return [...document.querySelectorAll('#values .value')]"
                  ".some((one) => !one.hidden && one.textContent.includes('ISO'))", seconds=20)
-    return browser
+    yield browser
+    # Shown when the test has failed.
+    print(browser.run("return ['who', 'toasts', 'alerts'].map((id) =>"
+                      " document.getElementById(id)?.textContent)"), browser.errors())
 
 
 def value(page, name):

@@ -24,6 +24,8 @@ Hub::~Hub() { helm_.release(Clock::now()); }
 // --- From the service --------------------------------------------------------------------------
 
 void Hub::take(const ctl::Frame& frame, Time now) {
+  // Whoever sees the first report may act upon it at once.
+  if (!linked_) each_second(true, now);
   const std::uint64_t missing = stream_.counts().missing;
   if (frame.video) {
     bytes_.add(frame.payload.size(), now);
