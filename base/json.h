@@ -8,7 +8,7 @@
 namespace nimbus {
 
 /// A parsed JSON object. A text that is not JSON, or no object, has no members. Members are found
-/// in any case; of several with one name the first counts. The texts live as long as this.
+/// in capitals or not; of several with one name the first counts. The texts live as long as this.
 class JsonObject {
  public:
   explicit JsonObject(const char* text) noexcept : json_(cJSON_Parse(text)) {}

@@ -111,13 +111,21 @@ bool looks_back() {
 
 AfterRow set_position_normal(const Command& /*unused*/) {
   log_text("Set position normal\n");
-  looks_back() ? gimbal_set_next_position() : gimbal_set_centre_position();
+  if (looks_back()) {
+    gimbal_set_next_position();
+  } else {
+    gimbal_set_centre_position();
+  }
   return AfterRow::go_on;
 }
 
 AfterRow set_position_selfie(const Command& /*unused*/) {
   log_text("Set position selfie\n");
-  looks_back() ? gimbal_set_centre_position() : gimbal_set_next_position();
+  if (looks_back()) {
+    gimbal_set_centre_position();
+  } else {
+    gimbal_set_next_position();
+  }
   return AfterRow::go_on;
 }
 

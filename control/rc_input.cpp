@@ -1,7 +1,7 @@
 // The RC reader process gives, for each control function that is assigned to a live channel, a
 // centred value (-1.0 to 1.0) and a position (0.0 to 1.0). Sticks act in proportion; switches act
-// once per movement, which their latches see to. Anything may stand in the region: a value that
-// is no number moves no stick and pushes no switch, and a focus point that is none is at the edge.
+// once per movement, which their latches see to. Anything may stand in the region: NaN
+// moves no stick and pushes no switch, and a focus point of NaN is at the edge of the picture.
 #include "control/rc_input.h"
 
 #include <unistd.h>
@@ -96,7 +96,7 @@ void stop_steering() {
   was_in_charge = false;
 }
 
-/// Within the picture; what is no number is at its edge.
+/// Within the picture; NaN is at its edge.
 double in_picture(double value) { return value > 0.0 ? std::min(value, 1.0) : 0.0; }
 
 void move_focus_point(const Receiver& rc) {
@@ -260,8 +260,8 @@ void lock_orientation(const Receiver& rc, std::uint8_t lock) {
   rc.display.orientation_lock = lock;
 }
 
-/// A switch that acts when its position changes. It is taken to be down at start; what is no number
-/// leaves it where it is.
+/// A switch that acts when its position changes. It is taken to be down at start; NaN leaves
+/// it where it is.
 struct TwoPositionSwitch {
   RcFunction function;
   void (*act)(const Receiver&, std::uint8_t up);

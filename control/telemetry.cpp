@@ -1,7 +1,7 @@
 // A datagram from the bridge is a piece of the camera's byte stream: frames, with anything between
 // them. Every datagram is scanned alone, to its end. A frame's kind is told by its length and, for
 // some, its command set. Nothing in it is trusted but the checksum: codes may be outside every
-// table, numbers may be no numbers.
+// table, numbers may be NaN.
 #include "control/telemetry.h"
 
 #include <algorithm>

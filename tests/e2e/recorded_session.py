@@ -167,7 +167,7 @@ def entry(table, code, other):
 
 
 def saturated(number, lowest, highest):
-    """A number without its decimals, within the limits; what is no number is 0."""
+    """A number without its decimals, within the limits; NaN is 0."""
     if math.isnan(number):
         return 0
     return int(min(max(number, lowest), highest))

@@ -714,7 +714,7 @@ def test_every_ev_step(cockpit):
 
 
 def test_ev_by_position(cockpit):
-    """A step is sent when it changes, the first of all in any case."""
+    """A step is sent when it changes, the first of all always."""
     edges = [edge / EV_STEPS for edge in range(EV_STEPS + 1)]
     values = [0.0, 0.5, 1.0, 0.5, -1.0, 2.0, -0.0, INF, -INF, 1e300, -1e300, NAN, 1.0, NAN, 0.0,
               0.49, 0.5, 0.52, 0.53, 5e-324, 1e9, 2147483648.0 / 19, -1e9,

@@ -571,7 +571,7 @@ def test_tracking_rectangle(desk, coordinate, wire):
 
 
 def test_signalling_nan_is_stored_as_it_is(desk):
-    """No bit of a number that is no number is changed on its way."""
+    """No bit of a NaN is changed on its way."""
     bits = bytes.fromhex("01 00 A0 FF")
     [message] = desk.exchange(TRACKING.frame(x=bits, y=bits))
     assert desk.memory()[860:868] == bits + bits
@@ -682,7 +682,7 @@ def test_restore_outlasts_lost_reports(desk):
 
 
 def test_restore_at_no_point(desk):
-    """A point that is no number goes back to the camera as it came."""
+    """A point of NaNs goes back to the camera as it came."""
     desk.exchange(TRACKING.frame(x=bytes.fromhex("00 00 C0 7F"), y=-INFINITY, **ON))
     time.sleep(2.1)
     desk.exchange(TRACKING.frame())

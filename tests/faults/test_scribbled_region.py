@@ -20,7 +20,7 @@ MENU, RC_STATUS, ASSIGNED = 1856, nimbus.DisplayRegion.RC_STATUS, range(1274, 12
 
 
 def contents(chance):
-    """Anything, with the RC in charge of no numbers and a command without an end."""
+    """Anything, with the RC in charge of NaNs and a command without an end."""
     size = nimbus.DisplayRegion.SIZE + chance.choice((0, 1, 4096, 1_000_000))
     memory = bytearray(chance.randbytes(size))
     for offset in RC_DOUBLES:

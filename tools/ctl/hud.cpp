@@ -127,7 +127,7 @@ void print_fields(const Fields& fields, bool json) {
 Fields changes(const Fields& before, const Fields& after) {
   Fields result;
   for (std::size_t i = 0; i < after.size(); ++i) {
-    // As texts: what is no number is not even equal to itself.
+    // As texts: NaN is not even equal to itself.
     if (text_of(after[i].value) != text_of(before[i].value)) result.push_back(after[i]);
   }
   return result;
