@@ -15,6 +15,13 @@ import nimbus
 
 INSTALL = pathlib.Path(__file__).resolve().parents[2] / "install"
 BOARD, HOSTS = "10.77.0.1", ("10.77.0.2", "10.77.0.3")
+# Of the networks for private use and for links, the first and the last but one address; and
+# addresses that are next to them.
+PRIVATE = ("10.0.0.1", "10.255.255.254", "172.16.0.1", "172.31.255.254", "192.168.0.1",
+           "192.168.255.254", "169.254.0.1", "169.254.255.254")
+STRANGERS = ("9.255.255.254", "11.0.0.1", "172.15.255.254", "172.32.0.1", "192.167.255.254",
+             "192.169.0.1", "169.253.255.254", "169.255.0.1", "203.0.113.7")
+SET_SIZE = 4096
 
 REGISTER = b"\x42" + bytes(11) + bytes([0, 0])
 
@@ -39,6 +46,12 @@ class Neighbour:
         for address in HOSTS:
             self.run(f"ip addr add {address}/24 dev host")
         self.run("ip link set host up")
+
+    def move(self, address):
+        """The other host has that address, too, and the board finds it there."""
+        self.run(f"ip addr add {address}/32 dev host")
+        run(f"ip route add {address}/32 dev board")
+        return self.socket(address)
 
     def run(self, command):
         return run(f"nsenter --net={self._namespace} {command}")
@@ -154,6 +167,42 @@ def test_bridge_of_the_board(filtering, neighbour, service, target):
         service.err.wait("Video found\n")
 
 
+@pytest.mark.parametrize("address", PRIVATE)
+def test_a_viewer_of_a_private_network(filtering, service, neighbour, address):
+    with neighbour.move(address) as host:
+        host.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        service.err.wait(connected(host))
+
+
+@pytest.mark.parametrize("address", STRANGERS)
+def test_a_stranger_is_not_served(filtering, service, neighbour, hosts, address):
+    """Whoever forged that address would have the stream sent to it."""
+    with neighbour.move(address) as stranger:
+        stranger.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        hosts[0].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        service.err.wait(connected(hosts[0]))
+        assert not found(service, connected(stranger))
+
+
+def test_viewers_on_one_interface(service, hosts, tmp_path):
+    """The example of the file, once it is no comment any more."""
+    example = '# udp dport 4242 iifname != "wlan0" counter drop'
+    rules = (INSTALL / "filter.nft").read_text()
+    assert rules.count(example) == 1
+    file = tmp_path / "filter.nft"
+    file.write_text(rules.replace(example, example[2:]))
+    try:
+        run(f"nft -f {file}")
+        hosts[0].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        file.write_text(rules.replace(example, example[2:].replace("wlan0", "board")))
+        run(f"nft -f {file}")
+        hosts[1].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        service.err.wait(connected(hosts[1]))
+        assert not found(service, connected(hosts[0]))
+    finally:
+        run("nft flush ruleset")
+
+
 def dropped_by_limit():
     """How many datagrams the last rule has dropped."""
     words = run("nft list table ip nimbus").split()
@@ -178,6 +227,23 @@ def test_limit_of_a_source(filtering, service, hosts):
 
     nimbus.wait_until(heard, 5, "the end of the limit")
     assert service.running()
+
+
+def test_too_many_senders(filtering, service, hosts, tmp_path):
+    """When nobody else fits into the set, who is in it is heard, and no newcomer."""
+    known, newcomer = hosts
+    known.sendto(b"\x42", (BOARD, nimbus.VIEWER_PORT))
+    others = ", ".join(f"10.99.{n // 256}.{n % 256} limit rate 200/second burst 200 packets"
+                       for n in range(SET_SIZE - 1))
+    file = tmp_path / "full.nft"
+    file.write_text(f"add element ip nimbus viewers {{ {others} }}\n")
+    run(f"nft -f {file}")
+    dropped = dropped_by_limit()
+    newcomer.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+    assert dropped_by_limit() == dropped + 1
+    known.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+    service.err.wait(connected(known))
+    assert not found(service, connected(newcomer))
 
 
 def test_the_board_is_not_limited(filtering, service):
