@@ -19,9 +19,13 @@ def pytest_addoption(parser):
                      help="folder of the build to test (default: build/release)")
     parser.addoption("--long", action="store_true",
                      help="faults and floods last for minutes instead of seconds")
+    parser.addoption("--failures", help="file for the names of the tests that fail, each behind the"
+                                        " word timing, if it is marked so, or firm")
 
 
-def pytest_configure():
+def pytest_configure(config):
+    config.addinivalue_line("markers", "timing: measures how long something takes; it may fail beside"
+                                       " other work, and is then tried once more, alone")
     # A job in the background ignores Ctrl-C, and would pass that on to all that it starts.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     # Workers live in worlds of their own, with the same process numbers: each writes what a build
@@ -29,6 +33,16 @@ def pytest_configure():
     if profile := os.environ.get("LLVM_PROFILE_FILE"):
         worker = os.environ.get("PYTEST_XDIST_WORKER", "alone")
         os.environ["LLVM_PROFILE_FILE"] = profile.replace("%w", worker)
+
+
+def pytest_terminal_summary(terminalreporter):
+    """Where the reports of all workers are."""
+    file = terminalreporter.config.getoption("--failures")
+    reports = [report for kind in ("failed", "error") for report in terminalreporter.getreports(kind)]
+    if file and reports:
+        pathlib.Path(file).write_text("".join(
+            f"{'timing' if 'timing' in report.keywords else 'firm'} {report.nodeid}\n"
+            for report in reports))
 
 
 @pytest.fixture(scope="session", autouse=True)
