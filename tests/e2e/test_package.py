@@ -1,4 +1,5 @@
-"""The package: made, listed, unpacked into an empty root, and started from there."""
+"""The packages: made, listed, unpacked into an empty root, and started from there. What a system of
+their architecture does with them is seen by `./dev test-packages`."""
 
 import json
 import os
@@ -14,28 +15,40 @@ import nimbus
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 INSTALL = ROOT / "install"
 UNITS = ("nimbus.service", "nimbus-filter.service")
+SERVICE, WORKBENCH = "nimbus", "nimbus-workbench"
+CONFIG_REGION_SIZE = 2336
 HOME = "usr/lib/nimbus"
 
+DOCUMENTS = {"usr/share/doc/{}/changelog.Debian.gz": 0o644, "usr/share/doc/{}/copyright": 0o644}
 FILES = {
-    "etc/nimbus/filter.nft": 0o644,
-    "lib/systemd/system/nimbus.service": 0o644,
-    "lib/systemd/system/nimbus-filter.service": 0o644,
-    f"{HOME}/nimbus": 0o755,
-    f"{HOME}/tervado-nimbus.conf": 0o644,
-    f"{HOME}/bin/wlanstatus": 0o755,
-    f"{HOME}/scripts/before-start.sh": 0o755,
-    f"{HOME}/scripts/hdmi-change.sh": 0o755,
-    f"{HOME}/scripts/hdmi-mode.sh": 0o755,
-    f"{HOME}/scripts/card.sh": 0o644,
-    f"{HOME}/scripts/config-txt.sh": 0o644,
-    "usr/share/man/man8/nimbus.8.gz": 0o644,
-    "usr/share/man/man5/tervado-nimbus.conf.5.gz": 0o644,
-    "usr/share/doc/nimbus/changelog.gz": 0o644,
-    "usr/share/doc/nimbus/copyright": 0o644,
-    "usr/share/lintian/overrides/nimbus": 0o644,
+    SERVICE: {
+        "etc/nimbus/filter.nft": 0o644,
+        "lib/systemd/system/nimbus.service": 0o644,
+        "lib/systemd/system/nimbus-filter.service": 0o644,
+        "lib/systemd/system/nftables.service.d/nimbus.conf": 0o644,
+        f"{HOME}/nimbus": 0o755,
+        f"{HOME}/tervado-nimbus.conf": 0o644,
+        f"{HOME}/bin/wlanstatus": 0o755,
+        f"{HOME}/regions/hud_mem": 0o644,
+        f"{HOME}/regions/config_mem": 0o644,
+        f"{HOME}/scripts/before-start.sh": 0o755,
+        f"{HOME}/scripts/hdmi-change.sh": 0o755,
+        f"{HOME}/scripts/hdmi-mode.sh": 0o755,
+        f"{HOME}/scripts/card.sh": 0o644,
+        f"{HOME}/scripts/config-txt.sh": 0o644,
+        "usr/bin/nimbusctl": 0o755,
+        "usr/lib/tmpfiles.d/nimbus.conf": 0o644,
+        "usr/share/bash-completion/completions/nimbusctl": 0o644,
+        "usr/share/man/man1/nimbusctl.1.gz": 0o644,
+        "usr/share/man/man5/tervado-nimbus.conf.5.gz": 0o644,
+        "usr/share/man/man8/nimbus.8.gz": 0o644,
+        "usr/share/lintian/overrides/nimbus": 0o644,
+    },
+    WORKBENCH: {
+        "usr/bin/nimbus-sim": 0o755,
+        "usr/share/man/man1/nimbus-sim.1.gz": 0o644,
+    },
 }
-# There when the tools for people are built.
-TOOLS = re.compile("usr/(bin/|share/man/man1/|share/bash-completion/|lib/[^/]+/wireshark/)")
 
 
 def output_of(*command, **options):
@@ -44,13 +57,26 @@ def output_of(*command, **options):
 
 
 @pytest.fixture(scope="module")
-def package(build, tmp_path_factory):
-    """The file of the package."""
+def packages(build, tmp_path_factory):
+    """The files of the packages, by name."""
     if re.search(r"^NIMBUS_SANITIZE:\w+=.", (build / "CMakeCache.txt").read_text(), re.MULTILINE):
         pytest.skip("the build is sanitized")
-    architecture = output_of("dpkg", "--print-architecture").strip()
-    output = tmp_path_factory.mktemp("package")
-    return pathlib.Path(output_of(INSTALL / "package", build, architecture, output).strip())
+    return made(build, tmp_path_factory.mktemp("package"))
+
+
+def made(build, folder, *names):
+    if nimbus.EMULATOR:
+        architecture = "armhf" if nimbus.EMULATOR[0].endswith("qemu-arm-static") else "arm64"
+    else:
+        architecture = output_of("dpkg", "--print-architecture").strip()
+    files = output_of(INSTALL / "package", build, architecture, folder, *names).splitlines()
+    return {file.split("/")[-1].split("_")[0]: pathlib.Path(file) for file in files}
+
+
+@pytest.fixture(scope="module")
+def package(packages):
+    """The file of the service's."""
+    return packages[SERVICE]
 
 
 @pytest.fixture
@@ -65,25 +91,60 @@ def field(package, name):
     return output_of("dpkg-deb", "-f", package, name).strip()
 
 
-def test_fields(package):
+def names_in(text):
+    return {re.match(r"[\w.+-]+", entry)[0] for entry in text.split(", ")}
+
+
+def test_fields(packages):
     version = nimbus.BANNER.decode().partition("v.")[2].partition("\x1b")[0]
-    assert field(package, "Version") == version
-    assert package.name == f"nimbus_{version}_{field(package, 'Architecture')}.deb"
-    depends = {re.match(r"[\w.+-]+", entry)[0] for entry in field(package, "Depends").split(", ")}
-    assert {"libc6", "libcjson1", "libinih1", "mount", "psmisc"} <= depends
+    for name, file in packages.items():
+        full = field(file, "Version")
+        assert re.fullmatch(rf"{re.escape(version)}-\d{{8}}\.\d{{6}}", full)
+        assert file.name == f"{name}_{full}_{field(file, 'Architecture')}.deb"
+    depends = names_in(field(packages[SERVICE], "Depends"))
+    assert {"libc6", "libcjson1", "libinih1", "mount", "nftables", "psmisc"} <= depends
 
 
-def test_files(root):
-    files = {str(file.relative_to(root)): file for file in root.rglob("*")
-             if file.is_file() and not file.is_symlink()}
-    modes = {name: file.stat().st_mode & 0o7777 for name, file in files.items()}
-    assert {name: mode for name, mode in modes.items() if not TOOLS.match(name)} == FILES
+def files_of(package, folder):
+    """The files of a package with their modes."""
+    output_of("dpkg-deb", "-x", package, folder)
+    return {str(file.relative_to(folder)): file.stat().st_mode & 0o7777
+            for file in folder.rglob("*") if file.is_file() and not file.is_symlink()}
+
+
+@pytest.mark.parametrize("name", FILES)
+def test_files(packages, tmp_path, name):
+    documents = {file.format(name): mode for file, mode in DOCUMENTS.items()}
+    assert files_of(packages[name], tmp_path / name) == {**FILES[name], **documents}
+
+
+def test_link_to_the_working_copy(root):
     assert os.readlink(root / HOME / "tervado.conf") == "/run/tervado.conf"
 
 
-def test_every_file_is_root_s(package):
-    rows = output_of("dpkg-deb", "-c", package).splitlines()
-    assert rows and all(row.split()[1] == "root/root" for row in rows)
+def test_no_file_is_in_two_packages(packages, tmp_path):
+    seen = {}
+    for name, file in packages.items():
+        for one in files_of(file, tmp_path / name):
+            assert seen.setdefault(one, name) == name
+
+
+def test_regions(root):
+    """What the board's start makes of them is what the service would."""
+    sizes = {"hud_mem": nimbus.DisplayRegion.SIZE, "config_mem": CONFIG_REGION_SIZE}
+    for name, size in sizes.items():
+        assert (root / HOME / "regions" / name).read_bytes() == bytes(size)
+    rows = [line.split() for line in
+            (root / "usr/lib/tmpfiles.d/nimbus.conf").read_text().splitlines()
+            if not line.startswith("#")]
+    assert rows == [["C", f"/dev/shm/{name}", "0600", "root", "root", "-",
+                     f"/{HOME}/regions/{name}"] for name in sizes]
+
+
+def test_every_file_is_root_s(packages):
+    for package in packages.values():
+        rows = output_of("dpkg-deb", "-c", package).splitlines()
+        assert rows and all(row.split()[1] == "root/root" for row in rows)
 
 
 def test_configuration_files_are_kept(package):
@@ -94,9 +155,39 @@ def test_programs_are_stripped(root):
     assert b".debug_info" not in (root / HOME / "nimbus").read_bytes()
 
 
-def test_same_build_same_package(package, build, tmp_path):
-    again = output_of(INSTALL / "package", build, field(package, "Architecture"), tmp_path)
-    assert pathlib.Path(again.strip()).read_bytes() == package.read_bytes()
+def test_same_build_same_package(packages, build, tmp_path):
+    again = made(build, tmp_path)
+    assert {name: file.read_bytes() for name, file in again.items()} == {
+        name: file.read_bytes() for name, file in packages.items()}
+
+
+def test_one_of_them(build, packages, tmp_path):
+    assert made(build, tmp_path, WORKBENCH).keys() == {WORKBENCH}
+
+
+def test_a_changed_tree_makes_a_later_build(tmp_path):
+    """Committed or not."""
+    tree = tmp_path / "tree"
+    (tree / "install").mkdir(parents=True)
+    shutil.copytree(INSTALL, tree / "install", dirs_exist_ok=True)
+    functions = (INSTALL / "package").read_text()
+    begin, end = functions.index("source_time() {"), functions.index("SOURCE_DATE_EPOCH=")
+
+    def revision():
+        return int(output_of("bash", "-euc", f"source={tree}\n{functions[begin:end]}\nsource_time"))
+
+    os.utime(tree / "install/filter.nft", (4_000_000_000, 4_000_000_000))
+    assert revision() == 4_000_000_000
+    git = ["git", "-C", tree, "-c", "user.name=a", "-c", "user.email=a@b"]
+    output_of(*git, "init", "-q")
+    output_of(*git, "add", "-A")
+    output_of(*git, "commit", "-q", "-m", "one", env={
+        **os.environ, "GIT_COMMITTER_DATE": "2030-01-01T00:00:00Z"})
+    committed = revision()
+    assert committed == 1_893_456_000
+    (tree / "install/filter.nft").write_text("changed")
+    os.utime(tree / "install/filter.nft", (3_000_000_000, 3_000_000_000))
+    assert revision() == 3_000_000_000
 
 
 @pytest.mark.parametrize("arguments", [(), ("x",), ("/nowhere", "amd64", "/tmp")])
@@ -104,6 +195,29 @@ def test_bad_arguments(arguments):
     result = subprocess.run([INSTALL / "package", *arguments], capture_output=True, text=True)
     assert result.returncode != 0
     assert result.stderr.count("\n") == 1
+
+
+def test_no_such_package(build, tmp_path):
+    result = subprocess.run([INSTALL / "package", build, "amd64", tmp_path, "nimbus-x"],
+                            capture_output=True, text=True)
+    assert result.returncode == 1
+    assert result.stderr.startswith("package: no package 'nimbus-x'; expected one of: nimbus ")
+
+
+def test_scripts(packages, tmp_path):
+    """Each is for its own package, and nothing is left to be filled in."""
+    for name, file in packages.items():
+        content = tmp_path / name
+        output_of("dpkg-deb", "-e", file, content)
+        for script in ("preinst", "postinst", "prerm", "postrm"):
+            if (content / script).exists():
+                assert not re.search("@[A-Z]+@", (content / script).read_text())
+                assert os.access(content / script, os.X_OK)
+    assert (tmp_path / SERVICE / "postinst").exists()
+    assert not (tmp_path / WORKBENCH / "postinst").exists()
+    # 32-bit boards: what a cross compiler brings along is too new for some.
+    assert (tmp_path / SERVICE / "preinst").exists() == (
+        field(packages[SERVICE], "Architecture") == "armhf")
 
 
 # --- Unpacked ------------------------------------------------------------------------------------

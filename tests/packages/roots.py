@@ -18,22 +18,26 @@ HOST = subprocess.run(["dpkg", "--print-architecture"], check=True, capture_outp
 # have no network.
 INSTALLED = ("init-system-helpers systemd nftables mount psmisc libcjson1 libinih1 libstdc++6 libssl3"
              " libcrypt1").split()
-# For a processor that Debian's own port with a floating-point unit does not run on: the oldest
-# port, whose packages need not be set up for dpkg to run.
-UNPACKED = "dpkg dash coreutils tar sed grep".split()
+ESSENTIAL = ("base-files base-passwd bash coreutils dash debianutils diffutils dpkg findutils grep gzip"
+             " hostname libc-bin mawk perl-base sed tar util-linux usr-is-merged").split()
+# The machine's own is set up as a board's is, and can be booted.
+VARIANTS = {architecture: ("extract", [*ESSENTIAL, *INSTALLED]) for architecture in ("arm64", "armhf")}
+VARIANTS[HOST] = ("apt", INSTALLED)
+# For a processor that Debian's port with a floating-point unit does not run on: the oldest port.
+VARIANTS["armel"] = ("extract", ESSENTIAL)
 
-VARIANTS = {
-    HOST: ("apt", INSTALLED),
-    "arm64": ("essential", INSTALLED),
-    "armhf": ("essential", INSTALLED),
-    "armel": ("extract", UNPACKED),
+HERE = pathlib.Path(__file__).resolve().parent
+HOOKS = {
+    "apt": [],
+    "extract": ["--hook-directory=/usr/share/mmdebstrap/hooks/merged-usr",
+                f"--extract-hook={HERE}/as-installed"],
 }
 
 
 def base(folder, architecture):
     """The folder of the root as it was made."""
     variant, include = VARIANTS[architecture]
-    key = hashlib.sha256(" ".join([SUITE, variant, *include]).encode()).hexdigest()[:8]
+    key = hashlib.sha256(" ".join([SUITE, variant, *include, *HOOKS[variant]]).encode()).hexdigest()[:8]
     return pathlib.Path(folder) / f"{architecture}-{key}"
 
 
@@ -44,7 +48,7 @@ def make(folder, architecture):
         return
     variant, include = VARIANTS[architecture]
     archive, partial = (root.with_suffix(end) for end in (".tar", ".part"))
-    subprocess.run(["mmdebstrap", "--quiet", "--mode=root", f"--variant={variant}",
+    subprocess.run(["mmdebstrap", "--quiet", "--mode=root", f"--variant={variant}", *HOOKS[variant],
                     f"--architectures={architecture}", f"--include={','.join(include)}", SUITE,
                     archive, f"deb {MIRROR} {SUITE} main"], check=True, stdout=subprocess.DEVNULL)
     shutil.rmtree(partial, ignore_errors=True)
