@@ -17,7 +17,7 @@ HOST = subprocess.run(["dpkg", "--print-architecture"], check=True, capture_outp
 # What the packages depend on, and what tells whether they fit: installed with the root, as the tests
 # have no network.
 INSTALLED = ("init-system-helpers systemd nftables mount psmisc libcjson1 libinih1 libstdc++6 libssl3"
-             " libcrypt1").split()
+             " libcrypt1 libpcap0.8 libncursesw6").split()
 ESSENTIAL = ("base-files base-passwd bash coreutils dash debianutils diffutils dpkg findutils grep gzip"
              " hostname libc-bin mawk perl-base sed tar util-linux usr-is-merged").split()
 # The machine's own is set up as a board's is, and can be booted.
