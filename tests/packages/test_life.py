@@ -100,7 +100,7 @@ def test_from_the_single_package_of_before(fresh_root, packages_of, tmp_path):
     (content / "usr/bin/nimbus-sim").write_text("#!/bin/sh\n")
     subprocess.run(["dpkg-deb", "--root-owner-group", "-Zgzip", "-b", content, before], check=True)
     root.dpkg("-i", *root.bring(before))
-    root.dpkg("-i", *root.bring(*packages.all()))
+    root.succeed("apt-get", "install", "-y", *root.bring(*packages.all()))
     owner = root.succeed("dpkg", "-S", "/usr/bin/nimbus-sim")
     assert owner == "nimbus-workbench: /usr/bin/nimbus-sim\n"
 
