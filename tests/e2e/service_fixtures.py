@@ -35,6 +35,18 @@ def pytest_configure(config):
         os.environ["LLVM_PROFILE_FILE"] = profile.replace("%w", worker)
 
 
+# Files whose tests hold periods, rates and time-outs of the service against the clock.
+MEASURING = ("test_control", "test_floods", "test_rc_input", "test_relay", "test_sim", "test_sources",
+             "test_speed", "test_startup", "test_status", "test_console", "test_guests",
+             "test_wall_clock", "test_soak")
+
+
+def pytest_collection_modifyitems(items):
+    for item in items:
+        if item.path.stem.startswith(MEASURING):
+            item.add_marker("timing")
+
+
 def pytest_terminal_summary(terminalreporter):
     """Where the reports of all workers are."""
     file = terminalreporter.config.getoption("--failures")
