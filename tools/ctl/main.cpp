@@ -19,6 +19,7 @@
 #include "tools/ctl/commands.h"
 #include "tools/ctl/completion.h"
 #include "tools/ctl/config_commands.h"
+#include "tools/ctl/film.h"
 #include "tools/ctl/hud.h"
 #include "tools/ctl/interrupt.h"
 #include "tools/ctl/operate.h"
@@ -41,6 +42,7 @@ struct Options {
   double seconds = 0;
   WatchOptions watch;
   HudOptions hud;
+  FilmOptions film;
   OperateOptions operate;
   std::vector<std::string> texts;
   std::vector<std::string> values;
@@ -56,7 +58,8 @@ struct Task {
 
 /// Seconds: a number, with "s", "ms" or "min" behind it if need be.
 std::string to_seconds(std::string& text) {
-  static const std::map<std::string, double> kUnits{{"", 1}, {"s", 1}, {"ms", 0.001}, {"min", 60}};
+  static const std::map<std::string, double> kUnits{{"", 1},     {"s", 1},  {"ms", 0.001},
+                                                    {"min", 60}, {"m", 60}, {"h", 3600}};
   const auto digits = text.find_first_not_of("0123456789.");
   const auto unit = kUnits.find(digits == std::string::npos ? "" : text.substr(digits));
   const auto number = tools::parse_real(std::string_view(text).substr(0, digits));
@@ -182,11 +185,27 @@ class CommandLine {
   }
 
   void add_video() {
-    auto* const command = app_.add_subcommand("video", "Write the video to standard output");
+    auto* const command =
+        app_.add_subcommand("video", "Write the video to standard output, or films");
     add_seconds(command, options_.seconds);
-    command->footer(example("video | ffplay -"));
+    auto* const film =
+        command->add_option("--mp4", options_.film.path, "Write an MP4 file instead");
+    film->type_name("FILE");
+    command->add_option("--split", options_.film.split, "Begin another file after so long")
+        ->transform(time_text())
+        ->needs(film);
+    command->footer(example("video | ffplay -") +
+                    "\n         nimbusctl video --mp4 film.mp4 --split 10m");
     on(
-        command, [this] { show_video(options_.connection, options_.seconds); }, true);
+        command, [this] { video(); }, true);
+  }
+
+  void video() const {
+    if (options_.film.path.empty()) {
+      show_video(options_.connection, options_.seconds);
+    } else {
+      record_film(options_.connection, options_.film, options_.seconds);
+    }
   }
 
   void add_capture() {

@@ -12,7 +12,7 @@ _nimbusctl() {
   for ((i = 1; i < ${#typed[@]}; i++)); do
     word=${typed[i]}
     case "$word" in
-      --host | --port | --timeout | --seconds | --for) i=$((i + 1)) ;;
+      --host | --port | --timeout | --seconds | --for | --mp4 | --split) i=$((i + 1)) ;;
       --*) ;;
       *) before+=("$word") ;;
     esac

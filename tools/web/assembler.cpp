@@ -28,7 +28,7 @@ constexpr std::size_t kUnitHead = 3;  // what must be seen of a unit
 }  // namespace
 
 void Assembler::reset(Coding coding) {
-  *this = Assembler();
+  *this = Assembler(ends_);
   coding_ = coding;
   longest_pause_ = kFirstPause;
 }
@@ -171,7 +171,7 @@ Clock::duration Assembler::patience() const {
 }
 
 void Assembler::schedule(std::size_t size, Time now, Units& units) {
-  if (skips_ || !has_slice_) return;
+  if (skips_ || !has_slice_ || ends_ == Ends::seen) return;
   if (trust_ >= kTrusted && size != full_size_) {
     emit_all(units);
   } else {

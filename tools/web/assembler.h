@@ -29,12 +29,18 @@ struct AccessUnit {
   bool damaged = false;      ///< something of it was lost, or may have been
 };
 
+/// How the end of a picture is found: guessed, for who shows it at once, or seen in the begin of
+/// the next one, for who can wait and wants none torn.
+enum class Ends : bool { guessed, seen };
+
 class Assembler {
  public:
   /// Pictures longer than this are nobody's.
   static constexpr std::size_t kLongest = 4 * 1024 * 1024;
 
   using Units = std::vector<AccessUnit>;
+
+  explicit Assembler(Ends ends = Ends::guessed) : ends_(ends) {}
 
   /// Begins anew: what waits is dropped.
   void reset(Coding coding);
@@ -68,6 +74,7 @@ class Assembler {
   void schedule(std::size_t size, Time now, Units& units);
   [[nodiscard]] Clock::duration patience() const;
 
+  Ends ends_;
   Coding coding_ = Coding::none;
   Buffer pending_;
   std::size_t scanned_ = 0;  // what stands before has been looked at

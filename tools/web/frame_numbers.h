@@ -19,6 +19,7 @@ class FrameNumbers {
     const std::uint32_t step = number - *last_;
     if (step == 0) {
       ++twice_;
+      since_ = 0;
       return 0;
     }
     constexpr std::uint32_t kFarBack = 1000;
@@ -26,7 +27,9 @@ class FrameNumbers {
     last_ = number;
     if (step > UINT32_MAX / 2) return restarted();
     const std::uint32_t excused = step - 1 < twice_ ? step - 1 : twice_;
-    twice_ = 0;
+    twice_ -= excused;
+    // Others may have got in between, but no more than the threads that send.
+    if (++since_ > kBetween) twice_ = 0;
     return step - 1 - excused;
   }
 
@@ -34,6 +37,8 @@ class FrameNumbers {
   void forget() { last_.reset(); }
 
  private:
+  static constexpr std::uint32_t kBetween = 4;
+
   /// A service that counts anew: something may have been lost.
   std::uint32_t restarted() {
     twice_ = 0;
@@ -41,7 +46,8 @@ class FrameNumbers {
   }
 
   std::optional<std::uint32_t> last_;
-  std::uint32_t twice_ = 0;
+  std::uint32_t twice_ = 0;  // numbers that came twice, and none was left out for yet
+  std::uint32_t since_ = 0;  // frames since the last of them
 };
 
 }  // namespace nimbus::web

@@ -22,8 +22,8 @@ constexpr std::uint64_t kLongest = 60'000'000;
 
 }  // namespace
 
-Stream::Stream(StreamListener& listener)
-    : listener_(listener), epoch_(std::make_shared<const Epoch>()) {}
+Stream::Stream(StreamListener& listener, Ends ends)
+    : listener_(listener), assembler_(ends), epoch_(std::make_shared<const Epoch>()) {}
 
 void Stream::video(Bytes datagram, std::uint32_t number, Time now) {
   other(number);

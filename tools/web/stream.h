@@ -41,7 +41,7 @@ struct StreamCounts {
 
 class Stream {
  public:
-  explicit Stream(StreamListener& listener);
+  explicit Stream(StreamListener& listener, Ends ends = Ends::guessed);
 
   /// Takes a frame of the service: a datagram of video, or anything else, whose number counts too.
   void video(Bytes datagram, std::uint32_t number, Time now);

@@ -1,0 +1,154 @@
+"""Films: what nimbusctl video --mp4 writes, as FFmpeg judges it."""
+
+import json
+import os
+import signal
+import subprocess
+import time
+
+import pytest
+
+import nimbus
+from nimbus import limit, wait_until
+
+
+@pytest.fixture(scope="module")
+def stream(tmp_path_factory):
+    """Six seconds of H.264, 10 pictures a second, a key picture each second."""
+    path = tmp_path_factory.mktemp("stream") / "stream.h264"
+    subprocess.run(["ffmpeg", "-loglevel", "error", "-f", "lavfi", "-i", "testsrc2=s=320x180:r=10", "-t",
+                    "6", "-c:v", "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-g", "10",
+                    "-x264-params", "aud=1", "-f", "h264", path], check=True)
+    return path
+
+
+@pytest.fixture
+def camera(build, service, stream):
+    run = subprocess.Popen([*nimbus.EMULATOR, build / "nimbus-sim", "--video", stream, "--fps", "10"],
+                           stdout=subprocess.DEVNULL)
+    service.err.wait("Video found")
+    yield run
+    run.kill()
+    run.wait()
+
+
+def start(build, *arguments):
+    return subprocess.Popen([*nimbus.EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "video",
+                             *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            text=True)
+
+
+def film(build, *arguments):
+    run = start(build, *arguments)
+    out, err = run.communicate(timeout=limit(20))
+    return run.returncode, out, err
+
+
+def probe(path):
+    """The stream, and when each picture is shown and how long: seconds. No decoder complains."""
+    done = subprocess.run(["ffprobe", "-v", "error", "-show_streams", "-show_packets", "-of", "json",
+                           path], capture_output=True, text=True, check=True, timeout=limit(20))
+    assert done.stderr == ""
+    found = json.loads(done.stdout)
+    decoded = subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-vsync", "vfr", "-f", "null", "-"],
+                             capture_output=True, text=True, check=True, timeout=limit(20))
+    assert decoded.stderr == ""
+    packets = [(float(p["pts_time"]), float(p["duration_time"]), p["flags"][0] == "K")
+               for p in found["packets"]]
+    return found["streams"][0], packets
+
+
+def test_film(build, camera, tmp_path):
+    path = tmp_path / "film.mp4"
+    status, out, err = film(build, "--mp4", path, "--seconds", 4)
+    assert (status, out) == (0, ""), err
+    stream, packets = probe(path)
+    assert (stream["codec_name"], stream["width"], stream["height"]) == ("h264", 320, 180)
+    assert len(packets) >= 15 and packets[0][0] == 0 and packets[0][2]
+    assert err.splitlines()[-1] == (
+        f"{path}: {len(packets)} pictures, {packets[-1][0] + packets[-1][1]:.1f} s, "
+        f"{path.stat().st_size} bytes")
+
+
+def test_times_are_true(build, service, stream, tmp_path):
+    """A pause of the camera is one in the film: the picture before it stays."""
+    path = tmp_path / "film.mp4"
+    start_code = b"\0\0\0\1\x09"  # of the unit that stands before each picture
+    pictures = [start_code + part for part in stream.read_bytes().split(start_code)[1:]]
+    bridge = nimbus.Bridge(nimbus.VIDEO_PORT)
+    run = start(build, "--mp4", path)
+    service.err.wait("New client connected")
+    moments = []
+    for number, picture in enumerate(pictures[:30]):
+        time.sleep(1.2 if number == 15 else 0.05)
+        moments.append(time.monotonic())
+        for at in range(0, len(picture), 1400):
+            bridge.send(picture[at:at + 1400])
+    time.sleep(0.3)
+    run.send_signal(signal.SIGINT)
+    _, err = run.communicate(timeout=limit(10))
+    bridge.close()
+    assert run.returncode == 0, err
+    _, packets = probe(path)
+    assert len(packets) == 29  # what would tell the end of the last one has not come
+    for moment, (at, _, _) in zip(moments, packets):
+        assert abs(moment - moments[0] - at) < limit(0.05)
+    assert 1.15 <= packets[15][0] - packets[14][0] <= 1.2 + limit(0.1)
+
+
+def test_a_killed_writer_leaves_a_film(build, camera, tmp_path):
+    path = tmp_path / "film.mp4"
+    run = start(build, "--mp4", path)
+    wait_until(lambda: path.exists() and path.stat().st_size > 50_000, 10, "the film")
+    run.kill()
+    run.wait()
+    _, packets = probe(path)
+    assert len(packets) >= 3
+
+
+def test_split(build, camera, tmp_path):
+    status, _, err = film(build, "--mp4", tmp_path / "film.mp4", "--split", 1, "--seconds", 4.5)
+    assert status == 0, err
+    names = ["film.mp4", "film-2.mp4", "film-3.mp4"]
+    assert sorted(names) <= sorted(path.name for path in tmp_path.iterdir())
+    for name in names:
+        _, packets = probe(tmp_path / name)
+        assert packets[0][2] and packets[0][0] == 0
+    for name in names[:2]:
+        _, packets = probe(tmp_path / name)
+        assert 0.9 <= packets[-1][0] + packets[-1][1] <= limit(2.5)
+
+
+def test_nothing_is_written_over(build, camera, tmp_path):
+    path = tmp_path / "film.mp4"
+    path.write_text("mine")
+    status, _, err = film(build, "--mp4", path, "--seconds", 5)
+    assert status == 1 and path.read_text() == "mine"
+    assert err == (f"nimbusctl: cannot make {path}: File exists; expected a new file in a folder that "
+                   "can be written\n")
+
+
+def test_a_full_disk(build, camera, tmp_path):
+    folder = tmp_path / "disk"
+    folder.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=12m", "disk", folder], check=True,
+                   env={**os.environ, "PATH": "/usr/bin:/bin"})
+    try:
+        status, _, err = film(build, "--mp4", folder / "film.mp4", "--seconds", 5)
+    finally:
+        subprocess.run(["umount", folder], check=True, env={**os.environ, "PATH": "/usr/bin:/bin"})
+    assert status == 1 and err.count("\n") == 1
+    assert err.startswith("nimbusctl: no space is left for more; expected at least 16 MiB; ")
+
+
+def test_no_video(build, service, tmp_path):
+    path = tmp_path / "film.mp4"
+    status, _, err = film(build, "--mp4", path, "--seconds", 0.5)
+    assert status == 1 and not path.exists()
+    assert err == ("nimbusctl: no picture came to begin with; expected a camera that sends video\n")
+
+
+def test_split_needs_a_film(build):
+    status, _, err = film(build, "--split", "10m")
+    assert status == 1
+    assert err == "nimbusctl: --split requires --mp4; nimbusctl --help tells what is expected\n"
