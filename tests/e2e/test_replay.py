@@ -4,7 +4,6 @@ tests/recordings."""
 import contextlib
 import hashlib
 import os
-import pathlib
 import pty
 import re
 import signal
