@@ -2,7 +2,6 @@
 // loader looks up in it, the writer walks it; the report, the commands and nimbusctl name its rows.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -220,29 +219,34 @@ inline constexpr auto kConfigFields = std::to_array<ConfigField>({
 
 inline constexpr std::size_t kConfigFieldCount = kConfigFields.size();
 
+/// The row of exactly that key; behind the last row when there is none.
+[[nodiscard]] constexpr std::size_t config_row(std::string_view key) noexcept {
+  std::size_t row = 0;
+  while (row < kConfigFieldCount && kConfigFields[row].key != key) ++row;
+  return row;
+}
+
 /// The field of exactly that key, or null. Any thread.
-[[nodiscard]] constexpr const ConfigField* find_config_field(std::string_view key) noexcept {
-  const auto* const found = std::find_if(kConfigFields.begin(), kConfigFields.end(),
-                                         [key](const auto& field) { return field.key == key; });
-  return found == kConfigFields.end() ? nullptr : found;
+[[nodiscard]] inline const ConfigField* find_config_field(std::string_view key) noexcept {
+  const std::size_t row = config_row(key);
+  return row == kConfigFieldCount ? nullptr : &kConfigFields[row];
 }
 
 /// The field of a key that stands in the code. One that is misspelt does not compile.
 class ConfigKey {
  public:
   constexpr ConfigKey() = default;  ///< none
-  consteval ConfigKey(const char* key) : field_(find_config_field(key)) {
-    if (field_ == nullptr) there_is_no_such_key();
+  consteval ConfigKey(const char* key) : row_(config_row(key)) {
+    if (row_ == kConfigFieldCount) there_is_no_such_key();
   }
 
-  constexpr explicit operator bool() const noexcept { return field_ != nullptr; }
-  constexpr const ConfigField& operator*() const noexcept { return *field_; }
-  constexpr const ConfigField* operator->() const noexcept { return field_; }
+  constexpr explicit operator bool() const noexcept { return row_ != kConfigFieldCount; }
+  constexpr const ConfigField& operator*() const noexcept { return kConfigFields[row_]; }
 
  private:
   static void there_is_no_such_key();  // never defined: calling it is what does not compile
 
-  const ConfigField* field_ = nullptr;
+  std::size_t row_ = kConfigFieldCount;
 };
 
 /// Called with the stored map text whenever an "rc_input_map" has been stored.

@@ -82,7 +82,7 @@ bool print_changes(const cJSON* before, const cJSON* after) {
     const std::string new_text = shown(item, after);
     if (old_text == new_text) continue;
     any = true;
-    print_line(std::string(item.key->key) + ": " + (old_text.empty() ? "(empty)" : old_text) +
+    print_line(std::string((*item.key).key) + ": " + (old_text.empty() ? "(empty)" : old_text) +
                " -> " + (new_text.empty() ? "(empty)" : new_text));
   }
   return any;
@@ -100,7 +100,7 @@ void show_config(const Connection& connection, bool json) {
   const Json report = parse_report(text);
   if (report == nullptr) return;
   for (const ReportItem& item : kReportItems) {
-    print_item(item.key->key, item.name, shown(item, report.get()));
+    print_item((*item.key).key, item.name, shown(item, report.get()));
   }
   print_item("service", "version", member_text(report.get(), "version"));
   print_item("addresses", "ifaces", addresses(report.get()));

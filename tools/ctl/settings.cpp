@@ -13,7 +13,7 @@ namespace {
 
 /// What fits the field of a key.
 constexpr const Accepts* fitting(ConfigKey key) {
-  switch (key->kind) {
+  switch ((*key).kind) {
     case FieldKind::flag:
       return &kOnOff;
     case FieldKind::byte:
@@ -26,7 +26,7 @@ constexpr const Accepts* fitting(ConfigKey key) {
     case FieldKind::quoted_text:
       break;
   }
-  return key->most == 5 ? &kText<5> : key->most == 9 ? &kText<9> : &kText<255>;
+  return (*key).most == 5 ? &kText<5> : (*key).most == 9 ? &kText<9> : &kText<255>;
 }
 
 constexpr std::array<Word<std::string_view>, 3> kStreamSizes{
