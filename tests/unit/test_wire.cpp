@@ -30,6 +30,34 @@ static_assert(load_le<std::uint64_t>(kBytes, 0) == 0x8807'8605'8403'8201);
 static_assert(load_le<std::uint64_t>(kBytes, 2) == 0x8A09'8807'8605'8403);
 static_assert(load_le<std::int64_t>(kBytes, 1) == 0x0988'0786'0584'0382);
 static_assert(load_le<std::int64_t>(kBytes, 2) < 0);
+static_assert(load_le<std::uint32_t, 3>(kBytes, 1) == 0x8403'82);
+static_assert(load_le<float>(std::array<std::uint8_t, 5>{0, 0x00, 0x00, 0x20, 0xC0}, 1) == -2.5F);
+
+// By a layout: a number, one of 24 bits, a bit and a row of bytes; what is beside them stays.
+constexpr WireField<std::int16_t> kNumber{1, "number"};
+constexpr WireField<std::uint32_t, 3> kThreeBytes{4, "three_bytes"};
+constexpr WireBit kBit{8, 7, "bit"};
+constexpr WireBytes<2> kRow{8, "row"};
+static_assert(ByteView(kBytes)[kNumber] == 898);
+static_assert(ByteView(kBytes)[kThreeBytes] == 0x0786'05);
+static_assert(ByteView(kBytes)[kBit] == 0 && ByteView(kBytes)[WireBit{9, 7, "other"}] == 1);
+static_assert(ByteView(kBytes)[kRow][1] == 0x8A);
+
+consteval std::array<std::uint8_t, 10> written() {
+  auto bytes = kBytes;
+  put(bytes, kNumber, -2);
+  put(bytes, kThreeBytes, 0xFF'11'22'33U);
+  put(bytes, kBit, true);
+  put(bytes, WireBit{9, 1, "cleared"}, false);
+  bytes_of(bytes, WireBytes<1>{0, "first"})[0] = 0x77;
+  return bytes;
+}
+static_assert(written() == std::array<std::uint8_t, 10>{0x77, 0xFE, 0xFF, 0x84, 0x33,  //
+                                                        0x22, 0x11, 0x88, 0x89, 0x88});
+
+constexpr WireItem kItem = kThreeBytes;
+static_assert(kItem.size == 3 && kItem.end() == 7 && kItem.kind == WireItem::Kind::natural);
+static_assert(WireItem(WireWords<4>{3, "words"}).end() == 11);
 
 template <typename T>
 constexpr std::array<std::uint8_t, 10> stored(std::size_t offset, T value) {
