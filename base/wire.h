@@ -93,7 +93,7 @@ struct WireItem {
 
   std::string_view name;
   std::size_t at;         ///< of its first byte
-  std::size_t size;       ///< of one, in bytes
+  std::size_t size = 1;   ///< of one, in bytes
   std::size_t count = 1;  ///< in a row
   Kind kind = Kind::natural;
   unsigned bit = 0;  ///< of a bit: which one
@@ -108,12 +108,12 @@ struct WireItem {
                                          : Kind::natural) {}
   template <std::size_t bytes>
   constexpr WireItem(const WireBytes<bytes>& field) noexcept
-      : name(field.name), at(field.at), size(1), count(bytes) {}
+      : name(field.name), at(field.at), count(bytes) {}
   template <std::size_t words>
   constexpr WireItem(const WireWords<words>& field) noexcept
       : name(field.name), at(field.at), size(2), count(words) {}
   constexpr WireItem(const WireBit& field) noexcept
-      : name(field.name), at(field.at), size(1), kind(Kind::bit), bit(field.bit) {}
+      : name(field.name), at(field.at), kind(Kind::bit), bit(field.bit) {}
 
   /// The offset behind its last byte.
   [[nodiscard]] constexpr std::size_t end() const noexcept { return at + size * count; }
@@ -150,7 +150,7 @@ constexpr void put(std::span<std::uint8_t> bytes, const WireField<T, size>& fiel
 /// Sets or clears a bit where a layout has it.
 constexpr void put(std::span<std::uint8_t> bytes, const WireBit& field, bool value) noexcept {
   const unsigned others = bytes[field.at] & ~(1U << field.bit);
-  bytes[field.at] = static_cast<std::uint8_t>(others | unsigned{value} << field.bit);
+  bytes[field.at] = static_cast<std::uint8_t>(others | (value ? 1U : 0U) << field.bit);
 }
 /// The bytes that a layout has there, to be filled.
 template <std::size_t count>
