@@ -34,6 +34,6 @@ export class LiveEdge {
     const reserve = Math.min(...this.#left);
     this.#hurried = reserve > (this.#hurried ? RELAXED : EAGER);
     if (!this.#hurried) return 1;
-    return Math.min(FASTEST, 1 + reserve / 2 + 0.02);
+    return Math.min(FASTEST, 1.03 + reserve);
   }
 }
