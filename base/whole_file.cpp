@@ -98,7 +98,9 @@ class FreshFile {
   [[nodiscard]] bool sync() const noexcept { return fsync(fd_.get()) == 0; }
   [[nodiscard]] bool take_its_place() noexcept {
     in_place_ = std::rename(path_.data(), file_.data()) == 0;
-    if (in_place_) sync_folder_of(file_);
+    // On FAT, where the content begins stands in the folder's entry, which after a rename is
+    // brought there with the file: the folder alone would lead to what was freed.
+    if (in_place_ && fsync(fd_.get()) == 0) sync_folder_of(file_);
     return in_place_;
   }
 

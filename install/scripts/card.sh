@@ -50,5 +50,6 @@ replace() (
   if [ -e "$target" ]; then chmod --reference="$target" "$fresh" || true; fi
   # A rename that reached the card before the data would leave an empty file.
   sync "$fresh" && mv -T "$fresh" "$target" || exit 1
-  sync "${target%/*}" || true
+  # On FAT, the folder's entry leads to the new data only when the file is brought there again.
+  sync "$target" "${target%/*}" || true
 ) 2>/dev/null
