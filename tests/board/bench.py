@@ -1,0 +1,100 @@
+"""What the tests of whole boards do again and again: install, wait, look, save."""
+
+import json
+import pathlib
+import subprocess
+
+import nimbus
+from card import Card
+from machine import BOARD, HOSTS, TIME_SCALE, make_tap, wait_until
+
+__all__ = ["Card", "TIME_SCALE"]  # for the tests
+
+NAME = "tervado-nimbus.conf"
+# What the installation may leave beside it: a new content on its way, and the last good copy.
+BESIDE = {f"{name}{end}" for name in (NAME, NAME + ".good", "config.txt") for end in ("", ".new")}
+CARD_FILES = [("config.txt", b"# firmware\r\n[all]\r\ngpu_mem=128\r\n")]
+DEFAULTS = (pathlib.Path(__file__).resolve().parents[2] / "install" / NAME).read_bytes()
+
+
+def with_bitrate(rate):
+    """The file of defaults with another bit rate."""
+    return DEFAULTS.replace(b"video_bitrate=2000000", f"video_bitrate={rate}".encode())
+
+
+OLD, NEW = with_bitrate(1111), with_bitrate(2222)
+
+
+def setting(name, value):
+    return json.dumps({"cmd": "updateparam", "name": name, "value": str(value)})
+
+
+class BoardViewer(nimbus.Viewer):
+    """A viewer in the sandbox, of a service on the board."""
+
+    def __init__(self, host=0, port=0):
+        make_tap()
+        super().__init__(HOSTS[host], port)
+
+    def send_raw(self, data, port=nimbus.VIEWER_PORT):
+        self.socket.sendto(data, (BOARD, port))
+
+    def settings(self):
+        """The configuration report."""
+        start = len(self.frames)
+        self.command('{"cmd":"configrequest"}')
+        return json.loads(self.wait(lambda frame: frame.payload[:1] == b"{", 60, "a report",
+                                    start).payload)
+
+    def join(self):
+        """Registers until the service answers."""
+        start = len(self.frames)
+
+        def heard():
+            self.register()
+            return any(frame.payload[:1] == b"\x0b" for frame in self.frames[start:])
+
+        wait_until(heard, 60, "the service's status")
+        return self
+
+
+def older_package(package, folder, work):
+    """The same package under a lower version."""
+    root = work / "older"
+    subprocess.run(["dpkg-deb", "-R", package, root], check=True)
+    control = root / "DEBIAN" / "control"
+    lines = control.read_text().splitlines(keepends=True)
+    control.write_text("".join("Version: 0.0.1\n" if line.startswith("Version:") else line
+                               for line in lines))
+    folder.mkdir()
+    subprocess.run(["dpkg-deb", "-b", "--root-owner-group", root, folder], check=True,
+                   capture_output=True)
+
+
+LUGGAGE = "mkdir -p /mnt/luggage; mountpoint -q /mnt/luggage || " \
+          "mount -o ro /dev/disk/by-id/virtio-luggage /mnt/luggage"
+APT = "DEBIAN_FRONTEND=noninteractive apt-get -qq -y"
+
+
+def install(machine, what="/mnt/luggage/nimbus*.deb"):
+    machine.wait("systemctl is-active multi-user.target", 200)
+    machine.run(f"{LUGGAGE}; mkdir -p /var/lib/board; cp /mnt/luggage/video.h264 /var/lib/board/")
+    return machine.run(f"{APT} install {what}", 300)
+
+
+def wait_service(machine, seconds=120):
+    """Waits until systemd has heard from the service that it is ready."""
+    machine.wait("systemctl is-active nimbus.service", seconds, "the service's READY")
+
+
+def service_pid(machine):
+    return int(machine.run("systemctl show -p MainPID --value nimbus.service"))
+
+
+def journal(machine, since="", unit="nimbus"):
+    return machine.run(f"journalctl -o cat -b -u {unit} {since}")
+
+
+def file_on_card(machine):
+    """What the settings' file holds, by whatever way the service sees it."""
+    return machine.run(f"cat /boot/{NAME}").encode()
