@@ -5,6 +5,7 @@ import pathlib
 import re
 import signal
 import subprocess
+import urllib.request
 
 import pytest
 
@@ -40,9 +41,9 @@ def live(build):
     if nimbus.EMULATOR:
         pytest.skip("the tools are of another processor")
 
-    def start(*options):
+    def start(*options, prefix=()):
         return subprocess.Popen(
-            [ROOT / "tools" / "sandbox" / "enter", ROOT / "tools" / "live", *options], text=True,
+            [*prefix, ROOT / "tools" / "sandbox" / "enter", ROOT / "tools" / "live", *options], text=True,
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
             start_new_session=True, env={**os.environ, "NIMBUS_BUILD": str(build)})
 
@@ -67,7 +68,7 @@ def test_tour(live):
 def test_interrupted(live):
     """Ctrl-C ends all of it at once, the viewer with its figures. What is left behind would be
     noticed: the first process of a sandbox takes all others with it."""
-    run = live()
+    run = live("--text")
     for line in run.stdout:
         if "camera settings" in line:
             break
@@ -77,7 +78,7 @@ def test_interrupted(live):
 
 
 @pytest.mark.parametrize("options, problem", [
-    (["--sideways"], "no option '--sideways'; expected --shell, --seconds N or nothing"),
+    (["--sideways"], "no option '--sideways'; expected --text, --shell, --seconds N or nothing"),
     (["--seconds", "soon"], "'soon' is no time; expected --seconds and a number"),
     (["--seconds"], "'' is no time; expected --seconds and a number"),
 ])
@@ -85,6 +86,33 @@ def test_bad_options(live, options, problem):
     run = live(*options)
     output, _ = run.communicate(timeout=nimbus.limit(10))
     assert (run.returncode, output) == (2, f"live: {problem}\n")
+
+
+def test_browsers(live):
+    """`./dev run` names the page, which the sandbox serves on a socket from outside."""
+    listen = ROOT / "tools" / "listen"
+    run = live(prefix=[listen, "127.0.0.1:0"])
+    url = None
+    for line in run.stdout:
+        if line.startswith("open "):
+            url = line.removeprefix("open ").strip()
+            break
+    assert re.fullmatch(r"http://localhost:\d+/", url or "")
+    with urllib.request.urlopen(url.replace("localhost", "127.0.0.1"), timeout=nimbus.limit(5)) as page:
+        assert b"<title>" in page.read()
+    os.killpg(run.pid, signal.SIGINT)
+    run.communicate(timeout=nimbus.limit(5))
+    assert run.returncode == 0
+
+
+@pytest.mark.parametrize("where, problem", [
+    ("somewhere", "cannot listen on 'somewhere'; expected ADDRESS:PORT such as 0.0.0.0:8080"),
+    ("127.0.0.1:soon", "cannot listen on '127.0.0.1:soon'; expected ADDRESS:PORT such as 0.0.0.0:8080"),
+])
+def test_bad_listening(where, problem):
+    run = subprocess.run([ROOT / "tools" / "listen", where, "true"], capture_output=True, text=True,
+                         check=False)
+    assert (run.returncode, run.stderr) == (1, f"listen: {problem}\n")
 
 
 def test_links():
