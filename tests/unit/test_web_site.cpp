@@ -1,0 +1,321 @@
+// Paths, hosts, origins, passwords, log-ins.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "tools/common/failure.h"
+#include "tools/web/site.h"
+
+namespace nimbus::web {
+namespace {
+
+using std::chrono::seconds;
+
+struct Console {
+  Guests guests;
+  Hub hub{"board:4242",
+          {[](std::string_view) { return true; },
+           [](const std::array<std::int16_t, 3>&) { return true; }}};
+  ConsoleSite site{hub, guests, {.names = {"camera.local"}}};
+
+  Console() { hub.each_second(true, Clock::now()); }
+
+  Response get(const std::string& target, Request request = {}) {
+    request.method = "GET";
+    request.target = target;
+    if (request.host.empty()) request.host = "10.0.0.1:8080";
+    return site.answer(request).response;
+  }
+  Response post(const std::string& target, const std::string& body, Request request = {}) {
+    request.method = "POST";
+    request.target = target;
+    request.body = body;
+    if (request.host.empty()) request.host = "10.0.0.1:8080";
+    return site.answer(request).response;
+  }
+  bool opens(const std::string& target, Request request) {
+    request.method = "GET";
+    request.target = target;
+    request.upgrade = true;
+    return site.answer(request).peer != nullptr;
+  }
+};
+
+std::string header(const Response& response, const std::string& name) {
+  for (const auto& [one, value] : response.headers) {
+    if (one == name) return value;
+  }
+  return {};
+}
+
+TEST(WebSite, Paths) {
+  Console console;
+  EXPECT_EQ(console.get("/").status, 200U);
+  EXPECT_NE(console.get("/").content().find("<title>"), std::string::npos);
+  EXPECT_EQ(console.get("/page/main.js").type, "text/javascript; charset=utf-8");
+  EXPECT_EQ(console.get("/favicon.svg").type, "image/svg+xml");
+  EXPECT_EQ(console.get("/healthz").content(), "ok\n");
+  EXPECT_EQ(console.get("/api/state").type, "application/json");
+  EXPECT_EQ(console.get("/api/commands").status, 200U);
+  EXPECT_EQ(console.get("/ws/video").status, 426U);
+  for (const char* const path : {"/nosuch", "/page/", "/page/../main.cpp", "/etc/passwd", "/page",
+                                 "/page/%2e%2e/x", "//", "/api/", "*", ""}) {
+    EXPECT_EQ(console.get(path).status, 404U) << path;
+  }
+  EXPECT_EQ(console.post("/", "").status, 404U);
+  Request request;
+  request.method = "DELETE";
+  request.target = "/";
+  request.host = "localhost";
+  EXPECT_EQ(console.site.answer(request).response.status, 405U);
+}
+
+TEST(WebSite, AFileThatIsKnownIsNotSentAgain) {
+  Console console;
+  Request request;
+  request.known_tag = header(console.get("/page/main.js"), "ETag");
+  EXPECT_EQ(console.get("/page/main.js", request).status, 304U);
+}
+
+TEST(WebSite, NamesOfOthersAreNotServed) {
+  Console console;
+  struct Row {
+    const char* host;
+    unsigned status;
+  };
+  for (const Row& row : {
+           // clang-format off
+           Row{"192.168.1.5:8080", 200}, {"127.0.0.1", 200}, {"[::1]:8080", 200}, {"localhost:8080", 200},
+           {"LOCALHOST", 200}, {"camera.local:8080", 200}, {"Camera.Local", 200},
+           {"evil.example", 421}, {"evil.example:8080", 421}, {"192.168.1.5.evil.example", 421},
+           {"localhost.evil.example", 421}, {"[::1", 421}, {":8080", 421}, {"camera.local.", 421},
+           // clang-format on
+       }) {
+    Request request;
+    request.host = row.host;
+    EXPECT_EQ(console.get("/", request).status, row.status) << row.host;
+  }
+  Request none;
+  none.method = "GET";
+  none.target = "/";
+  EXPECT_EQ(console.site.answer(none).response.status, 421U);
+}
+
+TEST(WebSite, PagesOfOthersOpenAndPostNothing) {
+  Console console;
+  Request request;
+  request.host = "10.0.0.1:8080";
+  EXPECT_TRUE(console.opens("/ws/control", request));
+  for (const char* const origin :
+       {"http://evil.example", "null", "http://10.0.0.1", "https://10.0.0.1:8080",
+        "http://10.0.0.1:80801", "http://10.0.0.1:8080.evil.example"}) {
+    request.origin = origin;
+    EXPECT_FALSE(console.opens("/ws/control", request)) << origin;
+    EXPECT_FALSE(console.opens("/ws/video", request)) << origin;
+    EXPECT_EQ(console.post("/api/command", R"({"words":["shot"]})", request).status, 403U);
+  }
+  request.origin = "http://10.0.0.1:8080";
+  EXPECT_TRUE(console.opens("/ws/control", request));
+  EXPECT_TRUE(console.opens("/ws/video?form=raw", request));
+  EXPECT_FALSE(console.opens("/ws/video?form=other", request));
+  EXPECT_FALSE(console.opens("/ws/nosuch", request));
+  EXPECT_EQ(console.post("/api/command", R"({"words":["shot"]})", request).status, 200U);
+  request.secure = true;
+  EXPECT_FALSE(console.opens("/ws/control", request));
+}
+
+TEST(WebSite, NothingForOtherSites) {
+  Console console;
+  const Response page = console.get("/");
+  EXPECT_NE(header(page, "Content-Security-Policy").find("default-src 'self'"), std::string::npos);
+  EXPECT_EQ(header(page, "X-Content-Type-Options"), "nosniff");
+  EXPECT_EQ(header(page, "X-Frame-Options"), "DENY");
+  for (const auto& [name, value] : console.get("/api/state").headers) {
+    EXPECT_NE(name.substr(0, 29), "Access-Control-Allow-Origin");
+  }
+}
+
+TEST(WebSite, Programs) {
+  Console console;
+  EXPECT_EQ(console.post("/api/command", R"({"words":["iso","400"]})").content(),
+            "{\"ok\":true,\"text\":\"taken\"}\n");
+  const Response refused = console.post("/api/command", R"({"words":["iso","fast"]})");
+  EXPECT_EQ(refused.status, 400U);
+  EXPECT_NE(refused.content().find("ISO cannot be 'fast'"), std::string::npos);
+  EXPECT_EQ(console.post("/api/command", "iso").status, 400U);
+  const std::string metrics(console.get("/metrics").content());
+  EXPECT_NE(metrics.find("\nnimbus_service_up 1\n"), std::string::npos);
+}
+
+// --- Passwords ---------------------------------------------------------------------------------
+
+struct Guarded : Console {
+  Guarded() {
+    Passwords passwords;
+    passwords.set(Role::operates, hash_of("boat"));
+    passwords.set(Role::viewer, hash_of("shore"));
+    site.use(passwords);
+  }
+  /// The cookie of a log-in; empty when there is none.
+  std::string log_in(const std::string& password, const std::string& address = "10.0.0.9") {
+    Request request;
+    request.address = address;
+    const std::string cookie =
+        header(post("/login", "password=" + password, request), "Set-Cookie");
+    return cookie.substr(0, cookie.find(';'));
+  }
+};
+
+TEST(WebPasswords, NothingWithoutOne) {
+  Guarded console;
+  EXPECT_EQ(console.get("/").status, 303U);
+  EXPECT_EQ(console.get("/page/main.js").status, 303U);
+  EXPECT_EQ(header(console.get("/"), "Location"), "/login");
+  EXPECT_EQ(console.get("/login").status, 200U);
+  EXPECT_EQ(console.get("/healthz").status, 200U);
+  for (const char* const path : {"/api/state", "/api/commands", "/metrics"}) {
+    EXPECT_EQ(console.get(path).status, 401U) << path;
+  }
+  EXPECT_EQ(console.post("/api/command", R"({"words":["shot"]})").status, 401U);
+  Request request;
+  request.host = "10.0.0.1:8080";
+  EXPECT_FALSE(console.opens("/ws/control", request));
+  EXPECT_FALSE(console.opens("/ws/video", request));
+}
+
+TEST(WebPasswords, TheOperatorsAndTheViewers) {
+  Guarded console;
+  Request request;
+  request.host = "10.0.0.1:8080";
+  request.cookie = console.log_in("boat");
+  EXPECT_EQ(console.get("/", request).status, 200U);
+  EXPECT_EQ(console.post("/api/command", R"({"words":["shot"]})", request).status, 200U);
+  EXPECT_TRUE(console.opens("/ws/control", request));
+
+  request.cookie = console.log_in("shore");
+  EXPECT_EQ(console.get("/", request).status, 200U);
+  EXPECT_EQ(console.post("/api/command", R"({"words":["shot"]})", request).status, 403U);
+  EXPECT_EQ(console.log_in("wave"), "");
+}
+
+TEST(WebPasswords, CookiesAreForThisPageOnly) {
+  Guarded console;
+  Request request;
+  request.address = "10.0.0.9";
+  std::string cookie = header(console.post("/login", "password=boat", request), "Set-Cookie");
+  EXPECT_NE(cookie.find("; HttpOnly; SameSite=Strict"), std::string::npos);
+  EXPECT_EQ(cookie.find("Secure"), std::string::npos);
+  request.secure = true;
+  cookie = header(console.post("/login", "password=boat", request), "Set-Cookie");
+  EXPECT_NE(cookie.find("; Secure"), std::string::npos);
+}
+
+TEST(WebPasswords, AlteredAndReplayedCookiesAreNothing) {
+  Guarded console;
+  Request request;
+  request.host = "10.0.0.1:8080";
+  const std::string cookie = console.log_in("boat");
+  for (std::size_t at = 7; at < cookie.size(); ++at) {
+    request.cookie = cookie;
+    request.cookie[at] = request.cookie[at] == 'a' ? 'b' : 'a';
+    EXPECT_EQ(console.get("/api/state", request).status, 401U);
+  }
+  for (const char* const wrong : {"nimbus=", "nimbus", "nimbus=0", "other=1", ";;;=", ""}) {
+    request.cookie = wrong;
+    EXPECT_EQ(console.get("/api/state", request).status, 401U) << wrong;
+  }
+  request.cookie = "a=b; " + cookie + "; c=d";
+  EXPECT_EQ(console.get("/api/state", request).status, 200U);
+  console.post("/logout", "", request);
+  EXPECT_EQ(console.get("/api/state", request).status, 401U);
+}
+
+TEST(WebPasswords, GuessingIsSlow) {
+  Guarded console;
+  Request request;
+  request.address = "10.0.0.66";
+  for (std::size_t i = 0; i < Tries::kMostOfOne; ++i) {
+    EXPECT_EQ(console.post("/login", "password=guess", request).status, 403U);
+  }
+  const Response late = console.post("/login", "password=boat", request);
+  EXPECT_EQ(late.status, 429U);
+  EXPECT_EQ(header(late, "Set-Cookie"), "");
+  EXPECT_NE(console.log_in("boat", "10.0.0.9"), "");
+}
+
+TEST(WebPasswords, TriesAreForgottenAfterAMinute) {
+  Tries tries;
+  const Time start = Time{} + seconds(100);
+  for (std::size_t i = 0; i < Tries::kMostOfOne; ++i) EXPECT_TRUE(tries.allowed("a", start));
+  EXPECT_FALSE(tries.allowed("a", start + seconds(59)));
+  EXPECT_TRUE(tries.allowed("a", start + seconds(60)));
+  Tries all;
+  for (std::size_t i = 0; i < Tries::kMostOfAll; ++i) {
+    EXPECT_TRUE(all.allowed(std::to_string(i), start));
+  }
+  EXPECT_FALSE(all.allowed("another", start));
+}
+
+TEST(WebPasswords, LogInsRestAndEnd) {
+  Sessions sessions;
+  const Time start = Time{} + seconds(100);
+  const std::string word = sessions.begin(Role::viewer, start);
+  EXPECT_EQ(word.size(), 32U);
+  EXPECT_EQ(sessions.role_of(word, start + std::chrono::hours(11)), Role::viewer);
+  EXPECT_EQ(sessions.role_of(word, start + std::chrono::hours(22)), Role::viewer);
+  EXPECT_FALSE(sessions.role_of(word, start + std::chrono::hours(35)));
+  std::string first = sessions.begin(Role::operates, start);
+  for (std::size_t i = 0; i < Sessions::kMost; ++i) {
+    EXPECT_NE(sessions.begin(Role::operates, start + seconds(1)), first);
+  }
+  EXPECT_FALSE(sessions.role_of(first, start + seconds(2)));
+}
+
+TEST(WebPasswords, TheirFileIsForItsOwnerOnly) {
+  const std::string path = testing::TempDir() + "/passwords";
+  std::filesystem::remove(path);
+  EXPECT_FALSE(Passwords::read(path).any());
+  Passwords passwords;
+  passwords.set(Role::operates, hash_of("boat"));
+  passwords.write(path);
+  struct stat status {};
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);
+  EXPECT_EQ(Passwords::read(path).role_of("boat"), Role::operates);
+  EXPECT_FALSE(Passwords::read(path).role_of("Boat"));
+  EXPECT_FALSE(Passwords::read(path).role_of(""));
+  ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+  EXPECT_THROW(static_cast<void>(Passwords::read(path)), tools::Failure);
+  ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+  std::ofstream(path) << "captain x\n";
+  EXPECT_THROW(static_cast<void>(Passwords::read(path)), tools::Failure);
+  std::filesystem::remove(path);
+}
+
+TEST(WebPasswords, Forms) {
+  EXPECT_EQ(form_value("a=1&password=x%26y+z%2B", "password"), "x&y z+");
+  EXPECT_EQ(form_value("password=%", "password"), "%");
+  EXPECT_EQ(form_value("password=%zz", "password"), "%zz");
+  EXPECT_EQ(form_value("passwords=1", "password"), "");
+  EXPECT_EQ(form_value("", "password"), "");
+}
+
+TEST(WebGuests, PlacesAreLimited) {
+  Guests guests;
+  for (std::size_t i = 0; i < Guests::kMostOfOne; ++i) EXPECT_TRUE(guests.enter("a"));
+  EXPECT_FALSE(guests.enter("a"));
+  guests.leave("a");
+  EXPECT_TRUE(guests.enter("a"));
+  for (std::size_t i = guests.count(); i < Guests::kMost; ++i) {
+    EXPECT_TRUE(guests.enter("b" + std::to_string(i)));
+  }
+  EXPECT_FALSE(guests.enter("c"));
+  guests.leave("nobody");
+  EXPECT_EQ(guests.count(), Guests::kMost);
+}
+
+}  // namespace
+}  // namespace nimbus::web

@@ -1,0 +1,288 @@
+// Bits, units, parameter sets, fragments.
+#include <gtest/gtest.h>
+
+#include <array>
+
+#include "tests/unit/web_streams.h"
+#include "tools/web/annex_b.h"
+#include "tools/web/bits.h"
+#include "tools/web/codec.h"
+#include "tools/web/h264.h"
+#include "tools/web/h265.h"
+#include "tools/web/mp4.h"
+
+namespace nimbus::web {
+namespace {
+
+// --- Bits --------------------------------------------------------------------------------------
+
+TEST(WebBits, CodesAreReadAsTheyAreWritten) {
+  BitWriter out;
+  constexpr std::array<std::uint32_t, 9> kNumbers{0, 1, 2, 3, 7, 8, 255, 65'535, 2'000'000'000};
+  for (const std::uint32_t number : kNumbers) out.ue(number);
+  out.bits(5, 3);
+  const Buffer bytes = out.finish();
+  BitReader in(bytes);
+  for (const std::uint32_t number : kNumbers) EXPECT_EQ(in.ue(), number);
+  EXPECT_EQ(in.bits(3), 5U);
+  EXPECT_TRUE(in.ok());
+}
+
+TEST(WebBits, SignedCodes) {
+  BitWriter out;
+  for (std::uint32_t code = 0; code < 7; ++code) out.ue(code);
+  const Buffer bytes = out.finish();
+  BitReader in(bytes);
+  for (const std::int32_t number : {0, 1, -1, 2, -2, 3, -3}) EXPECT_EQ(in.se(), number);
+}
+
+TEST(WebBits, TheEndIsSeen) {
+  const Buffer bytes{0x80};
+  BitReader in(bytes);
+  EXPECT_EQ(in.bits(8), 0x80U);
+  EXPECT_TRUE(in.ok());
+  EXPECT_EQ(in.bits(1), 0U);
+  EXPECT_FALSE(in.ok());
+  const Buffer zeros(20);
+  BitReader endless(zeros);
+  EXPECT_EQ(endless.ue(), 0U);
+  EXPECT_FALSE(endless.ok());
+}
+
+TEST(WebBits, StartCodesAreKeptOut) {
+  const Buffer content{1, 0, 0, 0, 0, 0, 1, 0, 0, 3, 0, 0, 4};
+  const Buffer unit = escaped(content);
+  EXPECT_EQ(find_start_code(unit, 0), unit.size());
+  EXPECT_EQ(unescaped(unit), content);
+}
+
+TEST(WebAnnexB, UnitsAreFound) {
+  const Buffer stream{9, 0, 0, 0, 1, 0x67, 1, 0, 0, 1, 0x68, 2, 0, 0, 0, 0, 1, 0x65};
+  const auto units = units_of(stream);
+  ASSERT_EQ(units.size(), 3U);
+  EXPECT_EQ(Buffer(units[0].begin(), units[0].end()), (Buffer{0x67, 1}));
+  EXPECT_EQ(Buffer(units[1].begin(), units[1].end()), (Buffer{0x68, 2}));
+  EXPECT_EQ(Buffer(units[2].begin(), units[2].end()), (Buffer{0x65}));
+  EXPECT_TRUE(units_of(Buffer{0, 0, 1}).empty());
+  EXPECT_TRUE(units_of(Buffer{}).empty());
+  EXPECT_TRUE(units_of(Buffer{0, 0}).empty());
+}
+
+// --- Parameter sets ----------------------------------------------------------------------------
+
+/// One such as encoders in hardware write: no usage information, cropped.
+Buffer hardware_sps(std::uint8_t profile = 100) {
+  BitWriter out;
+  out.bits(0x67, 8);
+  out.bits(profile, 8);
+  out.bits(0, 8);
+  out.bits(40, 8);
+  out.ue(0);  // id
+  if (profile == 100) {
+    out.ue(1);
+    out.ue(0);
+    out.ue(0);
+    out.bits(0, 2);
+  }
+  out.ue(4);  // frame numbers of 8 bits
+  out.ue(0);  // order type
+  out.ue(5);
+  out.ue(3);  // references
+  out.flag(false);
+  out.ue(119);
+  out.ue(67);
+  out.flag(true);
+  out.flag(true);
+  out.flag(true);  // cropped by 8 rows
+  for (const std::uint32_t side : {0, 0, 0, 4}) out.ue(side);
+  out.flag(false);
+  return escaped(out.finish());
+}
+
+TEST(WebH264, AParameterSetOfAnEncoderInHardware) {
+  for (const std::uint8_t profile : {std::uint8_t{66}, std::uint8_t{77}, std::uint8_t{100}}) {
+    const Buffer unit = hardware_sps(profile);
+    const auto sps = h264::parse_sps(unit);
+    ASSERT_TRUE(sps);
+    EXPECT_EQ(sps->width, 1920U);
+    EXPECT_EQ(sps->height, 1080U);
+    EXPECT_EQ(sps->frame_number_bits, 8U);
+    EXPECT_EQ(sps->reference_frames, 3U);
+    EXPECT_FALSE(sps->has_vui);
+    EXPECT_FALSE(sps->reordered);
+  }
+  EXPECT_EQ(h264::codec_of(*h264::parse_sps(hardware_sps())), "avc1.640028");
+}
+
+/// Bit by bit: what stood before stays, and the restriction follows.
+TEST(WebH264, ASetThatDoesNotSaySoLearnsThatNothingIsReordered) {
+  const Buffer unit = hardware_sps();
+  const auto before = *h264::parse_sps(unit);
+  const Buffer changed = h264::without_reordering(unit, before);
+  const auto after = h264::parse_sps(changed);
+  ASSERT_TRUE(after);
+  EXPECT_EQ(after->reordered, 0U);
+  EXPECT_EQ(after->width, before.width);
+  EXPECT_EQ(after->height, before.height);
+  EXPECT_EQ(after->vui_at, before.vui_at);
+  const Buffer old_bits = unescaped(unit);
+  const Buffer new_bits = unescaped(changed);
+  BitReader old_one(old_bits);
+  BitReader new_one(new_bits);
+  for (std::size_t i = 0; i < before.vui_at; ++i) EXPECT_EQ(old_one.bits(1), new_one.bits(1)) << i;
+  EXPECT_TRUE(new_one.flag());     // usage information
+  EXPECT_EQ(new_one.bits(8), 0U);  // nothing but
+  EXPECT_TRUE(new_one.flag());     // restrictions
+  EXPECT_TRUE(new_one.flag());     // vectors over the edge
+  EXPECT_EQ(new_one.ue(), 0U);
+  EXPECT_EQ(new_one.ue(), 0U);
+  EXPECT_EQ(new_one.ue(), 15U);
+  EXPECT_EQ(new_one.ue(), 15U);
+  EXPECT_EQ(new_one.ue(), 0U);  // reordered
+  EXPECT_EQ(new_one.ue(), 3U);  // as many as are referred to
+  EXPECT_TRUE(new_one.flag());  // the end
+  EXPECT_TRUE(new_one.ok());
+}
+
+TEST(WebH264, ASetThatSaysSoStays) {
+  const auto unit = units_of(recorded("zerolatency.h264"))[0];
+  const auto sps = h264::parse_sps(unit);
+  ASSERT_TRUE(sps);
+  EXPECT_EQ(sps->reordered, 0U);
+  EXPECT_EQ(h264::without_reordering(unit, *sps), Buffer(unit.begin(), unit.end()));
+}
+
+TEST(WebH264, RecordedSets) {
+  struct Row {
+    const char* name;
+    std::uint32_t reordered;
+    const char* codec;
+  };
+  for (const Row& row : {Row{"zerolatency.h264", 0, "avc1.42c00a"},
+                         {"slices.h264", 0, "avc1.4d400a"},
+                         {"b_pictures.h264", 2, "avc1.64000a"}}) {
+    const Buffer stream = recorded(row.name);
+    for (const Bytes unit : units_of(stream)) {
+      if (h264::unit_of(unit) != h264::Unit::sps) continue;
+      const auto sps = h264::parse_sps(unit);
+      ASSERT_TRUE(sps) << row.name;
+      EXPECT_EQ(sps->width, 64U);
+      EXPECT_EQ(sps->height, 48U);
+      EXPECT_EQ(sps->reordered, row.reordered) << row.name;
+      EXPECT_EQ(h264::codec_of(*sps), row.codec);
+    }
+  }
+}
+
+/// Where there are B pictures the set stays as it is, from the next key picture on.
+TEST(WebH264, BPicturesAreLeftInOrder) {
+  const auto codec = make_h264();
+  const auto pictures = access_units(recorded("b_pictures.h264"), Coding::h264);
+  Buffer sets;
+  for (int round = 0; round < 2; ++round) {
+    for (const Buffer& picture : pictures) {
+      if (codec->look(picture).key) sets = codec->parameter_sets();
+    }
+  }
+  bool any = false;
+  for (const Bytes unit : units_of(sets)) {
+    if (h264::unit_of(unit) != h264::Unit::sps) continue;
+    any = true;
+    EXPECT_EQ(h264::parse_sps(unit)->reordered, 2U);
+  }
+  EXPECT_TRUE(any);
+}
+
+/// Every cut of a set is refused or read, never followed beyond its end.
+TEST(WebH264, CutSetsAreNoSets) {
+  const Buffer unit = hardware_sps();
+  for (std::size_t size = 0; size + 1 < unit.size(); ++size) {
+    EXPECT_FALSE(h264::parse_sps(Bytes(unit).first(size))) << size;
+  }
+  Buffer sps(64, 0xFF);
+  sps[0] = 0x67;
+  EXPECT_FALSE(h264::parse_sps(sps));
+}
+
+TEST(WebH264, RecoveryPoints) {
+  EXPECT_TRUE(h264::has_recovery_point(Buffer{6, 6, 1, 0xC4, 0x80}));
+  EXPECT_TRUE(h264::has_recovery_point(Buffer{6, 5, 2, 1, 1, 6, 1, 0xC4, 0x80}));
+  EXPECT_FALSE(h264::has_recovery_point(Buffer{6, 5, 2, 1, 1, 0x80}));
+  EXPECT_FALSE(h264::has_recovery_point(Buffer{6, 255, 255}));
+  EXPECT_FALSE(h264::has_recovery_point(Buffer{6}));
+}
+
+TEST(WebH265, RecordedSets) {
+  for (const Bytes unit : units_of(recorded("hevc.h265"))) {
+    if (h265::unit_of(unit) != h265::Unit::sps) continue;
+    const auto sps = h265::parse_sps(unit);
+    ASSERT_TRUE(sps);
+    EXPECT_EQ(sps->width, 64U);
+    EXPECT_EQ(sps->height, 48U);
+    EXPECT_EQ(sps->luma_depth, 8U);
+    EXPECT_EQ(h265::codec_of(*sps), "hvc1.1.6.L30.90");
+    for (std::size_t size = 0; size < 20; ++size) EXPECT_FALSE(h265::parse_sps(unit.first(size)));
+    return;
+  }
+  FAIL() << "no set";
+}
+
+TEST(WebCodec, KeyPicturesAndOthers) {
+  const auto codec = make_h264();
+  int at = 0;
+  for (const Buffer& picture : access_units(recorded("slices.h264"), Coding::h264)) {
+    const Look look = codec->look(picture);
+    EXPECT_TRUE(look.picture);
+    EXPECT_EQ(look.key, at % 5 == 0) << at;
+    EXPECT_EQ(look.follows, at % 5 != 0) << at;
+    // Delimiters are left out; every unit is behind a start code of four bytes.
+    for (const Bytes unit : units_of(look.units)) {
+      EXPECT_NE(h264::unit_of(unit), h264::Unit::delimiter);
+    }
+    ++at;
+  }
+}
+
+// --- Fragments ---------------------------------------------------------------------------------
+
+std::uint32_t number_at(const Buffer& bytes, std::size_t at) {
+  return std::uint32_t{bytes[at]} << 24U | std::uint32_t{bytes[at + 1]} << 16U |
+         std::uint32_t{bytes[at + 2]} << 8U | bytes[at + 3];
+}
+
+/// Boxes follow each other to the very end.
+void expect_boxes(const Buffer& bytes, const std::vector<std::string>& types) {
+  std::size_t at = 0;
+  for (const std::string& type : types) {
+    ASSERT_LE(at + 8, bytes.size());
+    EXPECT_EQ(std::string(bytes.begin() + static_cast<std::ptrdiff_t>(at) + 4,
+                          bytes.begin() + static_cast<std::ptrdiff_t>(at) + 8),
+              type);
+    at += number_at(bytes, at);
+  }
+  EXPECT_EQ(at, bytes.size());
+}
+
+TEST(WebMp4, BoxesAreWhole) {
+  expect_boxes(mp4::initialisation({"avc1", "avcC", {1, 2, 3}, 640, 360}), {"ftyp", "moov"});
+  Buffer fragment;
+  mp4::append_fragment_head(fragment, 1, {1'000'000'000'000, 40'000}, true, 5);
+  EXPECT_EQ(number_at(fragment, fragment.size() - 8), 8U + 5U);
+  fragment.resize(fragment.size() + 5);
+  expect_boxes(fragment, {"moof", "mdat"});
+  // Where the data is, from the start of the fragment.
+  EXPECT_EQ(number_at(fragment, 8 + 16 + 8 + 16 + 20 + 16), fragment.size() - 5);
+}
+
+TEST(WebPicture, LengthsStandInPlaceOfStartCodes) {
+  auto picture = std::make_shared<Picture>();
+  append_unit(picture->units, Buffer{0x67, 1});
+  append_unit(picture->units, Buffer{0x65, 2, 3});
+  const SharedBytes bytes = Picture::body(picture, Form::fmp4);
+  EXPECT_EQ(*bytes, (Buffer{0, 0, 0, 2, 0x67, 1, 0, 0, 0, 3, 0x65, 2, 3}));
+  EXPECT_EQ(Picture::body(picture, Form::fmp4), bytes);  // made once
+  EXPECT_EQ(*Picture::body(picture, Form::raw), picture->units);
+}
+
+}  // namespace
+}  // namespace nimbus::web
