@@ -126,7 +126,7 @@ TEST(WebStream, SilenceEndsThePicturesOfAnIrregularBridge) {
 /// careful.
 TEST(WebStream, ATornPictureIsNotedAndTheNextKeyPictureMends) {
   Bridge bridge("zerolatency.h264");
-  bridge.send(30);
+  bridge.send(31);
   bridge.datagram = 150;  // all at once, smaller pieces: each looks like an end
   bridge.send(10);
   EXPECT_GE(bridge.stream.counts().torn, 1U);

@@ -199,7 +199,7 @@ TEST(WebH264, CutSetsAreNoSets) {
   for (std::size_t size = 0; size + 1 < unit.size(); ++size) {
     EXPECT_FALSE(h264::parse_sps(Bytes(unit).first(size))) << size;
   }
-  Buffer sps(64, 0xFF);
+  Buffer sps(64);
   sps[0] = 0x67;
   EXPECT_FALSE(h264::parse_sps(sps));
 }

@@ -41,8 +41,9 @@ void Assembler::take(Bytes datagram, bool gap, Time now, Units& units) {
   append(pending_, datagram);
   begins_at_.reset();
   scan(at, now, units);
-  if (!gap) learn(at, now);
-  ended_ = false;
+  const bool undecided = skips_ && pending_.size() <= kStartCode + kUnitHead;
+  if (!gap && !undecided) learn(at, now);
+  ended_ = ended_ && undecided;
   previous_size_ = datagram.size();
   last_ = now;
   if (skips_ || pending_.size() > kLongest) give_up();
@@ -160,13 +161,15 @@ void Assembler::learn(std::size_t datagram_at, Time now) {
   } else if (ended_) {
     note_torn(now);
   } else if (datagram_at != 0) {
-    if (previous_size_ < full_size_ || begins_at_) trust_ = std::min(trust_, 0);
+    if (previous_size_ < full_size_ || begins_at_) trust_ = kAfterMistake;
     full_size_ = previous_size_;
     note_pause(now);
   }
 }
 
 Clock::duration Assembler::patience() const {
+  // A full datagram is hardly ever the last one where shorter ones are.
+  if (trust_ >= kTrusted && previous_size_ == full_size_) return kMostPatience;
   return std::clamp<Clock::duration>(2 * longest_pause_, kLeastPatience, kMostPatience);
 }
 

@@ -1,6 +1,7 @@
 #include "tools/web/stream.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "tools/web/annex_b.h"
 
@@ -9,6 +10,10 @@ namespace {
 
 // Datagrams in which no parameter set has come, before a stream is called unknown.
 constexpr std::size_t kUndecided = 200;
+// Bytes of it that are kept, and of those that stay when it is too much: a parameter set is
+// shorter.
+constexpr std::size_t kMostUndecided = 8192;
+constexpr std::ptrdiff_t kOverlap = 256;
 constexpr std::chrono::seconds kSilence{1};
 
 // What is kept for browsers that join: one that has to catch up with more would not.
@@ -30,8 +35,8 @@ void Stream::video(Bytes datagram, std::uint32_t number, Time now) {
   ++counts_.datagrams;
   counts_.bytes += datagram.size();
   last_video_ = now;
-  detect(datagram);
-  if (codec_ != nullptr) assembler_.take(datagram, gap_, now, units_);
+  const Buffer kept = detect(datagram);
+  if (codec_ != nullptr) assembler_.take(kept.empty() ? datagram : kept, gap_, now, units_);
   gap_ = false;
   take_units();
 }
@@ -58,21 +63,31 @@ void Stream::interrupt() {
 
 // --- The kind of the stream --------------------------------------------------------------------
 
-void Stream::detect(Bytes datagram) {
+/// What has come of a stream of unknown kind is kept for a while: when the kind is known, it is
+/// taken.
+Buffer Stream::detect(Bytes datagram) {
   // A stream that plays is what it is.
-  if (codec_ != nullptr && !blocked_) return;
-  const Kind kind = kind_of(datagram);
-  if (kind != Kind::none) {
-    undecided_ = 0;
-    if (kind != kind_) decide(kind);
-  } else if (codec_ == nullptr && kind_ != Kind::unknown && ++undecided_ >= kUndecided) {
-    decide(Kind::unknown);
+  if (codec_ != nullptr && !blocked_) return {};
+  if (codec_ != nullptr) {
+    const Kind other = kind_of(datagram);
+    if (other != Kind::none && other != kind_) decide(other);
+    return {};
   }
+  append(undecided_, datagram);
+  const Kind kind = kind_of(datagram) == Kind::mpeg_ts ? Kind::mpeg_ts : kind_of(undecided_);
+  if (kind != Kind::none && kind != kind_) {
+    decide(kind);
+    return std::exchange(undecided_, {});
+  }
+  if (++undecided_datagrams_ >= kUndecided && kind_ == Kind::none) decide(Kind::unknown);
+  if (undecided_.size() > kMostUndecided)
+    undecided_.erase(undecided_.begin(), undecided_.end() - kOverlap);
+  return {};
 }
 
 void Stream::decide(Kind kind) {
   kind_ = kind;
-  undecided_ = 0;
+  undecided_datagrams_ = 0;
   codec_.reset();
   if (kind == Kind::h264) codec_ = make_h264();
   if (kind == Kind::h265) codec_ = make_h265();

@@ -64,7 +64,7 @@ class Stream {
   [[nodiscard]] const std::vector<SharedPicture>& group() const { return group_; }
 
  private:
-  void detect(Bytes datagram);
+  Buffer detect(Bytes datagram);
   void decide(Kind kind);
   void take_units();
   void take(const AccessUnit& unit);
@@ -84,7 +84,8 @@ class Stream {
 
   Kind kind_ = Kind::none;
   std::unique_ptr<Codec> codec_;
-  std::size_t undecided_ = 0;  // datagrams that have not told the kind
+  Buffer undecided_;  // what has come of a stream of unknown kind
+  std::size_t undecided_datagrams_ = 0;
   std::optional<Time> last_video_;
 
   SharedEpoch epoch_;
