@@ -81,6 +81,7 @@ class Server {
   void accept(Listener& listener);
   void welcome(tcp::socket socket);
   void watch_service();
+  void receive();
   void watch_deadline();
   void on_second();
   void on_tell();
@@ -252,10 +253,14 @@ void Server::look_after_guests(Time now) {
 void Server::watch_service() {
   service_.async_wait(asio::posix::stream_descriptor::wait_read, [this](error_code error) {
     if (error) return;
-    link_.receive([this](const ctl::Frame& frame, Time now) { hub_.take(frame, now); });
+    receive();
     watch_deadline();
     watch_service();
   });
+}
+
+void Server::receive() {
+  link_.receive([this](const ctl::Frame& frame, Time now) { hub_.take(frame, now); });
 }
 
 /// Waits for what the hub has to do next.
@@ -267,6 +272,8 @@ void Server::watch_deadline() {
   deadline_.async_wait([this](error_code error) {
     if (error) return;
     armed_.reset();
+    // What came while this process could not run has not been silent.
+    receive();
     hub_.pass_time(Clock::now());
     watch_deadline();
   });
