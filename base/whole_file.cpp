@@ -81,8 +81,7 @@ class FreshFile {
     unlink(path_.data());  // of a save that was cut short
     fd_ = UniqueFd(open(path_.data(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                         former == nullptr ? kModeOfNewFiles : kPrivateMode));
-    // A FAT partition has its modes from its mount, and may refuse.
-    if (fd_ && former != nullptr) fchmod(fd_.get(), former->st_mode);
+    if (fd_ && former != nullptr) take_over(*former);
   }
   FreshFile(const FreshFile&) = delete;
   FreshFile& operator=(const FreshFile&) = delete;
@@ -105,6 +104,12 @@ class FreshFile {
   }
 
  private:
+  /// A FAT partition has owners and modes from its mount, and may refuse.
+  void take_over(const struct stat& former) const noexcept {
+    [[maybe_unused]] const int given = fchown(fd_.get(), former.st_uid, former.st_gid);
+    fchmod(fd_.get(), former.st_mode);
+  }
+
   Path file_;
   Path path_;
   UniqueFd fd_;
@@ -159,7 +164,8 @@ bool keep_copy(const char* path, std::string_view suffix) noexcept {
 }
 
 bool file_holds(const char* path, std::string_view content) noexcept {
-  const UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+  // Without waiting: whatever may stand there, a pipe has nobody at its other end.
+  const UniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!fd) return false;
   Piece buffer;
   for (auto piece = next_piece(fd.get(), buffer); !piece.empty();

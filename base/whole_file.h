@@ -17,7 +17,8 @@ enum class Replaced : std::uint8_t {
 };
 
 /// Replaces the content of a file, or makes it. A link stays one: what it leads to is replaced. The
-/// file keeps its mode. Any thread; one at a time for each file.
+/// file keeps its mode, and its owner if this process may give files away. Any thread; one at a
+/// time for each file.
 [[nodiscard]] Replaced replace_file(const char* path, std::string_view content) noexcept;
 
 /// Replaces the file that is named like `path` with `suffix` behind it, where a link leads to, by a

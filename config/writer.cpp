@@ -83,7 +83,7 @@ bool keep_unread_settings() {
 /// False when the file cannot be opened. That there is no room for it is not noticed: there is
 /// nobody to tell, the former settings stay, and the next save tries again.
 bool write_card_file(std::string_view text) {
-  if (!keep_unread_settings()) return true;
+  if (!keep_unread_settings()) return access(CARD_FILE, W_OK) == 0;
   const Replaced replaced = replace_file(CARD_FILE, text);
   if (replaced != Replaced::whole) return replaced != Replaced::refused;
   saved_length = text.copy(saved.data(), saved.size());

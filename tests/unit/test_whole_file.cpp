@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -63,6 +64,19 @@ TEST_F(WholeFile, KeepsItsMode) {
     struct stat status {};
     ASSERT_EQ(stat(file_.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, mode);
+  }
+}
+
+TEST_F(WholeFile, KeepsItsOwner) {
+  write_file(file_, "one");
+  if (chown(file_.c_str(), 1000, 1001) != 0) GTEST_SKIP() << "only root can give files away";
+  EXPECT_TRUE(keep_copy(file_.c_str(), ".kept"));
+  EXPECT_EQ(replace("two"), Replaced::whole);
+  for (const std::string& name : {file_.string(), file_.string() + ".kept"}) {
+    struct stat status {};
+    ASSERT_EQ(stat(name.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 1000U) << name;
+    EXPECT_EQ(status.st_gid, 1001U) << name;
   }
 }
 
@@ -188,6 +202,11 @@ TEST_F(WholeFile, IsCompared) {
     EXPECT_FALSE(file_holds(file_.c_str(), "y"));
   }
   EXPECT_FALSE(file_holds(file_.c_str(), std::string(8999, 'x')));
+}
+
+TEST_F(WholeFile, APipeInItsPlaceIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+  EXPECT_FALSE(file_holds(file_.c_str(), "x"));
 }
 
 TEST_F(WholeFile, NoDescriptorIsLeft) {

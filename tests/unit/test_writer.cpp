@@ -359,6 +359,17 @@ TEST_F(UnreadCard, IsNotRewrittenWithoutTheCopy) {
   EXPECT_EQ(read_file(kWorkingCopy), "home");
 }
 
+/// What cannot be opened is refused, whether or not it would be kept.
+TEST_F(UnreadCard, IsRefusedWhenItIsReadOnly) {
+  ASSERT_EQ(std::system("/bin/mount -t tmpfs test /boot"), 0);
+  write_file(kCardFile, "home");
+  ASSERT_EQ(std::system("/bin/mount -o remount,ro /boot"), 0);
+  write_file(kWorkingCopy, "former");
+  EXPECT_EQ(config_save(), -1);
+  EXPECT_EQ(read_file(kWorkingCopy), "former");
+  ASSERT_EQ(std::system("/bin/umount /boot"), 0);
+}
+
 TEST_F(UnreadCard, AnEmptyFileIsNotKept) {
   write_file(kCardFile, "");
   EXPECT_EQ(config_save(), 0);
