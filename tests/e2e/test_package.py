@@ -22,6 +22,7 @@ HOME = "usr/lib/nimbus"
 DOCUMENTS = {"usr/share/doc/{}/changelog.Debian.gz": 0o644, "usr/share/doc/{}/copyright": 0o644}
 FILES = {
     SERVICE: {
+        "etc/avahi/services/nimbus.service": 0o644,
         "etc/nimbus/filter.nft": 0o644,
         "lib/systemd/system/nimbus.service": 0o644,
         "lib/systemd/system/nimbus-filter.service": 0o644,

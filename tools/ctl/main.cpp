@@ -19,6 +19,7 @@
 #include "tools/ctl/commands.h"
 #include "tools/ctl/completion.h"
 #include "tools/ctl/config_commands.h"
+#include "tools/ctl/discover.h"
 #include "tools/ctl/film.h"
 #include "tools/ctl/hud.h"
 #include "tools/ctl/interrupt.h"
@@ -93,7 +94,9 @@ class CommandLine {
     app_.allow_extras();
     app_.footer("nimbusctl COMMAND --help tells more and gives an example.");
     auto& connection = options_.connection;
-    app_.add_option("--host", connection.host, "Where the service runs")
+    app_.add_option("--host", connection.host,
+                    "Where the service runs; without, and with none here, the only board that "
+                    "announces itself on the network")
         ->envname("NIMBUS_HOST")
         ->capture_default_str();
     app_.add_option("--port", connection.port, "Its UDP port")
@@ -102,6 +105,7 @@ class CommandLine {
     app_.add_option("--timeout", connection.timeout, "How long it may take to answer")
         ->transform(time_text())
         ->default_str("1.2");
+    add_discover();
     add_watch();
     add_top();
     add_video();
@@ -117,6 +121,8 @@ class CommandLine {
   /// What is to be done. Throws CLI::ParseError and Failure.
   Task parse(int argc, char** argv) {
     app_.parse(argc, argv);
+    const bool anywhere = app_.count("--host") == 0 && app_.count("--port") == 0;
+    options_.connection.elsewhere = anywhere ? only_board : nullptr;
     const auto extras = app_.remaining(true);
     if (task_.run && extras.empty()) return task_;
     std::string expected;
@@ -164,6 +170,16 @@ class CommandLine {
     command->final_callback([this, run = std::move(run), ends_by_interrupt] {
       if (!task_.run) task_ = {run, ends_by_interrupt};
     });
+  }
+
+  void add_discover() {
+    auto* const command =
+        app_.add_subcommand("discover", "List the boards that announce themselves on the network");
+    command->add_flag("--json", options_.json, "One JSON object on each line");
+    command->add_option("--seconds", options_.seconds, "How long to wait for answers (default: 1)")
+        ->transform(time_text());
+    command->footer(example("discover"));
+    on(command, [this] { discover(options_.seconds, options_.json); });
   }
 
   void add_watch() {

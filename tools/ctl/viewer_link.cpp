@@ -78,14 +78,28 @@ std::span<const std::uint8_t> command_payload(std::string_view text) {
 
 ViewerLink::ViewerLink(const Connection& connection, Tap tap)
     : socket_(connection.host, connection.port), tap_(std::move(tap)), buffer_(kLargestDatagram) {
-  setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
-  first_ = receive_next(end_after(connection.timeout), kKnockPeriod);
-  if (first_ || interrupted()) return;
-  leave();  // a late service shall not keep a place for nobody
-  throw tools::Failure("nobody answers at " + connection.host + ":" +
-                       std::to_string(connection.port) + " within " +
-                       seconds_text(connection.timeout) +
+  if (reach(connection.timeout)) return;
+  Place place{connection.host, connection.port};
+  if (connection.elsewhere != nullptr) {
+    if (auto other = connection.elsewhere()) {
+      place = std::move(*other);
+      socket_ = tools::UdpSocket(place.host, place.port);
+      registered_.reset();
+      if (reach(connection.timeout)) return;
+    }
+  }
+  throw tools::Failure("nobody answers at " + place.host + ":" + std::to_string(place.port) +
+                       " within " + seconds_text(connection.timeout) +
                        "; expected a running service with room for one more viewer");
+}
+
+/// Whether somebody answers in time; or the tool shall end.
+bool ViewerLink::reach(double seconds) {
+  setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
+  first_ = receive_next(end_after(seconds), kKnockPeriod);
+  if (first_ || interrupted()) return true;
+  leave();  // a late service shall not keep a place for nobody
+  return false;
 }
 
 ViewerLink::~ViewerLink() { leave(); }

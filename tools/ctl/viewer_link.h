@@ -20,11 +20,19 @@ using Clock = std::chrono::steady_clock;
 /// When so many seconds from now are over; 0 means never.
 [[nodiscard]] Clock::time_point end_after(double seconds);
 
+/// A host (a name or an IPv4 address) and its UDP port, host byte order.
+struct Place {
+  std::string host;
+  std::uint16_t port;
+};
+
 /// Where the service is, and how long it may take to answer.
 struct Connection {
   std::string host = "127.0.0.1";
   std::uint16_t port = 4242;
   double timeout = 1.2;  ///< seconds; a registered viewer hears something once a second
+  /// Where else it may be, when nobody answers there; null: nowhere. May throw.
+  std::optional<Place> (*elsewhere)() = nullptr;
 };
 
 /// A frame from the service. The payload holds until the next receive.
@@ -81,6 +89,7 @@ class ViewerLink {
   void speed(const std::array<std::int16_t, 3>& pan_tilt_roll);
 
  private:
+  [[nodiscard]] bool reach(double seconds);
   void send(std::span<const std::uint8_t> payload);
   void leave() noexcept;
   void keep_registered(Clock::duration period);
