@@ -751,8 +751,8 @@ def test_short_region(ctl):
 # --- What goes wrong -----------------------------------------------------------------------------
 
 BAD = {
-    "": "no command; expected watch, video, ",
-    "dance": "no command 'dance'; expected watch, ",
+    "": "no command; expected discover, watch, top, ",
+    "dance": "no command 'dance'; expected discover, watch, ",
     "watch now": "unexpected 'now'",
     "watch --loud": "unexpected '--loud'",
     "watch --seconds": "--seconds",

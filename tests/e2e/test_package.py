@@ -151,7 +151,8 @@ def test_every_file_is_root_s(packages):
 
 
 def test_configuration_files_are_kept(package):
-    assert output_of("dpkg-deb", "-I", package, "conffiles") == "/etc/nimbus/filter.nft\n"
+    assert output_of("dpkg-deb", "-I", package, "conffiles").split() == [
+        "/etc/avahi/services/nimbus.service", "/etc/nimbus/filter.nft"]
 
 
 def test_programs_are_stripped(root):
