@@ -41,10 +41,25 @@ MEASURING = ("test_control", "test_floods", "test_rc_input", "test_relay", "test
              "test_wall_clock", "test_soak")
 
 
-def pytest_collection_modifyitems(items):
+# Files of what a processor could change: bytes on the wire and in the regions, numbers, the settings'
+# text. In an emulator the others see nothing more of it, and tools for people, films and floods take
+# their time there; all of them run in the emulator with --long.
+OF_PROCESSORS = ("test_board_commands", "test_commands", "test_configuration", "test_control", "test_frames",
+                 "test_hostile_commands", "test_links", "test_oddities", "test_rc_input",
+                 "test_recorded_session", "test_regions", "test_relay", "test_report_scan", "test_reports",
+                 "test_save", "test_settings", "test_sources", "test_speed", "test_startup", "test_status",
+                 "test_supervisor", "test_viewers", "test_bridge", "test_restarts", "test_scribbled_region",
+                 "test_wall_clock")
+
+
+def pytest_collection_modifyitems(config, items):
     for item in items:
         if item.path.stem.startswith(MEASURING):
             item.add_marker("timing")
+    if nimbus.EMULATOR and not config.getoption("--long"):
+        elsewhere = [item for item in items if item.path.stem not in OF_PROCESSORS]
+        items[:] = [item for item in items if item.path.stem in OF_PROCESSORS]
+        config.hook.pytest_deselected(items=elsewhere)
 
 
 def pytest_terminal_summary(terminalreporter):
