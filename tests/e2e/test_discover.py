@@ -3,6 +3,7 @@ and when it takes the only one."""
 
 import json
 import pathlib
+import shutil
 import subprocess
 import textwrap
 
@@ -12,7 +13,7 @@ import far
 import nimbus
 from nimbus import limit
 
-ANNOUNCEMENT = pathlib.Path(__file__).parents[2] / "install/avahi"
+ANNOUNCEMENT = pathlib.Path(__file__).parents[2] / "install/nimbus.avahi"
 
 # It asks for no D-Bus, and its folders are its own, so that there may be several. By its path, mount
 # is the system's and not the stand-in of the sandbox.
@@ -43,9 +44,12 @@ class FarBoard:
         self.link = far.Link(number)
         configuration = folder / f"{name}.conf"
         configuration.write_text(CONFIGURATION.format(name=name))
+        services = folder / "services"
+        services.mkdir(exist_ok=True)
+        shutil.copy(ANNOUNCEMENT, services / "nimbus.service")
         self.there = ("ip", "netns", "exec", f"far{number}")
         self.daemon = subprocess.Popen(
-            [*self.there, "unshare", "--mount", "sh", "-c", START, "sh", ANNOUNCEMENT, configuration],
+            [*self.there, "unshare", "--mount", "sh", "-c", START, "sh", services, configuration],
             stderr=subprocess.PIPE)
         self.console = nimbus.Console(self.daemon.stderr)
         self.console.wait("successfully established", 20)

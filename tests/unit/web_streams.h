@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -14,8 +15,8 @@
 namespace nimbus::web {
 
 inline Buffer recorded(const std::string& name) {
-  std::ifstream file(std::string(NIMBUS_SOURCE_DIR) + "/tests/unit/streams/" + name,
-                     std::ios::binary);
+  const auto streams = std::filesystem::path(NIMBUS_SOURCE_DIR) / "tests/unit/streams";
+  std::ifstream file(streams / name, std::ios::binary);
   Buffer content{std::istreambuf_iterator<char>(file), {}};
   EXPECT_FALSE(content.empty()) << name;
   return content;

@@ -85,6 +85,9 @@ class Hub : private StreamListener {
   /// The figures for a monitor, in Prometheus' text format.
   [[nodiscard]] std::string metrics(std::size_t connections, Time now);
 
+  /// Who else is told of the stream, and outlives the hub; null: nobody.
+  void hand_on(StreamListener* also) { also_ = also; }
+
   /// Whether a password is set, for the greeting.
   void has_password(bool has) { has_password_ = has; }
 
@@ -118,6 +121,7 @@ class Hub : private StreamListener {
   Lease lease_;
   ctl::Json report_;  // the last, pass phrases and all: it stays here
   std::function<void()> deadline_changed_;
+  StreamListener* also_ = nullptr;
   bool has_password_ = false;
   bool linked_ = false;
   bool settings_asked_ = false;

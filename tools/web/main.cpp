@@ -34,6 +34,18 @@ void split_service(const std::string& text, ServerOptions& options) {
   options.service_port = static_cast<std::uint16_t>(port);
 }
 
+/// HOST:PORT.
+void split_receiver(const std::string& text, ServerOptions& options) {
+  const auto colon = text.rfind(':');
+  int port = 0;
+  if (colon == 0 || colon == std::string::npos ||
+      !CLI::detail::lexical_cast(text.substr(colon + 1), port) || port < 1 || port > 65'535) {
+    throw tools::Failure("--rtp cannot send to '" + text + "'; expected HOST:PORT");
+  }
+  options.rtp_host = text.substr(0, colon);
+  options.rtp_port = static_cast<std::uint16_t>(port);
+}
+
 /// A line of standard input, not shown if somebody types it.
 std::string typed_password() {
   termios before{};
@@ -67,6 +79,7 @@ struct Words {
   std::string service = "127.0.0.1:4242";
   std::string state = ".";
   std::string role;
+  std::string rtp;
   bool tls = false;
 };
 
@@ -88,6 +101,8 @@ void add_options(CLI::App& app, ServerOptions& options, Words& words) {
   app.add_flag("--tls", words.tls, "Speak TLS, with a certificate that is made if there is none");
   app.add_option("--tls-cert", options.tls.certificate, "Speak TLS with this certificate (PEM)");
   app.add_option("--tls-key", options.tls.key, "Its key (PEM)");
+  app.add_option("--rtp", words.rtp, "Send the picture (H.264) as RTP, too: to HOST:PORT");
+  app.add_option("--sdp", options.sdp, "The file to write that tells RTP's receivers of it");
   app.add_option("--state", words.state, "The folder for a certificate that is made")
       ->envname("STATE_DIRECTORY")
       ->capture_default_str();
@@ -98,6 +113,10 @@ void check(ServerOptions& options, const Words& words) {
   if (options.tls.certificate.empty() != options.tls.key.empty()) {
     throw tools::Failure("--tls-cert and --tls-key go together; expected both or none");
   }
+  if (!options.sdp.empty() && words.rtp.empty()) {
+    throw tools::Failure("--sdp tells of what --rtp sends; expected --rtp HOST:PORT, too");
+  }
+  if (!words.rtp.empty()) split_receiver(words.rtp, options);
   if (!words.tls || !options.tls.certificate.empty()) return;
   options.tls = {words.state + "/certificate.pem", words.state + "/key.pem"};
   options.makes_certificate = true;

@@ -20,6 +20,7 @@
 #include "tools/web/guests.h"
 #include "tools/web/hub.h"
 #include "tools/web/link.h"
+#include "tools/web/rtp_link.h"
 #include "tools/web/site.h"
 
 namespace nimbus::web {
@@ -93,6 +94,7 @@ class Server {
   Guests guests_;  // connections that the loop still holds at its end leave it
   asio::io_context loop_{1};
   Link link_;
+  std::unique_ptr<RtpLink> rtp_;  // outlives the hub
   Hub hub_;
   ConsoleSite site_;
   std::unique_ptr<Tls> tls_;
@@ -120,6 +122,9 @@ std::vector<std::string> names_of(const ServerOptions& options) {
 Server::Server(const ServerOptions& options)
     : options_(options),
       link_(options.service_host, options.service_port),
+      rtp_(options.rtp_host.empty()
+               ? nullptr
+               : std::make_unique<RtpLink>(options.rtp_host, options.rtp_port, options.sdp)),
       hub_(service_name(options),
            {[this](std::string_view text) { return link_.command(text); },
             [this](const std::array<std::int16_t, 3>& speed) { return link_.speed(speed); }}),
@@ -130,6 +135,7 @@ Server::Server(const ServerOptions& options)
       tell_(loop_),
       signals_(loop_, SIGINT, SIGTERM, SIGHUP) {
   load();
+  if (rtp_ != nullptr) hub_.hand_on(&rtp_->output());
   hub_.on_deadline([this] { watch_deadline(); });
   listen(options);
   watch_signals();

@@ -17,6 +17,9 @@ struct ServerOptions {
   CertificateFiles tls = {};            ///< empty: no TLS
   bool makes_certificate = false;       ///< when it is not there
   std::vector<std::string> names = {};  ///< of this machine, beside addresses and localhost
+  std::string rtp_host = {};            ///< where the picture goes as RTP, too; empty: nowhere
+  std::uint16_t rtp_port = 0;
+  std::string sdp = {};  ///< the file that tells RTP's receivers of it; empty: none
 };
 
 /// Serves until SIGTERM or SIGINT. Throws Failure when it cannot begin.

@@ -1,0 +1,201 @@
+// Pictures as RTP packets, byte by byte, and what becomes of them when nobody takes them.
+#include "tools/web/rtp.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <string>
+
+#include "tests/unit/web_streams.h"
+#include "tools/web/annex_b.h"
+
+namespace nimbus::web {
+namespace {
+
+using Packets = std::vector<Buffer>;
+
+constexpr rtp::Begin kBegin{.source = 0x0102'0304, .time = 0xFFFF'FFF0, .sequence = 0xFFFF};
+
+rtp::Sink into(Packets& packets) {
+  return [&packets](Bytes packet) {
+    packets.emplace_back(packet.begin(), packet.end());
+    return true;
+  };
+}
+
+/// A unit of so many bytes: a key slice of highest importance, then 1, 2, 3...
+Buffer unit_of_size(std::size_t size) {
+  Buffer unit{0x65};
+  while (unit.size() < size) unit.push_back(static_cast<std::uint8_t>(unit.size() % 255 + 1));
+  return unit;
+}
+
+Packets packets_of(const Buffer& unit) {
+  Buffer units;
+  append_unit(units, unit);
+  Packets packets;
+  rtp::Packetizer packetizer(kBegin);
+  EXPECT_TRUE(packetizer.send(units, 0, into(packets)));
+  return packets;
+}
+
+TEST(Rtp, UnitsThatFitAreSentWhole) {
+  const Buffer units{0, 0, 0, 1, 0x67, 0x42, 0, 0, 0, 1, 0x68, 0xCE, 0, 0, 0, 1, 0x65, 0x88, 0x84};
+  Packets packets;
+  rtp::Packetizer packetizer(kBegin);
+  // A second is 90 000 of the clock, which goes round behind the first 16.
+  ASSERT_TRUE(packetizer.send(units, 1'000'000, into(packets)));
+  const Packets expected{
+      {0x80, 0x60, 0xFF, 0xFF, 0x00, 0x01, 0x5F, 0x80, 1, 2, 3, 4, 0x67, 0x42},
+      {0x80, 0x60, 0x00, 0x00, 0x00, 0x01, 0x5F, 0x80, 1, 2, 3, 4, 0x68, 0xCE},
+      {0x80, 0xE0, 0x00, 0x01, 0x00, 0x01, 0x5F, 0x80, 1, 2, 3, 4, 0x65, 0x88, 0x84}};
+  EXPECT_EQ(packets, expected);
+}
+
+TEST(Rtp, LongestUnitInOnePacket) {
+  const Buffer unit = unit_of_size(1188);
+  const Packets packets = packets_of(unit);
+  ASSERT_EQ(packets.size(), 1U);
+  EXPECT_EQ(packets[0].size(), rtp::kLongest);
+  EXPECT_TRUE(std::equal(unit.begin(), unit.end(), packets[0].begin() + rtp::kHeader));
+}
+
+TEST(Rtp, OneByteMoreMakesFragments) {
+  const Packets packets = packets_of(unit_of_size(1189));
+  ASSERT_EQ(packets.size(), 2U);
+  const auto begins = [](const Buffer& packet, const Buffer& with) {
+    return packet.size() >= with.size() && std::equal(with.begin(), with.end(), packet.begin());
+  };
+  EXPECT_EQ(packets[0].size(), rtp::kLongest);
+  EXPECT_TRUE(begins(
+      packets[0], {0x80, 0x60, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xF0, 1, 2, 3, 4, 0x7C, 0x85, 2, 3}));
+  EXPECT_EQ(packets[1], (Buffer{0x80, 0xE0, 0x00, 0x00, 0xFF, 0xFF, 0xFF, 0xF0, 1, 2, 3, 4, 0x7C,
+                                0x45, 1187 % 255 + 1, 1188 % 255 + 1}));
+}
+
+TEST(Rtp, FragmentsBetweenTheOthersHaveNoMark) {
+  const Buffer unit = unit_of_size(1 + 3 * 1186);
+  const Packets packets = packets_of(unit);
+  ASSERT_EQ(packets.size(), 3U);
+  Buffer together{0x65};
+  const std::array<std::uint8_t, 3> heads{0x85, 0x05, 0x45};
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    EXPECT_EQ(packets[i].size(), rtp::kLongest);
+    EXPECT_EQ(packets[i][1], i == 2 ? 0xE0 : 0x60);
+    EXPECT_EQ(packets[i][13], heads.at(i));
+    append(together, Bytes(packets[i]).subspan(14));
+  }
+  EXPECT_EQ(together, unit);
+}
+
+TEST(Rtp, TimesDoNotDrift) {
+  rtp::Packetizer packetizer({});
+  const Buffer units{0, 0, 0, 1, 0x41, 0x9A};
+  for (const std::uint64_t micros :
+       {0ULL, 11ULL, 12ULL, 33'333ULL, 86'400'000'000ULL, 1'000'000'000'000'007ULL}) {
+    Packets packets;
+    ASSERT_TRUE(packetizer.send(units, micros, into(packets)));
+    std::uint32_t time = 0;
+    for (std::size_t i = 4; i < 8; ++i) time = time << 8U | packets.at(0).at(i);
+    EXPECT_EQ(time, static_cast<std::uint32_t>(micros * 9 / 100));
+  }
+}
+
+TEST(Rtp, Description) {
+  EXPECT_EQ(rtp::description("10.1.2.3", 5004),
+            "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=Tervado Nimbus\r\nc=IN IP4 10.1.2.3\r\nt=0 0\r\n"
+            "m=video 5004 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"
+            "a=fmtp:96 packetization-mode=1\r\na=recvonly\r\n");
+}
+
+/// The types of the units of each picture.
+std::vector<std::vector<int>> types_of(const Packets& packets) {
+  std::vector<std::vector<int>> pictures(1);
+  for (const Buffer& packet : packets) {
+    const int type = packet.at(12) & 0x1F;
+    const bool begins = type != 28 || (packet.at(13) & 0x80) != 0;
+    if (begins) pictures.back().push_back(type == 28 ? packet.at(13) & 0x1F : type);
+    if ((packet.at(1) & 0x80) != 0) pictures.emplace_back();
+  }
+  pictures.pop_back();
+  return pictures;
+}
+
+Buffer without_sets(const Buffer& picture) {
+  Buffer rest;
+  for (const Bytes unit : units_of(picture)) {
+    const int type = unit[0] & 0x1F;
+    if (type != 7 && type != 8) append_unit(rest, unit);
+  }
+  return rest;
+}
+
+/// Sends a picture that arrived some time after the start.
+void show(RtpOutput& output, bool key, std::size_t size) {
+  auto picture = std::make_shared<Picture>();
+  picture->key = key;
+  append_unit(picture->units, unit_of_size(size));
+  output.on_picture(picture);
+}
+
+void begin(RtpOutput& output, Kind kind) {
+  auto epoch = std::make_shared<Epoch>();
+  epoch->kind = kind;
+  output.on_epoch(epoch);
+}
+
+TEST(RtpOutput, OnlyH264) {
+  Packets packets;
+  RtpOutput output({}, into(packets));
+  begin(output, Kind::h265);
+  show(output, true, 10);
+  EXPECT_TRUE(packets.empty());
+  begin(output, Kind::h264);
+  show(output, true, 10);
+  EXPECT_EQ(packets.size(), 1U);
+  EXPECT_EQ(output.dropped(), 0U);
+}
+
+TEST(RtpOutput, DropsUpToTheNextKeyPicture) {
+  std::size_t asked = 0;
+  RtpOutput output({}, [&asked](Bytes) { return ++asked != 2; });
+  begin(output, Kind::h264);
+  show(output, true, 5000);  // five packets: the second is refused, and the rest not tried
+  EXPECT_EQ(asked, 2U);
+  show(output, false, 10);
+  EXPECT_EQ(asked, 2U);
+  EXPECT_EQ(output.dropped(), 2U);
+  show(output, true, 10);
+  show(output, false, 10);
+  EXPECT_EQ(asked, 4U);
+  EXPECT_EQ(output.dropped(), 2U);
+}
+
+TEST(RtpOutput, ParameterSetsBeforeEachKeyPicture) {
+  Packets packets;
+  RtpOutput output({}, into(packets));
+  Stream stream(output, Ends::seen);
+  Time now = Time{} + std::chrono::seconds(100);
+  const auto pictures = access_units(recorded("zerolatency.h264"), Coding::h264);
+  std::uint32_t number = 0;
+  // The camera says them once, and then never again.
+  for (; number < 3 * pictures.size(); now += std::chrono::milliseconds(40)) {
+    const Buffer& picture = pictures[number % pictures.size()];
+    stream.video(number < pictures.size() ? picture : without_sets(picture), number, now);
+    ++number;
+  }
+  const auto seen = types_of(packets);
+  EXPECT_EQ(seen.size(), number - 1);  // the end of the last is not seen
+  int keys = 0;
+  for (const auto& types : seen) {
+    if (std::ranges::find(types, 5) == types.end()) continue;
+    ++keys;
+    EXPECT_EQ(types.at(0), 7);
+    EXPECT_EQ(types.at(1), 8);
+  }
+  EXPECT_GE(keys, 3);
+}
+
+}  // namespace
+}  // namespace nimbus::web

@@ -1,0 +1,78 @@
+// Pictures of H.264 as RTP packets (RFC 3550, RFC 6184 in packetization mode 1), for engines that
+// serve more viewers than this program: what is sent to them does not grow with their viewers.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "tools/web/bytes.h"
+#include "tools/web/picture.h"
+#include "tools/web/stream.h"
+
+namespace nimbus::web {
+
+namespace rtp {
+
+inline constexpr std::size_t kHeader = 12;     ///< bytes, of every packet
+inline constexpr std::size_t kLongest = 1200;  ///< bytes, header and all: fits every path whole
+inline constexpr std::uint8_t kPayloadType = 96;
+
+/// Where a sender begins, by RFC 3550 with random numbers.
+struct Begin {
+  std::uint32_t source = 0;
+  std::uint32_t time = 0;      ///< added to the pictures' times
+  std::uint16_t sequence = 0;  ///< of the first packet
+};
+
+/// False when a packet could not be sent; the rest of its picture is left out then.
+using Sink = std::function<bool(Bytes)>;
+
+class Packetizer {
+ public:
+  explicit Packetizer(Begin begin) : begin_(begin), packet_(kLongest) {}
+
+  /// The packets of one picture, the last of them marked. `units` have start codes between them;
+  /// the picture's time (microseconds) becomes one of 90 kHz. False when the sink was.
+  bool send(Bytes units, std::uint64_t time, const Sink& sink);
+
+ private:
+  bool send_unit(Bytes unit, bool last, const Sink& sink);
+  bool send_packet(std::size_t size, bool marked, const Sink& sink);
+
+  Begin begin_;
+  Buffer packet_;
+  std::uint32_t timestamp_ = 0;
+};
+
+/// What tells a receiver at that IPv4 address and port of the stream (RFC 8866).
+[[nodiscard]] std::string description(const std::string& address, std::uint16_t port);
+
+}  // namespace rtp
+
+/// Sends pictures to one receiver, and waits for nobody: what its way cannot take is dropped, up to
+/// the next key picture.
+class RtpOutput final : public StreamListener {
+ public:
+  /// `send` never waits, and gives false when a packet cannot be taken now.
+  RtpOutput(rtp::Begin begin, rtp::Sink send);
+  RtpOutput(const RtpOutput&) = delete;
+  RtpOutput& operator=(const RtpOutput&) = delete;
+  virtual ~RtpOutput() = default;
+
+  void on_epoch(const SharedEpoch& epoch) override;
+  void on_picture(const SharedPicture& picture) override;
+  void on_waiting(Waiting /*reason*/) override {}
+
+  /// Pictures of H.264 that were not sent whole.
+  [[nodiscard]] std::uint64_t dropped() const { return dropped_; }
+
+ private:
+  rtp::Packetizer packetizer_;
+  rtp::Sink send_;
+  bool fits_ = false;     // the stream is of H.264
+  bool blocked_ = false;  // until a key picture
+  std::uint64_t dropped_ = 0;
+};
+
+}  // namespace nimbus::web
