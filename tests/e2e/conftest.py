@@ -2,7 +2,7 @@
 
 import pytest
 
-pytest_plugins = ["service_fixtures"]
+pytest_plugins = ["service_fixtures", "web_fixtures"]
 
 # Tests import from it before they name it as their plugin.
 pytest.register_assert_rewrite("board")

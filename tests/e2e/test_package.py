@@ -15,7 +15,7 @@ import nimbus
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 INSTALL = ROOT / "install"
 UNITS = ("nimbus.service", "nimbus-filter.service")
-SERVICE, WORKBENCH = "nimbus", "nimbus-workbench"
+SERVICE, WEB, WORKBENCH = "nimbus", "nimbus-web", "nimbus-workbench"
 CONFIG_REGION_SIZE = 2336
 HOME = "usr/lib/nimbus"
 
@@ -44,6 +44,13 @@ FILES = {
         "usr/share/man/man5/tervado-nimbus.conf.5.gz": 0o644,
         "usr/share/man/man8/nimbus.8.gz": 0o644,
         "usr/share/lintian/overrides/nimbus": 0o644,
+    },
+    WEB: {
+        "etc/avahi/services/nimbus-web.service": 0o644,
+        "lib/systemd/system/nimbus-web.service": 0o644,
+        "lib/systemd/system/nimbus-web.socket": 0o644,
+        "usr/bin/nimbus-web": 0o755,
+        "usr/share/man/man8/nimbus-web.8.gz": 0o644,
     },
     WORKBENCH: {
         "usr/bin/nimbus-sim": 0o755,
@@ -278,6 +285,17 @@ def test_units(root):
         subprocess.run(["systemd-analyze", "security", "--offline=true", f"--root={root}",
                         f"--threshold={50 if unit == UNITS[0] else 25}", unit],
                        check=True, capture_output=True, timeout=60)
+
+
+@pytest.mark.skipif(not shutil.which("systemd-analyze"), reason="systemd-analyze is missing")
+def test_units_of_the_web_console(packages, tmp_path):
+    """Nothing that systemd can take away is left to a program that strangers talk to."""
+    root = tmp_path / "web"
+    output_of("dpkg-deb", "-x", packages[WEB], root)
+    result = subprocess.run(
+        ["systemd-analyze", "security", "--offline=true", f"--root={root}", "--threshold=15",
+         "nimbus-web.service"], capture_output=True, text=True, timeout=60)
+    assert result.returncode == 0, result.stdout
 
 
 def test_pages_read_well(root):

@@ -74,10 +74,13 @@ void set_password(const std::string& path, const std::string& role_name) {
   passwords.write(path);
 }
 
+// Where a board keeps what is its own.
+constexpr const char* kFolder = "/var/lib/nimbus-web";
+
 /// What the command line says beside the server's options.
 struct Words {
   std::string service = "127.0.0.1:4242";
-  std::string state = ".";
+  std::string state = kFolder;
   std::string role;
   std::string rtp;
   bool tls = false;
@@ -92,7 +95,8 @@ void add_options(CLI::App& app, ServerOptions& options, Words& words) {
   app.add_option("--listen", options.listen, "Where browsers come to: ADDRESS:PORT")
       ->capture_default_str();
   app.add_option("--name", options.names, "Another name by which browsers know this machine");
-  app.add_option("--passwords", options.passwords, "The file of passwords (default: none)");
+  app.add_option("--passwords", options.passwords, "The file of passwords; none is no password")
+      ->capture_default_str();
   app.add_option("--set-password", words.role,
                  "Set the password of this role in that file, and end")
       ->expected(0, 1)
@@ -125,6 +129,7 @@ void check(ServerOptions& options, const Words& words) {
 int run(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   ServerOptions options;
+  options.passwords = std::string(kFolder) + "/passwords";
   Words words;
   CLI::App app("The picture and the controls of Tervado Nimbus in a browser.", "nimbus-web");
   add_options(app, options, words);
@@ -134,8 +139,6 @@ int run(int argc, char** argv) {
     check(options, words);
     if (app.count("--set-password") == 0) {
       serve(options);
-    } else if (options.passwords.empty()) {
-      throw tools::Failure("--set-password needs a file; expected --passwords FILE");
     } else {
       set_password(options.passwords, words.role);
     }

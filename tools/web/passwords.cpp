@@ -59,6 +59,15 @@ std::string content_of(const std::string& path) {
   return content;
 }
 
+/// Whoever sets a password as root sets it for the service, whose folder it is.
+void give_to_owner_of_folder(int file, const std::string& path) {
+  const auto slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  struct stat status {};
+  if (geteuid() != 0 || stat(folder.c_str(), &status) != 0) return;
+  if (fchown(file, status.st_uid, status.st_gid) != 0) throw failure("cannot give away", path);
+}
+
 }  // namespace
 
 std::string_view name_of(Role role) { return role == Role::operates ? "operator" : "viewer"; }
@@ -103,6 +112,7 @@ void Passwords::write(const std::string& path) const {
   unlink(fresh.c_str());
   const UniqueFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (!file) throw failure("cannot write", fresh);
+  give_to_owner_of_folder(file.get(), path);
   const ssize_t written = ::write(file.get(), content.data(), content.size());
   if (written != static_cast<ssize_t>(content.size()) || fsync(file.get()) != 0 ||
       rename(fresh.c_str(), path.c_str()) != 0) {

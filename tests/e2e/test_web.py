@@ -1,0 +1,371 @@
+"""nimbus-web on the outside: the picture, the state, orders, and what strangers try."""
+
+import json
+import re
+import shutil
+import struct
+import subprocess
+import time
+
+import pytest
+
+import nimbus
+from web import BINARY, TEXT, STREAMS, Film, WebSocket, drive
+
+ZERO = struct.pack("<3h", 0, 0, 0)
+
+
+# --- The picture -----------------------------------------------------------------------------------
+
+def test_the_picture_is_the_bridges(web, film, tmp_path):
+    """What a player finds in the fragments is, picture by picture, what the bridge sent."""
+    with web.video() as browser:
+        stream = browser.message("stream", kind="h264")
+        assert (stream["width"], stream["height"]) == (64, 48)
+        got = browser.pictures(30)
+    assert got[0][1] is None and got[1][0] & 1, "first the initialisation segment, then a key picture"
+    numbers = [number for _, number, _ in got[1:]]
+    assert numbers == list(range(numbers[0], numbers[0] + 30))
+    file = tmp_path / "got.mp4"
+    file.write_bytes(b"".join(data for _, _, data in got))
+    assert not subprocess.run(["ffmpeg", "-v", "error", "-i", file, "-f", "null", "-"], check=True,
+                              capture_output=True, text=True).stderr
+    recorded = frames_of(STREAMS / "zerolatency.h264")
+    assert len(frames_of(file)) == 30
+    assert set(frames_of(file)) <= set(recorded)
+
+
+def frames_of(file):
+    """What each decoded picture of a file sums up to."""
+    text = subprocess.run(["ffmpeg", "-v", "error", "-i", file, "-f", "framemd5", "-"], check=True,
+                          capture_output=True, text=True).stdout
+    return [line.split(",")[-1].strip() for line in text.splitlines() if not line.startswith("#")]
+
+
+def test_access_units_as_they_come(web, film):
+    with web.video("raw") as browser:
+        got = browser.pictures(12)
+    assert all(data.startswith(b"\0\0\0\1") for _, _, data in got)
+    assert all((b"\0\0\0\1\x67" in data) == bool(flags & 1) for flags, _, data in got)
+
+
+def test_who_joins_sees_a_picture_at_once(web, film):
+    with web.video() as first:
+        first.pictures(10)
+        started = time.monotonic()
+        with web.video() as second:
+            flags = second.pictures(1)[-1][0]
+        assert flags & 1 and time.monotonic() - started < nimbus.limit(0.3)
+
+
+@pytest.mark.parametrize("name, kind", [("hevc.h265", "h265"), ("zerolatency.h264", "h264")])
+def test_kinds(web, video, name, kind):
+    data = (STREAMS / name).read_bytes()
+    with web.video() as browser:
+        for at in range(0, len(data), 1000):
+            video.send(data[at:at + 1000])
+            time.sleep(0.002)
+        assert browser.message("stream", kind=kind)["width"] == 64
+
+
+def test_a_transport_stream_is_named(web, video):
+    with web.video() as browser:
+        video.send((b"\x47" + bytes(187)) * 7)
+        assert browser.message("stream", kind="mpeg-ts")
+
+
+def test_a_restart_of_the_service(web, film, start, service):
+    with web.video() as browser:
+        browser.pictures(5)
+        service.kill()
+        start()
+        assert browser.pictures(60, 20)
+
+
+def test_silence_is_told(web, video):
+    film = Film(video)
+    with web.video() as browser:
+        browser.pictures(5)
+        film.close()
+        assert browser.message("waiting", reason="silence")
+
+
+def test_one_that_stalls_does_not_bother_the_others(web, video):
+    """It is closed after five seconds without progress, and the others get every picture."""
+    film = Film(video, padding=20_000)
+    try:
+        with web.video(receive_buffer=4096), web.video("raw") as other:
+            other.pictures(5)
+            numbers = [number for _, number, _ in other.pictures(200, 20)]
+            assert numbers == list(range(numbers[0], numbers[0] + 200))
+            nimbus.wait_until(lambda: web.state()["viewers"]["browsers"] == 1, 10, "the end of one")
+    finally:
+        film.close()
+
+
+# --- State and orders ------------------------------------------------------------------------------
+
+def test_greeting_and_state(web):
+    with web.control() as browser:
+        hello = browser.message("hello")
+        assert hello["role"] == "operator" and hello["password"] is False
+        assert any(row["words"] == "record start" for row in hello["commands"])
+        assert browser.message("lease")["holder"] is None
+        assert browser.message("state")["service"]["linked"] is True
+        browser.send(type="ping", echo=17)
+        assert browser.message("clock", echo=17)["now"] > 0
+        nimbus.wait_until(lambda: "vbitrate" in web.state()["settings"], 5, "the settings")
+
+
+def until_still(bridge):
+    """The speed frames at the bridge up to the one that stops the gimbal, with their times; none
+    comes behind it."""
+    frames = []
+    deadline = time.monotonic() + nimbus.limit(5)
+    while time.monotonic() < deadline:
+        try:
+            data = bridge.receive(0.3 / nimbus.TIME_SCALE)
+        except TimeoutError:
+            if frames and frames[-1][1][11:17] == ZERO:
+                return frames
+            continue
+        if data[9:11] == b"\x04\x0c":
+            frames.append((time.monotonic(), data))
+    raise AssertionError(f"the gimbal moves on: {frames[-1:]}")
+
+
+def test_driving_moves_and_silence_stops(web, data, service):
+    """The gimbal's last frame is a zero one within 400 ms of the last word."""
+    data.send(b"\0" * 20)
+    service.err.wait("Data found")
+    with web.control() as browser:
+        drive(browser)
+        for count in range(1, 6):
+            browser.send(type="speed", pan=0.5, tilt=0, roll=0, n=count)
+            time.sleep(0.05)
+        said = time.monotonic() - 0.05
+        frames = until_still(data)
+    assert any(frame[11:17] != ZERO for _, frame in frames)
+    assert frames[-1][0] - said < 0.4 * nimbus.TIME_SCALE
+
+
+def test_a_driver_that_vanishes_stops_the_gimbal(web, data, service):
+    data.send(b"\0" * 20)
+    service.err.wait("Data found")
+    with web.control() as browser:
+        drive(browser)
+        browser.send(type="speed", pan=1, tilt=0, roll=0, n=1)
+        data.receive()
+    gone = time.monotonic()
+    assert until_still(data)[-1][0] - gone < 0.4 * nimbus.TIME_SCALE
+
+
+def test_orders_of_a_browser(web, service):
+    with web.control() as browser:
+        browser.send(type="command", id=1, words=["wb", "sunny"])
+        assert browser.message("result", id=1)["ok"] is False
+        drive(browser)
+        browser.send(type="command", id=2, words=["wb", "sunny"])
+        assert browser.message("result", id=2) == {"type": "result", "id": 2, "ok": True,
+                                                   "text": "sent"}
+        service.err.wait("Camera set WB sunny")
+        browser.send(type="set", id=3, name="video_bitrate", values=["2000000"])
+        assert browser.message("result", id=3)["ok"] is True
+        nimbus.wait_until(lambda: web.state()["settings"].get("vbitrate") == 2000000, 5, "the report")
+
+
+def test_many_orders_are_all_carried_out_in_order(web, service):
+    names = ["sunny", "cloudy", "neon", "incandescent", "auto"]
+    with web.control() as browser:
+        drive(browser)
+        for n in range(10):
+            browser.send(type="command", id=n, words=["wb", names[n % 5]])
+        for n in range(10):
+            assert browser.message("result", id=n)["ok"] is True
+    said = service.err.wait("Camera set WB auto", count=2)
+    assert re.findall(r"Camera set WB (\w+)", said) == names * 2
+
+
+def test_a_full_queue_says_so(web):
+    with web.control() as browser:
+        drive(browser)
+        for n in range(40):
+            browser.send(type="command", id=n, words=["wb", "sunny"])
+        texts = {browser.message("result", id=39, seconds=10)["text"]}
+        assert texts == {"too many commands wait already; expected a moment's patience"}
+
+
+# --- Programs --------------------------------------------------------------------------------------
+
+def test_orders_of_a_program(web, service):
+    status, _, body = web.request("POST", "/api/command", b'{"words":["wb","sunny"]}')
+    assert (status, json.loads(body)) == (200, {"ok": True, "text": "taken"})
+    service.err.wait("Camera set WB sunny")
+    status, _, body = web.request("POST", "/api/command", b'{"words":["wb","pink"]}')
+    assert status == 400 and "WB" not in json.loads(body)["text"].split(":")[0]
+    with web.control() as browser:
+        drive(browser)
+        assert web.request("POST", "/api/command", b'{"words":["wb","auto"]}')[0] == 409
+
+
+@pytest.mark.skipif(not shutil.which("promtool"), reason="promtool is missing")
+def test_metrics_are_as_prometheus_wants_them(web):
+    status, headers, body = web.get("/metrics")
+    assert status == 200 and headers["Content-Type"].startswith("text/plain; version=0.0.4")
+    result = subprocess.run(["promtool", "check", "metrics"], input=body, capture_output=True,
+                            check=False)
+    assert (result.returncode, result.stdout + result.stderr) == (0, b"")
+
+
+# --- Strangers -------------------------------------------------------------------------------------
+
+BAD_REQUESTS = [
+    (b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nX: " + b"x" * 9000 + b"\r\n\r\n", b"431"),
+    (b"POST /api/command HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 70000\r\n\r\n", b"413"),
+    (b"\x16\x03\x01\x02\x00\x01\x00\x01", b"400"),
+    (b"hello\r\n\r\n", b"400"),
+    (b"GET / HTTP/9.9\r\n\r\n", b"400"),
+    (b"GET / HTTP/1.1\r\nHost: evil.example\r\nConnection: close\r\n\r\n", b"421"),
+    (b"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", b"421"),
+    (b"GET /page/../../etc/passwd HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n", b"404"),
+    (b"PUT / HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n", b"405"),
+]
+
+
+@pytest.mark.parametrize("data, status", BAD_REQUESTS)
+def test_bad_requests(web, data, status):
+    answer = web.raw(data)
+    assert answer.split(b" ")[1] == status, answer
+    assert b"/work" not in answer and b"nimbus-web/" not in answer
+    assert web.get("/healthz")[0] == 200
+
+
+def test_slow_requests_are_given_up(web):
+    started = time.monotonic()
+    with web.connect() as connection:
+        connection.settimeout(nimbus.limit(15))
+        connection.sendall(b"GET / HTTP/1.1\r\n")
+        try:
+            assert connection.recv(100) == b""
+        except ConnectionResetError:
+            pass
+    assert 8 < time.monotonic() - started < nimbus.limit(14)
+
+
+def test_no_more_than_twenty_of_one_address(web):
+    connections = [web.connect("127.0.0.9") for _ in range(20)]
+    nimbus.wait_until(lambda: b"\nnimbus_web_connections 21\n" in web.get("/metrics")[2], 5, "20 guests")
+    with web.connect("127.0.0.9") as one_more:
+        one_more.settimeout(nimbus.limit(5))
+        assert one_more.recv(100).startswith(b"HTTP/1.1 503 ")
+    assert web.get("/healthz")[0] == 200  # of another address
+    connections.pop().close()
+    nimbus.wait_until(lambda: b"\nnimbus_web_connections 20\n" in web.get("/metrics")[2], 5, "a place")
+    with web.connect("127.0.0.9") as again:
+        again.sendall(b"GET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\n")
+        assert again.recv(100).startswith(b"HTTP/1.1 200 ")
+    for connection in connections:
+        connection.close()
+
+
+@pytest.mark.parametrize("payload, code", [
+    (b"nonsense", 1007), (b"[1,2]", 1007), (b"{" * 3000, 1007), (b"x" * 5000, 1009)])
+def test_what_no_page_says_ends_its_connection(web, payload, code):
+    with web.control() as browser:
+        browser.send_frame(TEXT, payload)
+        assert browser.closed() == code
+    with web.control() as browser:
+        assert browser.message("hello")
+
+
+def test_frames_that_are_none_end_their_connection(web):
+    with web.control() as browser:
+        browser.send_frame(TEXT, b"{}", masked=False)
+        assert browser.closed() in (1002, None)
+    with web.control() as browser:
+        browser.send_frame(BINARY, b"{}")
+        assert browser.closed() == 1003
+
+
+@pytest.mark.parametrize("origin", ["http://evil.example", "null", "http://127.0.0.1:8081"])
+def test_pages_of_other_sites_are_refused(web, origin):
+    for path in ("/ws/control", "/ws/video"):
+        with WebSocket(web, path, headers={"Origin": origin}) as browser:
+            assert browser.status == 403
+    status, _, _ = web.request("POST", "/api/command", b'{"words":["shot"]}', {"Origin": origin})
+    assert status == 403
+
+
+# --- Who may ---------------------------------------------------------------------------------------
+
+def set_password(build, file, password, *role):
+    subprocess.run([*nimbus.EMULATOR, build / "nimbus-web", "--passwords", file, "--set-password", *role],
+                   input=password + "\n", text=True, check=True)
+
+
+def log_in(web, password, **options):
+    status, headers, _ = web.request("POST", "/login", f"password={password}".encode(), **options)
+    return status, (headers["Set-Cookie"] or "").partition(";")[0]
+
+
+def test_passwords(build, serve, tmp_path):
+    file = tmp_path / "passwords"
+    set_password(build, file, "boat")
+    set_password(build, file, "shore", "viewer")
+    assert file.stat().st_mode & 0o777 == 0o600 and b"boat" not in file.read_bytes()
+    assert file.read_text().count("$y$") == 2
+    web = serve("--passwords", file)
+    assert web.get("/")[0] == 303 and web.get("/api/state")[0] == 401
+    with web.control() as browser:
+        assert browser.status == 401
+    assert log_in(web, "wave") == (403, "")
+    status, cookie = log_in(web, "boat")
+    assert status == 303 and web.get("/api/state", headers={"Cookie": cookie})[0] == 200
+    _, watching = log_in(web, "shore")
+    with web.control(headers={"Cookie": watching}) as browser:
+        assert browser.message("hello")["role"] == "viewer"
+        browser.send(type="take")
+        assert browser.message("result")["ok"] is False
+    with web.control(headers={"Cookie": cookie}) as browser:
+        assert browser.message("hello")["role"] == "operator"
+        web.request("POST", "/logout", headers={"Cookie": cookie})
+        assert browser.closed() == 4001
+    assert web.get("/api/state", headers={"Cookie": cookie})[0] == 401
+
+
+def test_tls(serve, service, tmp_path):
+    web = serve("--tls", "--state", tmp_path)
+    service.err.wait("New client connected")
+    assert (tmp_path / "key.pem").stat().st_mode & 0o777 == 0o600
+    assert web.get("/healthz", secure=True)[0] == 200
+    before = (tmp_path / "certificate.pem").read_bytes()
+    web.process.send_signal(nimbus.signal.SIGHUP)
+    web.err.wait("are read anew")
+    assert (tmp_path / "certificate.pem").read_bytes() == before
+    (tmp_path / "certificate.pem").write_text("nonsense")
+    (tmp_path / "key.pem").write_text("nonsense")
+    web.process.send_signal(nimbus.signal.SIGHUP)
+    web.err.wait("are read anew", count=2)  # one that is no good is made again
+    assert web.get("/healthz", secure=True)[0] == 200
+
+
+@pytest.mark.parametrize("options, problem", [
+    (["--listen", "8080"], "cannot listen on '8080'; expected ADDRESS:PORT such as 0.0.0.0:8080 or [::]:8080"),
+    (["--service", "127.0.0.1:http"], "no port in '127.0.0.1:http'; expected HOST or HOST:PORT"),
+    (["--service", "no.such.host.invalid"],
+     "no host 'no.such.host.invalid'; expected a name or an IPv4 address"),
+    (["--tls-cert", "x"], "--tls-cert and --tls-key go together; expected both or none"),
+    (["--tls-cert", "x", "--tls-key", "y"], "no certificate in x; expected one in PEM"),
+    (["--passwords", "/proc/self/mem/x"], "cannot read /proc/self/mem/x: Not a directory"),
+])
+def test_what_is_wrong_is_said_in_one_line(build, options, problem):
+    result = subprocess.run([*nimbus.EMULATOR, build / "nimbus-web", *options], capture_output=True,
+                            text=True, timeout=nimbus.limit(10), check=False)
+    assert (result.returncode, result.stderr) == (1, f"nimbus-web: {problem}\n")
+
+
+def test_sigterm_with_browsers(web, film):
+    with web.video() as one, web.control() as two:
+        one.pictures(3)
+        two.send(type="take")
+        web.stop()

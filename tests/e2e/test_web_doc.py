@@ -1,0 +1,113 @@
+"""docs/web.md against the program: every path, message, member and limit that it names."""
+
+import json
+import pathlib
+import re
+import subprocess
+import sys
+
+import pytest
+
+import nimbus
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+DOC = (ROOT / "docs/web.md").read_text()
+SOURCES = {path.name: path.read_text() for path in (ROOT / "tools/web").glob("*.*")}
+
+
+def section(title):
+    return re.search(rf"^#+ {re.escape(title)}\n(.*?)(?=^#+ |\Z)", DOC, re.MULTILINE | re.DOTALL)[1]
+
+
+def rows(title):
+    """The rows of the tables of a section, without their heads."""
+    found = []
+    for line in section(title).splitlines():
+        if line.startswith("| ") and not line.startswith("|--"):
+            found.append([cell.strip() for cell in line.strip("|").split(" | ")])
+    return found
+
+
+def words(text):
+    return re.findall(r"`([\w.-]+)`", text)
+
+
+def test_paths(web):
+    listed = {(method, words_in) for path, method, _ in rows("Paths")[1:]
+              for words_in in [path.strip("` ")]}
+    for method, path in listed:
+        if "WebSocket" in method or "NAME" in path:
+            continue
+        status = web.request(method, path, b"{}" if method == "POST" else None)[0]
+        assert status not in (404, 405), (method, path, status)
+    in_code = set(re.findall(r'path [!=]= "(/[\w/.]*)"', SOURCES["site.cpp"]))
+    assert in_code - {"/page/favicon.svg"} <= {path for _, path in listed}
+
+
+def test_messages(web, film):
+    """What the server says has the members that the document gives, and no others."""
+    said = {cells[0].strip("`"): set(words(cells[1])) for cells in rows("From the server")[1:]}
+    with web.control() as browser:
+        for message in ({"type": "take"}, {"type": "ping", "echo": 1},
+                        {"type": "command", "id": 1, "words": ["wb", "sunny"]}):
+            browser.send(**message)
+        heard = {}
+        for _ in range(100):
+            message = json.loads(browser.read()[1])
+            heard.setdefault(message["type"], message)
+            if not set(said) - {"notice"} - set(heard):
+                break
+    assert set(said) - {"notice"} == set(heard)
+    for kind, message in heard.items():
+        if kind != "state":
+            assert set(message) - {"type"} == said[kind], kind
+
+
+def test_what_browsers_say():
+    listed = {cells[0].strip("`") for cells in rows("From the browser")[1:]}
+    in_code = set(re.findall(r'\{"(\w+)", +&ControlPeer::', SOURCES["peers.cpp"]))
+    assert listed == in_code
+
+
+def test_groups(web, service):
+    listed = {cells[0].strip("`"): set(words(cells[1])) for cells in rows("Groups of the state")[1:]}
+    state = web.state()
+    assert set(state) == set(listed)
+    for group in ("video", "service", "driving"):
+        known = set(state[group]) - {"at", "connected"}
+        assert known <= listed[group], (group, known - listed[group])
+
+
+def test_limits():
+    text = "".join(SOURCES.values())
+    for name, value in {"kHeaderLimit": "8 * 1024", "kBodyLimit": "64 * 1024", "kMessageLimit": "4 * 1024",
+                        "kRequestTime": "10", "kRestTime": "15", "kStandstill": "5", "kMost": "200",
+                        "kMostOfOne": "20", "kMostPictures": "8", "kMostBytes": "256 * 1024"}.items():
+        assert re.search(rf"{name}( = |\{{){re.escape(value)}", text), name
+    limits = {cells[0]: cells[1] for cells in rows("Limits")[1:]}
+    assert limits == {
+        "header of a request": "8 KiB", "body of a request": "64 KiB", "message of a browser": "4 KiB",
+        "time for a request": "10 s", "rest between two requests of a connection": "15 s",
+        "connections": "200", "connections of one address": "20",
+        "pictures that wait for one browser": "8, or 256 KiB",
+        "no byte accepted by a browser's network": "5 s", "state messages": "10 a second",
+        "commands that wait": "32, 55 ms apart", "tries of a password": "5 a minute from one address, 30 in all",
+        "rest of a log-in": "12 h"}
+
+
+def examples(language):
+    return re.findall(rf"```{language}\n(.*?)```", section("For programs"), re.DOTALL)
+
+
+@pytest.mark.parametrize("language, runner", [("python", [sys.executable]), ("sh", ["sh", "-eu"])])
+def test_examples(web, service, tmp_path, language, runner):
+    """They do what they say, in ten lines."""
+    example, = examples(language)
+    assert len(example.splitlines()) <= 10
+    script = tmp_path / "script"
+    script.write_text(example.replace("board.local:8080", web.host))
+    result = subprocess.run([*runner, script], capture_output=True, text=True,
+                            timeout=nimbus.limit(20), check=False)
+    assert result.returncode == 0, result.stderr
+    service.err.wait("Camera set WB sunny")
+    assert "linked" in result.stdout

@@ -1,0 +1,36 @@
+"""Fixtures of the tests of nimbus-web."""
+
+import pytest
+
+import nimbus
+from web import Film, Web
+
+
+@pytest.fixture
+def serve(build, service):
+    """serve(OPTION...) starts nimbus-web beside a running service."""
+    made = []
+
+    def start(*options, **more):
+        made.append(Web(build, *options, **more))
+        return made[-1]
+
+    yield start
+    for web in made:
+        web.stop()
+
+
+@pytest.fixture
+def web(serve, service):
+    """A nimbus-web that the service knows."""
+    one = serve()
+    service.err.wait("New client connected")
+    nimbus.wait_until(lambda: one.state()["service"]["linked"], 5, "the service's voice")
+    return one
+
+
+@pytest.fixture
+def film(video):
+    one = Film(video)
+    yield one
+    one.close()
