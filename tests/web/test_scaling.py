@@ -1,0 +1,169 @@
+"""Engines that serve more viewers than the web console, with the files of install/examples: what
+comes out of each, and how old it is. The film says when its pictures were made."""
+
+import concurrent.futures
+import pathlib
+import statistics
+import subprocess
+import sysconfig
+import time
+import urllib.request
+
+import pytest
+
+import far
+from chromium import Chromium
+from film import BITS, CELLS, ROWS, WIDTH
+from nimbus import limit, wait_until
+
+EXAMPLES = pathlib.Path(__file__).parents[2] / "install/examples"
+SDP = "/run/nimbus-web/camera.sdp"
+PLAYLIST = "http://127.0.0.1:8088/camera.m3u8"
+READERS = 200
+TOP = ["-vf", f"crop={WIDTH}:{ROWS}:0:0", "-pix_fmt", "gray", "-vsync", "passthrough", "-f",
+       "rawvideo", "-"]  # the code's rows of each picture
+
+
+def made_at(rows):
+    """The code of a picture; nothing when it cannot be read."""
+    row = rows[WIDTH * ROWS // 2:]
+    cell = WIDTH // CELLS
+    bits = "".join("1" if row[i * cell + cell // 2] > 128 else "0" for i in range(CELLS))
+    return int(bits[2:], 2) if bits.startswith("10") else None
+
+
+def age_of(rows):
+    made = made_at(rows)
+    assert made is not None
+    return (int(time.time() * 1000) - made) % 2**BITS
+
+
+@pytest.fixture
+def programs():
+    """programs(COMMAND...) runs one until the end of the test."""
+    running = []
+
+    def run(*command, **options):
+        running.append(subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL,
+                                        **options))
+        return running[-1]
+
+    yield run
+    for one in reversed(running):
+        if one.stdout:
+            one.stdout.close()  # or it may wait for its reader
+        one.terminate()
+        one.wait(limit(10))
+
+
+@pytest.fixture
+def rtp(service, webs):
+    pathlib.Path(SDP).parent.mkdir(exist_ok=True)
+    return webs("--rtp", "127.0.0.1:5004", "--sdp", SDP)
+
+
+def report(record_property, engine, ages):
+    """The median goes into the run's report, and is returned."""
+    median = statistics.median(ages)
+    record_property(f"age_ms_{engine}", median)
+    print(f"{engine}: {median:.0f} ms, {min(ages):.0f} to {max(ages):.0f}")
+    return median
+
+
+def command_of(unit):
+    """What a unit starts."""
+    lines = (EXAMPLES / unit).read_text().splitlines()
+    return next(line for line in lines if line.startswith("ExecStart="))[10:].split()
+
+
+def test_ffmpeg(rtp, programs, film, record_property):
+    receiver = programs("ffmpeg", "-nostdin", "-v", "error", "-fflags", "nobuffer", "-flags",
+                        "low_delay", "-analyzeduration", "0", "-protocol_whitelist",
+                        "file,udp,rtp", "-i", SDP, *TOP, stdout=subprocess.PIPE)
+    ages = [age_of(receiver.stdout.read(WIDTH * ROWS)) for _ in range(100)]
+    # What came while it began is old.
+    assert report(record_property, "ffmpeg", ages[50:]) < limit(500)
+
+
+def fetch(address):
+    with urllib.request.urlopen(address, timeout=limit(10)) as answer:
+        return answer.read()
+
+
+def segments():
+    """The names of the playlist's segments; none as long as there is no playlist."""
+    try:
+        lines = fetch(PLAYLIST).decode().splitlines()
+    except OSError:
+        return []
+    return [line for line in lines if line and not line.startswith("#")]
+
+
+def first_rows(segment):
+    """The code's rows of its first picture."""
+    return subprocess.run(["ffmpeg", "-v", "error", "-i", "-", *TOP], input=segment,
+                          stdout=subprocess.PIPE, check=True).stdout[:WIDTH * ROWS]
+
+
+def read_as_a_player():
+    """The playlist, and the segment at which a player begins: the third from the end."""
+    name = segments()[-3]
+    return name, fetch(PLAYLIST.replace("camera.m3u8", name)), time.time()
+
+
+def test_hls(rtp, programs, film, record_property):
+    folder = pathlib.Path("/run/nginx-hls")
+    folder.mkdir()
+    programs("/usr/sbin/nginx", "-c", EXAMPLES / "nginx-hls.conf", "-g", "daemon off; user root;",
+             stderr=subprocess.DEVNULL)
+    wait_until(lambda: 1935 in tcp_ports(), 10, "nginx")
+    programs(*command_of("nimbus-hls.service"), stderr=subprocess.DEVNULL)
+    wait_until(lambda: len(segments()) >= 4, 30, "segments")
+    with concurrent.futures.ThreadPoolExecutor(READERS) as readers:
+        begun = time.monotonic()
+        read = list(readers.map(lambda _: read_as_a_player(), range(READERS)))
+        took = time.monotonic() - begun
+    # Two hundred at once get whole segments.
+    by_name = {}
+    for name, data, moment in read:
+        assert by_name.setdefault(name, (data, moment))[0] == data and len(data) % 188 == 0
+    assert len(read) == READERS
+    ages = [(int(moment * 1000) - made_at(first_rows(data))) % 2**BITS
+            for data, moment in by_name.values()]
+    print(f"{READERS} readers in {took:.1f} s")
+    assert report(record_property, "hls", ages) < limit(6000)
+
+
+def tcp_ports():
+    rows = [row for table in ("tcp", "tcp6")
+            for row in pathlib.Path(f"/proc/net/{table}").read_text().splitlines()[1:]]
+    return {int(row.split()[1].rpartition(":")[2], 16) for row in rows if row.split()[3] == "0A"}
+
+
+@pytest.fixture
+def janus(programs, tmp_path):
+    """It wants an interface that is no loopback."""
+    link = far.Link(1)
+    triplet = sysconfig.get_config_var("MULTIARCH")
+    for file in (EXAMPLES / "janus").glob("*.jcfg"):
+        text = file.read_text().replace("@TRIPLET@", triplet)
+        (tmp_path / file.name).write_text(text.replace("/etc/nimbus/janus", str(tmp_path)))
+    command = [word.replace("/etc/nimbus/janus", str(tmp_path))
+               for word in command_of("nimbus-janus.service")]
+    programs(*command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    wait_until(lambda: 8188 in tcp_ports(), 10, "Janus")
+    yield "http://10.7.1.1:8188/janus"
+    link.close()
+
+
+def test_janus(rtp, janus, film, record_property):
+    browser = Chromium()
+    try:
+        browser.open(f"{(EXAMPLES / 'janus/player.html').as_uri()}?janus={janus}")
+        browser.wait("return document.querySelector('#video').videoWidth > 0", seconds=20)
+        time.sleep(limit(1))
+        ages = browser.ages("#video", 60)
+    finally:
+        browser.close()
+    assert -1 not in ages
+    assert report(record_property, "janus", ages) < limit(1000)
