@@ -117,7 +117,10 @@ def test_hls(rtp, programs, film, record_property):
     programs("/usr/sbin/nginx", "-c", EXAMPLES / "nginx-hls.conf", "-g", "daemon off; user root;",
              stderr=subprocess.DEVNULL)
     wait_until(lambda: 1935 in tcp_ports(), 10, "nginx")
-    programs(*command_of("nimbus-hls.service"), stderr=subprocess.DEVNULL)
+    command = [SDP if word == "/etc/nimbus/camera.sdp" else word
+               for word in command_of("nimbus-hls.service")]
+    assert SDP in command
+    programs(*command, stderr=subprocess.DEVNULL)
     wait_until(lambda: len(segments()) >= 4, 30, "segments")
     with concurrent.futures.ThreadPoolExecutor(READERS) as readers:
         begun = time.monotonic()
