@@ -4,8 +4,8 @@
 namespace nimbus {
 
 /// Carries out one command: a JSON object with the text members "cmd", "param" and "value1" to
-/// "value4", in capitals or not. A text that is not JSON, words that are unknown and values that are
-/// missing do nothing; a value that is not a number is 0. May hold its caller for 200 ms (the
+/// "value4", in capitals or not. A text that is not JSON, words that are unknown and values that
+/// are missing do nothing; a value that is not a number is 0. May hold its caller for 200 ms (the
 /// exposure commands). Control thread.
 void interpret_command(const char* text) noexcept;
 

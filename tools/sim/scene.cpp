@@ -55,7 +55,6 @@ double focal_length() {
 
 // --- Exposure and colour -------------------------------------------------------------------------
 
-constexpr std::uint8_t kAutomatic = 1;
 constexpr std::uint8_t kManual = 4;
 
 double shutter_seconds(const ShutterCode& code) {
