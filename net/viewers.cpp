@@ -30,6 +30,7 @@ namespace {
 // --- What viewers say --------------------------------------------------------------------------
 constexpr std::uint8_t kDataOnlyMode = 1;
 constexpr std::size_t kLongestFixedPayload = 8;
+constexpr std::size_t kHeadSize = kFrameHeaderSize + kLongestFixedPayload;
 
 // --- Policy ------------------------------------------------------------------------------------
 // The pause after every send keeps the fan-out from overrunning a viewer's Wi-Fi.
@@ -158,7 +159,7 @@ int open_viewers_link(ViewerSpeedHandler on_speed) {
 
 void handle_viewer_datagram(const Datagram& datagram) noexcept {
   // Fields behind the end of a short datagram read as zero: a lone magic byte is a registration.
-  std::array<std::uint8_t, kFrameHeaderSize + kLongestFixedPayload> head{};
+  std::array<std::uint8_t, kHeadSize> head{};
   std::copy_n(datagram.bytes.begin(), std::min(datagram.bytes.size(), head.size()), head.begin());
   if (head[0] != kFrameMagic || is_own_frame(datagram.sender)) return;
   const ByteView payload(std::span<const std::uint8_t>(head).subspan(kFrameHeaderSize));

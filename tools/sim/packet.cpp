@@ -111,7 +111,8 @@ UdpReader::Pending& UdpReader::pending(const Name& name) {
                                   [&name](const Pending& one) { return one.name == name; });
   if (found != pending_.end()) return *found;
   if (pending_.size() == kMost) give_up(Name(pending_.front().name));
-  return pending_.emplace_back(Pending{name, {}, 0, {}});
+  pending_.push_back({name, {}, 0, {}});
+  return pending_.back();
 }
 
 void UdpReader::give_up(const Name& name) {

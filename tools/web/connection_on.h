@@ -42,7 +42,8 @@ class ConnectionOn final : public Connection,
     if constexpr (Below::kSecure) {
       expect(kRequestTime);
       lowest().async_handshake(Stream::server, [self = self()](beast::error_code error) {
-        error ? self->close() : self->read_request(kRequestTime);
+        if (error) return self->close();
+        self->read_request(kRequestTime);
       });
     } else {
       read_request(kRequestTime);
@@ -184,7 +185,8 @@ class ConnectionOn final : public Connection,
   void drain() {
     lowest().async_read_some(boost::asio::buffer(waste_),
                              [self = self()](beast::error_code error, std::size_t /*size*/) {
-                               error ? self->close() : self->drain();
+                               if (error) return self->close();
+                               self->drain();
                              });
   }
 

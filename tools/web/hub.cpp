@@ -10,7 +10,7 @@
 
 namespace nimbus::web {
 
-Hub::Hub(std::string host, ToService to_service)
+Hub::Hub(const std::string& host, ToService to_service)
     : to_service_(std::move(to_service)),
       stream_(*this),
       queue_([this](const std::string& text) { return linked_ && to_service_.command(text); }),

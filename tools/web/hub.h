@@ -47,7 +47,7 @@ class ControlPeer;
 
 class Hub : private StreamListener {
  public:
-  Hub(std::string host, ToService to_service);
+  Hub(const std::string& host, ToService to_service);
   Hub(const Hub&) = delete;
   Hub& operator=(const Hub&) = delete;
   ~Hub();

@@ -236,8 +236,12 @@ void Server::welcome(tcp::socket socket) {
                                                    delete one;
                                                  });
   tune_tcp(socket.native_handle());
-  const auto connection = tls_ == nullptr ? connect_tcp(std::move(socket), {site_, place})
-                                          : connect_tls(std::move(socket), *tls_, {site_, place});
+  std::shared_ptr<Connection> connection;
+  if (tls_ == nullptr) {
+    connection = connect_tcp(std::move(socket), {site_, place});
+  } else {
+    connection = connect_tls(std::move(socket), *tls_, {site_, place});
+  }
   connections_.push_back(connection);
   connection->start();
   tell_soon();
