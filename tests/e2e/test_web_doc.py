@@ -80,9 +80,9 @@ def test_groups(web, service):
 
 def test_limits():
     text = "".join(SOURCES.values())
-    for name, value in {"kHeaderLimit": "8 * 1024", "kBodyLimit": "64 * 1024", "kMessageLimit": "4 * 1024",
+    for name, value in {"kHeaderLimit": "8 * 1024", "kBodyLimit": "std::uint64_t{64} * 1024", "kMessageLimit": "std::size_t{4} * 1024",
                         "kRequestTime": "10", "kRestTime": "15", "kStandstill": "5", "kMost": "200",
-                        "kMostOfOne": "20", "kMostPictures": "8", "kMostBytes": "256 * 1024"}.items():
+                        "kMostOfOne": "20", "kMostPictures": "8", "kMostBytes": "std::size_t{256} * 1024"}.items():
         assert re.search(rf"{name}( = |\{{){re.escape(value)}", text), name
     limits = {cells[0]: cells[1] for cells in rows("Limits")[1:]}
     assert limits == {

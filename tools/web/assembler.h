@@ -36,7 +36,7 @@ enum class Ends : bool { guessed, seen };
 class Assembler {
  public:
   /// Pictures longer than this are nobody's.
-  static constexpr std::size_t kLongest = 4 * 1024 * 1024;
+  static constexpr std::size_t kLongest = std::size_t{4} * 1024 * 1024;
 
   using Units = std::vector<AccessUnit>;
 

@@ -20,8 +20,8 @@ namespace websocket = boost::beast::websocket;
 
 // What a stranger may send, and how long that may take.
 inline constexpr std::uint32_t kHeaderLimit = 8 * 1024;
-inline constexpr std::uint64_t kBodyLimit = 64 * 1024;
-inline constexpr std::size_t kMessageLimit = 4 * 1024;
+inline constexpr std::uint64_t kBodyLimit = std::uint64_t{64} * 1024;
+inline constexpr std::size_t kMessageLimit = std::size_t{4} * 1024;
 inline constexpr std::chrono::seconds kRequestTime{10};
 inline constexpr std::chrono::seconds kRestTime{15};
 inline constexpr std::chrono::seconds kStandstill{5};
@@ -85,6 +85,9 @@ class ConnectionOn final : public Connection,
     progressed_ = Clock::now();
     progress_ = tcp_progress(Below::fd(lowest()));
   }
+
+  // What is called later, by the loop, is no recursion.
+  // NOLINTBEGIN(misc-no-recursion)
 
   // --- HTTP ------------------------------------------------------------------------------------
 
@@ -258,6 +261,8 @@ class ConnectionOn final : public Connection,
       self->pump();
     });
   }
+
+  // NOLINTEND(misc-no-recursion)
 
   websocket::stream<Stream, false> socket_;
   ConnectionContext context_;

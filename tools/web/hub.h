@@ -45,12 +45,12 @@ struct Visitor {
 class VideoPeer;
 class ControlPeer;
 
-class Hub : private StreamListener {
+class Hub final : private StreamListener {
  public:
   Hub(const std::string& host, ToService to_service);
   Hub(const Hub&) = delete;
   Hub& operator=(const Hub&) = delete;
-  ~Hub();
+  ~Hub() override;
 
   /// A frame of the service.
   void take(const ctl::Frame& frame, Time now);
@@ -80,7 +80,7 @@ class Hub : private StreamListener {
     std::string text;
     bool conflict = false;  ///< somebody else drives
   };
-  [[nodiscard]] Result order(std::string_view json, Time now);
+  [[nodiscard]] Result order(std::string_view text, Time now);
 
   /// The figures for a monitor, in Prometheus' text format.
   [[nodiscard]] std::string metrics(std::size_t connections, Time now);

@@ -22,7 +22,9 @@ using tools::Failure;
 constexpr std::size_t kLongestFile = 4096;
 
 Failure failure(const std::string& what, const std::string& path) {
-  return Failure(what + " " + path + ": " + std::strerror(errno));
+  std::string text = what;
+  text.append(" ").append(path).append(": ").append(std::strerror(errno));
+  return Failure{text};
 }
 
 std::string crypted(const std::string& password, const std::string& setting) {
@@ -84,7 +86,9 @@ Passwords Passwords::read(const std::string& path) {
     } else if (role == name_of(Role::viewer)) {
       passwords.viewer_hash_ = hash;
     } else if (!line.empty()) {
-      throw Failure("no role '" + role + "' in " + path + "; expected operator or viewer");
+      std::string text = "no role '";
+      text.append(role).append("' in ").append(path).append("; expected operator or viewer");
+      throw Failure{text};
     }
   }
   return passwords;
@@ -123,7 +127,7 @@ void Passwords::write(const std::string& path) const {
 std::string hash_of(const std::string& password) {
   constexpr unsigned long kUsualCost = 0;
   const char* const setting = crypt_gensalt("$y$", kUsualCost, nullptr, 0);
-  const std::string hash = setting == nullptr ? "" : crypted(password, setting);
+  std::string hash = setting == nullptr ? "" : crypted(password, setting);
   if (hash.empty()) throw Failure("this system has no yescrypt; expected libcrypt 4.3 or later");
   return hash;
 }

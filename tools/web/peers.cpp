@@ -11,7 +11,7 @@
 namespace nimbus::web {
 namespace {
 
-constexpr std::size_t kMostBytes = 64 * 1024;  // that wait for one browser
+constexpr std::size_t kMostBytes = std::size_t{64} * 1024;  // that wait for one browser
 
 const cJSON* member(const cJSON* object, const char* name) {
   return cJSON_GetObjectItemCaseSensitive(object, name);

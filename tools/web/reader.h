@@ -31,7 +31,7 @@ struct Message {
 class Reader {
  public:
   static constexpr std::size_t kMostPictures = 8;
-  static constexpr std::size_t kMostBytes = 256 * 1024;
+  static constexpr std::size_t kMostBytes = std::size_t{256} * 1024;
 
   Reader(Form form, const Stream& stream);
 

@@ -18,7 +18,7 @@ constexpr std::chrono::seconds kSilence{1};
 
 // What is kept for browsers that join: one that has to catch up with more would not.
 constexpr std::size_t kMostPictures = 600;
-constexpr std::size_t kMostBytes = 4 * 1024 * 1024;
+constexpr std::size_t kMostBytes = std::size_t{4} * 1024 * 1024;
 
 // Microseconds. Browsers do not show what is shorter; a pause that is longer is a hole.
 constexpr std::uint64_t kShortest = 1'000;
@@ -96,13 +96,13 @@ void Stream::decide(Kind kind) {
                                         : Coding::none);
   blocked_ = true;
   if (codec_ != nullptr) return;
-  auto epoch = std::make_shared<Epoch>();
-  epoch->kind = kind;
-  begin_epoch(std::move(epoch));
+  Epoch epoch;
+  epoch.kind = kind;
+  begin_epoch(epoch);
 }
 
-void Stream::begin_epoch(SharedEpoch epoch) {
-  auto numbered = std::make_shared<Epoch>(*epoch);
+void Stream::begin_epoch(const Epoch& epoch) {
+  auto numbered = std::make_shared<Epoch>(epoch);
   numbered->number = epoch_->number + 1;
   epoch_ = std::move(numbered);
   group_.clear();
@@ -128,10 +128,10 @@ void Stream::take(const AccessUnit& unit) {
     Buffer sets = codec_->parameter_sets();
     if (sets.empty()) return discard(Waiting::key);
     if (sets != epoch_->parameter_sets) {
-      auto epoch = std::make_shared<Epoch>();
-      epoch->parameter_sets = std::move(sets);
-      codec_->describe(*epoch);
-      begin_epoch(std::move(epoch));
+      Epoch epoch;
+      epoch.parameter_sets = std::move(sets);
+      codec_->describe(epoch);
+      begin_epoch(epoch);
     }
   }
   publish(unit, std::move(look));

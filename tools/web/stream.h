@@ -19,12 +19,13 @@ namespace nimbus::web {
 /// Who is told of pictures.
 class StreamListener {
  public:
+  StreamListener() = default;
+  StreamListener(const StreamListener&) = delete;
+  StreamListener& operator=(const StreamListener&) = delete;
+  virtual ~StreamListener() = default;
   virtual void on_epoch(const SharedEpoch& epoch) = 0;
   virtual void on_picture(const SharedPicture& picture) = 0;
   virtual void on_waiting(Waiting reason) = 0;
-
- protected:
-  ~StreamListener() = default;
 };
 
 /// What has been counted since the start.
@@ -70,7 +71,7 @@ class Stream {
   void take(const AccessUnit& unit);
   void discard(Waiting reason);
   void tell(Waiting reason);
-  void begin_epoch(SharedEpoch epoch);
+  void begin_epoch(const Epoch& epoch);
   void publish(const AccessUnit& unit, Look look);
   void keep(const SharedPicture& picture);
   [[nodiscard]] mp4::Span next_span(Time first) const;
