@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
+#include <string_view>
 #include <vector>
 
 #include "tools/sim/scene.h"
@@ -118,11 +119,13 @@ TEST(Scene, WhereADirectionIsSeen) {
   EXPECT_FALSE(seen_at({0, 0, 0}, 180, 0));
 }
 
-void apply(CameraModel& camera, CommandKind kind, std::initializer_list<std::uint8_t> payload) {
-  CommandName command{};
-  command.kind = kind;
-  const std::vector<std::uint8_t> bytes(payload);
-  EXPECT_EQ(camera.apply(command, bytes), "");
+/// Gives the camera a command by its name.
+void apply(CameraModel& camera, std::string_view name, const std::vector<std::uint8_t>& payload) {
+  const auto rows = all_commands();
+  const auto row = std::find_if(rows.begin(), rows.end(),
+                                [name](const CommandName& one) { return one.name == name; });
+  ASSERT_NE(row, rows.end()) << name;
+  EXPECT_EQ(camera.apply(*row, payload), "");
 }
 
 TEST(SceneView, FollowsTheCamera) {
@@ -133,19 +136,19 @@ TEST(SceneView, FollowsTheCamera) {
   EXPECT_EQ(view.stops, 0);
   EXPECT_EQ(view.warmth, 0);
   EXPECT_GT(view.ball.width, 0);
-  apply(camera, CommandKind::white_balance, {6, 56});
+  apply(camera, "white balance", {6, 56});
   EXPECT_EQ(view_of(camera).warmth, -1200);
 }
 
 TEST(SceneView, ExposureByHandAndOtherwise) {
   CameraModel camera;
-  apply(camera, CommandKind::iso, {5});  // 400
+  apply(camera, "ISO", {5});  // 400
   EXPECT_EQ(view_of(camera).stops, 0) << "the camera makes up for it";
-  apply(camera, CommandKind::ev, {19});
+  apply(camera, "EV", {19});
   EXPECT_EQ(view_of(camera).stops, 1);
-  apply(camera, CommandKind::exposure_mode, {4, 0});
+  apply(camera, "exposure mode", {4, 0});
   EXPECT_NEAR(view_of(camera).stops, 2, 0.01);
-  apply(camera, CommandKind::shutter, {1, 200, 0x80, 0});
+  apply(camera, "shutter", {1, 200, 0x80, 0});
   EXPECT_NEAR(view_of(camera).stops, 0, 0.01);
 }
 
@@ -159,9 +162,7 @@ TEST(SceneView, ATrackedSubjectIsTheBall) {
       payload[5 + 4 * n + i] = static_cast<std::uint8_t>(bits >> (8 * i));
     }
   }
-  CommandName command{};
-  command.kind = CommandKind::tracking;
-  EXPECT_EQ(camera.apply(command, payload), "");
+  apply(camera, "tracking", {payload.begin(), payload.end()});
   for (int second = 0; second < 4; ++second) {
     const Rectangle ball = view_of(camera).ball;
     const Rectangle subject = camera.subject();
