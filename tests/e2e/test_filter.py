@@ -233,6 +233,8 @@ def test_too_many_senders(filtering, service, hosts, tmp_path):
     """When nobody else fits into the set, who is in it is heard, and no newcomer."""
     known, newcomer = hosts
     known.sendto(b"\x42", (BOARD, nimbus.VIEWER_PORT))
+    nimbus.wait_until(lambda: known.getsockname()[0] in run("nft list set ip nimbus viewers"), 2,
+                      "the known one in the set")
     others = ", ".join(f"10.99.{n // 256}.{n % 256} limit rate 200/second burst 200 packets"
                        for n in range(SET_SIZE - 1))
     file = tmp_path / "full.nft"
@@ -240,7 +242,7 @@ def test_too_many_senders(filtering, service, hosts, tmp_path):
     run(f"nft -f {file}")
     dropped = dropped_by_limit()
     newcomer.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
-    assert dropped_by_limit() == dropped + 1
+    nimbus.wait_until(lambda: dropped_by_limit() == dropped + 1, 2, "the newcomer's drop")
     known.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
     service.err.wait(connected(known))
     assert not found(service, connected(newcomer))
