@@ -145,7 +145,8 @@ TEST(WebH264, ASetThatDoesNotSaySoLearnsThatNothingIsReordered) {
 }
 
 TEST(WebH264, ASetThatSaysSoStays) {
-  const auto unit = units_of(recorded("zerolatency.h264"))[0];
+  const Buffer stream = recorded("zerolatency.h264");
+  const Bytes unit = units_of(stream)[0];
   const auto sps = h264::parse_sps(unit);
   ASSERT_TRUE(sps);
   EXPECT_EQ(sps->reordered, 0U);
@@ -213,7 +214,8 @@ TEST(WebH264, RecoveryPoints) {
 }
 
 TEST(WebH265, RecordedSets) {
-  for (const Bytes unit : units_of(recorded("hevc.h265"))) {
+  const Buffer stream = recorded("hevc.h265");
+  for (const Bytes unit : units_of(stream)) {
     if (h265::unit_of(unit) != h265::Unit::sps) continue;
     const auto sps = h265::parse_sps(unit);
     ASSERT_TRUE(sps);
