@@ -15,10 +15,12 @@ import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-for folder in ("tests/e2e", "tests/web", "bench"):
+for folder in ("tests", "tests/web", "bench"):
     sys.path.insert(0, str(ROOT / folder))
 
-import nimbus  # noqa: E402
+from harness.bridge import Bridge  # noqa: E402
+from harness.service import Service  # noqa: E402
+from harness.udp import DATA_PORT  # noqa: E402
 from chromium import Chromium  # noqa: E402
 from film import Film, VideoBridge  # noqa: E402
 from remux import Remux  # noqa: E402
@@ -51,7 +53,7 @@ class Rig:
         self.ends = contextlib.ExitStack()
         folder = pathlib.Path(self.ends.enter_context(tempfile.TemporaryDirectory()))
         subprocess.run(["ip", "address", "replace", f"{PLAIN_HOST}/32", "dev", "lo"], check=True)
-        service = nimbus.Service(build / "nimbus", folder, "")
+        service = Service(build / "nimbus", folder, "")
         self.ends.callback(service.kill)
         web = subprocess.Popen([build / "nimbus-web", "--service", "127.0.0.1",
                                 "--listen", "0.0.0.0:8080"])
@@ -136,7 +138,7 @@ PRESSED = "addEventListener('pointerup', () => { window.pressed = Date.now(); },
 
 def measure_command(rig, times=25):
     """From the pointer on a word of a picker to the frame at the bridge."""
-    data = nimbus.Bridge(nimbus.DATA_PORT)
+    data = Bridge(DATA_PORT)
     data.keep_sending(b"\0", 0.2)
     browser = rig.browser
     browser.open("http://127.0.0.1:8080/")
@@ -182,7 +184,7 @@ class Lamp:
     """A camera that switches its lamp on as soon as its gimbal is to move, off when it rests."""
 
     def __init__(self, film):
-        self.data = nimbus.Bridge(nimbus.DATA_PORT)
+        self.data = Bridge(DATA_PORT)
         self.data.keep_sending(b"\0", 0.2)
         self.film = film
         threading.Thread(target=self._watch, daemon=True).start()

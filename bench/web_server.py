@@ -21,9 +21,9 @@ import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(ROOT / "tests/e2e"))
+sys.path.insert(0, str(ROOT / "tests"))
 
-from web import STREAMS, Web, WebSocket  # noqa: E402
+from harness.web import STREAMS, Web, WebSocket  # noqa: E402
 
 WIDTHS = (-42, 11, -26, 6, 9, 6, 6)  # of the table's columns
 READERS, STALLED = 100, 20

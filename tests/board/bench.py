@@ -4,7 +4,8 @@ import json
 import pathlib
 import subprocess
 
-import nimbus
+from harness.udp import VIEWER_PORT
+from harness.viewer import Viewer
 from card import Card
 from machine import BOARD, HOSTS, TIME_SCALE, make_tap, wait_until
 
@@ -29,14 +30,14 @@ def setting(name, value):
     return json.dumps({"cmd": "updateparam", "name": name, "value": str(value)})
 
 
-class BoardViewer(nimbus.Viewer):
+class BoardViewer(Viewer):
     """A viewer in the sandbox, of a service on the board."""
 
     def __init__(self, host=0, port=0):
         make_tap()
         super().__init__(HOSTS[host], port)
 
-    def send_raw(self, data, port=nimbus.VIEWER_PORT):
+    def send_raw(self, data, port=VIEWER_PORT):
         self.socket.sendto(data, (BOARD, port))
 
     def settings(self):

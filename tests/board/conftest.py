@@ -9,7 +9,7 @@ import sys
 import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path += [str(ROOT / "tools" / "board"), str(ROOT / "tests" / "e2e")]
+sys.path.append(str(ROOT / "tools" / "board"))
 
 import bench  # noqa: E402
 import luggage as packing  # noqa: E402

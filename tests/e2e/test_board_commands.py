@@ -6,11 +6,14 @@ import subprocess
 
 import pytest
 
-from board import SAVE, WORKING_COPY
-from duml import command, parse, speed
-from nimbus import BANNER, DisplayRegion, limit, wait_until
+from harness.config_file import WORKING_COPY
+from harness.configuring import SAVE
+from harness.console import BANNER
+from harness.duml import command, parse, speed
+from harness.region import DisplayRegion
+from harness.timing import limit, wait_until
 
-pytest_plugins = ["board", "station"]
+pytest_plugins = ["harness.configuring", "harness.commanding"]
 
 MAP = "pan,tilt,record"
 
@@ -310,13 +313,13 @@ def test_recalibration(board):
 def test_show_channels(board, region):
     for value, shown in (("1", 1), ("0", 0), ("true", 1), ("yes", 0)):
         board.send({"cmd": "rc", "name": "showchannels", "value": value})
-        assert region.u8(1176) == shown, value
+        assert region.u8(region.SHOW_CHANNELS) == shown, value
     assert board.calls() == []
 
 
 def test_member_names_in_any_case(board, region):
     board.send('{"CMD":"rc","Name":"showchannels","VALUE":"1"}')
-    assert region.u8(1176) == 1
+    assert region.u8(region.SHOW_CHANNELS) == 1
 
 
 @pytest.mark.parametrize("text", [

@@ -10,15 +10,13 @@ import time
 
 import pytest
 
-from duml import camera, command, gimbal, parse, speed
-from nimbus import limit
+from harness.duml import camera, command, gimbal, parse, speed
+from harness.timing import limit
 
-pytest_plugins = ["station"]
+pytest_plugins = ["harness.commanding"]
 
 NOTHING = []
 
-GIMBAL_ANGLE = 622
-ORIENTATION_LOCK = 1016
 
 # --- Tables of words -----------------------------------------------------------------------------
 
@@ -526,7 +524,7 @@ def test_position(station, word, ahead, back):
     angles = {-32768: ahead, -230: ahead, -229: back, -228: back, -180: back, -132: back,
               -131: back, -130: ahead, -1: ahead, 0: ahead, 131: ahead, 229: ahead, 32767: ahead}
     for angle, effects in angles.items():
-        station.region.write(GIMBAL_ANGLE, struct.pack("<h", angle))
+        station.region.write(station.region.GIMBAL_ANGLE_1, struct.pack("<h", angle))
         station.check([(command("position", word), [f"Set position {word}\n", *effects])])
 
 
@@ -599,7 +597,7 @@ def test_zero_speed_of_a_command_is_one_frame(station):
 def test_orientation(station):
     """While the orientation is locked, the stream holds it, also against a second lock."""
     def is_locked():
-        return station.region.u8(ORIENTATION_LOCK)
+        return station.region.u8(station.region.ORIENTATION_LOCK)
 
     assert is_locked() == 0
     for _ in range(2):
@@ -625,7 +623,7 @@ def test_orientation_frames(station):
         (command("orientation", ""), NOTHING),
         (command("orientation"), NOTHING),
     ])
-    assert station.region.u8(ORIENTATION_LOCK) == 0
+    assert station.region.u8(station.region.ORIENTATION_LOCK) == 0
 
 
 # --- Pauses --------------------------------------------------------------------------------------

@@ -4,7 +4,7 @@ import random
 
 import pytest
 
-import nimbus
+from harness.timing import wait_until
 
 KEYS = """
     hdmi_enabled video_transcode_enabled video_bitrate video_width video_height disable_video_stream
@@ -41,9 +41,9 @@ def channel_map(start, region, conf):
     region.create(BEFORE * region.SIZE)
     start(conf)
     offset, length = region.RC_CHANNEL_MAP
-    assert region.bytes(1178, offset - 1178) == BEFORE * (offset - 1178)
-    end = offset + length
-    assert region.bytes(end, 1858 - end) == BEFORE * (1858 - end)
+    end, begin, after = offset + length, region.RC_CHANNEL_VALUES[0], region.COMMAND_MAILBOX[0]
+    assert region.bytes(begin, offset - begin) == BEFORE * (offset - begin)
+    assert region.bytes(end, after - end) == BEFORE * (after - end)
     return region.bytes(offset, length)
 
 
@@ -92,7 +92,7 @@ def test_disable_video_stream(start, region, access_point, join, video, conf, re
         region.write(region.VIDEO_CONNECTED, b"\0")
         region.write(region.VIDEO_STATUS_TEXT[0], b"video disconnected")
         video.send(datagram)
-        nimbus.wait_until(lambda: region.text(*region.VIDEO_STATUS_TEXT) == "", 5, "the packet")
+        wait_until(lambda: region.text(*region.VIDEO_STATUS_TEXT) == "", 5, "the packet")
         assert region.u8(region.VIDEO_CONNECTED) == 1
     if relayed:
         frames = viewer.wait_count(lambda frame: frame.video, len(datagrams))

@@ -8,17 +8,17 @@ import time
 
 import pytest
 
-import nimbus
-from duml import camera, command, parse, speed
-from nimbus import limit, wait_until
+from harness.duml import camera, command, parse, speed
+from harness.region import DisplayRegion
+from harness.timing import limit, wait_until
 
-pytest_plugins = ["station"]
+pytest_plugins = ["harness.commanding"]
 
-FOCUS_POINT = 1032  # two doubles
-RC_CHANNELS = (1178, 64)
-TELEMETRY = {"Tracking": 876, "Histogram": 1012}  # where the time of the last report stands
+FOCUS_POINT = DisplayRegion.FOCUS_POINT_X  # two doubles
+# Where the time of the last report stands.
+TELEMETRY = {"Tracking": DisplayRegion.TRACKING_MS, "Histogram": DisplayRegion.HISTOGRAM_MS}
 
-MAILBOX, MAILBOX_SIZE = nimbus.DisplayRegion.COMMAND_MAILBOX
+MAILBOX, MAILBOX_SIZE = DisplayRegion.COMMAND_MAILBOX
 MAILBOX_PERIOD = 0.050
 LOOKS = 4 * MAILBOX_PERIOD  # long enough for some looks at the mailbox
 
@@ -57,7 +57,7 @@ def test_the_focus_point_starts_in_the_middle(stations, region, before):
     if before is not None:
         region.create(before * region.size)
         region.write(MAILBOX, bytes(MAILBOX_SIZE))
-        region.write(1016, b"\0")  # no locked orientation
+        region.write(region.ORIENTATION_LOCK, b"\0")  # no locked orientation
     station = stations(introduce=False)
     station.fence()
     middle = struct.pack("<2d", 0.5, 0.5)
@@ -244,8 +244,8 @@ def reports(viewer):
 
 
 def set_receiver(region, state, channels):
-    region.write(RC_CHANNELS[0], struct.pack("<32H", *channels))
-    region.write(nimbus.DisplayRegion.RC_STATUS, bytes([state]))
+    region.write(region.RC_CHANNEL_VALUES[0], struct.pack("<32H", *channels))
+    region.write(DisplayRegion.RC_STATUS, bytes([state]))
 
 
 def test_rc_report(start, viewers, region):

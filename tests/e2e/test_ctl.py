@@ -11,16 +11,18 @@ import time
 
 import pytest
 
-from board import settings
-from duml import camera, gimbal, speed
-from nimbus import EMULATOR, VIDEO_PORT, Bridge, Console, limit, wait_until
-from reports import (
-    GIMBAL, HISTOGRAM, LENS, RECORDING, SETTINGS, STATUS, TAIL, TRACKING)
+from harness.bridge import Bridge
+from harness.configuring import settings
+from harness.console import Console
+from harness.duml import camera, gimbal, speed
+from harness.region import REGION_SIZE
+from harness.reports import GIMBAL, HISTOGRAM, LENS, RECORDING, SETTINGS, STATUS, TAIL, TRACKING
+from harness.service import EMULATOR
+from harness.timing import limit, wait_until
+from harness.udp import VIDEO_PORT
 
-pytest_plugins = ["station", "board", "desk"]
+pytest_plugins = ["harness.commanding", "harness.configuring", "harness.reporting"]
 
-RC_CHANNEL_VALUES = 1178
-ORIENTATION_LOCK = 1016
 
 
 class Tool:
@@ -222,17 +224,17 @@ def test_every_command_has_an_example(ctl):
 
 def test_orientation(live, ctl, region):
     ctl("orientation", "lock")
-    assert region.u8(ORIENTATION_LOCK) == 1
+    assert region.u8(region.ORIENTATION_LOCK) == 1
     live.camera.wait_text("Set orientation lock\n")
     ctl("orientation", "unlock")
-    assert region.u8(ORIENTATION_LOCK) == 0
+    assert region.u8(region.ORIENTATION_LOCK) == 0
 
 
 def test_channels(live, ctl, region):
     ctl("channels", "on")
-    assert region.u8(1176) == 1
+    assert region.u8(region.SHOW_CHANNELS) == 1
     ctl("channels", "off")
-    assert region.u8(1176) == 0
+    assert region.u8(region.SHOW_CHANNELS) == 0
 
 
 @pytest.mark.parametrize("typed, expected", [
@@ -388,7 +390,7 @@ def test_watch_every_report(start, standins, data, ctl):
 
 def test_watch_the_receiver(start, region, ctl):
     start("rc_input_enabled=1\n")
-    region.write(RC_CHANNEL_VALUES, struct.pack("<32H", *range(1000, 1032)))
+    region.write(region.RC_CHANNEL_VALUES[0], struct.pack("<32H", *range(1000, 1032)))
     region.write(region.RC_STATUS, b"\x06")
     tool = ctl.start("watch", "--json")
     tool.message(message="rc_channels", rc_status=6, channels=list(range(1000, 1032)))
@@ -731,9 +733,9 @@ def test_hud(start, region, ctl):
 def test_hud_follows(service, region, ctl):
     tool = ctl.start("hud", "--follow", "--json")
     wait_until(tool.messages, 10, "the first line")
-    region.write(622, struct.pack("<h", -180))
+    region.write(region.GIMBAL_ANGLE_1, struct.pack("<h", -180))
     tool.message(gimbal_angle_1=-180)
-    region.write(760, struct.pack("<d", float("nan")))
+    region.write(region.EV, struct.pack("<d", float("nan")))
     tool.message(ev=None)
     assert len(tool.messages()) == 3
     assert tool.interrupt() == 0
@@ -745,7 +747,7 @@ def test_no_region(ctl):
 
 def test_short_region(ctl):
     pathlib.Path("/dev/shm/hud_mem").write_bytes(bytes(100))
-    assert "it has 100 bytes, not 2672" in ctl.fails("hud")
+    assert f"it has 100 bytes, not {REGION_SIZE}" in ctl.fails("hud")
 
 
 # --- What goes wrong -----------------------------------------------------------------------------

@@ -9,9 +9,10 @@ import textwrap
 
 import pytest
 
-import far
-import nimbus
-from nimbus import limit
+from harness import far_network
+from harness.console import Console
+from harness.service import EMULATOR, Service
+from harness.timing import limit
 
 ANNOUNCEMENT = pathlib.Path(__file__).parents[2] / "install/nimbus.avahi"
 
@@ -41,7 +42,7 @@ class FarBoard:
     """A host at the far end of a link that announces what the package says."""
 
     def __init__(self, number, name, folder):
-        self.link = far.Link(number)
+        self.link = far_network.Link(number)
         configuration = folder / f"{name}.conf"
         configuration.write_text(CONFIGURATION.format(name=name))
         services = folder / "services"
@@ -51,7 +52,7 @@ class FarBoard:
         self.daemon = subprocess.Popen(
             [*self.there, "unshare", "--mount", "sh", "-c", START, "sh", services, configuration],
             stderr=subprocess.PIPE)
-        self.console = nimbus.Console(self.daemon.stderr)
+        self.console = Console(self.daemon.stderr)
         self.console.wait("successfully established", 20)
         self.line = f"{self.link.far}:4242  Tervado Nimbus on {name} ({name}.local)"
 
@@ -77,7 +78,7 @@ def boards(tmp_path):
 @pytest.fixture
 def ctl(build):
     def run(*arguments):
-        return subprocess.run([*nimbus.EMULATOR, build / "nimbusctl", *arguments],
+        return subprocess.run([*EMULATOR, build / "nimbusctl", *arguments],
                               capture_output=True, text=True, timeout=limit(20), check=False)
 
     return run
@@ -103,7 +104,7 @@ def test_lists_boards(ctl, boards):
 
 def test_takes_the_only_one(build, ctl, boards, tmp_path):
     board = boards(1, "mast")
-    service = nimbus.Service(build / "nimbus", tmp_path, "", wrapper=board.there)
+    service = Service(build / "nimbus", tmp_path, "", wrapper=board.there)
     try:
         done = ctl("--timeout", f"{limit(2)}s", "config")
         assert done.returncode == 0 and "video_bitrate" in done.stdout
@@ -129,7 +130,7 @@ def test_nobody_there(ctl):
             "it\n")
     done = ctl("discover")
     assert (done.returncode, done.stdout, done.stderr) == (1, "", line)
-    link = far.Link(1)
+    link = far_network.Link(1)
     try:
         done = ctl("discover", "--seconds", "0.3s")
         assert (done.returncode, done.stdout, done.stderr) == (1, "", line)
@@ -163,11 +164,11 @@ def test_foreign_answers(ctl):
             s.sendto(b"", asker)
             s.sendto(good, asker)
         """)
-    link = far.Link(1)
+    link = far_network.Link(1)
     responder = subprocess.Popen(["ip", "netns", "exec", "far1", "python3", "-c", script],
                                  stderr=subprocess.PIPE)
     try:
-        nimbus.Console(responder.stderr).wait("ready", 10)
+        Console(responder.stderr).wait("ready", 10)
         done = ctl("discover", "--seconds", str(limit(0.5)))
         assert (done.returncode, done.stderr) == (0, "")
         assert done.stdout == "10.7.1.2:4242  ?[2J?board (pi.local)\n"

@@ -1,7 +1,7 @@
 """What Wireshark and tshark show with the dissector: of every message, report and command, of what
 is damaged or cut, and of captures that hold anything.
 
-    tools/sandbox/enter python3 tests/e2e/test_dissector.py BUILD
+    PYTHONPATH=tests tools/sandbox/enter python3 tests/e2e/test_dissector.py BUILD
 
 writes anew what the recordings show (tests/e2e/golden/dissected-*); read the difference.
 """
@@ -18,9 +18,8 @@ import sys
 
 import pytest
 
-import duml
-import reports
-import wire_capture
+from harness import captures, duml, reports
+from harness.messages import status, triple
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 GOLDEN = pathlib.Path(__file__).parent / "golden"
@@ -43,8 +42,8 @@ def tshark(build, capture, *arguments):
 
 def write_capture(path, datagrams):
     """Datagrams as (source port, destination port, payload), a millisecond apart."""
-    path.write_bytes(wire_capture.pcap(wire_capture.RAW, [
-        wire_capture.Packet(n / 1000, wire_capture.ip(wire_capture.udp(data, to, source)))
+    path.write_bytes(captures.pcap(captures.RAW, [
+        captures.Packet(n / 1000, captures.ip(captures.udp(data, to, source)))
         for n, (source, to, data) in enumerate(datagrams)]))
     return path
 
@@ -90,15 +89,15 @@ SHOWN = {
     "binary text": (said(b'{\xff\x01\x80"cmd":"\x02"'), "viewer: ?", {}),
     "unknown request": (said(b"\x09"), "viewer: unknown message 9", {}),
 
-    "attitude": (told(reports.triple(0, -17900, 100, 9000)), "to viewer: gimbal attitude", {
+    "attitude": (told(triple(0, -17900, 100, 9000)), "to viewer: gimbal attitude", {
         "nimbus.viewer.type": "0", "nimbus.viewer.number": "7",
         "nimbus.viewer.gimbal_attitude.angle_1": "-17900"}),
-    "connection": (told(reports.status(5, 1, 2)), "to viewer: connection", {
+    "connection": (told(status(5, 1, 2)), "to viewer: connection", {
         "nimbus.viewer.connection.source": "1", "nimbus.viewer.connection.state": "2"}),
-    "flags": (told(reports.status(6, 0x13, 3, 0, 0, 6)), "to viewer: flags", {
+    "flags": (told(status(6, 0x13, 3, 0, 0, 6)), "to viewer: flags", {
         "nimbus.viewer.flags.access_point": "1", "nimbus.viewer.flags.hdmi": "0",
         "nimbus.viewer.flags.camera_data": "1", "nimbus.viewer.flags.rc_status": "6"}),
-    "version": (told(reports.status(11, 0, 3, 7, 2)), "to viewer: version", {
+    "version": (told(status(11, 0, 3, 7, 2)), "to viewer: version", {
         "nimbus.viewer.version.minor": "3"}),
     "tracking": (told(struct.pack("<BB4H", 21, 1, 1, 2, 3, 65535)), "to viewer: tracking", {
         "nimbus.viewer.type": "21", "nimbus.viewer.tracking.height": "65535"}),
@@ -303,11 +302,11 @@ def test_captures_that_are_cut(build, tmp_path):
     """Each packet has lost its end when it was captured."""
     packets = []
     for n, ((source, to, data), _, _) in enumerate(SHOWN.values()):
-        whole = wire_capture.ip(wire_capture.udp(data, to, source))
-        packets += [wire_capture.Packet(n, whole[:size], len(whole))
+        whole = captures.ip(captures.udp(data, to, source))
+        packets += [captures.Packet(n, whole[:size], len(whole))
                     for size in range(28, len(whole))]
     path = tmp_path / "cut.pcap"
-    path.write_bytes(wire_capture.pcap(wire_capture.RAW, packets))
+    path.write_bytes(captures.pcap(captures.RAW, packets))
     tshark(build, path, "-V")
 
 

@@ -9,8 +9,10 @@ import time
 
 import pytest
 
-import nimbus
-from nimbus import limit, wait_until
+from harness.bridge import Bridge
+from harness.service import EMULATOR
+from harness.timing import limit, wait_until
+from harness.udp import VIDEO_PORT
 
 
 @pytest.fixture(scope="module")
@@ -25,7 +27,7 @@ def stream(tmp_path_factory):
 
 @pytest.fixture
 def camera(build, service, stream):
-    run = subprocess.Popen([*nimbus.EMULATOR, build / "nimbus-sim", "--video", stream, "--fps", "10"],
+    run = subprocess.Popen([*EMULATOR, build / "nimbus-sim", "--video", stream, "--fps", "10"],
                            stdout=subprocess.DEVNULL)
     service.err.wait("Video found")
     yield run
@@ -34,7 +36,7 @@ def camera(build, service, stream):
 
 
 def start(build, *arguments):
-    return subprocess.Popen([*nimbus.EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "video",
+    return subprocess.Popen([*EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "video",
                              *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                             text=True)
 
@@ -76,7 +78,7 @@ def test_times_are_true(build, service, stream, tmp_path):
     path = tmp_path / "film.mp4"
     start_code = b"\0\0\0\1\x09"  # of the unit that stands before each picture
     pictures = [start_code + part for part in stream.read_bytes().split(start_code)[1:]]
-    bridge = nimbus.Bridge(nimbus.VIDEO_PORT)
+    bridge = Bridge(VIDEO_PORT)
     run = start(build, "--mp4", path)
     service.err.wait("New client connected")
     moments = []

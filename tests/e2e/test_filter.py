@@ -11,7 +11,9 @@ import threading
 
 import pytest
 
-import nimbus
+from harness.console import events
+from harness.timing import limit, wait_until
+from harness.udp import DATA_PORT, PORTS, VIDEO_PORT, VIEWER_PORT, udp_socket
 
 INSTALL = pathlib.Path(__file__).resolve().parents[2] / "install"
 BOARD, HOSTS = "10.77.0.1", ("10.77.0.2", "10.77.0.3")
@@ -39,7 +41,7 @@ class Neighbour:
         self._process = subprocess.Popen(["unshare", "--net", "cat"], stdin=subprocess.PIPE)
         own = os.readlink("/proc/self/ns/net")
         self._namespace = f"/proc/{self._process.pid}/ns/net"
-        nimbus.wait_until(lambda: os.readlink(self._namespace) != own, 5, "the other host")
+        wait_until(lambda: os.readlink(self._namespace) != own, 5, "the other host")
         run(f"ip link add board type veth peer name host netns {self._process.pid}")
         run(f"ip addr add {BOARD}/24 dev board")
         run("ip link set board up")
@@ -63,12 +65,12 @@ class Neighbour:
         def make():
             with open(self._namespace) as namespace:
                 assert ctypes.CDLL(None).setns(namespace.fileno(), 0) == 0
-            made.append(nimbus.udp_socket(host))
+            made.append(udp_socket(host))
 
         thread = threading.Thread(target=make)
         thread.start()
         thread.join()
-        made[0].settimeout(nimbus.limit(5))
+        made[0].settimeout(limit(5))
         return made[0]
 
     def close(self):
@@ -111,7 +113,7 @@ def filtering():
 
 
 def found(service, text):
-    return text in nimbus.events(service)
+    return text in events(service)
 
 
 def connected(sock):
@@ -121,38 +123,38 @@ def connected(sock):
 
 def test_a_viewer_is_heard(filtering, service, hosts):
     for host in hosts:
-        host.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        host.sendto(REGISTER, (BOARD, VIEWER_PORT))
         service.err.wait(connected(host))
     assert service.running()
 
 
-@pytest.mark.parametrize("port", nimbus.PORTS)
+@pytest.mark.parametrize("port", PORTS)
 def test_empty_datagram_of_another_host(filtering, service, hosts, port):
     hosts[0].sendto(b"", (BOARD, port))
-    hosts[0].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+    hosts[0].sendto(REGISTER, (BOARD, VIEWER_PORT))
     service.err.wait(connected(hosts[0]))
     assert service.running()
 
 
 @pytest.mark.parametrize("target", ["127.0.0.1", BOARD])
-@pytest.mark.parametrize("port", nimbus.PORTS)
+@pytest.mark.parametrize("port", PORTS)
 def test_empty_datagram_of_the_board(filtering, neighbour, service, port, target):
-    with nimbus.udp_socket("0.0.0.0") as sender:
+    with udp_socket("0.0.0.0") as sender:
         sender.sendto(b"", (target, port))
-        sender.sendto(REGISTER, (target, nimbus.VIEWER_PORT))
+        sender.sendto(REGISTER, (target, VIEWER_PORT))
         service.err.wait("New client connected")
     assert service.running()
 
 
-@pytest.mark.parametrize("port", [nimbus.DATA_PORT, nimbus.VIDEO_PORT])
+@pytest.mark.parametrize("port", [DATA_PORT, VIDEO_PORT])
 def test_forged_source(filtering, service, hosts, port):
     """Only the board's own bridge speaks for the camera."""
-    said = {nimbus.DATA_PORT: "Data found\n", nimbus.VIDEO_PORT: "Video found\n"}[port]
+    said = {DATA_PORT: "Data found\n", VIDEO_PORT: "Video found\n"}[port]
     hosts[0].sendto(b"\x55" * 100, (BOARD, port))
-    hosts[0].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+    hosts[0].sendto(REGISTER, (BOARD, VIEWER_PORT))
     service.err.wait(connected(hosts[0]))
     assert not found(service, said)
-    with nimbus.udp_socket("127.0.0.1") as bridge:
+    with udp_socket("127.0.0.1") as bridge:
         bridge.sendto(b"\x55" * 100, ("127.0.0.1", port))
         service.err.wait(said)
 
@@ -160,9 +162,9 @@ def test_forged_source(filtering, service, hosts, port):
 @pytest.mark.parametrize("target", ["127.0.0.1", BOARD])
 def test_bridge_of_the_board(filtering, neighbour, service, target):
     """Under any of the board's addresses."""
-    with nimbus.udp_socket("0.0.0.0") as bridge:
-        bridge.sendto(b"\x55" * 100, (target, nimbus.DATA_PORT))
-        bridge.sendto(b"\x55" * 100, (target, nimbus.VIDEO_PORT))
+    with udp_socket("0.0.0.0") as bridge:
+        bridge.sendto(b"\x55" * 100, (target, DATA_PORT))
+        bridge.sendto(b"\x55" * 100, (target, VIDEO_PORT))
         service.err.wait("Data found\n")
         service.err.wait("Video found\n")
 
@@ -170,7 +172,7 @@ def test_bridge_of_the_board(filtering, neighbour, service, target):
 @pytest.mark.parametrize("address", PRIVATE)
 def test_a_viewer_of_a_private_network(filtering, service, neighbour, address):
     with neighbour.move(address) as host:
-        host.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        host.sendto(REGISTER, (BOARD, VIEWER_PORT))
         service.err.wait(connected(host))
 
 
@@ -178,8 +180,8 @@ def test_a_viewer_of_a_private_network(filtering, service, neighbour, address):
 def test_a_stranger_is_not_served(filtering, service, neighbour, hosts, address):
     """Whoever forged that address would have the stream sent to it."""
     with neighbour.move(address) as stranger:
-        stranger.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
-        hosts[0].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        stranger.sendto(REGISTER, (BOARD, VIEWER_PORT))
+        hosts[0].sendto(REGISTER, (BOARD, VIEWER_PORT))
         service.err.wait(connected(hosts[0]))
         assert not found(service, connected(stranger))
 
@@ -193,10 +195,10 @@ def test_viewers_on_one_interface(service, hosts, tmp_path):
     file.write_text(rules.replace(example, example[2:]))
     try:
         run(f"nft -f {file}")
-        hosts[0].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        hosts[0].sendto(REGISTER, (BOARD, VIEWER_PORT))
         file.write_text(rules.replace(example, example[2:].replace("wlan0", "board")))
         run(f"nft -f {file}")
-        hosts[1].sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        hosts[1].sendto(REGISTER, (BOARD, VIEWER_PORT))
         service.err.wait(connected(hosts[1]))
         assert not found(service, connected(hosts[0]))
     finally:
@@ -213,45 +215,45 @@ def test_limit_of_a_source(filtering, service, hosts):
     """One that floods the port is cut; another is heard at once, and the first again later."""
     loud, quiet = hosts
     for _ in range(3000):
-        loud.sendto(b"\x42", (BOARD, nimbus.VIEWER_PORT))
+        loud.sendto(b"\x42", (BOARD, VIEWER_PORT))
     dropped = dropped_by_limit()
     assert dropped > 0
-    quiet.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+    quiet.sendto(REGISTER, (BOARD, VIEWER_PORT))
     service.err.wait(connected(quiet))
     assert dropped_by_limit() == dropped
 
     def heard():
         before = dropped_by_limit()
-        loud.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+        loud.sendto(REGISTER, (BOARD, VIEWER_PORT))
         return dropped_by_limit() == before
 
-    nimbus.wait_until(heard, 5, "the end of the limit")
+    wait_until(heard, 5, "the end of the limit")
     assert service.running()
 
 
 def test_too_many_senders(filtering, service, hosts, tmp_path):
     """When nobody else fits into the set, who is in it is heard, and no newcomer."""
     known, newcomer = hosts
-    known.sendto(b"\x42", (BOARD, nimbus.VIEWER_PORT))
-    nimbus.wait_until(lambda: known.getsockname()[0] in run("nft list set ip nimbus viewers"), 2,
-                      "the known one in the set")
+    known.sendto(b"\x42", (BOARD, VIEWER_PORT))
+    wait_until(lambda: known.getsockname()[0] in run("nft list set ip nimbus viewers"), 2,
+               "the known one in the set")
     others = ", ".join(f"10.99.{n // 256}.{n % 256} limit rate 200/second burst 200 packets"
                        for n in range(SET_SIZE - 1))
     file = tmp_path / "full.nft"
     file.write_text(f"add element ip nimbus viewers {{ {others} }}\n")
     run(f"nft -f {file}")
     dropped = dropped_by_limit()
-    newcomer.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
-    nimbus.wait_until(lambda: dropped_by_limit() == dropped + 1, 2, "the newcomer's drop")
-    known.sendto(REGISTER, (BOARD, nimbus.VIEWER_PORT))
+    newcomer.sendto(REGISTER, (BOARD, VIEWER_PORT))
+    wait_until(lambda: dropped_by_limit() == dropped + 1, 2, "the newcomer's drop")
+    known.sendto(REGISTER, (BOARD, VIEWER_PORT))
     service.err.wait(connected(known))
     assert not found(service, connected(newcomer))
 
 
 def test_the_board_is_not_limited(filtering, service):
-    with nimbus.udp_socket("127.0.0.1") as sender:
+    with udp_socket("127.0.0.1") as sender:
         for _ in range(1000):
-            sender.sendto(b"\x42", ("127.0.0.1", nimbus.VIEWER_PORT))
+            sender.sendto(b"\x42", ("127.0.0.1", VIEWER_PORT))
     assert dropped_by_limit() == 0
 
 

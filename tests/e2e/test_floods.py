@@ -2,22 +2,21 @@
 and needs nothing more."""
 
 import itertools
-import os
-import pathlib
 import random
 import struct
 import time
 
 import pytest
 
-import nimbus
-from nimbus import DATA_PORT, VIDEO_PORT, VIEWER_PORT, connected, events, removed, wait_until
-from reports import REPORTS, TAIL, TRACKING, sealed
+from harness.board_tools import wait_round
+from harness.console import connected, events, removed
+from harness.growth import GROWTH_BYTES, resources
+from harness.reports import REPORTS, TAIL, TRACKING, sealed
+from harness.timing import wait_until
+from harness.udp import DATA_PORT, VIDEO_PORT, VIEWER_PORT, socket_queue, udp_socket
 
 MAX_VIEWERS = 10
 QUEUE_BYTES = 64 * 1024  # may wait in the service's socket, so that none is lost
-# A second flood may cost a few pages. What a sanitizer keeps for itself grows for a while.
-GROWTH_BYTES = 128 * 1024 if nimbus.TIME_SCALE == 1 else 8 * 1024 * 1024
 
 
 class Flood:
@@ -34,7 +33,7 @@ class Flood:
             self.wait_handled()
 
     def wait_handled(self):
-        wait_until(lambda: nimbus.socket_queue(self._port)[0] == 0, 10, "the end of the queue")
+        wait_until(lambda: socket_queue(self._port)[0] == 0, 10, "the end of the queue")
         self._unchecked = 0
 
     def __enter__(self):
@@ -42,15 +41,7 @@ class Flood:
 
     def __exit__(self, *_):
         self.wait_handled()
-        assert nimbus.socket_queue(self._port) == (0, 0)
-
-
-def resources(service):
-    """What a process may leak: bytes of resident memory, descriptors, threads."""
-    status = pathlib.Path(f"/proc/{service.pid}/status").read_text()
-    fields = dict(line.split(":", 1) for line in status.splitlines())
-    return (int(fields["VmRSS"].split()[0]) * 1024, len(os.listdir(f"/proc/{service.pid}/fd")),
-            int(fields["Threads"]))
+        assert socket_queue(self._port) == (0, 0)
 
 
 @pytest.fixture
@@ -61,7 +52,7 @@ def unharmed(steady, standins, viewers, data, video):
 
     def check(flood):
         flood()
-        nimbus.wait_round(standins)  # the status loop, too, has done all of its work before
+        wait_round(standins)  # the status loop, too, has done all of its work before
         before = resources(steady)
         begin = time.monotonic()
         flood()
@@ -98,7 +89,7 @@ def sockets():
     made = []
 
     def make(count):
-        made.extend(nimbus.udp_socket(f"127.0.{n % 7}.1") for n in range(count))
+        made.extend(udp_socket(f"127.0.{n % 7}.1") for n in range(count))
         return made
 
     yield make

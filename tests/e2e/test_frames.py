@@ -5,12 +5,12 @@ import time
 
 import pytest
 
-import duml
-import nimbus
-from duml import camera, command, parse, speed
-from nimbus import limit, wait_until
+from harness import duml
+from harness.duml import camera, command, parse, speed
+from harness.timing import limit, wait_until
+from harness.udp import DATA_PORT
 
-pytest_plugins = ["station"]
+pytest_plugins = ["harness.commanding"]
 
 SHOT = command("shot")
 SHOT_EFFECTS = ["Camera shot\n", camera(0x01, "01")]
@@ -81,7 +81,7 @@ def test_golden_frames(station):
     station.fence()
     sent = station.camera.frames()
     assert [event.data for event in sent] == [bytes.fromhex(f) for _, fs in GOLDEN for f in fs]
-    assert {event.source[1] for event in sent} == {nimbus.DATA_PORT}
+    assert {event.source[1] for event in sent} == {DATA_PORT}
 
 
 # --- Numbers -------------------------------------------------------------------------------------

@@ -9,10 +9,10 @@ import time
 
 import pytest
 
-from duml import camera, command, gimbal, parse, speed
-from nimbus import limit
+from harness.duml import camera, command, gimbal, parse, speed
+from harness.timing import limit
 
-pytest_plugins = ["station"]
+pytest_plugins = ["harness.commanding"]
 
 NOTHING = []
 SHOT = ["Camera shot\n", camera(0x01, "01")]

@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-import nimbus
+from harness.timing import wait_until
 
 INSTALL = pathlib.Path(__file__).resolve().parents[2] / "install"
 DEFAULTS = (INSTALL / "tervado-nimbus.conf").read_bytes()
@@ -149,7 +149,7 @@ def test_working_copy_is_root_s_alone(start, viewers):
     viewer = viewers()
     viewer.register()
     viewer.command('{"cmd":"updateparam","name":"rcin_pan","value":"7"}')
-    nimbus.wait_until(lambda: b"speed_pan=7\n" in WORKING_COPY.read_bytes(), 5, "the save")
+    wait_until(lambda: b"speed_pan=7\n" in WORKING_COPY.read_bytes(), 5, "the save")
     assert WORKING_COPY.stat().st_mode & 0o777 == 0o600
 
 
@@ -435,8 +435,8 @@ def test_save_over_settings_that_were_not_read(start, viewers, tmp_path, start_s
     viewer.register()
     for pan in (b"7", b"8"):
         viewer.command(f'{{"cmd":"updateparam","name":"rcin_pan","value":"{pan.decode()}"}}')
-        nimbus.wait_until(lambda: WORKING_COPY.exists() and
-                          b"speed_pan=" + pan in WORKING_COPY.read_bytes(), 5, "the save")
+        wait_until(lambda: WORKING_COPY.exists() and
+                   b"speed_pan=" + pan in WORKING_COPY.read_bytes(), 5, "the save")
         assert b"speed_pan=" + pan in CARD_FILE.read_bytes()
         assert KEPT_COPY.read_bytes() == OWN
 
@@ -454,8 +454,8 @@ def test_defaults_are_written_as_the_service_writes(start, viewers, tmp_path):
     viewer = viewers()
     viewer.register()
     viewer.command('{"cmd":"updateparam","name":"rcin_pan","value":"100"}')
-    nimbus.wait_until(lambda: CARD_FILE.exists() and CARD_FILE.read_bytes() == DEFAULTS, 5,
-                      "the same file")
+    wait_until(lambda: CARD_FILE.exists() and CARD_FILE.read_bytes() == DEFAULTS, 5,
+               "the same file")
 
 
 # --- config.txt ----------------------------------------------------------------------------------

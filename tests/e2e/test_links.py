@@ -9,8 +9,11 @@ import threading
 
 import pytest
 
-import nimbus
-from nimbus import DATA_PORT, PORTS, VIDEO_PORT, VIEWER_PORT, connected, events, limit, wait_until
+from harness.bridge import Bridge
+from harness.console import connected, events, removed
+from harness.service import SOCKETS
+from harness.timing import limit, wait_until
+from harness.udp import DATA_PORT, PORTS, VIDEO_PORT, VIEWER_PORT, bound_ports, socket_queue
 
 MAX_PAYLOAD = 65507  # of a UDP datagram
 
@@ -21,7 +24,7 @@ def bridge():
     made = []
 
     def make(port, host="127.0.0.1"):
-        made.append(nimbus.Bridge(port, host))
+        made.append(Bridge(port, host))
         return made[-1]
 
     yield make
@@ -79,7 +82,7 @@ def test_other_datagrams_never_end_the_service(steady, bridge, serves, port, fil
     for length in (1, 2, 11, 12, 13, 14, 19, 20, 21, 523, 524, 525, 1400, 59999, 60000, 60001,
                    65535 - 28 - 12, MAX_PAYLOAD):
         link.send(fill * length)
-    wait_until(lambda: nimbus.socket_queue(port)[0] == 0, 10, "the end of the queue")
+    wait_until(lambda: socket_queue(port)[0] == 0, 10, "the end of the queue")
     serves(steady)
 
 
@@ -138,7 +141,7 @@ def test_start_in_the_middle_of_a_stream(start, bridge, region, serves, times):
             # Viewers register as soon as their port is open, also in the middle of a line.
             assert re.sub(r"New client connected from .*\n", "", said) == START_LINES
             service.stop()
-            wait_until(lambda: nimbus.bound_ports().isdisjoint(PORTS), 5, "free ports")
+            wait_until(lambda: bound_ports().isdisjoint(PORTS), 5, "free ports")
     serves(start())
 
 
@@ -172,8 +175,8 @@ def test_broadcast_registration_is_heard_once(steady, viewers):
     steady.err.wait(connected(viewer))
     viewer.message(11)
     viewer.leave()
-    steady.err.wait(nimbus.removed(viewer))
+    steady.err.wait(removed(viewer))
     rows = pathlib.Path("/proc/net/udp").read_text().splitlines()[1:]
     queues = [row.split()[4] for row in rows if row.split()[1].endswith(f":{VIEWER_PORT:04X}")]
-    assert len(queues) == 1 + nimbus.SOCKETS - len(PORTS)
+    assert len(queues) == 1 + SOCKETS - len(PORTS)
     assert {queue.split(":")[1] for queue in queues} == {"00000000"}

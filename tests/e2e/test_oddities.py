@@ -2,14 +2,13 @@
 
 import struct
 
-from duml import parse
-from nimbus import wait_until
-from rc import RcReader
-from reports import TRACKING
+from harness.duml import parse
+from harness.receiver import RcReader
+from harness.reports import TRACKING
+from harness.timing import wait_until
 
-pytest_plugins = ["station", "desk"]
+pytest_plugins = ["harness.commanding", "harness.reporting"]
 
-ORIENTATION_LOCK = 1016
 
 
 def test_centred_sticks_stop_beside_the_orientation_lock(stations):
@@ -17,7 +16,7 @@ def test_centred_sticks_stop_beside_the_orientation_lock(stations):
     station = stations(conf="rc_input_enabled=1\n")
     rc = RcReader(station.region)
     rc.assign("pan", "tilt")
-    station.region.write(ORIENTATION_LOCK, b"\1")
+    station.region.write(station.region.ORIENTATION_LOCK, b"\1")
     rc.cycle()
     frames = station.camera.wait_frames(50, start=station.camera.count())
     words = [struct.unpack_from("<3h", parse(event.data)[0].payload) for event in frames]

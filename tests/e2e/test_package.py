@@ -10,7 +10,11 @@ import subprocess
 
 import pytest
 
-import nimbus
+from harness.console import BANNER
+from harness.region import DisplayRegion
+from harness.service import EMULATOR, Service
+from harness.timing import wait_until
+from harness.viewer import Viewer
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 INSTALL = ROOT / "install"
@@ -74,8 +78,8 @@ def packages(build, tmp_path_factory):
 
 
 def made(build, folder, *names):
-    if nimbus.EMULATOR:
-        architecture = "armhf" if nimbus.EMULATOR[0].endswith("qemu-arm-static") else "arm64"
+    if EMULATOR:
+        architecture = "armhf" if EMULATOR[0].endswith("qemu-arm-static") else "arm64"
     else:
         architecture = output_of("dpkg", "--print-architecture").strip()
     files = output_of(INSTALL / "package", build, architecture, folder, *names).splitlines()
@@ -105,7 +109,7 @@ def names_in(text):
 
 
 def test_fields(packages):
-    version = nimbus.BANNER.decode().partition("v.")[2].partition("\x1b")[0]
+    version = BANNER.decode().partition("v.")[2].partition("\x1b")[0]
     for name, file in packages.items():
         full = field(file, "Version")
         assert re.fullmatch(rf"{re.escape(version)}-\d{{8}}\.\d{{6}}", full)
@@ -141,7 +145,7 @@ def test_no_file_is_in_two_packages(packages, tmp_path):
 
 def test_regions(root):
     """What the board's start makes of them is what the service would."""
-    sizes = {"hud_mem": nimbus.DisplayRegion.SIZE, "config_mem": CONFIG_REGION_SIZE}
+    sizes = {"hud_mem": DisplayRegion.SIZE, "config_mem": CONFIG_REGION_SIZE}
     for name, size in sizes.items():
         assert (root / HOME / "regions" / name).read_bytes() == bytes(size)
     rows = [line.split() for line in
@@ -239,15 +243,15 @@ def test_start_from_the_unpacked_package(root, build, tmp_path, standins, region
     home = root / HOME
     pathlib.Path("/run/tervado.conf").unlink(missing_ok=True)
     output_of(home / "scripts" / "before-start.sh", cwd=home)
-    service = nimbus.Service(home / "nimbus", home)
+    service = Service(home / "nimbus", home)
     try:
         service.err.wait("Loading config file... done\n")
         assert region.u8(region.OSD_ENABLED) == 1
         pathlib.Path("/boot/config.txt").write_text("a=1\n")
-        viewer = nimbus.Viewer()
+        viewer = Viewer()
         viewer.register()
         viewer.command('{"cmd":"updateparam","name":"hdmi_enabled","value":"1"}')
-        nimbus.wait_until(lambda: standins.calls("killall"), 5, "the end of the command")
+        wait_until(lambda: standins.calls("killall"), 5, "the end of the command")
         viewer.close()
         text = "a=1\nhdmi_force_hotplug=1\n"
         assert pathlib.Path("/boot/config.txt").read_text() == text

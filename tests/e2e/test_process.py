@@ -12,7 +12,10 @@ import threading
 
 import pytest
 
-import nimbus
+from harness.console import BANNER, READY, START_TEXTS, events, time_of
+from harness.service import SOCKETS
+from harness.timing import limit, wait_until
+from harness.udp import DATA_PORT, PORTS, VIDEO_PORT, VIEWER_PORT, bound_ports, udp_socket
 
 STANDARD_DESCRIPTORS = {0, 1, 2}
 
@@ -24,7 +27,7 @@ def in_shell(script):
 
 def send(port, data):
     """Sends one datagram from nobody in particular."""
-    with nimbus.udp_socket("127.0.0.1") as sender:
+    with udp_socket("127.0.0.1") as sender:
         sender.sendto(data, ("127.0.0.1", port))
 
 
@@ -41,7 +44,7 @@ def test_closed_standard_descriptors(launch, region, passes, closed):
     descriptors = service.descriptors()
     assert {descriptors[fd] for fd in closed} == {"/dev/null"}
     sockets = {fd for fd, target in descriptors.items() if target.startswith("socket:")}
-    assert len(sockets) == nimbus.SOCKETS and sockets.isdisjoint(STANDARD_DESCRIPTORS)
+    assert len(sockets) == SOCKETS and sockets.isdisjoint(STANDARD_DESCRIPTORS)
     assert region.text(*region.PRODUCT_NAME) == "Tervado Nimbus"
     assert region.text(*region.VIDEO_STATUS_TEXT) == "video disconnected"
 
@@ -58,13 +61,13 @@ def test_console_without_reader(launch, access_point, viewers, region, data, rea
         os.close(reader)
     os.close(writer)
     data.send(b"\0")
-    nimbus.wait_until(lambda: region.text(*region.TELEMETRY_STATUS_TEXT) == "", 5, "data")
+    wait_until(lambda: region.text(*region.TELEMETRY_STATUS_TEXT) == "", 5, "data")
     viewer = viewers()
     viewer.keep_alive()
     for _ in range(3):
         access_point.answer(1)
     assert viewer.message(11)
-    nimbus.wait_until(lambda: region.u8(region.DATA_CONNECTED) == 0, 5, "the loss of data")
+    wait_until(lambda: region.u8(region.DATA_CONNECTED) == 0, 5, "the loss of data")
     assert service.running()
 
 
@@ -104,7 +107,7 @@ def test_folder_that_cannot_be_written(launch, tmp_path, passes):
         service = launch(conf=None, folder="/proc", stderr=errors)
     passes(2)
     assert service.running()
-    texts = b"".join(nimbus.START_TEXTS[1:])
+    texts = b"".join(START_TEXTS[1:])
     assert console.read_bytes() == texts.replace(b"file... done", b"file... failed")
 
 
@@ -122,17 +125,17 @@ def test_threads_that_cannot_be_created(start, preload, passes, plan):
     """The links concerned are deaf; the console says what it always says, and the status goes on.
     """
     service = start(env={**preload("fail_threads"), "FAIL_THREADS": plan})
-    assert service.err.text().encode() == b"".join(nimbus.START_TEXTS[1:])
+    assert service.err.text().encode() == b"".join(START_TEXTS[1:])
     passes(1)
-    heard = {nimbus.VIEWER_PORT: "New client", nimbus.DATA_PORT: "Data found",
-             nimbus.VIDEO_PORT: "Video found"}
-    for port in nimbus.PORTS:
+    heard = {VIEWER_PORT: "New client", DATA_PORT: "Data found",
+             VIDEO_PORT: "Video found"}
+    for port in PORTS:
         send(port, b"\x42" + bytes(13))
-    for port, failed in zip(nimbus.PORTS, plan.ljust(len(nimbus.PORTS), "0")):
+    for port, failed in zip(PORTS, plan.ljust(len(PORTS), "0")):
         if failed == "0":
             service.err.wait(heard.pop(port))
     passes(2)
-    assert not [text for text in heard.values() if text in nimbus.events(service)]
+    assert not [text for text in heard.values() if text in events(service)]
 
 
 # --- What it leaves to its commands -------------------------------------------------------------
@@ -146,9 +149,9 @@ def command(standins):
                              "exec sleep 1000")
 
     def find():
-        nimbus.wait_until(number.exists, 5, "the command")
+        wait_until(number.exists, 5, "the command")
         folder = pathlib.Path("/proc") / number.read_text().strip()
-        nimbus.wait_until(lambda: (folder / "comm").read_text() == "sleep\n", 5, "its sleep")
+        wait_until(lambda: (folder / "comm").read_text() == "sleep\n", 5, "its sleep")
         return folder
 
     yield find
@@ -162,7 +165,7 @@ def test_command_that_outlives_the_service(start, standins, command):
     folder = command()
     first.kill()
     assert folder.exists()
-    assert nimbus.bound_ports().isdisjoint(nimbus.PORTS)
+    assert bound_ports().isdisjoint(PORTS)
     standins.reset("pidof")
     assert start().running()
     assert folder.exists()
@@ -173,8 +176,8 @@ def test_descriptors_of_a_command(start, command):
     start()
     folder = command() / "fd"
     # What it opens itself while it starts, it closes again.
-    nimbus.wait_until(lambda: {int(fd.name) for fd in folder.iterdir()} == STANDARD_DESCRIPTORS,
-                      5, "nothing but the standard streams")
+    wait_until(lambda: {int(fd.name) for fd in folder.iterdir()} == STANDARD_DESCRIPTORS,
+               5, "nothing but the standard streams")
 
 
 def test_signals_of_a_command(launch, command):
@@ -190,7 +193,7 @@ def test_signals_of_a_command(launch, command):
 # --- How it ends --------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("port", nimbus.PORTS)
+@pytest.mark.parametrize("port", PORTS)
 def test_receive_failure(launch, tmp_path, passes, port):
     """Status 3, with everything written."""
     output, errors = tmp_path / "output", tmp_path / "errors"
@@ -199,8 +202,8 @@ def test_receive_failure(launch, tmp_path, passes, port):
     passes(1)
     send(port, b"")
     assert service.wait_exit() == 3
-    assert output.read_bytes() == nimbus.BANNER
-    assert errors.read_bytes() == b"".join(nimbus.START_TEXTS[1:]) + b"UDP read failed\n"
+    assert output.read_bytes() == BANNER
+    assert errors.read_bytes() == b"".join(START_TEXTS[1:]) + b"UDP read failed\n"
 
 
 @contextlib.contextmanager
@@ -209,9 +212,9 @@ def traffic():
     stop = threading.Event()
 
     def run():
-        with nimbus.udp_socket("127.0.0.1") as sender:
+        with udp_socket("127.0.0.1") as sender:
             while not stop.wait(0.0005):
-                for port in nimbus.PORTS:
+                for port in PORTS:
                     sender.sendto(b"\x42" + bytes(1000), ("127.0.0.1", port))
 
     threads = [threading.Thread(target=run) for _ in range(2)]
@@ -225,7 +228,7 @@ def traffic():
             thread.join()
 
 
-@pytest.mark.parametrize("port", nimbus.PORTS)
+@pytest.mark.parametrize("port", PORTS)
 def test_receive_failure_at_work(start, port):
     """The other threads do not notice; they must not turn the end into a crash."""
     service = start()
@@ -251,7 +254,7 @@ def everything(viewers, data, video):
                 guest.register(number % 2)
             payload = struct.pack("<I", number) + bytes((0, 1400, 50000)[number % 3])
             data.send(b"\x55" + payload)
-            nimbus.wait_until(lambda: repeat(payload, guests), 5, "the relayed video")
+            wait_until(lambda: repeat(payload, guests), 5, "the relayed video")
             for guest in guests:
                 guest.speed(1, 100, -100, 0)
                 if commands:
@@ -292,7 +295,7 @@ def test_nothing_grows(launch, access_point, everything):
     service = launch()
     access_point.wait_probe()
     descriptors, threads = service.descriptors(), service.threads()
-    assert len(descriptors) == len(STANDARD_DESCRIPTORS) + nimbus.SOCKETS
+    assert len(descriptors) == len(STANDARD_DESCRIPTORS) + SOCKETS
     everything(6)
     access_point.answer(1)
     access_point.wait_probe()
@@ -304,7 +307,7 @@ def test_resident_memory(unsanitized, launch, passes, everything):
     """Under 4 MiB, also when the largest datagrams have passed through."""
     service = launch()
     everything(3)
-    for port in nimbus.PORTS:
+    for port in PORTS:
         send(port, b"\xff" * 60000)
     passes(2)
     status = pathlib.Path(f"/proc/{service.pid}/status").read_text()
@@ -316,11 +319,11 @@ def test_time_to_ready(unsanitized, start, standins, passes):
     best = float("inf")
     for _ in range(20):
         service = start()
-        best = min(best, nimbus.time_of(service.err, nimbus.READY) - service.started)
+        best = min(best, time_of(service.err, READY) - service.started)
         # Until its first command runs as a program of its own, that command shares the ports.
         passes(1)
         service.kill()
         standins.clear()
         if best < 0.010:
             break
-    assert best < nimbus.limit(0.020)
+    assert best < limit(0.020)

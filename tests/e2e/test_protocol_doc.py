@@ -6,7 +6,7 @@ import re
 
 import pytest
 
-from duml import Camera
+from harness.camera import Camera
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DOCUMENT = (ROOT / "docs" / "protocol.md").read_text()

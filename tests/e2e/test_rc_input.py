@@ -11,12 +11,12 @@ import time
 
 import pytest
 
-import nimbus
-from duml import GIMBAL, Command, camera, command, gimbal, parse, speed
-from nimbus import DisplayRegion, limit, wait_until
-from rc import FUNCTIONS, RcReader
+from harness.duml import GIMBAL, Command, camera, command, gimbal, parse, speed
+from harness.receiver import FUNCTIONS, RcReader
+from harness.region import DisplayRegion
+from harness.timing import TIME_SCALE, limit, wait_until
 
-pytest_plugins = ["station"]
+pytest_plugins = ["harness.commanding"]
 
 PHOTO, VIDEO, PLAY = 0, 1, 7
 
@@ -70,10 +70,6 @@ def speeds_of(events):
 class Cockpit:
     """A running service with its camera, and the pilot's end of it: the RC reader."""
 
-    CAMERA_MODE = 644
-    ORIENTATION_LOCK = 1016
-    FOCUS_POINT = (1032, 1040)
-
     _MARK = b"everything before was received"
 
     def __init__(self, station, **reader):
@@ -85,10 +81,11 @@ class Cockpit:
         self.rc = RcReader(station.region, **reader)
 
     def camera_mode(self, mode):
-        self.region.write(self.CAMERA_MODE, bytes([mode]))
+        self.region.write(self.region.CAMERA_MODE, bytes([mode]))
 
     def focus_point(self):
-        return tuple(self.region.value("d", offset) for offset in self.FOCUS_POINT)
+        return tuple(self.region.value("d", offset)
+                     for offset in (self.region.FOCUS_POINT_X, self.region.FOCUS_POINT_Y))
 
     def frames(self, start=0):
         """The events that are frames, from event `start` on."""
@@ -684,14 +681,14 @@ def test_wait_holds_the_rc_alone(cockpit):
     station.viewer.command('{"cmd":"resetcamera"}')
     before = cockpit.region.u8(DisplayRegion.OSD_ENABLED)
     with pytest.raises(AssertionError):
-        cockpit.rc.cycle(0.2 / nimbus.TIME_SCALE)
+        cockpit.rc.cycle(0.2 / TIME_SCALE)
     assert cockpit.region.u8(DisplayRegion.OSD_ENABLED) == before
     cockpit.camera.wait_text(SHOT[0], start=waiting)
     said = [parse(event.data)[0] if event.is_frame else event.text
             for event in cockpit.camera.events(waiting)]
     meanwhile = said[:said.index(SHOT[0])]
     assert camera(0x78, "00") in meanwhile
-    assert meanwhile.count(speed(1000, 0, 0)) > 8 / nimbus.TIME_SCALE
+    assert meanwhile.count(speed(1000, 0, 0)) > 8 / TIME_SCALE
     wait_until(lambda: cockpit.region.u8(DisplayRegion.OSD_ENABLED) != before, 5, "the next cycle")
 
 
@@ -794,7 +791,7 @@ def test_first_focus_point(cockpit):
                                          ((0.5, 0.0), True)])
 def test_first_focus_point_that_another_process_moved(cockpit, point, sent):
     """Zero counts as sent already, in each coordinate."""
-    cockpit.region.write(cockpit.FOCUS_POINT[0], struct.pack("<2d", *point))
+    cockpit.region.write(DisplayRegion.FOCUS_POINT_X, struct.pack("<2d", *point))
     cockpit.rc.assign(*FOCUS)
     if sent:
         cockpit.await_exactly(focus_point(*point))
@@ -920,7 +917,7 @@ def test_focus_point_that_another_process_moved(cockpit, written, kept):
     """It is kept within the picture and sent like any other."""
     cockpit.rc.assign(*FOCUS)
     cockpit.await_exactly(focus_point(0.5, 0.5))
-    cockpit.region.write(cockpit.FOCUS_POINT[0], struct.pack("<d", written))
+    cockpit.region.write(DisplayRegion.FOCUS_POINT_X, struct.pack("<d", written))
     cockpit.await_exactly(focus_point(kept, 0.5))
     assert cockpit.focus_point() == (kept, 0.5)
 
@@ -1214,7 +1211,8 @@ def test_internal_camera_switch_that_is_up_at_start(cockpits, standins):
 
 def test_internal_camera_ends_after_its_setting_is_saved(cockpits, standins):
     """The region says so first, then the file, and the camera that starts again finds both."""
-    standins.answer("mount", 'od -An -tu1 -j1019 -N1 /dev/shm/hud_mem >>"$NIMBUS_STANDINS/region"')
+    standins.answer("mount", f'od -An -tu1 -j{DisplayRegion.INTERNAL_CAMERA_FULLSCREEN} -N1 '
+                             '/dev/shm/hud_mem >>"$NIMBUS_STANDINS/region"')
     standins.answer("killall", 'cp /run/tervado.conf "$NIMBUS_STANDINS/file"')
     cockpit = cockpits()
     cockpit.rc.assign("intcamera")
@@ -1242,7 +1240,7 @@ def test_switches_outlast_the_receiver(cockpit, function, up, down):
 
 
 def lock(cockpit):
-    return cockpit.region.u8(cockpit.ORIENTATION_LOCK)
+    return cockpit.region.u8(DisplayRegion.ORIENTATION_LOCK)
 
 
 def test_orientation_lock(cockpit):
@@ -1368,7 +1366,7 @@ def test_no_numbers_anywhere(cockpits):
     cockpit.move("record", 1.0, START)
 
 
-BLOCK = (1175, 1857)  # from the receiver's state to the menu flag
+BLOCK = (DisplayRegion.RC_STATUS, DisplayRegion.MENU_ACTIVE + 1)  # from the receiver's state to the menu flag
 
 
 def garbage(rng):
@@ -1376,7 +1374,7 @@ def garbage(rng):
     first, end = BLOCK
     block = bytearray(rng.randbytes(end - first))
     odd = (0.0, 0.3, -0.3, 0.5, -0.5, 0.1, 1.0, -1.0, NAN, INF, -INF, 1e308, -1e308, 5e-324, 1e9)
-    for offset in range(RcReader.CENTRED, RcReader.MENU, 8):
+    for offset in range(DisplayRegion.RC_CENTRED[0], DisplayRegion.MENU_ACTIVE, 8):
         kind = rng.randrange(4)
         if kind > 0:
             value = rng.choice(odd) if kind == 1 else rng.uniform(-1.2, 1.2)
@@ -1384,7 +1382,7 @@ def garbage(rng):
     if rng.random() < 0.9:
         block[0] = RcReader.LIVE
     if rng.random() < 0.9:
-        block[RcReader.MENU - first] = 0
+        block[DisplayRegion.MENU_ACTIVE - first] = 0
     return block
 
 
@@ -1401,7 +1399,7 @@ def test_garbage(cockpits, seed):
     while time.monotonic() < deadline:
         block = garbage(rng)
         if seed % 2:  # a save takes far longer than all the rest
-            offset = RcReader.ASSIGNED + 2 * FUNCTIONS.index("intcamera") - BLOCK[0]
+            offset = DisplayRegion.RC_ASSIGNED[0] + 2 * FUNCTIONS.index("intcamera") - BLOCK[0]
             block[offset:offset + 2] = bytes(2)
         cockpit.region.write(BLOCK[0], bytes(block))
         cockpit.camera_mode(rng.choice([PHOTO, VIDEO, PLAY, rng.randrange(256)]))

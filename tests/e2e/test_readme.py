@@ -9,7 +9,8 @@ import urllib.request
 
 import pytest
 
-import nimbus
+from harness.service import EMULATOR
+from harness.timing import limit
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 README = (ROOT / "README.md").read_text()
@@ -38,7 +39,7 @@ def pattern(line):
 @pytest.fixture
 def live(build):
     """live(OPTION...) is what `./dev run` runs, in a sandbox in the sandbox."""
-    if nimbus.EMULATOR:
+    if EMULATOR:
         pytest.skip("the tools are of another processor")
 
     def start(*options, prefix=()):
@@ -55,7 +56,7 @@ def test_tour(live):
     assert len(tour) > 10
     run = live("--shell")
     script = "".join(f"{command}\necho '{MARK}'\n" for command, _ in tour)
-    output, _ = run.communicate(script, timeout=nimbus.limit(60))
+    output, _ = run.communicate(script, timeout=limit(60))
     outputs = output.split(MARK)[:-1]
     assert run.returncode == 0 and len(outputs) == len(tour), output
     for (command, promised), output in zip(tour, outputs):
@@ -73,7 +74,7 @@ def test_interrupted(live):
         if "camera settings" in line:
             break
     os.killpg(run.pid, signal.SIGINT)
-    output, _ = run.communicate(timeout=nimbus.limit(5))
+    output, _ = run.communicate(timeout=limit(5))
     assert run.returncode == 0 and "frame counter: 0 gap(s)" in output, output
 
 
@@ -84,7 +85,7 @@ def test_interrupted(live):
 ])
 def test_bad_options(live, options, problem):
     run = live(*options)
-    output, _ = run.communicate(timeout=nimbus.limit(10))
+    output, _ = run.communicate(timeout=limit(10))
     assert (run.returncode, output) == (2, f"live: {problem}\n")
 
 
@@ -98,10 +99,10 @@ def test_browsers(live):
             url = line.removeprefix("open ").strip()
             break
     assert re.fullmatch(r"http://localhost:\d+/", url or "")
-    with urllib.request.urlopen(url.replace("localhost", "127.0.0.1"), timeout=nimbus.limit(5)) as page:
+    with urllib.request.urlopen(url.replace("localhost", "127.0.0.1"), timeout=limit(5)) as page:
         assert b"<title>" in page.read()
     os.killpg(run.pid, signal.SIGINT)
-    run.communicate(timeout=nimbus.limit(5))
+    run.communicate(timeout=limit(5))
     assert run.returncode == 0
 
 

@@ -6,12 +6,15 @@ import time
 
 import pytest
 
-import recorded_session
-from recorded_session import Model, Seen, without_text_tails
-from reports import (
-    REPORTS, VOLATILE, assert_messages, decode, differences, now_ms, place)
+from harness import recorded_session
+from harness.messages import assert_messages
+from harness.recorded_session import Model, Seen, without_text_tails
+from harness.region import VOLATILE, DisplayRegion, differences, place
+from harness.reports import REPORTS
+from harness.timing import now_ms
+from harness.values import decode
 
-pytest_plugins = ["desk"]
+pytest_plugins = ["harness.reporting"]
 
 SEEDS = (1, 2, 3)
 
@@ -49,7 +52,7 @@ def test_replay(desk, seed):
             assert (stamp - start) % 2**32 <= end - start, f"{name} is not the time; {where}"
         if waited is not None:
             assert start - last_sight[1] <= waited <= end - last_sight[0], where
-        if tracking and memory[880]:
+        if tracking and memory[DisplayRegion.TRACKING_ON]:
             last_sight = (start, end)
 
 

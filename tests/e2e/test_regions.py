@@ -7,25 +7,30 @@ import struct
 
 import pytest
 
-import nimbus
+from harness.region import SharedMemory, place
+from harness.timing import wait_until
 
 # Everything that a start without a configuration file sets in the display region.
 OWN_BYTES = {
-    0: b"Tervado Nimbus\0",
-    286: b"v.0.3.7\0",
-    362: b"\0",  # viewers
-    363: b"\0",  # camera data
-    364: b"\0",  # video
-    365: b"telemetry disconnected\0",
-    493: b"video disconnected\0",
-    634: b"\0",  # camera timer
-    636: bytes(8),
-    1017: bytes(3),  # settings for the display
-    1032: struct.pack("<2d", 0.5, 0.5),  # focus point
+    "product_name": b"Tervado Nimbus\0",
+    "version_text": b"v.0.3.7\0",
+    "viewer_count": b"\0",
+    "data_connected": b"\0",
+    "video_connected": b"\0",
+    "telemetry_status_text": b"telemetry disconnected\0",
+    "video_status_text": b"video disconnected\0",
+    "timer_state": b"\0",
+    "timer_start_ms": bytes(4),
+    "timer_elapsed_ms": bytes(4),
+    "osd_enabled": b"\0",
+    "internal_camera_enabled": b"\0",
+    "internal_camera_fullscreen": b"\0",
+    "focus_point_x": struct.pack("<d", 0.5),
+    "focus_point_y": struct.pack("<d", 0.5),
     # Time stamps of telemetry long gone, and a command that was never taken.
-    876: bytes(4),
-    1012: bytes(4),
-    1858: bytes(512),
+    "tracking_ms": bytes(4),
+    "histogram_ms": bytes(4),
+    "command_mailbox": bytes(512),
 }
 
 CONFIG_SIZE = 2336
@@ -34,7 +39,7 @@ PATTERNS = (b"\xa5" * 8192, b"\xff" * 8192, bytes(i * 7 % 251 for i in range(819
 
 @pytest.fixture
 def config_region():
-    shared = nimbus.SharedMemory("config_mem", CONFIG_SIZE)
+    shared = SharedMemory("config_mem", CONFIG_SIZE)
     yield shared
     shared.close()
 
@@ -42,7 +47,8 @@ def config_region():
 def with_own_bytes(before):
     """The region after a start."""
     after = bytearray(before)
-    for offset, value in OWN_BYTES.items():
+    for name, value in OWN_BYTES.items():
+        offset = place(name).start
         after[offset:offset + len(value)] = value
     return bytes(after)
 
@@ -95,7 +101,7 @@ def test_display_region_that_is_too_short(start, region, config_region, size):
     service = start(wait_ready=False)
     assert service.wait_exit() == 1
     assert service.err.text() == (f"Cannot map shared memory /hud_mem: it has {size} bytes, "
-                                  "expected at least 2672\n")
+                                  f"expected at least {region.SIZE}\n")
     assert service.out.bytes() == b""
     assert region.path.read_bytes() == before
     assert not config_region.path.exists()
@@ -139,7 +145,7 @@ def test_config_region_is_never_written(start, region, config_region, access_poi
     service = start("hdmi_enabled=1\nvideo_bitrate=1\nrc_input_map=pan,tilt\nap_ssid=\"a\"")
     viewer = join(service)
     data.send(b"\0")
-    nimbus.wait_until(lambda: region.u8(region.DATA_CONNECTED), 5, "camera data")
+    wait_until(lambda: region.u8(region.DATA_CONNECTED), 5, "camera data")
     access_point.answer(0)
     viewer.message(11)
     assert config_region.path.read_bytes() == before
@@ -159,7 +165,7 @@ def test_regions_outlive_the_service(start, region, config_region, standins, pas
     passes(1)
     first.kill()
     left = region.path.read_bytes()
-    assert left[1017] == 1 and left[1242:1244] == b"\x00\xff"
+    assert left[region.OSD_ENABLED] == 1 and left[place("rc_channel_map")][:2] == b"\x00\xff"
     identities = [shared.path.stat().st_ino for shared in (region, config_region)]
 
     before = PATTERNS[2][:region.SIZE]
@@ -180,4 +186,4 @@ def test_region_is_shared_live(start, region, data):
     start("osd_enabled=1")
     assert region.u8(region.OSD_ENABLED) == 1
     data.send(b"\0")
-    nimbus.wait_until(lambda: region.u8(region.DATA_CONNECTED) == 1, 5, "camera data")
+    wait_until(lambda: region.u8(region.DATA_CONNECTED) == 1, 5, "camera data")

@@ -16,9 +16,14 @@ import time
 
 import pytest
 
-import nimbus
-from nimbus import VIDEO_PORT, connected, events, limit, lost, removed, wait_until
-from reports import FIELDS, REPORTS, TAIL
+from harness.bridge import Bridge
+from harness.console import Console, connected, events, lost, removed
+from harness.region import FIELDS
+from harness.reports import REPORTS, TAIL
+from harness.service import EMULATOR, frozen
+from harness.timing import TIME_SCALE, limit, wait_until
+from harness.udp import DATA_PORT, VIDEO_PORT, VIEWER_PORT, socket_queue
+from harness.viewer import StampedViewer
 
 MAX_VIEWERS = 10
 MAX_DATAGRAM = 60000
@@ -69,7 +74,7 @@ def stamped():
     with contextlib.ExitStack() as ends:
 
         def make(service, count):
-            made = [nimbus.StampedViewer(f"127.0.0.{n + 1}") for n in range(count)]
+            made = [StampedViewer(f"127.0.0.{n + 1}") for n in range(count)]
             for viewer in made:
                 ends.callback(viewer.close)
                 viewer.register()
@@ -137,7 +142,7 @@ def test_counter_counts_all_broadcasts(held, access_point, join, video, region):
 def test_source_address_of_the_bridge_does_not_matter(held, join):
     viewer = join(held)
     for n in range(4):
-        bridge = nimbus.Bridge(VIDEO_PORT, f"127.0.{n}.9")
+        bridge = Bridge(VIDEO_PORT, f"127.0.{n}.9")
         bridge.send(bytes([n]))
         bridge.close()
         viewer.wait(lambda f, n=n: f.payload == bytes([n]))
@@ -172,18 +177,18 @@ def test_burst(held, crowd, video):
         video.send(payload)
     for viewer in everybody:
         assert wait_video(viewer, count, 10) == payloads
-    assert nimbus.socket_queue(VIDEO_PORT) == (0, 0)
+    assert socket_queue(VIDEO_PORT) == (0, 0)
 
 
 def test_buffers_without_privilege(launch, video, viewers):
     """The system's limit holds then, if it is less than what the bursts need."""
     service = launch(wrapper=["setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin"])
     limit = int(pathlib.Path("/proc/sys/net/core/rmem_max").read_text())
-    for port, wanted in (nimbus.VIEWER_PORT, 1), (nimbus.DATA_PORT, 1), (VIDEO_PORT, 4):
+    for port, wanted in (VIEWER_PORT, 1), (DATA_PORT, 1), (VIDEO_PORT, 4):
         assert receive_buffer_of(port) == 2 * min(limit, wanted * 1024 * 1024)
     viewer = viewers()
     viewer.keep_alive()
-    nimbus.wait_until(lambda: viewer.frames, 5, "the registration")
+    wait_until(lambda: viewer.frames, 5, "the registration")
     video.send(b"anything")
     viewer.wait(lambda frame: frame.payload == b"anything")
     assert service.running()
@@ -207,10 +212,10 @@ def test_pace(held, stamped, video):
     assert min(gaps) >= 0.999 * PAUSE_NS
     # The machine may be busy: the fastest ten in a row tell what the service itself makes of it.
     fastest = min(sends[n + MAX_VIEWERS] - sends[n] for n in range(len(sends) - MAX_VIEWERS))
-    assert fastest < (1.1 + 0.1 * (nimbus.TIME_SCALE - 1)) * MAX_VIEWERS * PAUSE_NS
+    assert fastest < (1.1 + 0.1 * (TIME_SCALE - 1)) * MAX_VIEWERS * PAUSE_NS
 
 
-@pytest.mark.skipif(bool(nimbus.EMULATOR), reason="the emulator has a timer slack of its own")
+@pytest.mark.skipif(bool(EMULATOR), reason="the emulator has a timer slack of its own")
 def test_pauses_are_not_stretched(held):
     """By default the system lets any pause last 50 us longer, 5 % of this one."""
     for thread in pathlib.Path(f"/proc/{held.pid}/task").iterdir():
@@ -253,7 +258,7 @@ def traced(service, file):
     """Records every system call of all threads in the file."""
     tracer = subprocess.Popen(["strace", "-f", "-o", str(file), "-p", str(service.pid)],
                               stderr=subprocess.PIPE)
-    console = nimbus.Console(tracer.stderr)
+    console = Console(tracer.stderr)
     try:
         console.wait(f"Process {service.pid} attached")
         yield
@@ -410,7 +415,7 @@ def test_stuck_broadcast_does_not_stop_the_others(held, access_point, crowd, vid
     for payload in payloads:
         video.send(payload)
     wait_video(everybody[0], 3)
-    with nimbus.frozen(held):  # some viewers have got the frame that others lack
+    with frozen(held):  # some viewers have got the frame that others lack
         answered = time.monotonic()
         access_point.answer(1)
         waited = everybody[0].message(6, 1).time - answered

@@ -14,10 +14,13 @@ import time
 
 import pytest
 
-import nimbus
-import wire_capture
-from nimbus import limit, wait_until
-from wire_capture import COOKED_1, COOKED_2, DATA, ETHERNET, LIBRARY, RAW, VIDEO, Packet, ip, udp, wrapped
+from harness import captures
+from harness.bridge import Bridge
+from harness.captures import (
+    COOKED_1, COOKED_2, DATA, ETHERNET, LIBRARY, RAW, VIDEO, Packet, ip, udp, wrapped)
+from harness.service import EMULATOR
+from harness.timing import limit, wait_until
+from harness.udp import udp_socket
 
 ENDED = re.compile(r"(\d+) frames received, \d+ bad, (\d+) bytes of video sent; "
                    r"replayed: (\d+) data, (\d+) video, (\d+) incomplete\n")
@@ -30,7 +33,7 @@ class Replays:
         self.binary = str(binary)
 
     def run(self, path, *arguments, **options):
-        return subprocess.run([*nimbus.EMULATOR, self.binary, "--replay", path, *map(str, arguments)],
+        return subprocess.run([*EMULATOR, self.binary, "--replay", path, *map(str, arguments)],
                               capture_output=True, text=True, timeout=limit(60), check=False,
                               **options)
 
@@ -58,7 +61,7 @@ class Listener:
 
     def __init__(self):
         self.heard = []  # (time, port, payload)
-        self._sockets = [nimbus.udp_socket("127.0.0.1", port) for port in (DATA, VIDEO)]
+        self._sockets = [udp_socket("127.0.0.1", port) for port in (DATA, VIDEO)]
         self._threads = [threading.Thread(target=self._receive, args=(one,), daemon=True)
                          for one in self._sockets]
         for thread in self._threads:
@@ -97,7 +100,7 @@ def listener():
     one.close()
 
 
-def recording(tmp_path, packets, layer=ETHERNET, form=wire_capture.pcap, **options):
+def recording(tmp_path, packets, layer=ETHERNET, form=captures.pcap, **options):
     path = tmp_path / "recording"
     path.write_bytes(form(layer, packets, **options))
     return path
@@ -125,7 +128,7 @@ def test_library(name, replay, service, viewer):
     viewer.keep_alive()
     wait_until(lambda: any(f.payload[0] == 11 for f in viewer.frames), 5, "the first status")
     replay(LIBRARY / name, "--speed", 2)
-    sent = nimbus.wait_until(lambda: settled(viewer), 10, "the last message")
+    sent = wait_until(lambda: settled(viewer), 10, "the last message")
     video = b"".join(frame.payload for frame in sent if frame.video)
     lines = [line_of(frame.payload) for frame in sent
              if not frame.video and frame.payload[0] not in BY_CLOCK]
@@ -149,7 +152,7 @@ def test_library_is_small():
 # --- Wrappings -----------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("form", [wire_capture.pcap, wire_capture.pcapng])
+@pytest.mark.parametrize("form", [captures.pcap, captures.pcapng])
 @pytest.mark.parametrize("layer", [ETHERNET, RAW, COOKED_1, COOKED_2])
 def test_wrappings(layer, form, replay, listener, tmp_path):
     packets = simple(layer=layer, step=0.001)
@@ -222,7 +225,7 @@ def test_only_one_link(replay, listener, tmp_path):
 
 def test_loop(build, listener, tmp_path):
     path = recording(tmp_path, simple(3))
-    run = subprocess.Popen([*nimbus.EMULATOR, build / "nimbus-sim", "--replay", path, "--loop"],
+    run = subprocess.Popen([*EMULATOR, build / "nimbus-sim", "--replay", path, "--loop"],
                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     listener.payloads(10, VIDEO)
     run.send_signal(signal.SIGINT)
@@ -247,7 +250,7 @@ def test_progress_on_a_terminal(replay, listener, tmp_path):
     """One line, written over and over again."""
     ours, theirs = pty.openpty()
     path = recording(tmp_path, simple(60))
-    run = subprocess.Popen([*nimbus.EMULATOR, replay.binary, "--replay", path], stderr=theirs,
+    run = subprocess.Popen([*EMULATOR, replay.binary, "--replay", path], stderr=theirs,
                            stdout=subprocess.DEVNULL)
     assert run.wait(limit(10)) == 0
     said = os.read(ours, 65536).decode()
@@ -269,10 +272,10 @@ def test_truncated(replay, listener, tmp_path):
 FOREIGN = {
     "empty": (b"", "before packet 1: "),
     "text": (b"This is no recording, but a text of some length.\n" * 3, "before packet 1: "),
-    "no packets": (wire_capture.pcap(ETHERNET, []), "nothing to play in 0 packets"),
-    "another link": (wire_capture.pcap(105, simple(1)), "has packets of IEEE802_11; expected Ethernet"),
-    "an unknown link": (wire_capture.pcap(64_000, simple(1)), "; expected Ethernet"),
-    "others only": (wire_capture.pcap(ETHERNET, simple(4, port=53)), "nothing to play in 4 packets"),
+    "no packets": (captures.pcap(ETHERNET, []), "nothing to play in 0 packets"),
+    "another link": (captures.pcap(105, simple(1)), "has packets of IEEE802_11; expected Ethernet"),
+    "an unknown link": (captures.pcap(64_000, simple(1)), "; expected Ethernet"),
+    "others only": (captures.pcap(ETHERNET, simple(4, port=53)), "nothing to play in 4 packets"),
 }
 
 
@@ -310,15 +313,15 @@ def test_bad_arguments(arguments, replay):
 
 
 def capture(build, *arguments):
-    return subprocess.run([*nimbus.EMULATOR, build / "nimbusctl", "--timeout", str(limit(3)), "capture",
+    return subprocess.run([*EMULATOR, build / "nimbusctl", "--timeout", str(limit(3)), "capture",
                            *map(str, arguments)], capture_output=True, timeout=limit(20), check=False)
 
 
 def test_capture_and_replay(build, replay, service, tmp_path):
     """The video that a viewer has captured goes to another service as the bridge has sent it."""
     path = tmp_path / "viewer.pcapng"
-    bridge = nimbus.Bridge(VIDEO)
-    run = subprocess.Popen([*nimbus.EMULATOR, build / "nimbusctl", "capture", path],
+    bridge = Bridge(VIDEO)
+    run = subprocess.Popen([*EMULATOR, build / "nimbusctl", "capture", path],
                            stderr=subprocess.PIPE)
     service.err.wait("New client connected")
     sent = [bytes([n]) * size for n, size in enumerate((1, 1400, 1401, 9000, 60_000))]

@@ -14,9 +14,10 @@ import random
 
 import pytest
 
-from reports import STATUS, START, crc16, frame_of, sealed
+from harness.duml import START, crc16
+from harness.reports import STATUS, frame_of, sealed
 
-pytest_plugins = ["desk"]
+pytest_plugins = ["harness.reporting"]
 
 
 def letter(name, **options):

@@ -8,13 +8,15 @@ import time
 
 import pytest
 
-from nimbus import limit, wait_until
-from reports import (
-    FIELDS, FLAG_17, FLAGS_30, GIMBAL, HISTOGRAM, LENS, NOW, RECORDING, REPORTS, SETTINGS, STATUS,
-    TAIL, TEXTS, TRACKING, VOLATILE, Report, assert_messages, crc8, crc16, differences, frame_of,
-    low16, now_ms, status, stored, triple)
+from harness.duml import crc16, crc8
+from harness.messages import assert_messages, low16, status, triple
+from harness.region import FIELDS, NOW, TEXTS, VOLATILE, differences, place, stored
+from harness.reports import (
+    FLAGS_30, FLAG_17, GIMBAL, HISTOGRAM, LENS, RECORDING, REPORTS, SETTINGS, STATUS, TAIL,
+    TRACKING, Report, frame_of)
+from harness.timing import limit, now_ms, wait_until
 
-pytest_plugins = ["desk"]
+pytest_plugins = ["harness.reporting"]
 
 INFINITY = math.inf
 NAN = math.nan
@@ -566,7 +568,7 @@ def test_tracking_rectangle(desk, coordinate, wire):
         frame = TRACKING.frame(**dict(zip(("x", "y", "width", "height"), values, strict=True)))
         [message] = desk.exchange(frame)
         memory = desk.memory()
-        assert memory[860:876] == b"".join(values), name
+        assert memory[place("tracking_x").start:place("tracking_height").stop] == b"".join(values), name
         assert message == struct.pack("<BB4H", 21, 0, *wires), name
 
 
@@ -574,7 +576,7 @@ def test_signalling_nan_is_stored_as_it_is(desk):
     """No bit of a NaN is changed on its way."""
     bits = bytes.fromhex("01 00 A0 FF")
     [message] = desk.exchange(TRACKING.frame(x=bits, y=bits))
-    assert desk.memory()[860:868] == bits + bits
+    assert desk.memory()[place("tracking_x").start:place("tracking_y").stop] == bits + bits
     assert message == bytes([21, 0]) + bytes(8)
 
 

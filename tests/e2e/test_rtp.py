@@ -9,8 +9,9 @@ import urllib.request
 
 import pytest
 
-import nimbus
-from nimbus import limit, wait_until
+from harness.service import EMULATOR
+from harness.timing import limit, wait_until
+from harness.udp import bound_ports
 
 PICTURES = 30  # of the stream: 10 a second, a key picture each second
 GROUP = 10
@@ -45,7 +46,7 @@ class Camera:
     """Begins once a receiver is there, and goes on beside the test."""
 
     def __init__(self, build, stream):
-        self.command = [*nimbus.EMULATOR, build / "nimbus-sim", "--video", stream, "--fps", "10"]
+        self.command = [*EMULATOR, build / "nimbus-sim", "--video", stream, "--fps", "10"]
         self.run = None
 
     def start(self):
@@ -69,7 +70,7 @@ class Console:
 
     def __init__(self, build, *arguments):
         self.run = subprocess.Popen(
-            [*nimbus.EMULATOR, build / "nimbus-web", "--listen", f"127.0.0.1:{WEB_PORT}", *arguments],
+            [*EMULATOR, build / "nimbus-web", "--listen", f"127.0.0.1:{WEB_PORT}", *arguments],
             stderr=subprocess.PIPE)
         wait_until(self.answers, 10, "the web console")
 
@@ -102,7 +103,7 @@ def console(build):
 
 
 def listening(port):
-    return port in nimbus.bound_ports()
+    return port in bound_ports()
 
 
 def assert_from_a_key_picture(pictures, source):
@@ -174,6 +175,6 @@ def test_nobody_receives(camera, console):
      "cannot write '/nowhere/a.sdp'; expected a file to write for --sdp"),
 ])
 def test_refused(build, arguments, line):
-    done = subprocess.run([*nimbus.EMULATOR, build / "nimbus-web", *arguments], capture_output=True,
+    done = subprocess.run([*EMULATOR, build / "nimbus-web", *arguments], capture_output=True,
                           text=True, timeout=limit(10), check=False)
     assert (done.returncode, done.stdout, done.stderr) == (1, "", f"nimbus-web: {line}\n")

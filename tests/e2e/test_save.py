@@ -2,22 +2,20 @@
 
 import os
 import pathlib
-import re
 import subprocess
 import time
 
 import pytest
 
-import nimbus
-from duml import camera, command, speed
-from nimbus import wait_until
-from rc import RcReader
+from harness.board_tools import BOARD_TOOL, Standins
+from harness.config_file import (
+    CARD_FILE, EMPTY_MAP, FLAGS, GOLDEN, KEYS, QUOTED, WORKING_COPY, default_file, values_of,
+    with_settings, without_cr)
+from harness.duml import camera, command, speed
+from harness.receiver import RcReader
+from harness.timing import TIME_SCALE, wait_until
 
-pytest_plugins = ["station"]
-
-GOLDEN = pathlib.Path(__file__).parent / "golden" / "tervado-nimbus.conf"
-CARD_FILE = pathlib.Path("/boot/tervado-nimbus.conf")
-WORKING_COPY = pathlib.Path("/run/tervado.conf")
+pytest_plugins = ["harness.commanding"]
 
 # What a save runs, in order: the partition is made writable, the file written, the partition
 # mounted afresh, the working copy made; and then the switch ends the camera.
@@ -30,50 +28,13 @@ KILLALL = ["killall", "-q", "raspivid"]
 CALLS = [REMOUNT, UMOUNT, MOUNT, CAT, SED, KILLALL]
 CALLS_WITHOUT_FILE = [REMOUNT, KILLALL]
 
-EMPTY_MAP = "," * 31
-
 
 # --- Files ---------------------------------------------------------------------------------------
 
 
-def settings(file):
-    """The values by their keys, as they stand in a file with CR LF."""
-    return dict(re.findall(r"^(\w+)=(.*)\r$", file.decode(), re.MULTILINE))
-
-
-def with_settings(**values):
-    """The golden file with other values."""
-    text = GOLDEN.read_bytes().decode()
-    for key, value in values.items():
-        text, count = re.subn(rf"^{key}=.*\r$", lambda _: f"{key}={value}\r", text,
-                              flags=re.MULTILINE)
-        assert count == 1, key
-    return text.encode()
-
-
-def without_cr(file):
-    return file.replace(b"\r\n", b"\n")
-
-
 def conf_of(file):
     """What the loader is given for those settings, without comments and in another order."""
-    return "".join(f"{key}={value}\n" for key, value in reversed(settings(file).items()))
-
-
-KEYS = list(settings(GOLDEN.read_bytes()))
-QUOTED = [key for key in KEYS if key.endswith(("_ssid", "_psk"))]
-TEXTS = [key for key in KEYS if key.endswith(("_mode", "_map", "_iface", "_country"))
-         and key != "ap_mode"]
-FLAGS = """hdmi_enabled video_transcode_enabled disable_video_stream video_hflip video_vflip
-    rc_input_enabled rc_input_exp rc_input_abs osd_enabled internal_camera_enabled
-    internal_camera_fullscreen""".split()
-
-
-
-def default_file(**values):
-    """The file of a record in which only these settings are not zero and empty."""
-    plain = {key: '""' if key in QUOTED else "" if key in TEXTS else "0" for key in KEYS}
-    return with_settings(**plain | {"rc_input_map": EMPTY_MAP, "rc_input_enabled": 1} | values)
+    return "".join(f"{key}={value}\n" for key, value in reversed(values_of(file).items()))
 
 
 # --- The saving service --------------------------------------------------------------------------
@@ -126,8 +87,8 @@ def tools(tmp_path):
     work."""
     folder = tmp_path / "tools"
     folder.mkdir()
-    standin = pathlib.Path(nimbus.__file__).parents[2] / "tools" / "sandbox" / "bin" / "board-tool"
-    standins = nimbus.Standins()
+    standin = BOARD_TOOL
+    standins = Standins()
     for tool in ("cat", "sed"):
         (folder / tool).symlink_to(standin)
         standins.answer(tool, f'exec /bin/{tool} "$@"')
@@ -408,7 +369,7 @@ def test_slow_save_holds_the_rc_alone(stations, standins, tool):
     wait_until(lambda: {moving.frame(0)[8:-2], reset.frame(0)[8:-2]} <=
                {event.data[8:-2] for event in camera_end.frames(start)}, 5, "the frames")
     with pytest.raises(AssertionError):
-        rc.cycle(0.2 / nimbus.TIME_SCALE)
+        rc.cycle(0.2 / TIME_SCALE)
     release(standins)
     wait_until(lambda: station.region.u8(station.region.OSD_ENABLED) == 1, 5, "the next cycle")
 

@@ -4,10 +4,12 @@ import pathlib
 
 import pytest
 
-from board import CARD_FILE, SAVE, WORKING_COPY, settings
-from nimbus import DisplayRegion, limit
+from harness.config_file import CARD_FILE, WORKING_COPY
+from harness.configuring import SAVE, settings
+from harness.region import DisplayRegion
+from harness.timing import limit
 
-pytest_plugins = ["board"]
+pytest_plugins = ["harness.configuring"]
 
 END_RCIN = ["killall", "-q", "rcin"]
 END_PICTURES = ["killall", "-q", "hud", "usb-receiver", "wireless-receiver", "display"]

@@ -14,11 +14,14 @@ import time
 
 import pytest
 
-import duml
-import nimbus
-from duml import camera, command
-from nimbus import limit, wait_until
-from reports import FIELDS, TEXTS, decode, place
+from harness import duml
+from harness.console import Console
+from harness.duml import camera, command
+from harness.region import FIELDS, REGION_SIZE, TEXTS, place
+from harness.service import EMULATOR
+from harness.timing import limit, wait_until
+from harness.udp import DATA_PORT, VIDEO_PORT, udp_socket
+from harness.values import decode
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 MANUAL = ROOT / "docs" / "man" / "nimbus-sim.1"
@@ -32,11 +35,11 @@ class Simulator:
     def __init__(self, binary, arguments, **popen):
         streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
                    "stderr": subprocess.PIPE, **popen}
-        self.process = subprocess.Popen([*nimbus.EMULATOR, binary, *map(str, arguments)],
+        self.process = subprocess.Popen([*EMULATOR, binary, *map(str, arguments)],
                                         **streams)
         if self.process.stdout:
-            self.out = nimbus.Console(self.process.stdout)
-        self.err = nimbus.Console(self.process.stderr)
+            self.out = Console(self.process.stdout)
+        self.err = Console(self.process.stderr)
 
     def frames(self, start=0):
         """What was said of each frame, without time and number."""
@@ -408,11 +411,11 @@ def test_receiver(start, sim, region, tmp_path):
     one.wait_frames(["EV: +3.0"])
     wait_fields(region, {"gimbal_angle_1": -320, "ev": 3.0}, 10)
     assert region.u8(region.RC_STATUS) == 6
-    assert [region.value("H", 1178 + 2 * n) for n in range(5)] == [1750, 1500, 1900, 2000, 0]
-    assert [region.value("H", 1274 + 2 * n) for n in (0, 1, 2, 5)] == [1, 1, 0, 1]
+    assert [region.value("H", region.RC_CHANNEL_VALUES[0] + 2 * n) for n in range(5)] == [1750, 1500, 1900, 2000, 0]
+    assert [region.value("H", region.RC_ASSIGNED[0] + 2 * n) for n in (0, 1, 2, 5)] == [1, 1, 0, 1]
     assert one.end()[1] == 0
     assert region.u8(region.RC_STATUS) == 0
-    assert region.value("H", 1274) == 0
+    assert region.value("H", region.RC_ASSIGNED[0]) == 0
 
 
 def test_receiver_loops(service, sim, region, tmp_path):
@@ -441,8 +444,8 @@ def test_no_reports(service, viewer, sim, region):
 def test_bad_frames_are_counted(sim):
     """What is no sound frame, or no known one, is counted and shown with what is wrong with it."""
     sound = camera(0x2A, "05").frame(7)
-    with nimbus.udp_socket("127.0.0.1", nimbus.DATA_PORT) as service:
-        with nimbus.udp_socket("127.0.0.1", nimbus.VIDEO_PORT):
+    with udp_socket("127.0.0.1", DATA_PORT) as service:
+        with udp_socket("127.0.0.1", VIDEO_PORT):
             service.settimeout(limit(5))
             one = sim("--verbose")
             address = service.recvfrom(2048)[1]
@@ -463,7 +466,7 @@ def test_bad_frames_are_counted(sim):
 def test_other_host(sim):
     """The service may run on another host, given by its name or address."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as service:
-        service.bind(("127.0.0.9", nimbus.DATA_PORT))
+        service.bind(("127.0.0.9", DATA_PORT))
         service.settimeout(limit(5))
         sim("--host", "127.0.0.9")
         assert service.recv(2048)[0] == 0x55
@@ -536,7 +539,7 @@ def test_unread_output(service, viewer, sim):
     os.close(end)
 
 
-@pytest.mark.skipif(bool(nimbus.EMULATOR), reason="the emulator needs them")
+@pytest.mark.skipif(bool(EMULATOR), reason="the emulator needs them")
 def test_no_standard_streams(service, build):
     """They may be closed from the start."""
     process = subprocess.Popen(f"exec '{build}/nimbus-sim' --verbose --video - <&- >&- 2>&-",
@@ -621,7 +624,7 @@ def test_region_too_short(sim, region, tmp_path):
     one = sim("--rc", tmp_path / "script")
     assert one.wait_end() == 1
     assert one.err.text() == (
-        "Cannot map shared memory /hud_mem: it has 5 bytes, expected at least 2672\n")
+        f"Cannot map shared memory /hud_mem: it has 5 bytes, expected at least {REGION_SIZE}\n")
 
 
 # --- The picture that follows the gimbal ---------------------------------------------------------

@@ -8,23 +8,27 @@ import time
 
 import pytest
 
-import nimbus
-from nimbus import events, limit, wait_round, wait_until
+from harness.board_tools import wait_round
+from harness.console import events
+from harness.region import DisplayRegion
+from harness.timing import limit, wait_until
+from harness.udp import DATA_PORT, socket_queue
 
 # Long enough for a loss to be noticed, on a busy machine too; test_time_to_loss is the strict one.
 LOSS_SECONDS = 6
 
-NETWORK_BYTES = 644  # of the display region, from its start: splash, connection state, camera timer
+# Of the display region, from its start: splash, connection state, camera timer.
+NETWORK_BYTES = DisplayRegion.TIMER_ELAPSED_MS + 4
 STALE = 0xA5  # what an earlier run has left in all of them
-DATA_CONNECTED = nimbus.DisplayRegion.DATA_CONNECTED
-VIDEO_CONNECTED = nimbus.DisplayRegion.VIDEO_CONNECTED
-PRODUCT_NAME = nimbus.DisplayRegion.PRODUCT_NAME[0]
-VERSION_TEXT = nimbus.DisplayRegion.VERSION_TEXT[0]
-TELEMETRY_TEXT = nimbus.DisplayRegion.TELEMETRY_STATUS_TEXT[0]
-VIDEO_TEXT = nimbus.DisplayRegion.VIDEO_STATUS_TEXT[0]
-TIMER_STATE = nimbus.DisplayRegion.TIMER_STATE
-TIMER_START = nimbus.DisplayRegion.TIMER_START_MS
-TIMER_ELAPSED = nimbus.DisplayRegion.TIMER_ELAPSED_MS
+DATA_CONNECTED = DisplayRegion.DATA_CONNECTED
+VIDEO_CONNECTED = DisplayRegion.VIDEO_CONNECTED
+PRODUCT_NAME = DisplayRegion.PRODUCT_NAME[0]
+VERSION_TEXT = DisplayRegion.VERSION_TEXT[0]
+TELEMETRY_TEXT = DisplayRegion.TELEMETRY_STATUS_TEXT[0]
+VIDEO_TEXT = DisplayRegion.VIDEO_STATUS_TEXT[0]
+TIMER_STATE = DisplayRegion.TIMER_STATE
+TIMER_START = DisplayRegion.TIMER_START_MS
+TIMER_ELAPSED = DisplayRegion.TIMER_ELAPSED_MS
 
 
 @pytest.fixture(params=["Data", "Video"])
@@ -151,7 +155,7 @@ def test_further_camera_data_leaves_the_display_alone(steady, data, region):
     write()
     for _ in range(20):
         data.send(b"data")
-    wait_until(lambda: nimbus.socket_queue(nimbus.DATA_PORT)[0] == 0, 0.5)
+    wait_until(lambda: socket_queue(DATA_PORT)[0] == 0, 0.5)
     for offset, content in written.items():
         assert region.bytes(offset, len(content)) == content
     steady.err.wait("Data lost\n", LOSS_SECONDS, count=2)

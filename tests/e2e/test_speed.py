@@ -12,16 +12,16 @@ import time
 
 import pytest
 
-from duml import Camera, command, parse, speed
-from nimbus import limit, wait_until
+from harness.camera import Camera
+from harness.duml import command, parse, speed
+from harness.timing import limit, wait_until
 
-pytest_plugins = ["station"]
+pytest_plugins = ["harness.commanding"]
 
 PERIOD = 0.030
 STOP = speed(0, 0, 0)
 HOLD = speed(pan=1, roll=0, tilt=0)  # keeps a locked orientation
 SILENCE = 10 * PERIOD
-ORIENTATION_LOCK = 1016
 
 
 def said(events):
@@ -281,7 +281,7 @@ def test_inversion(stations, axes, value):
 
 @pytest.mark.parametrize("lock", [1, 2, 255])
 def test_a_locked_orientation_is_held_while_there_is_no_speed(station, lock):
-    station.region.write(ORIENTATION_LOCK, bytes([lock]))
+    station.region.write(station.region.ORIENTATION_LOCK, bytes([lock]))
     events = station.camera.wait_frames(40)
     assert PERIOD * 0.9 < period_of(events) < limit(PERIOD * 1.5)
     assert set(said(events)) == {HOLD}
@@ -294,7 +294,7 @@ def test_a_locked_orientation_is_held_while_there_is_no_speed(station, lock):
     *_, stopped, held = [one for one, _ in runs(station.camera.events(start))]
     assert (stopped, held) == (STOP, HOLD)
 
-    station.region.write(ORIENTATION_LOCK, b"\0")
+    station.region.write(station.region.ORIENTATION_LOCK, b"\0")
     time.sleep(limit(2 * PERIOD))
     start = station.camera.count()
     time.sleep(SILENCE)
@@ -304,7 +304,7 @@ def test_a_locked_orientation_is_held_while_there_is_no_speed(station, lock):
 
 def test_an_orientation_that_was_locked_before_the_start_is_held(region, stations):
     region.create()
-    region.write(ORIENTATION_LOCK, b"\1")
+    region.write(region.ORIENTATION_LOCK, b"\1")
     assert set(said(stations().camera.wait_frames(5))) == {HOLD}
 
 

@@ -1,18 +1,18 @@
 """Start-up as a person at the console and the sibling processes see it."""
 
-import contextlib
 import select
 import signal
 import socket
 
 import pytest
 
-import nimbus
-from nimbus import START_TEXTS
+from harness.console import BANNER, START_TEXTS, connected, removed
+from harness.timing import limit
+from harness.udp import DATA_PORT, VIDEO_PORT, VIEWER_PORT, occupied
 
-PORTS = {nimbus.VIEWER_PORT: b"Init network... ",
-         nimbus.DATA_PORT: b"Init data source... ",
-         nimbus.VIDEO_PORT: b"Init video source... "}
+PORTS = {VIEWER_PORT: b"Init network... ",
+         DATA_PORT: b"Init data source... ",
+         VIDEO_PORT: b"Init video source... "}
 
 # What a region holds where the service has not been.
 BEFORE = b"\xa5"
@@ -23,7 +23,7 @@ class Console:
 
     def __init__(self, launch, conf=""):
         self._socket, end = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-        self._socket.settimeout(nimbus.limit(5))
+        self._socket.settimeout(limit(5))
         with end:
             self.service = launch(conf, stdout=end, stderr=end, wait_ready=False)
 
@@ -39,22 +39,11 @@ class Console:
         return tuple(iter(lambda: self._socket.recv(4096), b""))
 
 
-@contextlib.contextmanager
-def occupied(ports, host="0.0.0.0", reuse=False):
-    """Somebody else has those ports."""
-    with contextlib.ExitStack() as sockets:
-        for port in ports:
-            holder = sockets.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
-            holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, reuse)
-            holder.bind((host, port))
-        yield
-
-
 def test_console_of_a_clean_start(start):
     service = start()
     assert service.err.text().encode() == b"".join(START_TEXTS[1:])
-    service.out.wait(nimbus.BANNER.decode())
-    assert service.out.bytes() == nimbus.BANNER
+    service.out.wait(BANNER.decode())
+    assert service.out.bytes() == BANNER
 
 
 @pytest.mark.parametrize("conf, loaded", [("", b"done\n"), (None, b"failed\n")])
@@ -74,9 +63,9 @@ def test_later_texts_are_whole(launch, passes, viewers, data, video):
     passes(1)
     viewer = viewers()
     viewer.register()
-    assert console.next(1) == (nimbus.connected(viewer).encode(),)
+    assert console.next(1) == (connected(viewer).encode(),)
     viewer.leave()
-    assert console.next(1) == (nimbus.removed(viewer).encode(),)
+    assert console.next(1) == (removed(viewer).encode(),)
     data.send(b"\x00")
     assert console.next(1) == (b"Data found\n",)
     video.send(b"\x00")
@@ -103,7 +92,7 @@ def test_busy_port(launch, region, port, holder):
             pass
     assert region.text(*region.PRODUCT_NAME) == "Tervado Nimbus"
     assert region.u8(region.OSD_ENABLED) == 1
-    marked_lost = BEFORE[0] if port == nimbus.VIEWER_PORT else 0
+    marked_lost = BEFORE[0] if port == VIEWER_PORT else 0
     assert region.u8(region.DATA_CONNECTED) == marked_lost
     assert region.u8(region.VIDEO_CONNECTED) == marked_lost
 
@@ -111,7 +100,7 @@ def test_busy_port(launch, region, port, holder):
 @pytest.mark.parametrize("first", PORTS)
 def test_first_busy_port_ends_the_start(launch, first):
     """With that port and all later ones busy, only the first is reported."""
-    with occupied(port for port in PORTS if port >= first or first == nimbus.VIEWER_PORT):
+    with occupied(port for port in PORTS if port >= first or first == VIEWER_PORT):
         console = Console(launch)
         step = START_TEXTS.index(PORTS[first]) + 1
         assert console.rest() == (*START_TEXTS[:step], b"fail\n")
@@ -120,7 +109,7 @@ def test_first_busy_port_ends_the_start(launch, first):
 
 def test_port_free_again(launch, start):
     """What was busy at one start does not hinder the next."""
-    with occupied([nimbus.VIDEO_PORT]):
+    with occupied([VIDEO_PORT]):
         assert launch(wait_ready=False).wait_exit() == 1
     assert start().running()
 
@@ -128,11 +117,11 @@ def test_port_free_again(launch, start):
 def test_banner_in_a_pipe(start):
     """The banner is seen while the service runs, though nothing follows it."""
     service = start()
-    service.out.wait(nimbus.BANNER.decode())
+    service.out.wait(BANNER.decode())
     assert service.running()
     service.kill()
     service.out.wait_closed()
-    assert service.out.bytes() == nimbus.BANNER
+    assert service.out.bytes() == BANNER
 
 
 @pytest.mark.parametrize("signum", [signal.SIGKILL, signal.SIGTERM])
@@ -141,9 +130,9 @@ def test_banner_in_a_file(launch, tmp_path, signum):
     file = tmp_path / "output"
     with file.open("wb") as output:
         service = launch(stdout=output)
-    assert file.read_bytes() == nimbus.BANNER
+    assert file.read_bytes() == BANNER
     service.kill(signum)
-    assert file.read_bytes() == nimbus.BANNER
+    assert file.read_bytes() == BANNER
 
 
 @pytest.mark.parametrize("port", PORTS)
@@ -151,7 +140,7 @@ def test_banner_of_a_failed_start(launch, tmp_path, port):
     file = tmp_path / "output"
     with occupied([port]), file.open("wb") as output:
         assert launch(stdout=output, wait_ready=False).wait_exit() == 1
-    assert file.read_bytes() == nimbus.BANNER
+    assert file.read_bytes() == BANNER
 
 
 def test_splash(service, region):

@@ -8,7 +8,10 @@ import time
 
 import pytest
 
-import nimbus
+from harness.console import BANNER, connected, events, lost, removed
+from harness.timing import limit, wait_until
+from harness.udp import datagrams_sent
+from harness.viewer import StampedViewer
 
 # The messages of a pass, less what varies: type byte, then six values.
 CAMERA_DATA = b"\x05\x00\x00\x00\x00\x00\x00"
@@ -46,9 +49,9 @@ def stamped():
     with contextlib.ExitStack() as viewers:
 
         def make(service):
-            viewer = viewers.enter_context(contextlib.closing(nimbus.StampedViewer()))
+            viewer = viewers.enter_context(contextlib.closing(StampedViewer()))
             viewer.register()
-            service.err.wait(nimbus.connected(viewer))
+            service.err.wait(connected(viewer))
             return viewer
 
         yield make
@@ -177,8 +180,8 @@ def test_order_of_the_losses(held, access_point, join, data, region):
     access_point.answer(1)
     assert witness.message(5).payload == CAMERA_DATA
     held.err.wait("Histogram lost\n")
-    assert nimbus.events(held).endswith(
-        nimbus.connected(witness) + nimbus.lost(silent) +
+    assert events(held).endswith(
+        connected(witness) + lost(silent) +
         "Data lost\nTracking lost\nHistogram lost\n")
     access_point.answer(1)
     assert witness.message(6, start=3).payload == FLAGS
@@ -198,7 +201,7 @@ def test_flags(start, access_point, join, data, region, access, hdmi, camera_dat
     viewer = join(service)
     if camera_data:
         data.send(b"\0")
-        nimbus.wait_until(lambda: region.text(*region.TELEMETRY_STATUS_TEXT) == "", 5, "data")
+        wait_until(lambda: region.text(*region.TELEMETRY_STATUS_TEXT) == "", 5, "data")
     access_point.answer(0 if access else 1)
     assert viewer.message(6).payload[1] == 1 | access | hdmi | camera_data
 
@@ -214,7 +217,7 @@ def test_camera_data_bit_is_the_service_s_own(held, access_point, join, region):
 def test_video_has_no_bit(held, access_point, join, video, region):
     viewer = join(held)
     video.send(b"\0")
-    nimbus.wait_until(lambda: region.u8(region.VIDEO_CONNECTED), 5, "video")
+    wait_until(lambda: region.u8(region.VIDEO_CONNECTED), 5, "video")
     access_point.answer(1)
     assert viewer.message(6).payload[1] == 1
 
@@ -224,7 +227,7 @@ def test_lost_camera_data_is_told_at_once(held, access_point, join, data, region
     viewer = join(held)
     viewer.keep_alive()
     data.send(b"\0")
-    nimbus.wait_until(lambda: region.text(*region.TELEMETRY_STATUS_TEXT) == "", 5, "data")
+    wait_until(lambda: region.text(*region.TELEMETRY_STATUS_TEXT) == "", 5, "data")
     access_point.answer(1)
     held.err.wait("Data lost\n", count=2)
     access_point.answer(1)
@@ -275,8 +278,8 @@ def test_command_of_the_probe(start, standins, passes):
     calls = standins.calls()
     assert calls == [["pidof", "hostapd"]] * len(calls)
     assert set((standins.folder / "outputs").read_text().split()) == {"/dev/null"}
-    assert service.out.bytes() == nimbus.BANNER
-    assert nimbus.events(service) == ""
+    assert service.out.bytes() == BANNER
+    assert events(service) == ""
 
 
 def test_probe_that_hangs(held, join, video, region):
@@ -284,7 +287,7 @@ def test_probe_that_hangs(held, join, video, region):
     first = join(held)
     second = join(held)
     second.leave()
-    held.err.wait(nimbus.removed(second))
+    held.err.wait(removed(second))
     for number in range(3):
         video.send(bytes([number]))
         assert first.wait(lambda frame, n=number: frame.payload == bytes([n])).video
@@ -316,7 +319,7 @@ def pauses(viewer, count):
 def test_pause_between_passes(service, stamped):
     """A second after the last message, and the millisecond that follows every send."""
     for pause in pauses(stamped(service), 2):
-        assert 1.001 * SECOND <= pause < (1.001 + nimbus.limit(0.3)) * SECOND
+        assert 1.001 * SECOND <= pause < (1.001 + limit(0.3)) * SECOND
 
 
 def test_work_is_added_to_the_period(start, standins, stamped):
@@ -337,9 +340,9 @@ def test_work_is_added_to_the_period(start, standins, stamped):
 
 def test_nothing_is_sent_without_viewers(service, passes):
     passes(1)
-    before = nimbus.datagrams_sent()
+    before = datagrams_sent()
     passes(3)
-    assert nimbus.datagrams_sent() == before
+    assert datagrams_sent() == before
 
 
 def test_nothing_is_sent_after_the_last_viewer(held, access_point, join, video):
@@ -348,9 +351,9 @@ def test_nothing_is_sent_after_the_last_viewer(held, access_point, join, video):
     access_point.answer(1)
     access_point.wait_probe()
     viewer.leave()
-    held.err.wait(nimbus.removed(viewer))
-    before = nimbus.datagrams_sent()
+    held.err.wait(removed(viewer))
+    before = datagrams_sent()
     for _ in range(2):
         access_point.answer(1)
         access_point.wait_probe()
-    assert nimbus.datagrams_sent() == before
+    assert datagrams_sent() == before

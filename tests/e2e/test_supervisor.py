@@ -8,7 +8,10 @@ import time
 
 import pytest
 
-import nimbus
+from harness.console import READY
+from harness.service import SOCKETS
+from harness.timing import limit, wait_until
+from harness.udp import VIDEO_PORT, udp_socket
 
 
 class Supervisor:
@@ -21,7 +24,7 @@ class Supervisor:
 
     def next(self, seconds=5):
         """The next message and the time of its arrival."""
-        self._socket.settimeout(nimbus.limit(seconds))
+        self._socket.settimeout(limit(seconds))
         return self._socket.recv(4096), time.monotonic()
 
     def silent(self, seconds):
@@ -73,11 +76,11 @@ def test_ready_once_the_control_threads_run(supervised, supervisor):
     assert message == b"READY=1"
     # One for each link, three for the control; a sanitizer may have one of its own.
     assert number_of_threads(service) >= 1 + 3 + 3
-    service.err.wait(nimbus.READY)
+    service.err.wait(READY)
 
 
 def test_nothing_is_said_of_a_start_that_failed(launch, supervisor):
-    with nimbus.udp_socket("0.0.0.0", nimbus.VIDEO_PORT):
+    with udp_socket("0.0.0.0", VIDEO_PORT):
         assert launch(env=supervisor.environment, wait_ready=False).wait_exit() == 1
     assert supervisor.silent(0.05)
 
@@ -91,7 +94,7 @@ def test_watchdog_is_fed_in_time(supervised, supervisor):
     assert {message for message, _ in fed} == {b"WATCHDOG=1"}
     times = [when for _, when in fed]
     for earlier, later in zip(times, times[1:]):
-        assert interval / 2 - 0.1 < later - earlier < nimbus.limit(interval)
+        assert interval / 2 - 0.1 < later - earlier < limit(interval)
 
 
 def test_hung_service_does_not_feed(supervised, supervisor):
@@ -139,7 +142,7 @@ def test_commands_take_themselves_for_unsupervised(supervised, supervisor, stand
     said = standins.folder / "environment"
     standins.answer("pidof", f"env >{said}.new; mv {said}.new {said}; exit 1")
     supervised(1.0)
-    nimbus.wait_until(said.exists, 5, "a command")
+    wait_until(said.exists, 5, "a command")
     names = {line.split("=")[0] for line in said.read_text().splitlines()}
     assert names.isdisjoint({"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"})
 
@@ -171,4 +174,4 @@ def test_without_a_supervisor_there_is_no_socket(launch, passes):
     service = launch()
     passes(1)
     targets = [target for target in service.descriptors().values() if "socket" in target]
-    assert len(targets) == nimbus.SOCKETS
+    assert len(targets) == SOCKETS

@@ -6,8 +6,8 @@ import subprocess
 
 import pytest
 
-import nimbus
-from nimbus import limit, wait_until
+from harness.service import EMULATOR
+from harness.timing import limit, wait_until
 
 
 class Screen:
@@ -46,7 +46,7 @@ def screen(build, tmp_path):
 
     def make(arguments="", term="screen-256color", **options):
         """top between two words of the shell, which tells the terminal's settings at both ends."""
-        tool = f"{' '.join(nimbus.EMULATOR)} {build}/nimbusctl --timeout {limit(3)}s top {arguments}"
+        tool = f"{' '.join(EMULATOR)} {build}/nimbusctl --timeout {limit(3)}s top {arguments}"
         command = (f"trap : INT; echo before; stty -a >{tmp_path}/first; {tool}; echo status $?; "
                    f"stty -a >{tmp_path}/last; echo behind; sleep 1000")
         screens.append(Screen(tmp_path, f"sh -c '{command}'", term=term, **options))
@@ -59,7 +59,7 @@ def screen(build, tmp_path):
 
 @pytest.fixture
 def camera(build, service):
-    run = subprocess.Popen([*nimbus.EMULATOR, build / "nimbus-sim"], stdout=subprocess.DEVNULL)
+    run = subprocess.Popen([*EMULATOR, build / "nimbus-sim"], stdout=subprocess.DEVNULL)
     service.err.wait("Data found")
     yield run
     run.kill()
@@ -78,7 +78,7 @@ def test_everything_is_there(screen, camera):
 def test_changes_are_told(screen, camera, build):
     one = screen()
     one.wait("ISO auto")
-    subprocess.run([*nimbus.EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "iso", "400"],
+    subprocess.run([*EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "iso", "400"],
                    check=True)
     one.wait("ISO 400")
     one.wait(r"^ +\d s ago  iso: auto -> 400")
@@ -126,7 +126,7 @@ def test_a_service_that_has_gone(screen, service):
 
 
 def run(build, *arguments, **options):
-    return subprocess.run([*nimbus.EMULATOR, build / "nimbusctl", *arguments], capture_output=True,
+    return subprocess.run([*EMULATOR, build / "nimbusctl", *arguments], capture_output=True,
                           text=True, check=False, timeout=limit(20), **options)
 
 

@@ -7,8 +7,10 @@ import time
 
 import pytest
 
-import nimbus
-from nimbus import connected, events, limit, lost, removed, time_of, wait_until
+from harness.console import BANNER, connected, events, lost, removed, time_of
+from harness.region import DisplayRegion
+from harness.timing import limit, wait_until
+from harness.udp import VIEWER_PORT, forge
 
 MAX_VIEWERS = 10
 MAX_COMMAND = 511  # characters; the mailbox holds them and a NUL
@@ -30,7 +32,7 @@ def frame(payload, header=bytes(11)):
 def commands(service):
     """What the service has printed since the banner: a line for each command that it has taken out
     of the mailbox. The one place that knows where a viewer's command arrives."""
-    return service.out.bytes().removeprefix(nimbus.BANNER)
+    return service.out.bytes().removeprefix(BANNER)
 
 
 def wait_command(service, *texts):
@@ -236,8 +238,8 @@ def test_own_address_is_ignored(service, viewers, settled, region):
     service.err.wait(connected(viewer))
     for payload in (bytes([REGISTER, 0]), bytes([REGISTER, 1]), bytes([SPEED]) + bytes(7),
                     b'{"cmd":"x"}'):
-        nimbus.forge(OWN_ADDRESS, frame(payload))
-    nimbus.forge(OWN_ADDRESS, b"\x42")
+        forge(OWN_ADDRESS, frame(payload))
+    forge(OWN_ADDRESS, b"\x42")
     assert settled(service) == connected(viewer)
     assert_no_command(service, region)
 
@@ -246,7 +248,7 @@ def test_own_address_is_ignored(service, viewers, settled, region):
                                         ("127.0.0.2", 4242), ("127.0.1.1", 4242)])
 def test_neighbours_of_the_own_address_are_handled(service, settled, region, host, port):
     for payload in (bytes([REGISTER, 0]), b"{text", bytes([LEAVE])):
-        nimbus.forge((host, port), frame(payload))
+        forge((host, port), frame(payload))
     assert settled(service) == (f"New client connected from {host}:{port}  \n"
                                 f"Client {host}:{port} removed\n")
     wait_command(service, b"{text")
@@ -255,7 +257,7 @@ def test_neighbours_of_the_own_address_are_handled(service, settled, region, hos
 def test_own_frames_that_loop_back_are_ignored(held, access_point, viewers, settled, video, region):
     """A viewer at port 4242 of the service's own host makes it hear itself: video that looks like
     the payloads of viewers, and status messages."""
-    nimbus.forge(("127.0.0.2", 4242), frame(bytes([REGISTER, 0])))
+    forge(("127.0.0.2", 4242), frame(bytes([REGISTER, 0])))
     witness = viewers()
     witness.register()
     held.err.wait(connected(witness))
@@ -271,14 +273,14 @@ def test_own_frames_that_loop_back_are_ignored(held, access_point, viewers, sett
 
 def test_sender_without_a_port_is_ignored(service, settled):
     """It could never be sent to."""
-    nimbus.forge(("127.0.0.9", 0), frame(bytes([REGISTER, 0])))
-    nimbus.forge(("127.0.0.9", 0), b"\x42")
+    forge(("127.0.0.9", 0), frame(bytes([REGISTER, 0])))
+    forge(("127.0.0.9", 0), b"\x42")
     assert settled(service) == ""
 
 
 def broadcast_without_an_address(port, data):
     """Sends a datagram as a host does that has no address yet: from 0.0.0.0 to everybody."""
-    datagram = struct.pack(">4H", port, nimbus.VIEWER_PORT, 8 + len(data), 0) + data
+    datagram = struct.pack(">4H", port, VIEWER_PORT, 8 + len(data), 0) + data
     header = [0x4500, 20 + len(datagram), 0, 0, 64 << 8 | socket.IPPROTO_UDP, 0, 0, 0,
               0xFFFF, 0xFFFF]
     header[5] = 0xFFFF - sum(header) % 0xFFFF
@@ -407,7 +409,7 @@ def test_command(service, viewers, settled, region, name, before):
     text = COMMANDS[name]
     viewers().command(text)
     wait_command(service, *taken, text.split(b"\0")[0][:MAX_COMMAND])
-    offset, size = nimbus.DisplayRegion.COMMAND_MAILBOX
+    offset, size = DisplayRegion.COMMAND_MAILBOX
     assert region.u8(offset - 1) == 0
     assert not any(region.bytes(offset + size))
     assert settled(service) == ""

@@ -3,14 +3,16 @@
 import json
 import re
 import shutil
+import signal
 import struct
 import subprocess
 import time
 
 import pytest
 
-import nimbus
-from web import BINARY, TEXT, STREAMS, Film, WebSocket, drive
+from harness.service import EMULATOR
+from harness.timing import TIME_SCALE, limit, wait_until
+from harness.web import BINARY, STREAMS, TEXT, Film, WebSocket, drive
 
 ZERO = struct.pack("<3h", 0, 0, 0)
 
@@ -55,7 +57,7 @@ def test_who_joins_sees_a_picture_at_once(web, film):
         started = time.monotonic()
         with web.video() as second:
             flags = second.pictures(1)[-1][0]
-        assert flags & 1 and time.monotonic() - started < nimbus.limit(0.3)
+        assert flags & 1 and time.monotonic() - started < limit(0.3)
 
 
 @pytest.mark.parametrize("name, kind", [("hevc.h265", "h265"), ("zerolatency.h264", "h264")])
@@ -98,7 +100,7 @@ def test_one_that_stalls_does_not_bother_the_others(web, video):
             other.pictures(5)
             numbers = [number for _, number, _ in other.pictures(200, 20)]
             assert numbers == list(range(numbers[0], numbers[0] + 200))
-            nimbus.wait_until(lambda: web.state()["viewers"]["browsers"] == 1, 10, "the end of one")
+            wait_until(lambda: web.state()["viewers"]["browsers"] == 1, 10, "the end of one")
     finally:
         film.close()
 
@@ -114,17 +116,17 @@ def test_greeting_and_state(web):
         assert browser.message("state")["service"]["linked"] is True
         browser.send(type="ping", echo=17)
         assert browser.message("clock", echo=17)["now"] > 0
-        nimbus.wait_until(lambda: "vbitrate" in web.state()["settings"], 5, "the settings")
+        wait_until(lambda: "vbitrate" in web.state()["settings"], 5, "the settings")
 
 
 def until_still(bridge):
     """The speed frames at the bridge up to the one that stops the gimbal, with their times; none
     comes behind it."""
     frames = []
-    deadline = time.monotonic() + nimbus.limit(5)
+    deadline = time.monotonic() + limit(5)
     while time.monotonic() < deadline:
         try:
-            data = bridge.receive(0.3 / nimbus.TIME_SCALE)
+            data = bridge.receive(0.3 / TIME_SCALE)
         except TimeoutError:
             if frames and frames[-1][1][11:17] == ZERO:
                 return frames
@@ -146,7 +148,7 @@ def test_driving_moves_and_silence_stops(web, data, service):
         said = time.monotonic() - 0.05
         frames = until_still(data)
     assert any(frame[11:17] != ZERO for _, frame in frames)
-    assert frames[-1][0] - said < 0.4 * nimbus.TIME_SCALE
+    assert frames[-1][0] - said < 0.4 * TIME_SCALE
 
 
 def test_a_driver_that_vanishes_stops_the_gimbal(web, data, service):
@@ -157,7 +159,7 @@ def test_a_driver_that_vanishes_stops_the_gimbal(web, data, service):
         browser.send(type="speed", pan=1, tilt=0, roll=0, n=1)
         data.receive()
     gone = time.monotonic()
-    assert until_still(data)[-1][0] - gone < 0.4 * nimbus.TIME_SCALE
+    assert until_still(data)[-1][0] - gone < 0.4 * TIME_SCALE
 
 
 def test_orders_of_a_browser(web, service):
@@ -171,7 +173,7 @@ def test_orders_of_a_browser(web, service):
         service.err.wait("Camera set WB sunny")
         browser.send(type="set", id=3, name="video_bitrate", values=["2000000"])
         assert browser.message("result", id=3)["ok"] is True
-        nimbus.wait_until(lambda: web.state()["settings"].get("vbitrate") == 2000000, 5, "the report")
+        wait_until(lambda: web.state()["settings"].get("vbitrate") == 2000000, 5, "the report")
 
 
 def test_many_orders_are_all_carried_out_in_order(web, service):
@@ -243,24 +245,24 @@ def test_bad_requests(web, data, status):
 def test_slow_requests_are_given_up(web):
     started = time.monotonic()
     with web.connect() as connection:
-        connection.settimeout(nimbus.limit(15))
+        connection.settimeout(limit(15))
         connection.sendall(b"GET / HTTP/1.1\r\n")
         try:
             assert connection.recv(100) == b""
         except ConnectionResetError:
             pass
-    assert 8 < time.monotonic() - started < nimbus.limit(14)
+    assert 8 < time.monotonic() - started < limit(14)
 
 
 def test_no_more_than_twenty_of_one_address(web):
     connections = [web.connect("127.0.0.9") for _ in range(20)]
-    nimbus.wait_until(lambda: b"\nnimbus_web_connections 21\n" in web.get("/metrics")[2], 5, "20 guests")
+    wait_until(lambda: b"\nnimbus_web_connections 21\n" in web.get("/metrics")[2], 5, "20 guests")
     with web.connect("127.0.0.9") as one_more:
-        one_more.settimeout(nimbus.limit(5))
+        one_more.settimeout(limit(5))
         assert one_more.recv(100).startswith(b"HTTP/1.1 503 ")
     assert web.get("/healthz")[0] == 200  # of another address
     connections.pop().close()
-    nimbus.wait_until(lambda: b"\nnimbus_web_connections 20\n" in web.get("/metrics")[2], 5, "a place")
+    wait_until(lambda: b"\nnimbus_web_connections 20\n" in web.get("/metrics")[2], 5, "a place")
     with web.connect("127.0.0.9") as again:
         again.sendall(b"GET /healthz HTTP/1.1\r\nHost: localhost\r\n\r\n")
         assert again.recv(100).startswith(b"HTTP/1.1 200 ")
@@ -299,7 +301,7 @@ def test_pages_of_other_sites_are_refused(web, origin):
 # --- Who may ---------------------------------------------------------------------------------------
 
 def set_password(build, file, password, *role):
-    subprocess.run([*nimbus.EMULATOR, build / "nimbus-web", "--passwords", file, "--set-password", *role],
+    subprocess.run([*EMULATOR, build / "nimbus-web", "--passwords", file, "--set-password", *role],
                    input=password + "\n", text=True, check=True)
 
 
@@ -339,12 +341,12 @@ def test_tls(serve, service, tmp_path):
     assert (tmp_path / "key.pem").stat().st_mode & 0o777 == 0o600
     assert web.get("/healthz", secure=True)[0] == 200
     before = (tmp_path / "certificate.pem").read_bytes()
-    web.process.send_signal(nimbus.signal.SIGHUP)
+    web.process.send_signal(signal.SIGHUP)
     web.err.wait("are read anew")
     assert (tmp_path / "certificate.pem").read_bytes() == before
     (tmp_path / "certificate.pem").write_text("nonsense")
     (tmp_path / "key.pem").write_text("nonsense")
-    web.process.send_signal(nimbus.signal.SIGHUP)
+    web.process.send_signal(signal.SIGHUP)
     web.err.wait("are read anew", count=2)  # one that is no good is made again
     assert web.get("/healthz", secure=True)[0] == 200
 
@@ -359,8 +361,8 @@ def test_tls(serve, service, tmp_path):
     (["--passwords", "/proc/self/mem/x"], "cannot read /proc/self/mem/x: Not a directory"),
 ])
 def test_what_is_wrong_is_said_in_one_line(build, options, problem):
-    result = subprocess.run([*nimbus.EMULATOR, build / "nimbus-web", *options], capture_output=True,
-                            text=True, timeout=nimbus.limit(10), check=False)
+    result = subprocess.run([*EMULATOR, build / "nimbus-web", *options], capture_output=True,
+                            text=True, timeout=limit(10), check=False)
     assert (result.returncode, result.stderr) == (1, f"nimbus-web: {problem}\n")
 
 

@@ -8,7 +8,7 @@ import sys
 
 import pytest
 
-import nimbus
+from harness.timing import limit
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DOC = (ROOT / "docs/web.md").read_text()
@@ -107,7 +107,7 @@ def test_examples(web, service, tmp_path, language, runner):
     script = tmp_path / "script"
     script.write_text(example.replace("board.local:8080", web.host))
     result = subprocess.run([*runner, script], capture_output=True, text=True,
-                            timeout=nimbus.limit(20), check=False)
+                            timeout=limit(20), check=False)
     assert result.returncode == 0, result.stderr
     service.err.wait("Camera set WB sunny")
     assert "linked" in result.stdout

@@ -3,15 +3,11 @@ the others), `./dev soak` the soak for as long as it is told. They live on what 
 know of the service's neighbours."""
 
 import mmap
-import pathlib
-import sys
 import time
 
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
-
-pytest_plugins = ["service_fixtures", "board", "station"]
+pytest_plugins = ["harness.fixtures", "harness.configuring", "harness.commanding"]
 
 
 def pytest_addoption(parser):

@@ -3,9 +3,12 @@
 import json
 import time
 
-import nimbus
-from duml import camera, command, parse
-from nimbus import DATA_PORT, VIDEO_PORT, DisplayRegion, wait_until
+from harness.bridge import Bridge
+from harness.console import events
+from harness.duml import camera, command, parse
+from harness.region import DisplayRegion
+from harness.timing import limit, wait_until
+from harness.udp import DATA_PORT, VIDEO_PORT, datagrams_sent
 
 TIMEOUT = 1.0  # a source without a datagram for longer is lost
 SPLASH = (DisplayRegion.PRODUCT_NAME, DisplayRegion.VERSION_TEXT)
@@ -44,7 +47,7 @@ def test_bridge_comes_and_goes(start, clock, region, viewers, times):
     begin = time.monotonic()
     for number in range(1, rounds + 1):
         viewer.register()  # or it would be lost, too
-        data, video = (nimbus.Bridge(port, f"127.0.{number}.1") for port in (DATA_PORT, VIDEO_PORT))
+        data, video = (Bridge(port, f"127.0.{number}.1") for port in (DATA_PORT, VIDEO_PORT))
         scribble(region, *SPLASH, *TIMER)
         data.send(b"\0")
         service.err.wait("Data found\n", count=number)
@@ -60,8 +63,8 @@ def test_bridge_comes_and_goes(start, clock, region, viewers, times):
         assert parse(data.receive()) == (SHOT, number - 1)
 
         clock.step(TIMEOUT)
-        sent = nimbus.datagrams_sent()  # four in a pass
-        wait_until(lambda: nimbus.datagrams_sent() > sent + 8, 5, "two passes of the status loop")
+        sent = datagrams_sent()  # four in a pass
+        wait_until(lambda: datagrams_sent() > sent + 8, 5, "two passes of the status loop")
         assert connections(region) == FOUND
         scribble(region, *TIMER)
         clock.step(0.001)
@@ -72,6 +75,6 @@ def test_bridge_comes_and_goes(start, clock, region, viewers, times):
         video.close()
     passed = time.monotonic() - begin
     print(f"\nbridge: came and went {rounds} times, {1000 * passed / rounds:.0f} ms each")
-    told = [line for line in nimbus.events(service).splitlines() if not line.startswith("New")]
+    told = [line for line in events(service).splitlines() if not line.startswith("New")]
     assert told == ["Data found", "Video found", "Camera shot", "Data lost", "Video lost"] * rounds
-    assert passed < nimbus.limit(1.0) * rounds
+    assert passed < limit(1.0) * rounds

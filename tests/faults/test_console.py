@@ -6,8 +6,8 @@ import time
 
 import pytest
 
-import nimbus
-from house import CONFIGURATION, House
+from harness.neighbours import CONFIGURATION, House
+from harness.timing import TIME_SCALE, limit
 from test_soak import MISSED_SHARE, periods
 
 
@@ -67,7 +67,7 @@ def test_console_that_nobody_reads(launch, region, console, times, sticks):
         house.move_out()
     print(f"\nstuck console: started in {started * 1000:.0f} ms; {rate:.1f} commands/s; {missed} of "
           f"{passed} periods missed; longest gap {gap * 1000:.0f} ms")
-    assert started < nimbus.limit(1)
-    assert rate > 8 / nimbus.TIME_SCALE
+    assert started < limit(1)
+    assert rate > 8 / TIME_SCALE
     assert missed <= 2 + MISSED_SHARE * passed
     assert "Camera set" in said and "config_parse_command" in said

@@ -5,8 +5,9 @@ import time
 
 import pytest
 
-import nimbus
-from nimbus import connected, lost, wait_until
+from harness.console import connected, lost
+from harness.timing import wait_until
+from harness.viewer import Viewer
 
 SLOTS = 10
 TIMEOUT = 5.0  # a viewer that is silent for longer is lost
@@ -76,7 +77,7 @@ def test_viewers_that_vanish_and_return(party, viewers, region, times):
     pictures = []
     begin = time.monotonic()
     for number in range(rounds):
-        guests = [nimbus.Viewer(*address) for address in addresses]
+        guests = [Viewer(*address) for address in addresses]
         for guest in guests:
             guest.register()
             party.service.err.wait(connected(guest), count=number + 1)

@@ -5,8 +5,8 @@ import time
 
 import pytest
 
-import nimbus
-from nimbus import READY
+from harness.console import READY
+from harness.timing import limit
 
 SIZE = 10_000_000
 LOADED = "Loading config file... done\n"
@@ -46,7 +46,7 @@ def test_ten_megabytes(start, join, region, content):
     if conf.endswith(LINE):
         assert region.bytes(region.RC_CHANNEL_MAP[0], 4) == b"\x00\x01\x02\xff"
     print(f"\nconfiguration of {len(conf) / 1e6:.0f} MB: ready after {1000 * passed:.0f} ms")
-    assert passed < nimbus.limit(10)
+    assert passed < limit(10)
 
 
 def test_folder(start, join, tmp_path):

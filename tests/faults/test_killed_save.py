@@ -20,10 +20,11 @@ import time
 
 import pytest
 
-import nimbus
-from board import CARD_FILE, WORKING_COPY
-from nimbus import wait_until
-from service_fixtures import orphans
+from harness.board_tools import BOARD_TOOL
+from harness.config_file import CARD_FILE, WORKING_COPY
+from harness.console import Console
+from harness.fixtures import orphans
+from harness.timing import limit, wait_until
 from test_save import with_settings, without_cr
 
 # The report does not escape what is in it.
@@ -55,7 +56,7 @@ class SaveTest:
     def wait_killed(self):
         """Waits for the end of the service and of all that it has begun. Returns what is in the two
         files."""
-        assert self.service.process.wait(nimbus.limit(10)) == -signal.SIGKILL
+        assert self.service.process.wait(limit(10)) == -signal.SIGKILL
         wait_until(lambda: not orphans().keys() - self._before, 10, "the end of its commands")
         return CARD_FILE.read_bytes(), WORKING_COPY.read_bytes()
 
@@ -84,7 +85,7 @@ class SaveTest:
 def save_test(start, join, standins, tmp_path):
     folder = tmp_path / "tools"
     folder.mkdir()
-    standin = pathlib.Path(nimbus.__file__).parents[2] / "tools" / "sandbox" / "bin" / "board-tool"
+    standin = BOARD_TOOL
     for tool in ("cat", "sed"):
         (folder / tool).symlink_to(standin)
     WORKING_COPY.unlink(missing_ok=True)
@@ -126,9 +127,9 @@ def strace(service, *options):
     """Traces a service from here on; it is waited for at the end."""
     tracer = subprocess.Popen(["strace", "-f", *options, "-p", str(service.pid)],
                               stderr=subprocess.PIPE)
-    nimbus.Console(tracer.stderr).wait(f"Process {service.pid} attached")
+    Console(tracer.stderr).wait(f"Process {service.pid} attached")
     yield tracer
-    tracer.wait(nimbus.limit(5))
+    tracer.wait(limit(5))
 
 
 @pytest.mark.parametrize("path, call, card", [

@@ -9,9 +9,11 @@ import time
 
 import pytest
 
-import nimbus
-from nimbus import DATA_PORT, VIDEO_PORT, StampedViewer, connected, limit, wait_until
-from reports import GIMBAL, TAIL
+from harness.console import connected
+from harness.reports import GIMBAL, TAIL
+from harness.timing import TIME_SCALE, limit, wait_until
+from harness.udp import DATA_PORT, VIDEO_PORT, socket_queue
+from harness.viewer import StampedViewer
 
 MS = 1_000_000
 VIEWERS = 10
@@ -63,15 +65,15 @@ def test_three_times_too_much_video(steady, audience, video, times, size):
     seconds = times(5, 10)
     pour(3 * CAPACITY, seconds, lambda number: video.send(stamped_datagram(number, size)))
     sent = round(3 * CAPACITY * seconds)
-    wait_until(lambda: nimbus.socket_queue(VIDEO_PORT)[0] == 0, 6, "the end of the queue")
+    wait_until(lambda: socket_queue(VIDEO_PORT)[0] == 0, 6, "the end of the queue")
     for viewer in (audience[0], audience[-1]):
         relayed = ages(viewer)
         print(f"\noverload: {len(relayed)} of {sent} relayed; the oldest {max(relayed):.2f} s")
         assert max(relayed) <= PATIENCE + limit(ON_ITS_WAY)
         # How much a sanitized build gets done on a busy machine tells nothing.
-        assert len(relayed) >= CAPACITY * seconds / 1.2 or nimbus.TIME_SCALE > 1, "it is not idle"
+        assert len(relayed) >= CAPACITY * seconds / 1.2 or TIME_SCALE > 1, "it is not idle"
     told = [(int(port), int(count)) for port, count in REPORT.findall(steady.err.text())]
-    dropped = sent - len(ages(audience[0])) - nimbus.socket_queue(VIDEO_PORT)[1]
+    dropped = sent - len(ages(audience[0])) - socket_queue(VIDEO_PORT)[1]
     assert len(told) <= 1 + (seconds + 6) // 10 and told, "now and then"
     assert all(port == VIDEO_PORT and 0 < count <= dropped for port, count in told)
     # Afterwards it is as before.
@@ -95,7 +97,7 @@ def test_too_many_reports(steady, audience, data):
         return (low + 300 * high) // 100
 
     pour(3 * CAPACITY, seconds, report)
-    wait_until(lambda: nimbus.socket_queue(DATA_PORT)[0] == 0, 6, "the end of the queue")
+    wait_until(lambda: socket_queue(DATA_PORT)[0] == 0, 6, "the end of the queue")
     told = {int(port) for port, _ in REPORT.findall(steady.err.text())}
     assert told == {DATA_PORT}
     shown = [frame for frame in audience[0].frames if not frame.video and frame.payload[0] == 0]
@@ -135,7 +137,7 @@ def test_video_waits_for_one_broadcast_only(steady, audience, video, data):
         stop.set()
         chatter.join()
     first = audience[0]
-    if nimbus.TIME_SCALE == 1:
+    if TIME_SCALE == 1:
         first.wait_count(lambda frame: frame.video, 100)
     waits = [(between(first, HEAD.unpack_from(frame.payload)[1], frame.time), frame)
              for frame in first.frames if frame.video]
@@ -144,6 +146,6 @@ def test_video_waits_for_one_broadcast_only(steady, audience, video, data):
     print(f"\nturns: {len(waits)} of 100 datagrams; median {delays[len(delays) // 2]:.1f} ms, "
           f"longest {delays[-1]:.1f} ms; {overtaken} waited for more than one broadcast")
     # A busy machine may wake a thread late now and then, and then somebody else has begun.
-    if nimbus.TIME_SCALE == 1:
+    if TIME_SCALE == 1:
         assert overtaken <= 5
         assert delays[49] <= 12

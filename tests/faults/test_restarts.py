@@ -6,9 +6,9 @@ import time
 
 import pytest
 
-import nimbus
-from nimbus import DATA_PORT, VIDEO_PORT, VIEWER_PORT, connected, wait_until
-from test_startup import occupied
+from harness.console import connected, events
+from harness.timing import limit, wait_until
+from harness.udp import DATA_PORT, VIDEO_PORT, VIEWER_PORT, occupied
 
 PORTS = (VIEWER_PORT, DATA_PORT, VIDEO_PORT)
 
@@ -45,7 +45,7 @@ def test_ends_and_starts_again(start, viewers, data, video, region, times, end, 
     assert start().running()
     print(f"\nsupervisor: {rounds} ends with status {status}; everybody served again within "
           f"{max(waits):.2f} s")
-    assert max(waits) < nimbus.limit(8)
+    assert max(waits) < limit(8)
 
 
 @pytest.mark.parametrize("port", PORTS)
@@ -71,7 +71,7 @@ def test_second_instance(start, viewers, video, times):
         assert second.err.text() == "Loading config file... done\nInit network... fail\n"
         video.send(b"%d" % number)
         viewer.wait(lambda frame, number=number: frame.payload == b"%d" % number)
-    assert "lost" not in nimbus.events(first)
+    assert "lost" not in events(first)
 
 
 @pytest.mark.parametrize("size", [0, 2671])
@@ -94,5 +94,5 @@ def test_signals(start, join, signum):
     viewer = join(service)
     service.process.send_signal(signum)
     assert service.wait_exit() == -signum
-    assert nimbus.events(service) == connected(viewer)
+    assert events(service) == connected(viewer)
     assert start().running()

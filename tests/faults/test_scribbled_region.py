@@ -4,30 +4,31 @@ import random
 import struct
 import time
 
-import nimbus
-from duml import parse
-from house import Neighbour
-from nimbus import wait_until
-from rc import RcReader
-from reports import GIMBAL, SETTINGS, STATUS, TAIL, TRACKING
+from harness.duml import parse
+from harness.neighbours import Neighbour
+from harness.receiver import FUNCTIONS, RcReader
+from harness.region import DisplayRegion
+from harness.reports import GIMBAL, SETTINGS, STATUS, TAIL, TRACKING
+from harness.timing import wait_until
 
 CONF = "rc_input_enabled=1\nrc_input_map=pan,tilt\nrc_input_speed_pan=50\nrc_input_speed_tilt=50\n"
-RC_DOUBLES = [*range(1344, 1344 + 22 * 8, 8), *range(1600, 1600 + 22 * 8, 8), 1032, 1040]
+RC_DOUBLES = [*(offset + 8 * code for offset, _ in (DisplayRegion.RC_CENTRED, DisplayRegion.RC_POSITION)
+                for code in range(len(FUNCTIONS))),
+              DisplayRegion.FOCUS_POINT_X, DisplayRegion.FOCUS_POINT_Y]
 NO_NUMBERS = (b"\0\0\0\0\0\0\xf8\x7f", b"\xff" * 8, struct.pack("<d", float("inf")),
               struct.pack("<d", float("-inf")), struct.pack("<d", 1e308), struct.pack("<Q", 1))
-GIMBAL_ANGLE = 624
-MENU, RC_STATUS, ASSIGNED = 1856, nimbus.DisplayRegion.RC_STATUS, range(1274, 1274 + 22 * 2)
 
 
 def contents(chance):
     """Anything, with the RC in charge of NaNs and a command without an end."""
-    size = nimbus.DisplayRegion.SIZE + chance.choice((0, 1, 4096, 1_000_000))
+    size = DisplayRegion.SIZE + chance.choice((0, 1, 4096, 1_000_000))
     memory = bytearray(chance.randbytes(size))
     for offset in RC_DOUBLES:
         memory[offset:offset + 8] = chance.choice(NO_NUMBERS)
-    memory[MENU], memory[RC_STATUS] = 0, RcReader.LIVE
-    memory[ASSIGNED.start:ASSIGNED.stop] = b"\1" * len(ASSIGNED)
-    offset, length = nimbus.DisplayRegion.COMMAND_MAILBOX
+    memory[DisplayRegion.MENU_ACTIVE], memory[DisplayRegion.RC_STATUS] = 0, RcReader.LIVE
+    offset = DisplayRegion.RC_ASSIGNED[0]
+    memory[offset:offset + 2 * len(FUNCTIONS)] = b"\1" * (2 * len(FUNCTIONS))
+    offset, length = DisplayRegion.COMMAND_MAILBOX
     text = b'{"cmd":"iso","param":"%s"}' % chance.choice((b"100", b"\xff\xfe", b"%n%s"))
     memory[offset:offset + length] = (text * length)[:length]
     return bytes(memory)
@@ -43,7 +44,7 @@ def assert_in_order(service, region, join, camera, video):
     video.send(b"the last picture")
     viewer.wait(lambda frame: frame.payload == b"the last picture")
     camera.send(GIMBAL.frame(a1=100, a2=200, a3=300) + TAIL)
-    wait_until(lambda: region.value("h", GIMBAL_ANGLE) == 10, 5, "the gimbal's angle")
+    wait_until(lambda: region.value("h", region.GIMBAL_ANGLE_2) == 10, 5, "the gimbal's angle")
     shots = service.err.text().count("Camera shot\n")
     viewer.command('{"cmd":"shot"}')
     service.err.wait("Camera shot\n", count=shots + 1)
@@ -84,8 +85,8 @@ def test_sibling_that_never_stops_scribbling(start, region, join, cameras, video
     def scribble():
         offset = chance.randrange(region.SIZE)
         region.write(offset, chance.randbytes(chance.randrange(region.SIZE - offset)))
-        region.write(RC_STATUS, bytes([RcReader.LIVE, 0]))
-        region.write(MENU, b"\0")
+        region.write(region.RC_STATUS, bytes([RcReader.LIVE, 0]))
+        region.write(region.MENU_ACTIVE, b"\0")
 
     def work():
         kind = chance.choice((GIMBAL, SETTINGS, STATUS, TRACKING))

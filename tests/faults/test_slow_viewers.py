@@ -12,11 +12,13 @@ import time
 
 import pytest
 
-import nimbus
-from far import FarViewer, Link
-from nimbus import StampedViewer, connected, wait_until
+from harness.console import connected, events, lost, removed
+from harness.far_network import FarViewer, Link
+from harness.service import EMULATOR
+from harness.timing import TIME_SCALE, wait_until
+from harness.viewer import StampedViewer
 
-pytestmark = pytest.mark.skipif(bool(nimbus.EMULATOR),
+pytestmark = pytest.mark.skipif(bool(EMULATOR),
                                 reason="the emulator knows no groups of sockets")
 
 SECONDS = 4
@@ -111,10 +113,10 @@ def play(video, size, rate, keep=(), seconds=SECONDS):
 
 def check_served(service, viewers, sent, size):
     """Every one of them has got the picture in time, and the status messages of each second."""
-    said = nimbus.events(service)
+    said = events(service)
     assert "Video lost" not in said and service.running()
     for viewer in viewers:
-        assert nimbus.lost(viewer) not in said
+        assert lost(viewer) not in said
         video = [frame for frame in viewer.frames if frame.video]
         assert all(len(frame.payload) == size for frame in video)
         delays = sorted((frame.time - HEAD.unpack_from(frame.payload)[1]) / MS
@@ -127,7 +129,7 @@ def check_served(service, viewers, sent, size):
         print(f"\nslow viewers: {len(video)} of {sent}; median {statistics.median(delays):.1f} ms, "
               f"longest {delays[-1]:.1f} ms; status every {min(periods):.2f} to "
               f"{max(periods):.2f} s")
-        if nimbus.TIME_SCALE > 1:
+        if TIME_SCALE > 1:
             continue  # how much a sanitized build gets done on a busy machine tells nothing
         assert len(video) >= TELLING * sent
         assert in_time >= TELLING * len(video)
@@ -193,7 +195,7 @@ def test_viewer_that_takes_the_slot_of_a_slow_one(serving, links, good, stranded
     link.narrow("5mbit", "1000000")
     play(video, 30_000, 30, seconds=2)
     slow.leave()
-    serving.err.wait(nimbus.removed(slow))
+    serving.err.wait(removed(slow))
     successor = good()
     time.sleep(1)
     show(serving, video, [successor], 30_000, 30)

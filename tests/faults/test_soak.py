@@ -3,20 +3,12 @@ reports and ten commands a second, sticks that never rest."""
 
 import statistics
 
-import nimbus
-from house import CONFIGURATION, SPEED_PERIOD, House
+from harness.neighbours import CONFIGURATION, MISSED_SHARE, House, periods
+from harness.timing import TIME_SCALE, limit, wait_until
+from harness.udp import PORTS, socket_queue
 from test_floods import GROWTH_BYTES, resources
 
 WARM_UP = 5
-MISSED_SHARE = 0.001  # of the periods, and two: the machine, too, may be late
-
-
-def periods(times):
-    """What the gimbal stream's frames tell: how many periods passed, how many had no frame, and the
-    longest gap."""
-    count = round((times[-1] - times[0]) / SPEED_PERIOD)
-    gaps = [after - before for before, after in zip(times, times[1:])]
-    return count, max(0, count - len(gaps)), max(gaps)
 
 
 def test_soak(start, region, pytestconfig):
@@ -49,14 +41,14 @@ commands   {commands / seconds:.1f}/s; {frames} frames to the camera, all sound
 stream     {passed} periods of 30 ms, {missed} missed; longest gap {gap * 1000:.1f} ms
 memory     {before[0] // 1024} KiB, then {after[0] // 1024} KiB; {after[1]} descriptors, {after[2]} threads
 """)
-    if nimbus.TIME_SCALE == 1:  # a sanitizer keeps for a while what was freed
+    if TIME_SCALE == 1:  # a sanitizer keeps for a while what was freed
         assert after[0] <= before[0] + GROWTH_BYTES
     assert after[1:] == before[1:]
     assert missed <= 2 + MISSED_SHARE * passed
     # At capacity, reports wait for their turns; what still waited at the end is read soon.
-    for port in nimbus.PORTS:
-        nimbus.wait_until(lambda port=port: nimbus.socket_queue(port)[0] == 0, 3, f"an empty {port}")
-        assert nimbus.socket_queue(port) == (0, 0), f"port {port} has lost something"
+    for port in PORTS:
+        wait_until(lambda port=port: socket_queue(port)[0] == 0, 3, f"an empty {port}")
+        assert socket_queue(port) == (0, 0), f"port {port} has lost something"
     assert house.audience.reports >= house.operator.asked * viewers - viewers
-    assert min(house.audience.versions) >= seconds / nimbus.limit(1.3)
+    assert min(house.audience.versions) >= seconds / limit(1.3)
     assert statistics.mean(house.audience.video) == house.video.sent

@@ -7,7 +7,8 @@ import subprocess
 
 import pytest
 
-from board import CARD_FILE, WORKING_COPY, Board
+from harness.config_file import CARD_FILE, WORKING_COPY
+from harness.configuring import Board
 from test_save import QUOTED, default_file, without_cr
 
 FORMER = b"former copy"

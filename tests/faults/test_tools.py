@@ -7,11 +7,12 @@ import time
 
 import pytest
 
-import nimbus
-from board import CARD_FILE, settings
-from duml import command, parse
-from nimbus import connected, removed, wait_until
-from rc import RcReader
+from harness.config_file import CARD_FILE
+from harness.configuring import settings
+from harness.console import connected, removed
+from harness.duml import command, parse
+from harness.receiver import RcReader
+from harness.timing import TIME_SCALE, limit, wait_until
 from test_floods import GROWTH_BYTES, resources
 
 SAVE = {"cmd": "updateparam", "name": "video_bitrate", "value": "1"}
@@ -80,7 +81,7 @@ class Life:
         self.station.camera.wait_text(removed(guest))
         sent = [event.time for event in self.station.camera.frames(start)
                 if parse(event.data)[0].id == 0x0C]
-        assert len(sent) > 0.3 * WATCH_SECONDS / STREAM_PERIOD / nimbus.TIME_SCALE
+        assert len(sent) > 0.3 * WATCH_SECONDS / STREAM_PERIOD / TIME_SCALE
         return max(after - before for before, after in zip(sent, sent[1:]))
 
     def wait_status(self):
@@ -115,7 +116,7 @@ def test_tool_of_a_command_that_hangs(lively, hanging, tool):
     hanging.let_go()
     station.camera.wait_text("Camera shot\n", 10)
     print(f"\n{tool} hangs: longest gap of the gimbal stream {1000 * gap:.0f} ms")
-    assert gap < nimbus.limit(2.0)
+    assert gap < limit(2.0)
 
 
 def test_everything_hangs(lively, hanging):
@@ -133,14 +134,14 @@ def test_everything_hangs(lively, hanging):
         hanging.wait(tool)
     gap = life.watch()
     with pytest.raises(AssertionError):
-        rc.cycle(0.2 / nimbus.TIME_SCALE)
+        rc.cycle(0.2 / TIME_SCALE)
     hanging.let_go()
     rc.cycle()
     life.wait_status()
     station.post(command("shot"))
     station.camera.wait_text("Camera shot\n")
     print(f"\neverything hangs: longest gap of the gimbal stream {1000 * gap:.0f} ms")
-    assert gap < nimbus.limit(2.0)
+    assert gap < limit(2.0)
 
 
 def test_hanging_tool_does_not_keep_the_successor(start, standins, hanging, join):

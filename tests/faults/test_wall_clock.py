@@ -12,15 +12,13 @@ import time
 
 import pytest
 
-import nimbus
-from duml import command, parse
-from nimbus import connected, lost, wait_until
-from rc import RcReader
-from reports import HISTOGRAM, TAIL, TRACKING
+from harness.console import connected, events, lost
+from harness.duml import command, parse
+from harness.receiver import RcReader
+from harness.reports import HISTOGRAM, TAIL, TRACKING
+from harness.timing import limit, wait_until
 
 HOUR = 3600.0
-HISTOGRAM_MS = 1012
-TRACKING_MS = 876
 WRAP = 2**32 / 1000  # seconds until the milliseconds start anew
 RC_REPORT = 15
 
@@ -59,7 +57,7 @@ def test_who_is_silent_is_lost_once_and_returns(timed, clock, join, data, video,
     viewer = join(service)
     for number in (1, 2):
         data.send(HISTOGRAM.frame() + TAIL + TRACKED)
-        wait_until(lambda: region.value("I", HISTOGRAM_MS) and region.value("I", TRACKING_MS), 5,
+        wait_until(lambda: region.value("I", region.HISTOGRAM_MS) and region.value("I", region.TRACKING_MS), 5,
                    "the telemetry")
         video.send(bytes([number]))
         viewer.wait(lambda frame: frame.video and frame.payload == bytes([number]))
@@ -81,7 +79,7 @@ def test_time_outs_across_the_wrap(timed, clock, join, data, region):
     clock.hurry()
     viewer = join(service)
     data.send(HISTOGRAM.frame() + TAIL)
-    wait_until(lambda: region.value("I", HISTOGRAM_MS), 5, "the telemetry")
+    wait_until(lambda: region.value("I", region.HISTOGRAM_MS), 5, "the telemetry")
     clock.step(1.0)
     wait_messages(viewer, 11)  # a whole pass, at least
     assert service.err.text().count("Data lost\n") == 1
@@ -120,7 +118,7 @@ def test_focus_point_on_its_way_is_sent(timed, clock, region, step):
     rc.cycle()
     rc.hold("focus-pan", 0.0)
     rc.cycle()
-    assert "focus" not in nimbus.events(service)
+    assert "focus" not in events(service)
     clock.step(step)
     service.err.wait("Camera set focus point")
 
@@ -172,5 +170,5 @@ def test_clock_that_is_set_again_and_again(timed, clock, join, cameras, video, r
     spurious = service.err.text().count("lost\n") - 2
     print(f"\nclock: set {steps} times; longest gap of the gimbal stream {1000 * longest:.0f} ms; "
           f"everything seen again within {max(waits):.2f} s; {spurious} losses told")
-    assert longest < nimbus.limit(2.0)
-    assert max(waits) < nimbus.limit(6.0)
+    assert longest < limit(2.0)
+    assert max(waits) < limit(6.0)

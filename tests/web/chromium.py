@@ -10,7 +10,7 @@ from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import WebDriverWait
 
-import nimbus
+from harness.timing import limit
 from film import READER
 
 FLAGS = ("--headless=new --no-sandbox --disable-gpu --disable-quic --no-first-run "
@@ -30,7 +30,7 @@ class Chromium:
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         self.driver = webdriver.Chrome(options=options,
                                        service=Service(shutil.which("chromedriver")))
-        self.driver.set_script_timeout(nimbus.limit(60))
+        self.driver.set_script_timeout(limit(60))
         self.show(size, dark)
 
     def show(self, size, dark=True):
@@ -52,7 +52,7 @@ class Chromium:
     def wait(self, script, *arguments, seconds=10, what=None):
         """Waits until the script answers with something, and returns it."""
         message = what or script
-        return WebDriverWait(self.driver, nimbus.limit(seconds), poll_frequency=0.02).until(
+        return WebDriverWait(self.driver, limit(seconds), poll_frequency=0.02).until(
             lambda _: self.run(script, *arguments), f"{message} did not come true: "
             f"{self.errors()}")
 

@@ -1,21 +1,18 @@
 """The page of nimbus-web in real browsers, on the real service. They live on what the end-to-end
 tests know of the service's neighbours."""
 
-import pathlib
 import subprocess
-import sys
 import urllib.request
 
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+pytest_plugins = ["harness.fixtures"]
 
-pytest_plugins = ["service_fixtures"]
-
-import chromium  # noqa: E402
-import firefox  # noqa: E402
-import nimbus  # noqa: E402
-from film import Film, VideoBridge  # noqa: E402
+import chromium
+import firefox
+from harness.console import Console
+from harness.timing import limit, wait_until
+from film import Film, VideoBridge
 
 # Every address that begins with 127 counts as secure in a browser, and hides what happens without
 # TLS; this one of the sandbox's own does not.
@@ -43,8 +40,8 @@ class Web:
     def start(self):
         self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL,
                                         stderr=subprocess.PIPE)
-        self.err = nimbus.Console(self.process.stderr)
-        nimbus.wait_until(self.healthy, 10, "nimbus-web")
+        self.err = Console(self.process.stderr)
+        wait_until(self.healthy, 10, "nimbus-web")
 
     def healthy(self):
         assert self.process.poll() is None, self.err.text()
@@ -59,7 +56,7 @@ class Web:
 
     def close(self):
         self.process.terminate()
-        assert self.process.wait(nimbus.limit(5)) == 0, self.err.text()
+        assert self.process.wait(limit(5)) == 0, self.err.text()
 
 
 @pytest.fixture

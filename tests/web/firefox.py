@@ -12,7 +12,7 @@ import time
 
 import websockets
 
-import nimbus
+from harness.timing import limit, wait_until
 from film import READER
 
 PREFERENCES = {
@@ -52,10 +52,10 @@ class Firefox:
         self.context = tree["contexts"][0]["context"]
 
     def _wait(self, coroutine):
-        return self._loop.run_until_complete(asyncio.wait_for(coroutine, nimbus.limit(60)))
+        return self._loop.run_until_complete(asyncio.wait_for(coroutine, limit(60)))
 
     async def _connect(self, port):
-        deadline = time.monotonic() + nimbus.limit(40)
+        deadline = time.monotonic() + limit(40)
         while True:
             try:
                 return await websockets.connect(f"ws://127.0.0.1:{port}/session", max_size=2**24)
@@ -100,8 +100,8 @@ class Firefox:
         return json.loads(result["result"].get("value", "null"))
 
     def wait(self, body, *arguments, seconds=20, what=None):
-        return nimbus.wait_until(lambda: self.run(f"return (() => {{ {body} }})(arguments) ?? null",
-                                                  *arguments), seconds, what or body)
+        return wait_until(lambda: self.run(f"return (() => {{ {body} }})(arguments) ?? null",
+                                           *arguments), seconds, what or body)
 
     def picture(self):
         self.wait("return Number(document.querySelector('#stage').dataset.shown) > 0",

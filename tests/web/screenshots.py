@@ -11,9 +11,10 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
-import nimbus  # noqa: E402
+from harness.service import Service  # noqa: E402
+from harness.timing import wait_until  # noqa: E402
 from chromium import Chromium  # noqa: E402
 
 SIZES = {"phone": (360, 640), "phone-across": (844, 390), "desk": (1920, 1080)}
@@ -54,7 +55,7 @@ def running(*command, **options):
 def start(build, ends):
     """A service with its camera, picture and page."""
     folder = pathlib.Path(ends.enter_context(tempfile.TemporaryDirectory()))
-    service = nimbus.Service(build / "nimbus", folder, CONFIGURATION)
+    service = Service(build / "nimbus", folder, CONFIGURATION)
     ends.callback(service.kill)
     encoder = ends.enter_context(running(
         "ffmpeg", "-v", "error", "-re", "-f", "lavfi", "-i", SCENE, "-c:v", "libx264", "-preset",
@@ -119,7 +120,7 @@ def main():
         start(options.build.resolve(), ends)
         browser = Chromium(size=SIZES["phone-across"])
         ends.callback(browser.close)
-        nimbus.wait_until(lambda: opens(browser), 20, "nimbus-web")
+        wait_until(lambda: opens(browser), 20, "nimbus-web")
         operate(browser)
         take(browser, options.folder)
         dialogs(browser, options.folder)

@@ -5,7 +5,7 @@ import time
 import pytest
 from selenium.webdriver.common.keys import Keys
 
-import nimbus
+from harness.timing import wait_until
 
 
 @pytest.fixture
@@ -29,7 +29,7 @@ def value(page, name):
 
 
 def wait_value(page, name, expected, seconds=5):
-    nimbus.wait_until(lambda: value(page, name) == expected, seconds, f"{name} {expected}")
+    wait_until(lambda: value(page, name) == expected, seconds, f"{name} {expected}")
 
 
 def open_picker(page, name):

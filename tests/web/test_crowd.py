@@ -11,7 +11,7 @@ import time
 
 import websockets
 
-import nimbus
+from harness.timing import limit, wait_until
 from conftest import PLAIN_HOST, PORT
 
 ADDRESS = f"ws://{PLAIN_HOST}:{PORT}"
@@ -87,14 +87,14 @@ def test_crowd(browser, web, data, film, times):
     thread = threading.Thread(target=lambda: asyncio.run(run_all(scripted)))
     thread.start()
     ages = browser.ages(selector, times(60, 600))
-    thread.join(seconds + nimbus.limit(30))
+    thread.join(seconds + limit(30))
     assert not thread.is_alive(), "a scripted browser hangs"
-    assert -1 not in ages and statistics.median(ages) < nimbus.limit(1000), ages
+    assert -1 not in ages and statistics.median(ages) < limit(1000), ages
     assert all(one.pictures > 20 * seconds for one in scripted), [one.pictures for one in scripted]
     assert all(one.results > 0 for one in scripted), "commands without an answer"
     assert memory(web.process.pid) < MOST_MEMORY
     # Whoever was the last to steer is gone: nothing moves.
-    nimbus.wait_until(lambda: rests(data), 5, "the rest of the gimbal")
+    wait_until(lambda: rests(data), 5, "the rest of the gimbal")
     assert browser.errors() == []
 
 

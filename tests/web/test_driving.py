@@ -9,7 +9,9 @@ import time
 
 import pytest
 
-import nimbus
+from harness.bridge import Bridge
+from harness.timing import limit, wait_until
+from harness.udp import DATA_PORT
 from chromium import Chromium
 from conftest import PLAIN_HOST
 
@@ -20,7 +22,7 @@ class Gimbal:
     """The bridge's end: what speeds reach the gimbal, and when."""
 
     def __init__(self):
-        self.bridge = nimbus.Bridge(nimbus.DATA_PORT)
+        self.bridge = Bridge(DATA_PORT)
         self.bridge.keep_sending(b"\0", 0.2)
         self.speeds = []  # (wall clock, (pan, roll, tilt))
         threading.Thread(target=self._listen, daemon=True).start()
@@ -39,18 +41,18 @@ class Gimbal:
 
     def wait_moves(self):
         start = time.time()
-        nimbus.wait_until(lambda: len(self.moves(start)) > 3, 10, "a movement")
+        wait_until(lambda: len(self.moves(start)) > 3, 10, "a movement")
 
     def wait_rest(self, let_go):
         """Waits until nothing moves; the last movement must not be later than allowed after the
         moment of letting go, and a frame of zeros must follow it."""
-        nimbus.wait_until(lambda: self.speeds and not any(self.speeds[-1][1]), 5, "the rest")
+        wait_until(lambda: self.speeds and not any(self.speeds[-1][1]), 5, "the rest")
         time.sleep(0.3)
         at = max(at for at, speed in self.speeds if any(speed))
         assert not any(self.speeds[-1][1])
         late = at - let_go
         print(f"moved on for {1000 * late:.0f} ms")
-        assert late < nimbus.limit(STOPS_WITHIN), late
+        assert late < limit(STOPS_WITHIN), late
 
     def close(self):
         self.bridge.close()
@@ -267,7 +269,7 @@ def test_gamepad_that_froze(page, gimbal):
     page.run("push(0.6, 0)")
     gimbal.wait_moves()
     page.run("window.frozen = true")
-    nimbus.wait_until(lambda: not any(gimbal.speeds[-1][1]), 8, "rest of a silent pad")
+    wait_until(lambda: not any(gimbal.speeds[-1][1]), 8, "rest of a silent pad")
 
 
 def test_maximum_and_curve(page, gimbal):

@@ -8,7 +8,7 @@ import threading
 
 import pytest
 
-import nimbus
+from harness.timing import wait_until
 from conftest import PLAIN_HOST
 
 OTHER_HOST = "10.66.0.2"
@@ -103,5 +103,5 @@ def test_rebinding(chromiums, web):
     status = browser.run("return performance.getEntriesByType('navigation')[0].responseStatus")
     assert status == 421
     browser.open(web.address())
-    nimbus.wait_until(lambda: browser.run("return document.querySelector('#stage') !== null"), 5,
-                      "the page by its own name")
+    wait_until(lambda: browser.run("return document.querySelector('#stage') !== null"), 5,
+               "the page by its own name")

@@ -7,7 +7,7 @@ import urllib.request
 
 import pytest
 
-import nimbus
+from harness.timing import limit
 
 SIZES = [(360, 640), (390, 844), (844, 390), (768, 1024), (1920, 1080), (3840, 2160)]
 THEMES = [True, False]
@@ -84,7 +84,7 @@ def test_first_moment(browser, web, camera, film):
     browser.open(web.address())
     browser.run(SHIFTS)
     painted = browser.wait("return performance.getEntriesByName('first-paint')[0]?.startTime")
-    assert painted < nimbus.limit(500), painted
+    assert painted < limit(500), painted
     browser.picture()
     time.sleep(0.5)
     time.sleep(0.5)

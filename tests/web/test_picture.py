@@ -3,7 +3,7 @@
 import statistics
 import time
 
-import nimbus
+from harness.timing import limit, wait_until
 from conftest import PLAIN_HOST, SECURE_HOST
 
 
@@ -24,7 +24,7 @@ def plays(browser, web, host, player, lag=1000):
     ages = browser.ages(selector, 40)
     assert shown(browser) > first + 10
     assert -1 not in ages and 0 <= min(ages), ages
-    assert statistics.median(ages) < nimbus.limit(lag), ages
+    assert statistics.median(ages) < limit(lag), ages
     assert stale(browser) == ""
     assert browser.errors() == []
 
@@ -49,11 +49,11 @@ def test_joins_between_two_key_pictures(browser, web, films):
     films(keys=250)
     browser.open(web.address())
     browser.picture()
-    time.sleep(nimbus.limit(2))
+    time.sleep(limit(2))
     begun = time.monotonic()
     browser.open(web.address())
     browser.picture()
-    assert time.monotonic() - begun < nimbus.limit(4)
+    assert time.monotonic() - begun < limit(4)
     assert -1 not in browser.ages("#video", 10)
 
 
@@ -65,7 +65,7 @@ def test_loss(browser, web, bridge, film):
     first = shown(browser)
     ages = browser.ages(selector, 60)
     assert -1 not in ages, "a torn code was shown"
-    nimbus.wait_until(lambda: shown(browser) > first + 25, 20, "going on")
+    wait_until(lambda: shown(browser) > first + 25, 20, "going on")
     assert browser.errors() == []
 
 
@@ -80,7 +80,7 @@ def test_service_restarts(browser, start, webs, film):
     start()
     browser.wait("return document.querySelector('#stale').textContent === ''", seconds=20)
     last = shown(browser)
-    nimbus.wait_until(lambda: shown(browser) > last, 10, "new pictures")
+    wait_until(lambda: shown(browser) > last, 10, "new pictures")
     assert -1 not in browser.ages(selector, 10)
 
 
@@ -94,7 +94,7 @@ def test_bridge_pauses(browser, web, bridge, film, times):
     bridge.silent = False
     browser.wait("return document.querySelector('#stale').textContent === ''", seconds=20)
     ages = browser.ages(selector, 40)[20:]
-    assert -1 not in ages and statistics.median(ages) < nimbus.limit(1000), ages
+    assert -1 not in ages and statistics.median(ages) < limit(1000), ages
 
 
 def test_other_resolution(browser, web, films):
@@ -118,9 +118,9 @@ def test_snapshot(browser, web, film, tmp_path):
     browser.open(web.address())
     browser.picture()
     browser.find("#snapshot").click()
-    nimbus.wait_until(lambda: list(tmp_path.glob("nimbus-*.png")), 10, "the file")
+    wait_until(lambda: list(tmp_path.glob("nimbus-*.png")), 10, "the file")
     file = next(tmp_path.glob("nimbus-*.png"))
-    nimbus.wait_until(lambda: file.stat().st_size > 1000, 5, "its content")
+    wait_until(lambda: file.stat().st_size > 1000, 5, "its content")
     data = file.read_bytes()
     assert data.startswith(b"\x89PNG")
     assert (int.from_bytes(data[16:20], "big"), int.from_bytes(data[20:24], "big")) == (640, 360)
@@ -135,4 +135,4 @@ def test_transport_stream(browser, web, bridge):
         bridge.take(packet * 7)
         return "MPEG-TS" in stale(browser)
 
-    nimbus.wait_until(named, 10, "the name of the stream")
+    wait_until(named, 10, "the name of the stream")

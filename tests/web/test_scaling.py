@@ -11,10 +11,10 @@ import urllib.request
 
 import pytest
 
-import far
+from harness import far_network
+from harness.timing import limit, wait_until
 from chromium import Chromium
 from film import BITS, CELLS, ROWS, WIDTH
-from nimbus import limit, wait_until
 
 EXAMPLES = pathlib.Path(__file__).parents[2] / "install/examples"
 SDP = "/run/nimbus-web/camera.sdp"
@@ -146,7 +146,7 @@ def tcp_ports():
 @pytest.fixture
 def janus(programs, tmp_path):
     """It wants an interface that is no loopback."""
-    link = far.Link(1)
+    link = far_network.Link(1)
     triplet = sysconfig.get_config_var("MULTIARCH")
     for file in (EXAMPLES / "janus").glob("*.jcfg"):
         text = file.read_text().replace("@TRIPLET@", triplet)

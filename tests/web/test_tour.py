@@ -2,7 +2,7 @@
 
 import pytest
 
-import nimbus
+from harness.timing import wait_until
 from conftest import PLAIN_HOST
 
 
@@ -45,7 +45,7 @@ def test_tour(either, camera, film, web):
     browser.wait("return document.querySelector('dialog[open] .keys') !== null")
     browser.run("document.querySelector('dialog').close()")
     first = int(browser.run("return document.querySelector('#stage').dataset.shown"))
-    nimbus.wait_until(lambda: int(browser.run(
+    wait_until(lambda: int(browser.run(
         "return document.querySelector('#stage').dataset.shown")) > first, 10, "a live picture")
     click(browser, "#take")
     browser.wait("return document.querySelector('#who').textContent === 'Nobody drives'")

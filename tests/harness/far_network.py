@@ -7,8 +7,8 @@ import socket
 import struct
 import subprocess
 
-import nimbus
-from nimbus import VIEWER_PORT
+from harness.udp import VIEWER_PORT
+from harness.viewer import StampedViewer
 
 _CLONE_NEWNET = 0x40000000
 _setns = ctypes.CDLL(None, use_errno=True).setns
@@ -33,7 +33,7 @@ def _inside(path):
         os.close(other)
 
 
-class FarViewer(nimbus.StampedViewer):
+class FarViewer(StampedViewer):
     """A viewer at the far end of a link."""
 
     def __init__(self, link, host):

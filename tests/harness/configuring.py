@@ -1,16 +1,17 @@
-"""A running service with a viewer that configures the board, and everything that follows from it."""
+"""A running service with a viewer that configures the board, and everything that follows from it.
+
+Test files that use the fixtures say so: pytest_plugins = ["harness.configuring"].
+"""
 
 import json
 import os
-import pathlib
 import shutil
 
 import pytest
 
-from nimbus import BANNER, wait_until
-
-CARD_FILE = pathlib.Path("/boot/tervado-nimbus.conf")
-WORKING_COPY = pathlib.Path("/run/tervado.conf")
+from harness.config_file import WORKING_COPY
+from harness.console import BANNER
+from harness.timing import wait_until
 
 # What a save does, by the tools that it calls.
 SAVE = [["mount", "-o", "rw,remount", "/boot"], ["umount", "/boot"], ["mount", "/boot"]]

@@ -1,8 +1,4 @@
-"""The camera's protocol, the viewers' commands, and the camera's end of the link, as the tests know
-them.
-
-The checksums are worked out bit by bit here, apart from the service's own code.
-"""
+"""The camera behind its bridge: what it is sent, and what the service says meanwhile."""
 
 import dataclasses
 import os
@@ -11,94 +7,9 @@ import struct
 import threading
 import time
 
-import nimbus
-from nimbus import limit
-
-# --- Frames --------------------------------------------------------------------------------------
-
-START = 0x55
-VERSION = 1
-HEADER_SIZE = 11
-OVERHEAD = HEADER_SIZE + 2
-RECEIVERS = {0x02: 0x01, 0x04: 0x04}  # by the command set
-CAMERA, GIMBAL = RECEIVERS
-
-
-def reflected_crc(data, polynomial, crc):
-    """A reflected CRC with the reflected polynomial, from the seed `crc`, one bit at a time."""
-    for byte in data:
-        crc ^= byte
-        for _ in range(8):
-            crc = (crc >> 1) ^ (polynomial if crc & 1 else 0)
-    return crc
-
-
-def crc8(data):
-    """The check of a frame's first three bytes."""
-    return reflected_crc(data, 0x8C, 0x77)
-
-
-def crc16(data):
-    """The check of a whole frame less its last two bytes."""
-    return reflected_crc(data, 0x8408, 0x3692)
-
-
-@dataclasses.dataclass(frozen=True)
-class Command:
-    """What a frame says: everything in it but its number and its checks."""
-
-    set: int
-    id: int
-    payload: bytes = b""
-    sender: int = 0x02
-    type: int = 0x40
-
-    def frame(self, sequence):
-        """The whole frame with that number."""
-        size = len(self.payload) + OVERHEAD
-        start = struct.pack("<BH", START, size | VERSION << 10)
-        body = start + bytes([crc8(start)]) + struct.pack(
-            "<BBHBBB", self.sender, RECEIVERS[self.set], sequence, self.type, self.set, self.id)
-        body += self.payload
-        return body + struct.pack("<H", crc16(body))
-
-
-def camera(number, payload="", sender=0x02):
-    """A command to the camera, its payload in hexadecimal."""
-    return Command(CAMERA, number, bytes.fromhex(payload), sender)
-
-
-def gimbal(number, payload="", **others):
-    """A command to the gimbal, its payload in hexadecimal."""
-    return Command(GIMBAL, number, bytes.fromhex(payload), **others)
-
-
-def speed(pan, roll, tilt):
-    """The gimbal's speed frame, in the order of the wire."""
-    return Command(GIMBAL, 0x0C, struct.pack("<3h", pan, roll, tilt) + b"\x90")
-
-
-def parse(data):
-    """The command and the number of a frame, which must be sound in every byte."""
-    assert len(data) >= OVERHEAD, f"a frame of {len(data)} bytes"
-    sender, _, sequence, kind, command_set, number = struct.unpack_from("<BBHBBB", data, 4)
-    assert command_set in RECEIVERS, f"an unknown command set in {data.hex(' ')}"
-    command = Command(command_set, number, data[HEADER_SIZE:-2], sender, kind)
-    assert data == command.frame(sequence), f"an unsound frame: {data.hex(' ')}"
-    return command, sequence
-
-
-# --- What becomes frames -------------------------------------------------------------------------
-
-
-def command(cmd, param=None, *values):
-    """The members of a command, less those that are None."""
-    members = {"cmd": cmd, "param": param}
-    members.update({f"value{n}": value for n, value in enumerate(values, 1)})
-    return {name: value for name, value in members.items() if value is not None}
-
-
-# --- The camera ----------------------------------------------------------------------------------
+from harness.bridge import Bridge
+from harness.timing import limit
+from harness.udp import DATA_PORT, udp_socket
 
 
 @dataclasses.dataclass(frozen=True)
@@ -116,16 +27,16 @@ class Event:
         return self.data.decode("utf-8", "surrogateescape")
 
 
-class Camera(nimbus.Bridge):
+class Camera(Bridge):
     """The camera behind its bridge. Collects what it is sent, and the texts on the console of a
     service that was started with `take_console`."""
 
     _SO_TIMESTAMPNS = 64  # the one with 64-bit seconds on every machine
 
     def __init__(self, host="127.0.0.1"):
-        super().__init__(nimbus.DATA_PORT, host)
+        super().__init__(DATA_PORT, host)
         self.socket.setsockopt(socket.SOL_SOCKET, self._SO_TIMESTAMPNS, 1)
-        self._console = nimbus.udp_socket("127.0.0.1")
+        self._console = udp_socket("127.0.0.1")
         self._console.connect(self.address)
         self._events = []
         self._condition = threading.Condition()

@@ -14,7 +14,9 @@ import subprocess
 import threading
 import time
 
-import nimbus
+from harness.console import Console
+from harness.service import EMULATOR
+from harness.timing import limit, wait_until
 
 TEXT, BINARY, CLOSE = 1, 2, 8
 STREAMS = pathlib.Path(__file__).parents[1] / "unit/streams"
@@ -27,11 +29,11 @@ class Web:
         self.port = port
         self.host = f"127.0.0.1:{port}"
         self.process = subprocess.Popen(
-            [*nimbus.EMULATOR, build / "nimbus-web", "--listen", self.host, *options],
+            [*EMULATOR, build / "nimbus-web", "--listen", self.host, *options],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
             env={**os.environ, **(env or {})})
-        self.err = nimbus.Console(self.process.stderr)
-        nimbus.wait_until(self.answers, 10, "an answer of nimbus-web")
+        self.err = Console(self.process.stderr)
+        wait_until(self.answers, 10, "an answer of nimbus-web")
 
     def answers(self):
         assert self.process.poll() is None, self.err.text()
@@ -44,7 +46,7 @@ class Web:
     def stop(self):
         if self.process.poll() is None:
             self.process.terminate()
-        status = self.process.wait(nimbus.limit(10))
+        status = self.process.wait(limit(10))
         assert status == 0, f"{status}: {self.err.text()}"
 
     def request(self, method, path, body=None, headers=None, secure=False):
@@ -52,10 +54,10 @@ class Web:
         if secure:
             context = ssl._create_unverified_context()  # its certificate is its own
             connection = http.client.HTTPSConnection("127.0.0.1", self.port, context=context,
-                                                     timeout=nimbus.limit(10))
+                                                     timeout=limit(10))
         else:
             connection = http.client.HTTPConnection("127.0.0.1", self.port,
-                                                    timeout=nimbus.limit(10))
+                                                    timeout=limit(10))
         try:
             connection.request(method, path, body, {"Host": self.host, **(headers or {})})
             answer = connection.getresponse()
@@ -74,7 +76,7 @@ class Web:
     def raw(self, data, seconds=5):
         """What comes back for these bytes, until the connection is closed."""
         with self.connect() as connection:
-            connection.settimeout(nimbus.limit(seconds))
+            connection.settimeout(limit(seconds))
             connection.sendall(data)
             answer = b""
             try:
@@ -85,7 +87,7 @@ class Web:
             return answer
 
     def connect(self, source="127.0.0.1"):
-        return socket.create_connection(("127.0.0.1", self.port), nimbus.limit(5), (source, 0))
+        return socket.create_connection(("127.0.0.1", self.port), limit(5), (source, 0))
 
     def video(self, form="fmp4", **options):
         return WebSocket(self, f"/ws/video?form={form}", **options)
@@ -102,7 +104,7 @@ class WebSocket:
         if receive_buffer:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         self.socket.bind((source, 0))
-        self.socket.settimeout(nimbus.limit(5))
+        self.socket.settimeout(limit(5))
         self.socket.connect(("127.0.0.1", web.port))
         lines = {"Host": web.host, "Upgrade": "websocket", "Connection": "Upgrade",
                  "Sec-WebSocket-Version": "13",
@@ -150,7 +152,7 @@ class WebSocket:
 
     def read(self, seconds=5):
         """(opcode, payload) of the next message."""
-        self.socket.settimeout(nimbus.limit(seconds))
+        self.socket.settimeout(limit(seconds))
         first, second = self._take(2)
         size = second & 0x7F
         if size == 126:
@@ -161,7 +163,7 @@ class WebSocket:
 
     def message(self, kind, /, seconds=5, **members):
         """The next text of that type that has these members; others are dropped."""
-        deadline = time.monotonic() + nimbus.limit(seconds)
+        deadline = time.monotonic() + limit(seconds)
         while time.monotonic() < deadline:
             opcode, payload = self.read(seconds)
             if opcode != TEXT:

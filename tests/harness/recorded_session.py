@@ -1,6 +1,6 @@
 """A session with a camera: what its bridge sends, and what a service must make of it.
 
-    python3 recorded_session.py [SEED]     prints the datagrams of a session in hexadecimal
+    PYTHONPATH=tests python3 -m harness.recorded_session [SEED]     prints the datagrams of a session in hexadecimal
 
 The model knows the reports by the offsets in their frames, apart from the builder that the session
 is made with.
@@ -13,9 +13,12 @@ import random
 import struct
 import sys
 
-from reports import (
-    FLAG_17, FLAGS_30, GIMBAL, HISTOGRAM, LENS, RECORDING, SETTINGS, START, STATUS, TAIL, TEXTS,
-    TRACKING, crc16, frame_of, place, status, stored, triple)
+from harness.duml import START, crc16
+from harness.messages import status, triple
+from harness.region import TEXTS, DisplayRegion, place, stored
+from harness.reports import (
+    FLAGS_30, FLAG_17, GIMBAL, HISTOGRAM, LENS, RECORDING, SETTINGS, STATUS, TAIL, TRACKING,
+    frame_of)
 
 # --- The session ---------------------------------------------------------------------------------
 
@@ -324,7 +327,7 @@ class Model:
         self._store(gimbal_angle_1=a3, gimbal_angle_2=a1, gimbal_angle_3=a2,
                     byte_628=int(frame[34] == 0))
         self._relay(triple(0, a3 * 100, a1 * 100, a2 * 100), triple(10, a3, a1, a2),
-                    triple(8, self.memory[1016], 0, 0))
+                    triple(8, self.memory[DisplayRegion.ORIENTATION_LOCK], 0, 0))
 
     def _recording(self, frame):
         state, reset = frame[11], int(frame[50] != 0)
@@ -333,7 +336,7 @@ class Model:
             self._store(timer_state=0, timer_start_ms=0, timer_elapsed_ms=0)
             self._relay(triple(19, state, 1, 0))
             return
-        remembered = self.memory[634]
+        remembered = self.memory[DisplayRegion.TIMER_STATE]
         self._store(timer_state=state)
         if remembered == 0:
             return

@@ -2,7 +2,7 @@
 
 import struct
 
-from nimbus import wait_until
+from harness.timing import wait_until
 
 # The functions of RC channels, in the order of their codes.
 FUNCTIONS = ["pan", "tilt", "record", "record-shot", "menu", "ev", "zoom", "focus", "dutch",
@@ -15,10 +15,6 @@ class RcReader:
     """Says which functions are on live channels, and where their sticks and switches stand."""
 
     LIVE = 6
-    ASSIGNED = 1274
-    CENTRED = 1344
-    POSITION = 1600
-    MENU = 1856
 
     def __init__(self, region, state=LIVE):
         """The receiver is live at once. "osd" serves as the clock of cycle()."""
@@ -31,11 +27,11 @@ class RcReader:
         self._region.write(self._region.RC_STATUS, bytes([state]))
 
     def menu(self, flag):
-        self._region.write(self.MENU, bytes([flag]))
+        self._region.write(self._region.MENU_ACTIVE, bytes([flag]))
 
     def assign(self, *functions, value=1):
         for function in functions:
-            self._region.write(self.ASSIGNED + 2 * FUNCTIONS.index(function),
+            self._region.write(self._region.RC_ASSIGNED[0] + 2 * FUNCTIONS.index(function),
                                struct.pack("<H", value))
 
     def drop(self, *functions):
@@ -43,15 +39,15 @@ class RcReader:
 
     def hold(self, function, value):
         """Moves a stick or switch to that centred value."""
-        self._write(self.CENTRED, function, value)
+        self._write(self._region.RC_CENTRED, function, value)
 
     def place(self, function, value):
         """Moves a stick or switch to that position."""
-        self._write(self.POSITION, function, value)
+        self._write(self._region.RC_POSITION, function, value)
 
     def _write(self, block, function, value):
         # Eight aligned bytes are written at once: nobody sees half of a number.
-        self._region.write(block + 8 * FUNCTIONS.index(function), struct.pack("<d", value))
+        self._region.write(block[0] + 8 * FUNCTIONS.index(function), struct.pack("<d", value))
 
     def _hold_clock(self, hidden):
         self.hold("osd", -1.0 if hidden else 1.0)

@@ -1,6 +1,6 @@
 """A running service with the whole of its surroundings: a camera, a viewer and the display region.
 
-Test files that use the fixtures say so: pytest_plugins = ["station"].
+Test files that use the fixtures say so: pytest_plugins = ["harness.commanding"].
 """
 
 import json
@@ -8,8 +8,9 @@ import re
 
 import pytest
 
-from duml import Camera, Command, command
-from nimbus import wait_until
+from harness.camera import Camera
+from harness.duml import Command, command
+from harness.timing import wait_until
 
 # What the links say of themselves, at moments of their own.
 LINK_TEXTS = re.compile(r"(Data|Video) (found|lost)\n|"
@@ -33,7 +34,7 @@ class Station:
                              preexec_fn=self.camera.take_console)
         self.camera.wait_text("Init control\n", 10)
         # The last that is done before the control threads run.
-        wait_until(lambda: region.value("d", 1040) == 0.5, 5, "the centred focus point")
+        wait_until(lambda: region.value("d", region.FOCUS_POINT_Y) == 0.5, 5, "the centred focus point")
         if introduce:
             self.camera.introduce()
         self._seen = self.camera.count()

@@ -1,7 +1,7 @@
 """A running service whose camera reports what the test wants, seen by a viewer and through the
 display region.
 
-Test files that use the fixture say so: pytest_plugins = ["desk"].
+Test files that use the fixture say so: pytest_plugins = ["harness.reporting"].
 """
 
 import contextlib
@@ -10,11 +10,13 @@ import struct
 
 import pytest
 
-import nimbus
-from nimbus import wait_until
-from reports import (
-    FIELDS, HISTOGRAM, NOW, REGION_SIZE, TAIL, TELEMETRY, TEXTS, VOLATILE, assert_messages, decode,
-    differences, encode, now_ms, place, stored, text_field)
+from harness.messages import assert_messages
+from harness.region import (
+    FIELDS, NOW, REGION_SIZE, TELEMETRY, TEXTS, VOLATILE, differences, place, stored, text_field)
+from harness.reports import HISTOGRAM, TAIL
+from harness.timing import now_ms, wait_until
+from harness.values import decode, encode
+from harness.viewer import Viewer
 
 # What the status loop sends, at moments of its own.
 STATUS_LOOP_MESSAGES = (5, 6, 11)
@@ -138,7 +140,7 @@ class Desk:
     def console(self):
         """What the service has said since the last call. What the viewers' link says is left
         out."""
-        guest = nimbus.Viewer("127.0.0.9")
+        guest = Viewer("127.0.0.9")
         try:
             guest.register()
             guest.leave()

@@ -1,6 +1,6 @@
 """Recordings of a network, made byte by byte: pcap and pcapng, in each wrapping that a replay takes.
 
-    tools/sandbox/enter python3 tests/e2e/wire_capture.py BUILD
+    PYTHONPATH=tests tools/sandbox/enter python3 -m harness.captures BUILD
 
 makes the library in tests/recordings anew, with the simulated camera of that build.
 """
@@ -15,7 +15,7 @@ import sys
 import tempfile
 import time
 
-import duml
+from harness import duml
 
 LIBRARY = pathlib.Path(__file__).resolve().parents[1] / "recordings"
 DATA, VIDEO = 5000, 5001

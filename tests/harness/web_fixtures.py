@@ -2,8 +2,8 @@
 
 import pytest
 
-import nimbus
-from web import Film, Web
+from harness.timing import wait_until
+from harness.web import Film, Web
 
 
 @pytest.fixture
@@ -25,7 +25,7 @@ def web(serve, service):
     """A nimbus-web that the service knows."""
     one = serve()
     service.err.wait("New client connected")
-    nimbus.wait_until(lambda: one.state()["service"]["linked"], 5, "the service's voice")
+    wait_until(lambda: one.state()["service"]["linked"], 5, "the service's voice")
     return one
 
 

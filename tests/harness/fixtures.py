@@ -9,7 +9,14 @@ import signal
 
 import pytest
 
-import nimbus
+from harness.board_tools import AccessPoint, Standins
+from harness.bridge import Bridge
+from harness.console import connected, events, removed
+from harness.region import DisplayRegion
+from harness.service import EMULATOR, BareService, Service
+from harness.timing import wait_until
+from harness.udp import DATA_PORT, VIDEO_PORT
+from harness.viewer import Viewer
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
@@ -56,7 +63,7 @@ def pytest_collection_modifyitems(config, items):
     for item in items:
         if item.path.stem.startswith(MEASURING):
             item.add_marker("timing")
-    if nimbus.EMULATOR and not config.getoption("--long"):
+    if EMULATOR and not config.getoption("--long"):
         elsewhere = [item for item in items if item.path.stem not in OF_PROCESSORS]
         items[:] = [item for item in items if item.path.stem in OF_PROCESSORS]
         config.hook.pytest_deselected(items=elsewhere)
@@ -114,7 +121,7 @@ def clean_board(sandbox):
 
 @pytest.fixture
 def standins():
-    return nimbus.Standins()
+    return Standins()
 
 
 @pytest.fixture
@@ -124,7 +131,7 @@ def start(build, tmp_path):
     services = []
 
     def start_service(conf="", **options):
-        service = nimbus.Service(build / "nimbus", tmp_path, conf, **options)
+        service = Service(build / "nimbus", tmp_path, conf, **options)
         services.append(service)
         return service
 
@@ -148,7 +155,7 @@ def viewers():
     made = []
 
     def make(host="127.0.0.1", port=0):
-        viewer = nimbus.Viewer(host, port)
+        viewer = Viewer(host, port)
         made.append(viewer)
         return viewer
 
@@ -169,21 +176,21 @@ def viewer(service, viewers):
 def bridge_fixture(port):
     @pytest.fixture
     def make():
-        bridge = nimbus.Bridge(port)
+        bridge = Bridge(port)
         yield bridge
         bridge.close()
 
     return make
 
 
-data = bridge_fixture(nimbus.DATA_PORT)
-video = bridge_fixture(nimbus.VIDEO_PORT)
+data = bridge_fixture(DATA_PORT)
+video = bridge_fixture(VIDEO_PORT)
 
 
 @pytest.fixture
 def region():
     """The display region."""
-    shared = nimbus.DisplayRegion()
+    shared = DisplayRegion()
     yield shared
     shared.close()
 
@@ -194,7 +201,7 @@ def launch(build, tmp_path):
     with contextlib.ExitStack() as ends:
 
         def launch_service(conf="", folder=tmp_path, **options):
-            service = nimbus.BareService(build / "nimbus", folder, conf, **options)
+            service = BareService(build / "nimbus", folder, conf, **options)
             ends.callback(lambda: service.process.returncode is None and service.stop())
             return service
 
@@ -203,7 +210,7 @@ def launch(build, tmp_path):
 
 @pytest.fixture
 def access_point(standins):
-    one = nimbus.AccessPoint(standins)
+    one = AccessPoint(standins)
     yield one
     one.close()
 
@@ -215,7 +222,7 @@ def unsanitized(build):
     cache = build / "CMakeCache.txt"
     if cache.exists() and re.search(r"^NIMBUS_SANITIZE:\w+=.", cache.read_text(), re.MULTILINE):
         pytest.skip("the build is sanitized")
-    if nimbus.EMULATOR:
+    if EMULATOR:
         pytest.skip("the build is emulated")
 
 
@@ -255,9 +262,9 @@ def settled(viewers):
         last = viewers("127.255.255.254")
         last.register()
         last.leave()
-        service.err.wait(nimbus.removed(last))
-        said = nimbus.events(service)
-        return said.replace(nimbus.connected(last), "").replace(nimbus.removed(last), "")
+        service.err.wait(removed(last))
+        said = events(service)
+        return said.replace(connected(last), "").replace(removed(last), "")
 
     return wait
 
@@ -269,7 +276,7 @@ def join(viewers):
     def make(service):
         viewer = viewers()
         viewer.register()
-        service.err.wait(nimbus.connected(viewer))
+        service.err.wait(connected(viewer))
         return viewer
 
     return make
@@ -297,7 +304,7 @@ def no_orphans(clean_board):
 
     yield
     try:
-        nimbus.wait_until(lambda: not left(), 5, "the end of the service's commands")
+        wait_until(lambda: not left(), 5, "the end of the service's commands")
     except AssertionError:
         for pid in left():
             os.kill(pid, signal.SIGKILL)
@@ -309,8 +316,8 @@ def passes(standins):
     """passes(n) waits until the status loop has come to its probe for hostapd n times."""
 
     def wait(count):
-        nimbus.wait_until(lambda: len(standins.calls("pidof")) >= count, count + 5,
-                          f"{count} passes of the status loop")
+        wait_until(lambda: len(standins.calls("pidof")) >= count, count + 5,
+                   f"{count} passes of the status loop")
 
     return wait
 
@@ -324,7 +331,7 @@ def crowd(viewers):
         made = [viewers(f"127.0.{n}.{n + 1}") for n in range(count)]
         for viewer in made:
             viewer.register()
-            service.err.wait(nimbus.connected(viewer))
+            service.err.wait(connected(viewer))
         return made
 
     return make

@@ -1,0 +1,1 @@
+"""What the tests know of the service and of everybody around it; README.md lists the modules."""
