@@ -43,7 +43,7 @@ def pytest_configure(config):
 
 
 # Files whose tests hold periods, rates and time-outs of the service against the clock.
-MEASURING = ("test_control", "test_floods", "test_rc_input", "test_relay", "test_sim", "test_sources",
+MEASURING = ("test_control", "test_floods", "test_rc_", "test_relay", "test_sim", "test_sources",
              "test_speed", "test_startup", "test_status", "test_console", "test_guests",
              "test_wall_clock", "test_soak")
 
@@ -51,12 +51,14 @@ MEASURING = ("test_control", "test_floods", "test_rc_input", "test_relay", "test
 # Files of what a processor could change: bytes on the wire and in the regions, numbers, the settings'
 # text. In an emulator the others see nothing more of it, and tools for people, films and floods take
 # their time there; all of them run in the emulator with --long.
-OF_PROCESSORS = ("test_board_commands", "test_commands", "test_configuration", "test_control", "test_frames",
-                 "test_hostile_commands", "test_links", "test_oddities", "test_rc_input",
-                 "test_recorded_session", "test_regions", "test_relay", "test_report_scan", "test_reports",
-                 "test_save", "test_settings", "test_sources", "test_speed", "test_startup", "test_status",
-                 "test_supervisor", "test_viewers", "test_bridge", "test_restarts", "test_scribbled_region",
-                 "test_wall_clock")
+OF_PROCESSORS = ("test_board_commands", "test_commands", "test_configuration", "test_control",
+                 "test_frames", "test_hostile_commands", "test_links", "test_oddities",
+                 "test_rc_charge", "test_rc_cycle", "test_rc_ev", "test_rc_focus_point",
+                 "test_rc_record", "test_rc_steering", "test_rc_steps", "test_rc_switches",
+                 "test_recorded_session", "test_regions", "test_relay", "test_report_scan",
+                 "test_reports", "test_save", "test_settings", "test_sources", "test_speed",
+                 "test_startup", "test_status", "test_supervisor", "test_viewers", "test_bridge",
+                 "test_restarts", "test_scribbled_region", "test_wall_clock")
 
 
 def pytest_collection_modifyitems(config, items):
