@@ -6,9 +6,8 @@ import time
 
 import pytest
 
-from harness.neighbours import CONFIGURATION, House
+from harness.neighbours import CONFIGURATION, MISSED_SHARE, House, periods
 from harness.timing import TIME_SCALE, limit
-from test_soak import MISSED_SHARE, periods
 
 
 class StuckConsole:

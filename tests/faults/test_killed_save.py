@@ -21,11 +21,10 @@ import time
 import pytest
 
 from harness.board_tools import BOARD_TOOL
-from harness.config_file import CARD_FILE, WORKING_COPY
+from harness.config_file import CARD_FILE, WORKING_COPY, with_settings, without_cr
 from harness.console import Console
 from harness.fixtures import orphans
 from harness.timing import limit, wait_until
-from test_save import with_settings, without_cr
 
 # The report does not escape what is in it.
 OLD, NEW = (with_settings(video_bitrate=rate, wifi_psk='"plain"') for rate in (1111, 2222))

@@ -3,10 +3,10 @@ reports and ten commands a second, sticks that never rest."""
 
 import statistics
 
+from harness.growth import GROWTH_BYTES, resources
 from harness.neighbours import CONFIGURATION, MISSED_SHARE, House, periods
 from harness.timing import TIME_SCALE, limit, wait_until
 from harness.udp import PORTS, socket_queue
-from test_floods import GROWTH_BYTES, resources
 
 WARM_UP = 5
 

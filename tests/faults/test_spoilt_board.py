@@ -7,9 +7,8 @@ import subprocess
 
 import pytest
 
-from harness.config_file import CARD_FILE, WORKING_COPY
+from harness.config_file import CARD_FILE, QUOTED, WORKING_COPY, default_file, without_cr
 from harness.configuring import Board
-from test_save import QUOTED, default_file, without_cr
 
 FORMER = b"former copy"
 STANDINS = os.environ.get("NIMBUS_STANDINS", "")

@@ -11,9 +11,9 @@ from harness.config_file import CARD_FILE
 from harness.configuring import settings
 from harness.console import connected, removed
 from harness.duml import command, parse
+from harness.growth import GROWTH_BYTES, resources
 from harness.receiver import RcReader
 from harness.timing import TIME_SCALE, limit, wait_until
-from test_floods import GROWTH_BYTES, resources
 
 SAVE = {"cmd": "updateparam", "name": "video_bitrate", "value": "1"}
 SCAN = {"cmd": "wlan", "param": "scan", "value": "1"}
