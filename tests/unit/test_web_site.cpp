@@ -133,6 +133,7 @@ TEST(WebSite, NothingForOtherSites) {
   EXPECT_NE(header(page, "Content-Security-Policy").find("default-src 'self'"), std::string::npos);
   EXPECT_EQ(header(page, "X-Content-Type-Options"), "nosniff");
   EXPECT_EQ(header(page, "X-Frame-Options"), "DENY");
+  EXPECT_EQ(header(page, "Referrer-Policy"), "same-origin");
   for (const auto& [name, value] : console.get("/api/state").headers) {
     EXPECT_NE(name.substr(0, 29), "Access-Control-Allow-Origin");
   }
@@ -184,6 +185,32 @@ TEST(WebPasswords, NothingWithoutOne) {
   request.host = "10.0.0.1:8080";
   EXPECT_FALSE(console.opens("/ws/control", request));
   EXPECT_FALSE(console.opens("/ws/video", request));
+}
+
+TEST(WebPasswords, TheLogInPageAndWhatItIsMadeOf) {
+  Guarded console;
+  const std::string page(console.get("/login").content());
+  for (const char* const file :
+       {"/favicon.svg", "/page/theme.js", "/page/theme.css", "/page/login.css"}) {
+    EXPECT_NE(page.find(file), std::string::npos) << file;
+    EXPECT_EQ(console.get(file).status, 200U) << file;
+  }
+  EXPECT_EQ(console.get("/page/login.html").status, 303U);
+  EXPECT_EQ(console.get("/page/parts.css").status, 303U);
+}
+
+TEST(WebPasswords, APersonIsAskedAgainAndAProgramIsTold) {
+  Guarded console;
+  const Response again = console.post("/login", "password=wave");
+  EXPECT_EQ(again.status, 403U);
+  EXPECT_NE(again.content().find("role=\"alert\">that is not the password.</p>"), std::string::npos);
+  EXPECT_NE(again.content().find("<form method=\"post\""), std::string::npos);
+  Request request;
+  request.content_type = "application/json";
+  EXPECT_EQ(console.post("/login", R"({"password":"wave"})", request).content(),
+            "that is not the password\n");
+  EXPECT_EQ(console.post("/login", "password=boat", request).status, 403U);
+  EXPECT_EQ(console.post("/login", R"({"password":"boat"})", request).status, 303U);
 }
 
 TEST(WebPasswords, TheOperatorsAndTheViewers) {

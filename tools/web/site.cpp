@@ -7,6 +7,7 @@
 #include <cctype>
 #include <functional>
 
+#include "tools/ctl/json.h"
 #include "tools/web/files.h"
 #include "tools/web/json_text.h"
 #include "tools/web/tables.h"
@@ -35,7 +36,8 @@ void harden(Response& response, const Request& request) {
           "'none'; form-action 'self'; frame-ancestors 'none'");
   response.headers.emplace_back("X-Content-Type-Options", "nosniff");
   response.headers.emplace_back("X-Frame-Options", "DENY");
-  response.headers.emplace_back("Referrer-Policy", "no-referrer");
+  // Not "no-referrer": browsers then send the log-in with "Origin: null", as a stranger's page would.
+  response.headers.emplace_back("Referrer-Policy", "same-origin");
   response.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
   response.headers.emplace_back("Cross-Origin-Opener-Policy", "same-origin");
 }
@@ -57,26 +59,9 @@ Response go_to(const std::string& path) {
 
 constexpr std::string_view kCookie = "nimbus";
 
-constexpr std::string_view kLogInPage = R"(<!DOCTYPE html>
-<html lang="en">
-<head>
-<meta charset="utf-8">
-<meta name="viewport" content="width=device-width, initial-scale=1">
-<meta name="color-scheme" content="dark light">
-<title>Tervado Nimbus: log in</title>
-<link rel="icon" href="/favicon.svg">
-</head>
-<body>
-<main>
-<h1>Tervado Nimbus</h1>
-<form method="post" action="/login">
-<label>Password <input type="password" name="password" autocomplete="current-password" required autofocus></label>
-<button>Log in</button>
-</form>
-</main>
-</body>
-</html>
-)";
+// What is served to whoever has no password yet: what the log-in page is made of.
+constexpr auto kOpenFiles =
+    std::to_array<std::string_view>({"favicon.svg", "theme.js", "theme.css", "login.css"});
 
 struct Type {
   std::string_view ending;
@@ -114,6 +99,41 @@ Response file_response(const File& file, const Request& request) {
     response.fixed_body = file.content;
   }
   return response;
+}
+
+/// What an address may name of the page's files; nullptr when it is none.
+const File* file_of(std::string_view path) {
+  constexpr std::string_view kFolder = "/page/";
+  if (path == "/favicon.svg") return find_file("favicon.svg");
+  if (path == "/") return find_file("index.html");
+  return path.starts_with(kFolder) ? find_file(path.substr(kFolder.size())) : nullptr;
+}
+
+/// The page that asks for the password, and says why it does so again.
+Response log_in_page(unsigned status, std::string_view problem) {
+  constexpr std::string_view kPlace = R"(role="alert">)";
+  std::string text(find_file("login.html")->content);
+  text.insert(text.find(kPlace) + kPlace.size(), problem);
+  return {.status = status,
+          .type = "text/html; charset=utf-8",
+          .body = std::move(text),
+          .headers = {{"Cache-Control", "no-store"}}};
+}
+
+bool is_json(const Request& request) {
+  return lower(request.content_type).starts_with("application/json");
+}
+
+/// The password of a log-in, as a form or as JSON; empty when there is none.
+std::string password_in(const Request& request) {
+  if (!is_json(request)) return form_value(request.body, "password");
+  const auto object = ctl::parse_object(request.body);
+  return object == nullptr ? "" : ctl::member_text(object.get(), "password");
+}
+
+/// To a person the page again, to a program a line.
+Response no_log_in(const Request& request, unsigned status, std::string text) {
+  return is_json(request) ? refusal(status, std::move(text)) : log_in_page(status, text + ".");
 }
 
 }  // namespace
@@ -217,18 +237,11 @@ Response ConsoleSite::get(const Request& request, bool allowed, Time now) {
 }
 
 Response ConsoleSite::page(const Request& request, bool allowed) const {
-  constexpr std::string_view kFolder = "/page/";
-  auto path = request.path();
-  if (path == "/favicon.svg") path = "/page/favicon.svg";
-  if (path == "/login") {
-    return {.type = "text/html; charset=utf-8",
-            .fixed_body = kLogInPage,
-            .headers = {{"Cache-Control", "no-store"}}};
-  }
-  if (!allowed && path != "/page/favicon.svg") return go_to("/login");
-  if (path == "/") path = "/page/index.html";
-  const File* const file =
-      path.starts_with(kFolder) ? find_file(path.substr(kFolder.size())) : nullptr;
+  if (request.path() == "/login") return log_in_page(200, "");
+  const File* const file = file_of(request.path());
+  const bool open = file != nullptr && std::find(kOpenFiles.begin(), kOpenFiles.end(),
+                                                 file->name) != kOpenFiles.end();
+  if (!allowed && !open) return go_to("/login");
   return file == nullptr ? refusal(404, "not found") : file_response(*file, request);
 }
 
@@ -253,12 +266,13 @@ Response ConsoleSite::command(const Request& request, std::optional<Role> role, 
 Response ConsoleSite::log_in(const Request& request, Time now) {
   if (!passwords_.any()) return go_to("/");
   if (!tries_.allowed(request.address, now)) {
-    Response response = refusal(429, "too many tries; expected a minute's patience");
+    Response response =
+        no_log_in(request, 429, "too many tries; expected a minute's patience");
     response.headers.emplace_back("Retry-After", "60");
     return response;
   }
-  const auto role = passwords_.role_of(form_value(request.body, "password"));
-  if (!role) return refusal(403, "that is not the password");
+  const auto role = passwords_.role_of(password_in(request));
+  if (!role) return no_log_in(request, 403, "that is not the password");
   Response response = go_to("/");
   response.headers.emplace_back(
       "Set-Cookie", std::string(kCookie) + "=" + sessions_.begin(*role, now) +

@@ -121,5 +121,12 @@ export class Link extends EventTarget {
     if (was) this.dispatchEvent(new Event("close"));
     if (code === LOG_IN_AGAIN) location.assign("/login");
     else setTimeout(() => this.connect(), RETRY_MS[Math.min(this.#tries++, RETRY_MS.length - 1)]);
+    if (!was) this.#look();
+  }
+
+  /** Why a socket did not open, browsers do not tell: perhaps the log-in ended with the program. */
+  async #look() {
+    const answer = await fetch("/api/commands", { method: "HEAD" }).catch(() => null);
+    if (answer?.status === 401) location.assign("/login");
   }
 }
