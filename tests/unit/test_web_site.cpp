@@ -203,7 +203,8 @@ TEST(WebPasswords, APersonIsAskedAgainAndAProgramIsTold) {
   Guarded console;
   const Response again = console.post("/login", "password=wave");
   EXPECT_EQ(again.status, 403U);
-  EXPECT_NE(again.content().find("role=\"alert\">that is not the password.</p>"), std::string::npos);
+  EXPECT_NE(again.content().find("role=\"alert\">that is not the password.</p>"),
+            std::string::npos);
   EXPECT_NE(again.content().find("<form method=\"post\""), std::string::npos);
   Request request;
   request.content_type = "application/json";

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <tuple>
 
 #include "tests/unit/web_streams.h"
 #include "tools/web/annex_b.h"
@@ -149,6 +150,12 @@ TEST(WebStream, WhatIsNoPictureIsNotKept) {
 
 // --- What kind of stream it is -----------------------------------------------------------------
 
+Buffer packets(std::size_t count) {
+  Buffer made(count * 188, 0);
+  for (std::size_t i = 0; i < made.size(); i += 188) made[i] = 0x47;
+  return made;
+}
+
 TEST(WebStream, KindsAreNamed) {
   Bridge bridge("hevc.h265", Coding::h265);
   bridge.send(12);
@@ -162,9 +169,7 @@ TEST(WebStream, KindsAreNamed) {
 
   Listener transport;
   Stream stream(transport);
-  Buffer packets(7 * 188, 0);
-  for (std::size_t i = 0; i < packets.size(); i += 188) packets[i] = 0x47;
-  stream.video(packets, 0, bridge.now_);
+  stream.video(packets(7), 0, bridge.now_);
   ASSERT_EQ(transport.epochs.size(), 1U);
   EXPECT_EQ(transport.epochs[0]->kind, Kind::mpeg_ts);
 
@@ -173,6 +178,24 @@ TEST(WebStream, KindsAreNamed) {
   for (std::uint32_t i = 0; i < 300; ++i) other.video(Buffer(1000, 0xAA), i, bridge.now_);
   ASSERT_EQ(strange.epochs.size(), 1U);
   EXPECT_EQ(strange.epochs[0]->kind, Kind::unknown);
+}
+
+TEST(WebStream, AnotherCodingIsSeenWhileTheStreamPlays) {
+  Bridge bridge("hevc.h265", Coding::h265);
+  bridge.send(12);
+  for (const auto& [name, coding, kind] : {std::tuple{"zerolatency.h264", Coding::h264, Kind::h264},
+                                           std::tuple{"hevc.h265", Coding::h265, Kind::h265}}) {
+    bridge.pictures_ = access_units(recorded(name), coding);
+    bridge.next_ = 0;
+    bridge.send(12);
+    ASSERT_EQ(bridge.listener.epochs.back()->kind, kind) << name;
+    EXPECT_EQ(bridge.listener.pictures.back()->epoch, bridge.listener.epochs.back()->number);
+  }
+  bridge.stream.video(packets(1), bridge.number_++, bridge.now_);
+  EXPECT_EQ(bridge.listener.epochs.back()->kind, Kind::h265) << "by chance";
+  bridge.stream.video(packets(7), bridge.number_++, bridge.now_);
+  EXPECT_EQ(bridge.listener.epochs.back()->kind, Kind::mpeg_ts);
+  EXPECT_EQ(bridge.listener.epochs.size(), 4U);
 }
 
 TEST(WebStream, AStreamThatBeginsBetweenTwoKeyPicturesWaitsForOne) {

@@ -19,6 +19,8 @@ LUMA = WIDTH * HEIGHT
 CHROMA = LUMA // 4
 WHITE, BLACK = bytes([235]), bytes([16])
 DATAGRAM = 1400
+ENCODERS = {"h264": ["-c:v", "libx264", "-preset", "veryfast"],
+            "hevc": ["-c:v", "libx265", "-preset", "ultrafast", "-x265-params", "log-level=none"]}
 
 # Reads the code from what an element shows, as often as wanted, at moments of no rhythm. Answers
 # with the ages of what was seen, in ms; -1 for what cannot be read.
@@ -78,10 +80,10 @@ def picture(base, milliseconds, lamp=False):
 
 
 class Film:
-    """Makes the film live, encodes it with x264 and hands each piece of the stream to `take`. The
+    """Makes the film live, encodes it with x264 or x265 and hands each piece of the stream to `take`. The
     next picture shows whether `lamp` is on."""
 
-    def __init__(self, take, rate=25, keys=25, scale=None):
+    def __init__(self, take, rate=25, keys=25, scale=None, codec="h264"):
         self.rate = rate
         self.lamp = False
         self._stop = threading.Event()
@@ -89,9 +91,9 @@ class Film:
         self._encoder = subprocess.Popen(
             ["ffmpeg", "-v", "error", "-fflags", "nobuffer", "-probesize", "32", "-f", "rawvideo",
              "-pix_fmt", "yuv420p", "-s", f"{WIDTH}x{HEIGHT}", "-framerate", str(rate), "-i", "-",
-             *resize, "-c:v", "libx264", "-preset", "veryfast", "-tune", "zerolatency",
+             *resize, *ENCODERS[codec], "-tune", "zerolatency",
              "-b:v", "600k", "-maxrate", "600k", "-bufsize", "300k", "-g", str(keys),
-             "-flush_packets", "1", "-f", "h264", "-"],
+             "-flush_packets", "1", "-f", codec, "-"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self._threads = [threading.Thread(target=self._make, daemon=True),
                          threading.Thread(target=self._pass_on, args=(take,), daemon=True)]

@@ -36,7 +36,8 @@ void harden(Response& response, const Request& request) {
           "'none'; form-action 'self'; frame-ancestors 'none'");
   response.headers.emplace_back("X-Content-Type-Options", "nosniff");
   response.headers.emplace_back("X-Frame-Options", "DENY");
-  // Not "no-referrer": browsers then send the log-in with "Origin: null", as a stranger's page would.
+  // Not "no-referrer": browsers then send the log-in with "Origin: null", as a stranger's page
+  // would.
   response.headers.emplace_back("Referrer-Policy", "same-origin");
   response.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
   response.headers.emplace_back("Cross-Origin-Opener-Policy", "same-origin");
@@ -239,8 +240,8 @@ Response ConsoleSite::get(const Request& request, bool allowed, Time now) {
 Response ConsoleSite::page(const Request& request, bool allowed) const {
   if (request.path() == "/login") return log_in_page(200, "");
   const File* const file = file_of(request.path());
-  const bool open = file != nullptr && std::find(kOpenFiles.begin(), kOpenFiles.end(),
-                                                 file->name) != kOpenFiles.end();
+  const bool open = file != nullptr &&
+                    std::find(kOpenFiles.begin(), kOpenFiles.end(), file->name) != kOpenFiles.end();
   if (!allowed && !open) return go_to("/login");
   return file == nullptr ? refusal(404, "not found") : file_response(*file, request);
 }
@@ -266,8 +267,7 @@ Response ConsoleSite::command(const Request& request, std::optional<Role> role, 
 Response ConsoleSite::log_in(const Request& request, Time now) {
   if (!passwords_.any()) return go_to("/");
   if (!tries_.allowed(request.address, now)) {
-    Response response =
-        no_log_in(request, 429, "too many tries; expected a minute's patience");
+    Response response = no_log_in(request, 429, "too many tries; expected a minute's patience");
     response.headers.emplace_back("Retry-After", "60");
     return response;
   }

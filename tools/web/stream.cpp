@@ -15,6 +15,8 @@ constexpr std::size_t kUndecided = 200;
 constexpr std::size_t kMostUndecided = 8192;
 constexpr std::ptrdiff_t kOverlap = 256;
 constexpr std::chrono::seconds kSilence{1};
+// Three packets of a transport stream.
+constexpr std::size_t kSurelyPackets = std::size_t{3} * 188;
 
 // What is kept for browsers that join: one that has to catch up with more would not.
 constexpr std::size_t kMostPictures = 600;
@@ -66,11 +68,11 @@ void Stream::interrupt() {
 /// What has come of a stream of unknown kind is kept for a while: when the kind is known, it is
 /// taken.
 Buffer Stream::detect(Bytes datagram) {
-  // A stream that plays is what it is.
-  if (codec_ != nullptr && !blocked_) return {};
   if (codec_ != nullptr) {
     const Kind other = kind_of(datagram);
-    if (other != Kind::none && other != kind_) decide(other);
+    // A short datagram of a stream that plays may look like a packet by chance.
+    const bool doubtful = !blocked_ && other == Kind::mpeg_ts && datagram.size() < kSurelyPackets;
+    if (other != Kind::none && other != kind_ && !doubtful) decide(other);
     return {};
   }
   append(undecided_, datagram);

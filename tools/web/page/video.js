@@ -26,7 +26,8 @@ function parse(buffer) {
 }
 
 export class Video extends EventTarget {
-  #players = [CodecsPlayer, MsePlayer].filter((player) => player.available());
+  #all = [CodecsPlayer, MsePlayer].filter((player) => player.available());
+  #players = [...this.#all]; // those that have not been found unable to play this stream
   #player = null;
   #socket = null;
   #tries = 0;
@@ -96,6 +97,7 @@ export class Video extends EventTarget {
     if (socket !== this.#socket) return;
     this.#tries = 0;
     if (typeof data === "string") return this.#text(JSON.parse(data));
+    if (this.#players.length === 0) return undefined; // only the next stream counts
     const piece = parse(data);
     if (piece.what === INITIALISATION) this.#player.initialise(piece.bytes);
     else if (piece.what === PICTURE) this.#player.push(piece);
@@ -103,9 +105,12 @@ export class Video extends EventTarget {
   }
 
   async #text(message) {
-    if (message.type === "waiting") return this.#because(message.reason);
+    const unable = this.#players.length === 0;
+    if (message.type === "waiting") return unable ? undefined : this.#because(message.reason);
     if (message.type !== "stream") return undefined;
+    const another = message.codec !== this.stream?.codec;
     this.stream = message;
+    if (another && this.#players.length < this.#all.length) return this.#retry();
     if (message.kind === "none") return this.#because("none");
     if (!message.codec) return this.#because("kind");
     const socket = this.#socket;
@@ -135,9 +140,17 @@ export class Video extends EventTarget {
     this.dispatchEvent(new Event("reason"));
   }
 
-  /** A player that cannot go on: another, or the same from the last key picture on. */
+  /** A player that cannot go on: another, or the same from the last key picture on. With none
+   *  left the connection stays, for a stream that can be played. */
   #fail(fatal) {
     if (fatal) this.#players.shift();
+    if (this.#players.length === 0) this.#because("unable");
+    else this.#socket.close();
+  }
+
+  /** All players try again. */
+  #retry() {
+    this.#players = [...this.#all];
     this.#socket.close();
   }
 
