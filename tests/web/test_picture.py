@@ -137,6 +137,26 @@ def test_transport_stream(browser, web, bridge):
         bridge.take(packet * 7)
         return "MPEG-TS" in stale(browser)
 
-import pytest
+    wait_until(named, 10, "the name of the stream")
 
-from harness.timing import limit, wait_until
+
+@pytest.mark.parametrize("host", [PLAIN_HOST, SECURE_HOST])
+def test_h265_and_back(browser, web, films, host):
+    """H.265 is played where the browser can, and else named; H.264 after it plays without a reload."""
+    first = films(codec="hevc")
+    browser.open(web.address(host))
+    named = "The video is H.265, which this browser does not play."
+    found = browser.wait("const stage = document.querySelector('#stage');"
+                         "return Number(stage.dataset.shown) > 0 ? 'plays' :"
+                         " document.querySelector('#stale').textContent === arguments[0]"
+                         " ? 'named' : null", named, seconds=20)
+    if found == "plays":
+        assert -1 not in browser.ages(browser.picture(), 10)
+    browser.run("window.same = true")
+    first.close()
+    films()
+    browser.wait("return document.querySelector('#stale').textContent === '' &&"
+                 " Number(document.querySelector('#stage').dataset.shown) > 0", seconds=20)
+    assert -1 not in browser.ages(browser.picture(), 20)
+    assert browser.run("return window.same")
+    assert browser.errors() == []
