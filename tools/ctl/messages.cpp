@@ -126,7 +126,8 @@ Fields camera_settings(ByteView payload) {
       parts(payload, M::aperture, 100.0),
       parts(payload, M::ev, 10.0),
       named(payload, M::white_balance, kWhiteBalances),
-      {M::colour_temperature.name, integer(payload[M::colour_temperature] * 100), " K"},
+      {M::colour_temperature.name, integer(std::int64_t{payload[M::colour_temperature]} * 100),
+       " K"},
       named(payload, M::colour, kColours),
       {M::resolution.name,
        resolution.label.empty()

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 
@@ -26,7 +27,8 @@ double seconds_between(Clock::time_point from, Clock::time_point to) {
 
 std::string bar(double part, std::size_t width) {
   const double clamped = std::clamp(part, 0.0, 1.0);
-  std::string text(static_cast<std::size_t>(clamped * static_cast<double>(width) + 0.5), '=');
+  const auto filled = static_cast<std::size_t>(std::lround(clamped * static_cast<double>(width)));
+  std::string text(filled, '=');
   text.resize(width, ' ');
   return "[" + text + "]";
 }
@@ -109,7 +111,7 @@ std::vector<int> TopScreen::numbers(const char* message, const char* field) cons
 }
 
 ScreenLine TopScreen::link_line(const char* name, const Traffic& traffic, bool connected,
-                                Clock::time_point now) const {
+                                Clock::time_point now) {
   std::string text = format("%-12s %-10s %6.1f/s %8.1f kbit/s", name, connected ? "found" : "lost",
                             traffic.frame_rate, traffic.bit_rate / 1000);
   if (traffic.frames == 0) return {text + "  never", Look::warning};
@@ -124,12 +126,11 @@ void TopScreen::add_state(std::vector<ScreenLine>& all, Clock::time_point now) c
   };
   all.push_back(link_line("camera data", data_, connected("camera data"), now));
   all.push_back(link_line("video", video_, connected("video"), now));
-  const std::uint64_t missing = gaps_.missing();
+  const unsigned long long received = data_.frames + video_.frames;
+  const unsigned long long missing = gaps_.missing();
   all.push_back({format("frames       %llu received, %llu missing in %llu gaps, %llu late, "
                         "%llu restarts",
-                        static_cast<unsigned long long>(data_.frames + video_.frames),
-                        static_cast<unsigned long long>(missing),
-                        static_cast<unsigned long long>(gaps_.gaps()),
+                        received, missing, static_cast<unsigned long long>(gaps_.gaps()),
                         static_cast<unsigned long long>(gaps_.late()),
                         static_cast<unsigned long long>(gaps_.restarts())),
                  missing > 0 ? Look::warning : Look::plain});

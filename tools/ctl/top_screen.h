@@ -46,8 +46,8 @@ class TopScreen {
   void note_changes(const Message& message, Clock::time_point now);
   [[nodiscard]] std::string word(const char* message, const char* field) const;
   [[nodiscard]] std::vector<int> numbers(const char* message, const char* field) const;
-  [[nodiscard]] ScreenLine link_line(const char* name, const Traffic& traffic, bool connected,
-                                     Clock::time_point now) const;
+  [[nodiscard]] static ScreenLine link_line(const char* name, const Traffic& traffic,
+                                            bool connected, Clock::time_point now);
   void add_state(std::vector<ScreenLine>& all, Clock::time_point now) const;
   void add_channels(std::vector<ScreenLine>& all, std::size_t width) const;
   void add_histogram(std::vector<ScreenLine>& all, std::size_t rows) const;

@@ -160,8 +160,10 @@ void Scene::project(const Axes& angles) {
   const Rotation rotation(angles);
   const double length = focal_length();
   for (std::size_t n = 0; n < corners_.size(); ++n) {
-    const auto x = static_cast<double>(n % kColumns * kCell);
-    const auto y = static_cast<double>(n / kColumns * kCell);
+    const std::size_t column = n % kColumns;
+    const std::size_t row = n / kColumns;
+    const auto x = static_cast<double>(column * kCell);
+    const auto y = static_cast<double>(row * kCell);
     const Vector ray = rotation.to_world({x - double{kWidth} / 2, double{kHeight} / 2 - y, length});
     const double level = std::hypot(ray.right, ray.ahead);
     const double across = std::atan2(ray.right, ray.ahead) / (2 * std::numbers::pi) + 0.5;

@@ -58,7 +58,7 @@ class RtpOutput final : public StreamListener {
   RtpOutput(rtp::Begin begin, rtp::Sink send);
   RtpOutput(const RtpOutput&) = delete;
   RtpOutput& operator=(const RtpOutput&) = delete;
-  virtual ~RtpOutput() = default;
+  ~RtpOutput() override = default;
 
   void on_epoch(const SharedEpoch& epoch) override;
   void on_picture(const SharedPicture& picture) override;

@@ -52,7 +52,7 @@ std::string Sessions::begin(Role role, Time now) {
         sessions_.begin(), sessions_.end(),
         [](const auto& a, const auto& b) { return a.second.used < b.second.used; }));
   }
-  const std::string word = random_word();
+  std::string word = random_word();
   sessions_[word] = {role, now};
   return word;
 }

@@ -237,7 +237,7 @@ Response ConsoleSite::get(const Request& request, bool allowed, Time now) {
   return page(request, allowed);
 }
 
-Response ConsoleSite::page(const Request& request, bool allowed) const {
+Response ConsoleSite::page(const Request& request, bool allowed) {
   if (request.path() == "/login") return log_in_page(200, "");
   const File* const file = file_of(request.path());
   const bool open = file != nullptr &&

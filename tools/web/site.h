@@ -27,12 +27,12 @@ class ConsoleSite final : public Site {
   [[nodiscard]] Answer answer(const Request& request) override;
 
  private:
-  [[nodiscard]] bool knows_host(std::string_view host) const;
+  [[nodiscard]] bool knows_host(std::string_view header) const;
   [[nodiscard]] std::optional<Role> role_of(const Request& request, Time now);
   [[nodiscard]] Response respond(const Request& request, std::optional<Role> role, Time now);
   [[nodiscard]] Response get(const Request& request, bool allowed, Time now);
   [[nodiscard]] Response post(const Request& request, std::optional<Role> role, Time now);
-  [[nodiscard]] Response page(const Request& request, bool allowed) const;
+  [[nodiscard]] static Response page(const Request& request, bool allowed);
   [[nodiscard]] Response command(const Request& request, std::optional<Role> role, Time now);
   [[nodiscard]] Response log_in(const Request& request, Time now);
   [[nodiscard]] Response log_out(const Request& request);
