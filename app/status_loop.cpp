@@ -15,7 +15,7 @@
 namespace nimbus {
 namespace {
 
-constexpr unsigned kPeriodS = 1;
+constexpr unsigned kPauseS = 1;
 
 constexpr std::uint8_t kCameraDataSource = 0;
 constexpr std::uint8_t kVideoSource = 1;
@@ -48,18 +48,22 @@ void probe_access_point(Config& config) {
 
 }  // namespace
 
+void status_round(const DisplayRegion& display, Config& config) {
+  check_viewer_timeouts();
+  check_sources();
+  check_telemetry_timeouts();
+  send_source_status(kCameraDataSource, display.data_connected);
+  send_source_status(kVideoSource, display.video_connected);
+  probe_access_point(config);
+  send_flags_status(display, config);
+  send_version_status();
+  tell_alive();
+}
+
 void run_status_loop(const DisplayRegion& display, Config& config) {
   for (;;) {
-    check_viewer_timeouts();
-    check_sources();
-    check_telemetry_timeouts();
-    send_source_status(kCameraDataSource, display.data_connected);
-    send_source_status(kVideoSource, display.video_connected);
-    probe_access_point(config);
-    send_flags_status(display, config);
-    send_version_status();
-    tell_alive();
-    sleep(kPeriodS);
+    status_round(display, config);
+    sleep(kPauseS);
   }
 }
 

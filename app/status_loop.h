@@ -6,9 +6,11 @@
 
 namespace nimbus {
 
-/// Once a second: expires silent viewers and sources, probes the access point, tells every viewer
-/// how things stand and the supervisor that the loop goes round. The period is a second plus the
-/// time of the work. Main thread.
+/// Expires silent viewers and sources, probes the access point, tells every viewer how things stand
+/// and the supervisor that the loop goes round. Main thread.
+void status_round(const DisplayRegion& display, Config& config);
+
+/// Does this again and again, with a pause of a second behind each. Main thread.
 [[noreturn]] void run_status_loop(const DisplayRegion& display, Config& config);
 
 }  // namespace nimbus
