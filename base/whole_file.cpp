@@ -96,11 +96,20 @@ class FreshFile {
   /// A rename that reached the disk before the content would leave an empty file.
   [[nodiscard]] bool sync() const noexcept { return fsync(fd_.get()) == 0; }
   [[nodiscard]] bool take_its_place() noexcept {
-    in_place_ = std::rename(path_.data(), file_.data()) == 0;
-    // On FAT, where the content begins stands in the folder's entry, which after a rename is
-    // brought there with the file: the folder alone would lead to what was freed.
-    if (in_place_ && fsync(fd_.get()) == 0) sync_folder_of(file_);
-    return in_place_;
+    {
+      // On FAT, where the content begins stands in the folder's entry, and a cut may leave what was
+      // freed on the disk without the entry that leads elsewhere: nothing is freed as long as
+      // somebody has it open.
+      const UniqueFd former(open(file_.data(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+      in_place_ = std::rename(path_.data(), file_.data()) == 0;
+      if (!in_place_) return false;
+      // The name of before goes first: of two entries that lead to the same content, a check
+      // empties one. The other entry is brought there with the file.
+      sync_folder_of(file_);
+      fsync(fd_.get());
+    }
+    sync_folder_of(file_);
+    return true;
   }
 
  private:

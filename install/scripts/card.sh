@@ -49,7 +49,13 @@ replace() (
   # On a card whose files are all somebody's (mounted with uid=), only he may, and modes mean nothing.
   if [ -e "$target" ]; then chmod --reference="$target" "$fresh" || true; fi
   # A rename that reached the card before the data would leave an empty file.
-  sync "$fresh" && mv -T "$fresh" "$target" || exit 1
-  # On FAT, the folder's entry leads to the new data only when the file is brought there again.
-  sync "$target" "${target%/*}" || true
+  sync "$fresh" || exit 1
+  # On FAT, a cut may leave on the card that the former data was freed, and the entry that leads to
+  # it: nothing is freed as long as somebody has it open. The entry under the name of before goes
+  # first: of two that lead to the same data, a check empties one.
+  if [ -f "$target" ]; then exec 3<"$target"; fi
+  mv -T "$fresh" "$target" || exit 1
+  sync "${target%/*}" "$target" || true
+  exec 3<&-
+  sync "${target%/*}" || true
 ) 2>/dev/null

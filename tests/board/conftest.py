@@ -118,7 +118,8 @@ def figures(request):
     yield found
     if found:
         text = json.dumps(found, indent=1)
-        (request.config.getoption("--images") / "figures.json").write_text(text + "\n")
+        kind = request.config.getoption("--kind")
+        (request.config.getoption("--images") / f"figures-{kind}.json").write_text(text + "\n")
         print(f"\n{text}")
 
 

@@ -1,5 +1,5 @@
-"""Boards that have booted and relay, kept in files: a test goes on from there within seconds, and as
-often as it likes, with a copy of the card as it was then."""
+"""Boards that have booted and relay, kept in files: a test goes on from there within seconds, and
+as often as it likes, with a copy of the card as it was then."""
 
 import bench
 from card import Card
@@ -7,6 +7,7 @@ from machine import Machine, make_disk
 
 LAYOUTS = {
     "firmware": ("/boot/firmware", "defaults"),
+    "boot": ("/boot", "defaults,ro"),
 }
 
 
@@ -29,7 +30,8 @@ class Running:
             return folder
         folder.mkdir(exist_ok=True)
         disk = make_disk(self._installed, folder / "disk.qcow2")
-        card = Card(folder / "card.img").create(files=bench.CARD_FILES)
+        card = Card(folder / "card.img").create(
+            files=[*bench.CARD_FILES, (bench.NAME, bench.OLD)])
         machine = self._machine(layout, folder, disk, card, log=folder / "log")
         machine.wait_agent()
         bench.wait_service(machine, 300)

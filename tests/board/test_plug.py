@@ -1,5 +1,5 @@
-"""Somebody pulls the plug in the middle of a save. What the card was sent and had not flushed by then
-is gone, or part of it."""
+"""Somebody pulls the plug in the middle of a save. What the card was sent and had not flushed by
+then is gone, or part of it."""
 
 import collections
 import random
@@ -18,7 +18,8 @@ class Plug:
 
     def __init__(self, boards_running, work, layout, viewer):
         self._boards, self._layout, self._viewer = boards_running, layout, viewer
-        self._file, self._before, self._log = (work / f"plug.{end}" for end in ("img", "old", "log"))
+        self._file, self._before, self._log = (work / f"plug.{end}"
+                                               for end in ("img", "old", "log"))
         self.old = None
 
     def start(self):

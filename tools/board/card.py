@@ -179,12 +179,13 @@ def subsets(writes, limit=9):
         yield [write for n, write in enumerate(writes) if bits >> n & 1]
 
 
-def crash_states(events, by_sector=False):
+def crash_states(events):
     """Every state in which a cut during those events can leave the card, each as the writes that
-    are to be applied to the card of before. States that come out the same are given once."""
+    are to be applied to the card of before: each write is there or not, or each of its sectors is.
+    States that come out the same are given once."""
     lasting, seen = [], set()
     for group in epochs(events):
-        for some in subsets(single_sectors(group) if by_sector else group):
+        for some in itertools.chain(subsets(group), subsets(single_sectors(group))):
             state = lasting + some
             content = {write.sector: write.data for write in single_sectors(state)}
             key = hash(tuple(sorted(content.items())))

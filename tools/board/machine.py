@@ -23,6 +23,9 @@ HOSTS = tuple(f"10.77.0.{n}" for n in range(2, 12))
 # Emulated on a machine that does other work, too, a second lasts; nothing here measures by these.
 TIME_SCALE = float(os.environ.get("NIMBUS_TIME_SCALE", "1"))
 
+# Emulated beside other work, a board may find its card late.
+PATIENCE = ",x-systemd.device-timeout=600s"
+
 KINDS = {
     "amd64": ("qemu-system-x86_64", ["-M", "q35"], "ttyS0"),
     "armhf": ("qemu-system-arm", ["-M", "virt,highmem=off", "-cpu", "cortex-a15"], "ttyAMA0"),
@@ -114,6 +117,8 @@ class Machine:
         self.console_file.write_bytes(b"")
         program, kind, terminal = KINDS[image.architecture]
         # An emulated timer may be late when the kernel tries it.
+        if "device-timeout" not in options:
+            options += PATIENCE
         line = (f"console={terminal} root=/dev/vda rw quiet loglevel=4 no_timer_check {words}"
                 f" board.mount={mount} board.options={options}" + " board.hold" * hold)
         command = [
