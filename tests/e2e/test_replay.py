@@ -4,8 +4,10 @@ tests/recordings."""
 import contextlib
 import hashlib
 import os
+import pathlib
 import pty
 import re
+import shlex
 import signal
 import socket
 import subprocess
@@ -18,10 +20,12 @@ from harness import captures
 from harness.bridge import Bridge
 from harness.captures import (
     COOKED_1, COOKED_2, DATA, ETHERNET, LIBRARY, RAW, VIDEO, Packet, ip, udp, wrapped)
+from harness.far_network import Link
 from harness.service import EMULATOR
 from harness.timing import limit, wait_until
 from harness.udp import udp_socket
 
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 ENDED = re.compile(r"(\d+) frames received, \d+ bad, (\d+) bytes of video sent; "
                    r"replayed: (\d+) data, (\d+) video, (\d+) incomplete\n")
 
@@ -34,7 +38,7 @@ class Replays:
 
     def run(self, path, *arguments, **options):
         return subprocess.run([*EMULATOR, self.binary, "--replay", path, *map(str, arguments)],
-                              capture_output=True, text=True, timeout=limit(60), check=False,
+                              capture_output=True, text=True, timeout=limit(90), check=False,
                               **options)
 
     def __call__(self, path, *arguments):
@@ -59,9 +63,9 @@ def replay(build):
 class Listener:
     """Takes the service's place: what comes to its two links, with the time of each."""
 
-    def __init__(self):
+    def __init__(self, host="127.0.0.1"):
         self.heard = []  # (time, port, payload)
-        self._sockets = [udp_socket("127.0.0.1", port) for port in (DATA, VIDEO)]
+        self._sockets = [udp_socket(host, port) for port in (DATA, VIDEO)]
         self._threads = [threading.Thread(target=self._receive, args=(one,), daemon=True)
                          for one in self._sockets]
         for thread in self._threads:
@@ -182,6 +186,48 @@ def test_fragments(replay, listener):
     assert [len(payload) for payload in listener.payloads(7, VIDEO)] == [4000] * 7
 
 
+def documented_tcpdump():
+    """The line for the board, without what makes its reader root."""
+    text = (ROOT / "docs/operations.md").read_text()
+    return shlex.split(re.search(r"^sudo (tcpdump .*)$", text, re.MULTILINE)[1])
+
+
+def test_what_tcpdump_has_written(replay, tmp_path):
+    """The documented line, on a board whose bridge is another machine: large datagrams come in
+    pieces, and other traffic does not matter."""
+    link = Link(1)
+    listener = Listener(link.near)
+    with link.inside():
+        bridge = udp_socket(link.far)
+    run = subprocess.Popen(documented_tcpdump(), cwd=tmp_path, stderr=subprocess.PIPE, text=True)
+    try:
+        while "listening on any" not in run.stderr.readline():
+            assert run.poll() is None
+        sent = [bytes([n]) * size for n, size in enumerate((1, 1400, 1500, 9000, 60_000))]
+        for datagram in sent:
+            bridge.sendto(datagram, (link.near, VIDEO))
+            bridge.sendto(b"report", (link.near, DATA))
+            bridge.sendto(b"other", (link.near, 5002))
+        bridge.sendto(b"the last report", (link.near, DATA))
+        path = tmp_path / "bridge.pcap"
+        wait_until(lambda: path.exists() and b"the last report" in path.read_bytes(), 5, "all of it")
+        run.send_signal(signal.SIGINT)
+        _, said = run.communicate(timeout=limit(5))
+    finally:
+        run.kill()
+        bridge.close()
+        listener.close()
+        link.close()
+    assert "0 packets dropped by kernel" in said
+    listener = Listener()
+    try:
+        assert replay(path) == (len(sent) + 1, len(sent), 0)
+        assert listener.payloads(len(sent), VIDEO) == sent
+        assert listener.payloads(len(sent) + 1, DATA)[:-1] == [b"report"] * len(sent)
+    finally:
+        listener.close()
+
+
 def test_cut_packets_are_not_sent(replay, listener, tmp_path):
     packets = simple(2) + [Packet(0.1, wrapped(ETHERNET, ip(udp(bytes(500), VIDEO)))[:96], 542)]
     assert replay(recording(tmp_path, packets)) == (0, 2, 1)
@@ -202,6 +248,40 @@ def test_recorded_timing(speed, replay, listener, tmp_path):
     for at, when in zip(moments, times):
         late = when - times[0] - at / speed
         assert -0.02 <= late <= limit(0.05), (at, late)
+
+
+@pytest.fixture
+def lateness(listener, replay, tmp_path):
+    """lateness(SECONDS, SPEED) plays a recording of so long and says how much later than it should
+    each tenth of the datagrams has come, in seconds: those of each that came soonest."""
+
+    def measure(seconds, speed, step):
+        packets = [Packet(n * step, wrapped(ETHERNET, ip(udp(b"%d" % n, DATA))))
+                   for n in range(round(seconds / step) + 1)]
+        assert replay(recording(tmp_path, packets), "--speed", speed) == (len(packets), 0, 0)
+        assert len(listener.payloads(len(packets), DATA)) == len(packets)
+        late = [when - int(payload) * step / speed for when, _, payload in listener.heard]
+        tenth = len(late) // 10
+        return [min(late[at:at + tenth]) - min(late[:tenth]) for at in range(0, 10 * tenth, tenth)]
+
+    return measure
+
+
+@pytest.mark.timing
+def test_drift(lateness):
+    """Ten minutes of a recording in six seconds, 200 datagrams in each of them: waits that add to
+    one another would be seconds too long by then."""
+    late = lateness(600, 100, 0.5)
+    assert max(map(abs, late)) < limit(0.001), late
+
+
+@pytest.mark.timing
+def test_drift_in_a_real_minute(lateness, pytestconfig):
+    if not pytestconfig.getoption("--long"):
+        pytest.skip("lasts a minute: --long")
+    late = lateness(60, 1, 0.004)
+    print(f"drift: {1000 * late[-1]:.3f} ms in a minute")
+    assert max(map(abs, late)) < limit(0.001), late
 
 
 def test_a_clock_that_was_set_back(replay, listener, tmp_path):
@@ -264,7 +344,8 @@ def test_truncated(replay, listener, tmp_path):
     path = recording(tmp_path, simple(5))
     path.write_bytes(path.read_bytes()[:-7])
     line = replay.fails(path)
-    assert re.fullmatch(rf"{path}, packet 5: truncated dump file.*; expected a recording that is whole",
+    assert re.fullmatch(rf"{path}, packet 5: truncated dump file.*; expected a recording that is "
+                        r"whole, of one kind of packets",
                         line)
     assert len(listener.payloads(4, VIDEO)) == 4
 
@@ -273,8 +354,13 @@ FOREIGN = {
     "empty": (b"", "before packet 1: "),
     "text": (b"This is no recording, but a text of some length.\n" * 3, "before packet 1: "),
     "no packets": (captures.pcap(ETHERNET, []), "nothing to play in 0 packets"),
-    "another link": (captures.pcap(105, simple(1)), "has packets of IEEE802_11; expected Ethernet"),
+    "another link": (captures.pcap(105, simple(1)),
+                     ", before packet 1: packets of IEEE802_11; expected Ethernet"),
     "an unknown link": (captures.pcap(64_000, simple(1)), "; expected Ethernet"),
+    "two kinds of links": (captures.pcapng(ETHERNET, simple(1)) +
+                           captures.block(1, bytes([105, 0, 0, 0, 0, 0, 4, 0])) +
+                           captures.block(6, bytes([1] + 19 * [0])),
+                           ", packet 2: an interface has a type 105 different from"),
     "others only": (captures.pcap(ETHERNET, simple(4, port=53)), "nothing to play in 4 packets"),
 }
 

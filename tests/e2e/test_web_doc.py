@@ -78,6 +78,15 @@ def test_groups(web, service):
         assert known <= listed[group], (group, known - listed[group])
 
 
+def test_metrics(web):
+    """Each with its type and its words."""
+    listed = {cells[0].strip("`"): (cells[1], cells[2]) for cells in rows("Metrics")[1:]}
+    text = web.get("/metrics")[2].decode()
+    types = dict(re.findall(r"^# TYPE (\w+) (\w+)$", text, re.MULTILINE))
+    helps = dict(re.findall(r"^# HELP (\w+) (.*)\.$", text, re.MULTILINE))
+    assert listed == {name: (types[name], what[0].lower() + what[1:]) for name, what in helps.items()}
+
+
 def test_limits():
     text = "".join(SOURCES.values())
     for name, value in {"kHeaderLimit": "8 * 1024", "kBodyLimit": "std::uint64_t{64} * 1024", "kMessageLimit": "std::size_t{4} * 1024",

@@ -148,12 +148,17 @@ void begin(RtpOutput& output, Kind kind) {
 TEST(RtpOutput, OnlyH264) {
   Packets packets;
   RtpOutput output({}, into(packets));
+  testing::internal::CaptureStderr();
   begin(output, Kind::h265);
+  begin(output, Kind::h265);  // of another size: nothing new
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "nimbus-web: the video is h265, which is not sent as RTP; expected h264\n");
   show(output, true, 10);
   EXPECT_TRUE(packets.empty());
   begin(output, Kind::h264);
   show(output, true, 10);
   EXPECT_EQ(packets.size(), 1U);
+  EXPECT_EQ(output.sent(), 1U);
   EXPECT_EQ(output.dropped(), 0U);
 }
 

@@ -55,7 +55,8 @@ LinkLayer layer_of(pcap_t* file, const std::string& name) {
                                          [type](const auto& row) { return row.type == type; });
   if (found != kLayers.end()) return found->layer;
   const char* const known = pcap_datalink_val_to_name(type);
-  throw Failure(name + " has packets of " + (known != nullptr ? known : std::to_string(type)) +
+  throw Failure(name + ", before packet 1: packets of " +
+                (known != nullptr ? known : std::to_string(type)) +
                 "; expected Ethernet, Linux cooked or raw IP");
 }
 
@@ -95,7 +96,8 @@ std::optional<RecordedDatagram> Recording::next() {
     if (result == PCAP_ERROR_BREAK) return {};
     if (result != 1) {
       throw Failure(name_ + ", packet " + std::to_string(packets_ + 1) + ": " +
-                    pcap_geterr(file_.get()) + "; expected a recording that is whole");
+                    pcap_geterr(file_.get()) +
+                    "; expected a recording that is whole, of one kind of packets");
     }
     ++packets_;
     if (header->caplen < header->len) ++cut_;

@@ -54,7 +54,7 @@ void Hub::take_text(Bytes payload, Time now) {
 
 void Hub::on_epoch(const SharedEpoch& epoch) {
   for (VideoPeer* const peer : video_) peer->tell(epoch);
-  if (also_ != nullptr) also_->on_epoch(epoch);
+  if (rtp_ != nullptr) rtp_->on_epoch(epoch);
 }
 
 void Hub::on_picture(const SharedPicture& picture) {
@@ -62,12 +62,12 @@ void Hub::on_picture(const SharedPicture& picture) {
   // Kept here, so that what the first browser makes of it is there for all.
   const SharedBytes shared = video_.empty() ? nullptr : Picture::body(picture, Form::fmp4);
   for (VideoPeer* const peer : video_) peer->tell(picture);
-  if (also_ != nullptr) also_->on_picture(picture);
+  if (rtp_ != nullptr) rtp_->on_picture(picture);
 }
 
 void Hub::on_waiting(Waiting reason) {
   for (VideoPeer* const peer : video_) peer->tell(reason);
-  if (also_ != nullptr) also_->on_waiting(reason);
+  if (rtp_ != nullptr) rtp_->on_waiting(reason);
 }
 
 // --- Time --------------------------------------------------------------------------------------

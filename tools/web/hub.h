@@ -18,6 +18,7 @@
 #include "tools/web/peer.h"
 #include "tools/web/rate.h"
 #include "tools/web/reports.h"
+#include "tools/web/rtp.h"
 #include "tools/web/state.h"
 #include "tools/web/stream.h"
 
@@ -85,8 +86,8 @@ class Hub final : private StreamListener {
   /// The figures for a monitor, in Prometheus' text format.
   [[nodiscard]] std::string metrics(std::size_t connections, Time now);
 
-  /// Who else is told of the stream, and outlives the hub; null: nobody.
-  void hand_on(StreamListener* also) { also_ = also; }
+  /// Where the pictures go as RTP, too; it outlives the hub. Null: nowhere.
+  void hand_on(RtpOutput* rtp) { rtp_ = rtp; }
 
   /// Whether a password is set, for the greeting.
   void has_password(bool has) { has_password_ = has; }
@@ -121,7 +122,7 @@ class Hub final : private StreamListener {
   Lease lease_;
   ctl::Json report_;  // the last, pass phrases and all: it stays here
   std::function<void()> deadline_changed_;
-  StreamListener* also_ = nullptr;
+  RtpOutput* rtp_ = nullptr;
   bool has_password_ = false;
   bool linked_ = false;
   bool settings_asked_ = false;

@@ -68,6 +68,10 @@ std::string Hub::metrics(std::size_t connections, Time now) {
   out.counter("nimbus_pictures_torn_total", "Pictures whose end was seen too early.", counts.torn);
   out.counter("nimbus_web_pictures_dropped_total", "Pictures that slow browsers did not get.",
               dropped);
+  out.counter("nimbus_web_rtp_pictures_total", "Pictures that went out as RTP, whole.",
+              rtp_ != nullptr ? rtp_->sent() : 0);
+  out.counter("nimbus_web_rtp_pictures_dropped_total", "Pictures that the way of RTP did not take.",
+              rtp_ != nullptr ? rtp_->dropped() : 0);
   out.gauge("nimbus_web_connections", "Connections of browsers and programs.",
             static_cast<double>(connections));
   out.gauge("nimbus_web_video_browsers", "Browsers that get the picture.",

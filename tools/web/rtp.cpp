@@ -1,6 +1,8 @@
 #include "tools/web/rtp.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <utility>
 
 #include "tools/web/annex_b.h"
 
@@ -92,13 +94,18 @@ std::string description(const std::string& address, std::uint16_t port) {
 RtpOutput::RtpOutput(rtp::Begin begin, rtp::Sink send)
     : packetizer_(begin), send_(std::move(send)) {}
 
-void RtpOutput::on_epoch(const SharedEpoch& epoch) { fits_ = epoch->kind == Kind::h264; }
+void RtpOutput::on_epoch(const SharedEpoch& epoch) {
+  const bool another = epoch->kind != std::exchange(kind_, epoch->kind);
+  if (!another || kind_ == Kind::h264) return;
+  std::fprintf(stderr, "nimbus-web: the video is %s, which is not sent as RTP; expected h264\n",
+               name_of(kind_));
+}
 
 void RtpOutput::on_picture(const SharedPicture& picture) {
-  if (!fits_) return;
+  if (kind_ != Kind::h264) return;
   blocked_ = blocked_ && !picture->key;
   if (!blocked_) blocked_ = !packetizer_.send(picture->units, picture->arrival, send_);
-  if (blocked_) ++dropped_;
+  ++(blocked_ ? dropped_ : sent_);
 }
 
 }  // namespace nimbus::web

@@ -51,7 +51,7 @@ class Packetizer {
 }  // namespace rtp
 
 /// Sends pictures to one receiver, and waits for nobody: what its way cannot take is dropped, up to
-/// the next key picture.
+/// the next key picture. Of another stream than H.264 nothing is sent, which the console is told.
 class RtpOutput final : public StreamListener {
  public:
   /// `send` never waits, and gives false when a packet cannot be taken now.
@@ -64,14 +64,16 @@ class RtpOutput final : public StreamListener {
   void on_picture(const SharedPicture& picture) override;
   void on_waiting(Waiting /*reason*/) override {}
 
-  /// Pictures of H.264 that were not sent whole.
+  /// Pictures of H.264 that were sent whole, and that were not.
+  [[nodiscard]] std::uint64_t sent() const { return sent_; }
   [[nodiscard]] std::uint64_t dropped() const { return dropped_; }
 
  private:
   rtp::Packetizer packetizer_;
   rtp::Sink send_;
-  bool fits_ = false;     // the stream is of H.264
+  Kind kind_ = Kind::none;
   bool blocked_ = false;  // until a key picture
+  std::uint64_t sent_ = 0;
   std::uint64_t dropped_ = 0;
 };
 
