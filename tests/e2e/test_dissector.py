@@ -11,6 +11,7 @@ import os
 import pathlib
 import random
 import re
+import shlex
 import shutil
 import struct
 import subprocess
@@ -217,6 +218,45 @@ def test_every_item_of_the_code_is_a_field(known_fields, path, kinds, before):
     assert len(rows) > 10
     expected = {f"{before}{kind}.{item}" for kind, layout in rows for item in layouts[layout]}
     assert expected <= known_fields
+
+
+def infos(build, path, datagrams):
+    capture = write_capture(path, datagrams)
+    return tshark(build, capture, "-T", "fields", "-e", "_ws.col.Info").splitlines()
+
+
+def test_every_message_has_its_name(build, tmp_path):
+    source = (ROOT / "net/messages.h").read_text()
+    types = re.search(r"enum class ToViewer .*?\{(.*?)\};", source, re.DOTALL)[1]
+    numbers = {name: int(number) for name, number in re.findall(r"(\w+) = (\d+),", types)}
+    assert len(numbers) > 10
+    shown = infos(build, tmp_path / "messages.pcap",
+                  [told(bytes([number]) + bytes(20)) for number in numbers.values()])
+    assert shown == [f"to viewer: {name.replace('_', ' ')}" for name in numbers]
+
+
+def test_every_command_has_its_name(build, tmp_path):
+    source = (ROOT / "tools/sim/commands.cpp").read_text()
+    rows = re.findall(r"^    \{\d, (\d), (0x\w+), +(\d+), (\d), (\w+), +\"([^\"]+)\"", source, re.MULTILINE)
+    assert len(rows) > 30
+    frames = []
+    for command_set, number, size, at, byte, _ in rows:
+        payload = bytearray(int(size))
+        if byte != "any":
+            payload[int(at)] = int(byte, 0)
+        frames.append(duml.Command(int(command_set), int(number, 0), bytes(payload)).frame(1))
+    shown = infos(build, tmp_path / "commands.pcap", [(DATA, FREE, frame) for frame in frames])
+    assert shown == [f"to camera: {row[-1]}" for row in rows]
+
+
+def test_readme(build, tmp_path):
+    """The frame that it shows, line by line."""
+    text = (ROOT / "README.md").read_text()
+    promised = re.search(r"```\ntshark -r flight.pcapng (.*)\n((?:.*\n)*?)```", text)
+    capture = write_capture(tmp_path / "flight.pcap", [
+        told(struct.pack("<BB4H", 21, 1, 26214, 19661, 6554, 9830), 512), told(b"\0\0", 513)])
+    shown = tshark(build, capture, *shlex.split(promised[1]))
+    assert promised[2] in shown, shown
 
 
 def test_is_found_without_settings(build):

@@ -2,6 +2,7 @@
 
 import json
 import os
+import pty
 import re
 import signal
 import subprocess
@@ -144,6 +145,40 @@ def test_a_full_disk(build, camera, tmp_path):
         subprocess.run(["umount", folder], check=True, env={**os.environ, "PATH": "/usr/bin:/bin"})
     assert status == 1 and err.count("\n") == 1
     assert err.startswith("nimbusctl: no space is left for more; expected at least 16 MiB; ")
+
+
+def test_a_disk_that_fills(build, camera, tmp_path):
+    """Others fill it meanwhile: the film ends before it is full, and plays."""
+    folder = tmp_path / "disk"
+    folder.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=24m", "disk", folder], check=True,
+                   env={**os.environ, "PATH": "/usr/bin:/bin"})
+    path = folder / "film.mp4"
+    try:
+        run = start(build, "--mp4", path)
+        wait_until(lambda: path.exists() and path.stat().st_size > 50_000, 10, "the film")
+        (folder / "other").write_bytes(bytes(10 * 1024 * 1024))
+        _, err = run.communicate(timeout=limit(10))
+        _, packets = probe(path)
+    finally:
+        subprocess.run(["umount", folder], check=True, env={**os.environ, "PATH": "/usr/bin:/bin"})
+    assert run.returncode == 1 and len(packets) >= 3
+    assert re.fullmatch(r"nimbusctl: no space is left for more; expected at least 16 MiB; "
+                        rf"{path}: \d+ pictures, [\d.]+ s, \d+ bytes\n", err)
+
+
+def test_progress_on_a_terminal(build, camera, tmp_path):
+    """One line, written over and over again, with what has been written."""
+    ours, theirs = pty.openpty()
+    run = subprocess.Popen([*EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "video",
+                            "--mp4", tmp_path / "film.mp4", "--seconds", "3"], stderr=theirs)
+    assert run.wait(limit(20)) == 0
+    said = os.read(ours, 65536).decode()
+    os.close(ours)
+    os.close(theirs)
+    shown = [int(count) for count in re.findall(r"\r\x1b\[K\S+: (\d+) pictures", said)]
+    assert said.count("\n") == 1 and len(shown) >= 5, said
+    assert shown == sorted(shown) and shown[-1] > shown[0]
 
 
 def test_no_video(build, service, tmp_path):

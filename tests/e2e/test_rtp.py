@@ -124,6 +124,8 @@ def assert_from_a_key_picture(pictures, source):
     assert pictures == [source[(first + i) % len(source)] for i in range(len(pictures))]
 
 
+# Where a camera that is held up in the middle of a picture has it torn, these two are no fair judges.
+@pytest.mark.timing
 def test_ffmpeg(camera, console, source, tmp_path):
     sdp = tmp_path / "camera.sdp"
     console("--rtp", f"127.0.0.1:{RTP_PORT}", "--sdp", sdp)
@@ -142,6 +144,7 @@ def test_ffmpeg(camera, console, source, tmp_path):
     assert_from_a_key_picture(pictures, source)
 
 
+@pytest.mark.timing
 def test_gstreamer(camera, console, source, tmp_path):
     """It comes when the stream is under way, and begins at the next key picture."""
     raw = tmp_path / "pictures.yuv"

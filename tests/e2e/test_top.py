@@ -104,6 +104,19 @@ def test_ctrl_c(screen, service):
     service.err.wait("removed")
 
 
+@pytest.mark.parametrize("term, look", [("screen-256color", "31"), ("vt100", "7")])
+def test_what_is_wrong_stands_out(term, look, screen, service):
+    """Red; where there are no colours, reversed."""
+    one = screen(term=term)
+    one.wait("^video +lost")
+    shown = one("capture-pane", "-p", "-e")
+    before = shown.partition("camera data")[0].rpartition("end")[2]
+    codes = {code for codes in re.findall(r"\x1b\[([\d;]*)m", before) for code in codes.split(";")}
+    assert look in codes, shown
+    if term == "vt100":
+        assert not re.search(r"\x1b\[(\d+;)*[34][0-7]m", shown), shown
+
+
 def test_sizes(screen, camera):
     """It follows the terminal, down to one that has hardly any room."""
     one = screen()
