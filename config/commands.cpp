@@ -21,6 +21,7 @@
 #include "config/hdmi_modes.h"
 #include "config/interface_codes.h"
 #include "config/report.h"
+#include "config/stream_sizes.h"
 #include "config/wireless.h"
 #include "config/writer.h"
 #include "display/region.h"
@@ -130,21 +131,9 @@ void set_hdmi_mode(const Arguments& arguments) {
   run_shell(kEndPictures);
 }
 
-struct VideoSize {
-  std::int32_t width;
-  std::int32_t height;
-};
-
-constexpr VideoSize kDefaultVideoSize{1280, 720};
-constexpr std::array<Word<VideoSize>, 3> kVideoSizes{{
-    {"320x240", {320, 240}},
-    {"640x480", {640, 480}},
-    {"1280x720", kDefaultVideoSize},
-}};
-
 void set_video_resolution(const Arguments& arguments) {
-  const VideoSize* const found = find_word(kVideoSizes, arguments.value());
-  const VideoSize size = found == nullptr ? kDefaultVideoSize : *found;
+  const StreamSize* const found = find_word(kStreamSizes, arguments.value());
+  const StreamSize size = found == nullptr ? kDefaultStreamSize : *found;
   config_get()->video_width = size.width;
   config_get()->video_height = size.height;
   log_text("set video resolution %dx%d\n", size.width, size.height);
@@ -204,34 +193,47 @@ struct Setting {
 
 constexpr auto kYesOrNo = Reads::yes_or_no;
 
+constexpr const char* kEndCamera = "killall -q raspivid";
+constexpr const char* kEndHud = "killall -q hud";
+constexpr const char* kEndTranscoding =
+    "killall -q rtsp-server gst-launch-1.0 wireless-receiver usb-receiver";
+constexpr const char* kEndDisplay = "killall -q display usb-receiver wireless-receiver";
+
 constexpr auto kSettings = std::to_array<Setting>({
     // clang-format off
-    {"rcin_enabled",      {{{"rc_input_enabled", kYesOrNo}}},    kEndRcReader, true},
-    {"rcin_map",          {{{"rc_input_map"}}},                 kEndRcReader, true},
-    {"rcin_speed",        {{{"rc_input_speed_pan"}, {"rc_input_speed_tilt"}, {"rc_input_speed_dutch"}}}},
-    {"rcin_pan",          {{{"rc_input_speed_pan"}}}},
-    {"rcin_tilt",         {{{"rc_input_speed_tilt"}}}},
-    {"rcin_dutch",        {{{"rc_input_speed_dutch"}}}},
-    {"rcin_pan_inv",      {{{"rc_input_inverse_pan"}}}},
-    {"rcin_tilt_inv",     {{{"rc_input_inverse_tilt"}}}},
-    {"rcin_dutch_inv",    {{{"rc_input_inverse_dutch"}}}},
-    {"rcin_exp",          {{{"rc_input_exp", kYesOrNo}}},        kEndRcReader, true},
-    {"rcin_abs",          {{{"rc_input_abs", kYesOrNo}}}},
-    {"internal_camera_enabled",    {{{"internal_camera_enabled", kYesOrNo}}}, "killall -q raspivid", false,
-                                   &DisplayRegion::internal_camera_enabled},
-    {"internal_camera_fullscreen", {{{"internal_camera_fullscreen", kYesOrNo}}}, "killall -q raspivid", false,
-                                   &DisplayRegion::internal_camera_fullscreen},
-    {"osd_enabled",       {{{"osd_enabled", kYesOrNo}}},         nullptr, false, &DisplayRegion::osd_enabled},
-    {"osd_borders",       {{{"osd_border_width"}, {"osd_border_height"}}},   kEndPictures},
-    {"osd_offset",        {{{"osd_top_offset"}, {"osd_bottom_offset"}}},     kEndPictures},
-    {"osd_top_offset",    {{{"osd_top_offset"}}},               "killall -q hud"},
-    {"osd_bottom_offset", {{{"osd_bottom_offset"}}},            "killall -q hud"},
-    {"video_bitrate",     {{{"video_bitrate"}}},                kEndStreams},
-    {"video_transcode_enabled", {{{"video_transcode_enabled"}}},
-                          "killall -q rtsp-server gst-launch-1.0 wireless-receiver usb-receiver"},
-    {"disable_video_stream", {{{"disable_video_stream"}}}},
-    {"video_hflip",       {{{"video_hflip"}}},                  "killall -q display usb-receiver wireless-receiver"},
-    {"video_vflip",       {{{"video_vflip"}}},                  "killall -q display usb-receiver wireless-receiver"},
+    {.name = "rcin_enabled", .stores = {{{"rc_input_enabled", kYesOrNo}}},
+     .then = kEndRcReader, .resets_receiver = true},
+    {.name = "rcin_map", .stores = {{{"rc_input_map"}}},
+     .then = kEndRcReader, .resets_receiver = true},
+    {.name = "rcin_speed",
+     .stores = {{{"rc_input_speed_pan"}, {"rc_input_speed_tilt"}, {"rc_input_speed_dutch"}}}},
+    {.name = "rcin_pan", .stores = {{{"rc_input_speed_pan"}}}},
+    {.name = "rcin_tilt", .stores = {{{"rc_input_speed_tilt"}}}},
+    {.name = "rcin_dutch", .stores = {{{"rc_input_speed_dutch"}}}},
+    {.name = "rcin_pan_inv", .stores = {{{"rc_input_inverse_pan"}}}},
+    {.name = "rcin_tilt_inv", .stores = {{{"rc_input_inverse_tilt"}}}},
+    {.name = "rcin_dutch_inv", .stores = {{{"rc_input_inverse_dutch"}}}},
+    {.name = "rcin_exp", .stores = {{{"rc_input_exp", kYesOrNo}}},
+     .then = kEndRcReader, .resets_receiver = true},
+    {.name = "rcin_abs", .stores = {{{"rc_input_abs", kYesOrNo}}}},
+    {.name = "internal_camera_enabled", .stores = {{{"internal_camera_enabled", kYesOrNo}}},
+     .then = kEndCamera, .shown = &DisplayRegion::internal_camera_enabled},
+    {.name = "internal_camera_fullscreen", .stores = {{{"internal_camera_fullscreen", kYesOrNo}}},
+     .then = kEndCamera, .shown = &DisplayRegion::internal_camera_fullscreen},
+    {.name = "osd_enabled", .stores = {{{"osd_enabled", kYesOrNo}}},
+     .shown = &DisplayRegion::osd_enabled},
+    {.name = "osd_borders", .stores = {{{"osd_border_width"}, {"osd_border_height"}}},
+     .then = kEndPictures},
+    {.name = "osd_offset", .stores = {{{"osd_top_offset"}, {"osd_bottom_offset"}}},
+     .then = kEndPictures},
+    {.name = "osd_top_offset", .stores = {{{"osd_top_offset"}}}, .then = kEndHud},
+    {.name = "osd_bottom_offset", .stores = {{{"osd_bottom_offset"}}}, .then = kEndHud},
+    {.name = "video_bitrate", .stores = {{{"video_bitrate"}}}, .then = kEndStreams},
+    {.name = "video_transcode_enabled", .stores = {{{"video_transcode_enabled"}}},
+     .then = kEndTranscoding},
+    {.name = "disable_video_stream", .stores = {{{"disable_video_stream"}}}},
+    {.name = "video_hflip", .stores = {{{"video_hflip"}}}, .then = kEndDisplay},
+    {.name = "video_vflip", .stores = {{{"video_vflip"}}}, .then = kEndDisplay},
     // clang-format on
 });
 

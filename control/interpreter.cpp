@@ -48,8 +48,8 @@ enum class AfterRow { go_on, stop };
 // --- Actions -----------------------------------------------------------------------------------
 
 AfterRow set_camera_mode(const Command& command) {
-  if (command.value_is("video")) camera_set_mode(1);
-  if (command.value_is("photo")) camera_set_mode(0);
+  if (!command.has(1)) return AfterRow::go_on;
+  if (const auto* const mode = find_word(kCameraModes, command.value[0])) camera_set_mode(*mode);
   return AfterRow::go_on;
 }
 

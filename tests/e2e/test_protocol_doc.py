@@ -189,6 +189,7 @@ def test_words_of_camera_commands():
     path = "camera/words.h"
     values = block("camera/codes.h", "kIsoValues")
     assert accepted("iso") == set(re.findall(r'\{\d+, \d+, "(\w+)"\}', values))
+    assert accepted("camera", "mode") == set(first_words(path, "kCameraModes"))
     assert accepted("video_mode") == set(first_words(path, "kExposureModes"))
     assert accepted("video_aspect") == set(first_words(path, "kAspectRatios"))
     assert accepted("antiflicker") == set(first_words(path, "kAntiFlickers"))
@@ -220,13 +221,12 @@ def test_settings():
     path = "config/commands.cpp"
     constants = dict(re.findall(r'const char\* (kEnd\w+) = "([^"]+)"', source(path)))
     code = {}
-    for row in re.split(r'(?=\{"\w+", \{\{)', block(path, "kSettings"))[1:]:
-        name, rest = re.match(r'\{"(\w+)", (.*)', row).groups()
+    for row in block(path, "kSettings").split("{.name = ")[1:]:
+        name, rest = re.match(r'"(\w+)", (.*)', row).groups()
         stores = re.findall(r'\{"(\w+)"(, kYesOrNo)?\}', rest)
-        then = [constants[found] for found in re.findall(r"kEnd\w+", rest)]
-        then += re.findall(r'"(killall [^"]+)"', rest)
-        code[name] = ([key for key, _ in stores], any(yes for _, yes in stores), then,
-                      ", true" in rest)
+        code[name] = ([key for key, _ in stores], any(yes for _, yes in stores),
+                      [constants[found] for found in re.findall(r"\.then = (kEnd\w+)", rest)],
+                      ".resets_receiver = true" in rest)
     described = {}
     for row in table("Settings"):
         described[word(row["name"])] = (words(row["Stores"]), "(yes or no)" in row["Stores"],
@@ -242,7 +242,7 @@ def test_settings_with_steps_of_their_own():
         ["value"] + [f"value{n}" for n in range(2, 13)]
     resolution, = [row for row in rows[0] if word(row["name"]) == "video_resolution"]
     assert set(words(resolution["Values"])) == \
-        set(first_words("config/commands.cpp", "kVideoSizes"))
+        set(first_words("config/stream_sizes.h", "kStreamSizes"))
 
 
 def test_hdmi_modes():
@@ -313,7 +313,7 @@ def test_limits():
         "command text": constant("display/command_mailbox.h", "kSize") - 1,
         "mailbox period": constant("control/control.cpp", "kControlPauseUs") // 1000,
         "speed period": constant("control/control.cpp", "kSpeedStreamPeriodNs") // 1_000_000,
-        "status period": constant("app/status_loop.cpp", "kPeriodS") * 1000,
+        "status period": constant("app/status_loop.cpp", "kPauseS") * 1000,
         "RC report period": constant("control/control.cpp", "kRcReportPeriodMs"),
         "send pause": constant("net/viewers.cpp", "kPauseAfterSendUs") // 1000,
     }

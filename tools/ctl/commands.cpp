@@ -14,8 +14,6 @@ using std::chrono::milliseconds;
 
 // --- Words that the service compares one by one ------------------------------------------------
 
-using Texts2 = std::array<Word<std::string_view>, 2>;
-constexpr Texts2 kCameraModes{{{"photo", "photo"}, {"video", "video"}}};
 constexpr std::array<Word<std::string_view>, 3> kAntiFlickerWords{
     {{"off", "off"}, {kAntiFlickers[0].word, "50"}, {kAntiFlickers[1].word, "60"}}};
 
@@ -100,7 +98,7 @@ constexpr auto kCommands = std::to_array<Command>({
     {"gimbal move", "move until told otherwise; 4000 is full speed, and 0 0 ends it",
      {{{"cmd", "position"}, {"param", "moverel"}}},
      {{{"PAN", "value1", &kNumber}, {"TILT", "value2", &kNumber},
-       {"ROLL", "value3", &kNumber, true}}}, "1000 -500"},
+       {"ROLL", "value3", &kNumber, kOptional}}}, "1000 -500"},
     {"gimbal speed", "move until told otherwise; 1 is full speed, and 0 0 0 ends it",
      {{{"cmd", "position"}, {"param", "speed"}}},
      {{{"PAN", "value1", &kNumber}, {"TILT", "value2", &kNumber}, {"ROLL", "value3", &kNumber}}},

@@ -22,6 +22,9 @@ struct Argument {
   bool optional = false;
 };
 
+/// Of an argument that may be left out.
+inline constexpr bool kOptional = true;
+
 /// A member that is the same in every such command.
 struct FixedMember {
   std::string_view name;

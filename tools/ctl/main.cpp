@@ -166,9 +166,18 @@ class CommandLine {
   }
 
   /// Makes the task what is to be done when the command is given.
-  void on(CLI::App* command, std::function<void()> run, bool ends_by_interrupt = false) {
-    command->final_callback([this, run = std::move(run), ends_by_interrupt] {
-      if (!task_.run) task_ = {run, ends_by_interrupt};
+  void on(CLI::App* command, std::function<void()> run) {
+    on(command, Task{std::move(run), false});
+  }
+
+  /// The same for what a person ends with Ctrl-C.
+  void until_interrupted(CLI::App* command, std::function<void()> run) {
+    on(command, Task{std::move(run), true});
+  }
+
+  void on(CLI::App* command, Task task) {
+    command->final_callback([this, task = std::move(task)] {
+      if (!task_.run) task_ = task;
     });
   }
 
@@ -188,16 +197,14 @@ class CommandLine {
     command->add_flag("--json", options_.watch.json, "One JSON object on each line");
     add_seconds(command, options_.watch.seconds);
     command->footer(example("watch --seconds 10"));
-    on(
-        command, [this] { watch(options_.connection, options_.watch); }, true);
+    until_interrupted(command, [this] { watch(options_.connection, options_.watch); });
   }
 
   void add_top() {
     auto* const command = app_.add_subcommand("top", "Show on one screen what the service does");
     add_seconds(command, options_.seconds);
     command->footer(example("top"));
-    on(
-        command, [this] { show_top(options_.connection, options_.seconds); }, true);
+    until_interrupted(command, [this] { show_top(options_.connection, options_.seconds); });
   }
 
   void add_video() {
@@ -212,8 +219,7 @@ class CommandLine {
         ->needs(film);
     command->footer(example("video | ffplay -") +
                     "\n         nimbusctl video --mp4 film.mp4 --split 10m");
-    on(
-        command, [this] { video(); }, true);
+    until_interrupted(command, [this] { video(); });
   }
 
   void video() const {
@@ -230,8 +236,8 @@ class CommandLine {
     command->add_option("FILE", options_.name, "The file; - for standard output")->required();
     add_seconds(command, options_.seconds);
     command->footer(example("capture flight.pcapng --seconds 60"));
-    on(
-        command, [this] { capture(options_.connection, options_.name, options_.seconds); }, true);
+    until_interrupted(command,
+                      [this] { capture(options_.connection, options_.name, options_.seconds); });
   }
 
   void add_hud() {
@@ -240,8 +246,7 @@ class CommandLine {
     command->add_flag("--follow", options_.hud.follow, "Go on and show what changes");
     add_seconds(command, options_.hud.seconds);
     command->footer(example("hud --follow"));
-    on(
-        command, [this] { show_hud(options_.hud); }, true);
+    until_interrupted(command, [this] { show_hud(options_.hud); });
   }
 
   void add_config() {
@@ -310,9 +315,8 @@ class CommandLine {
     }
     add_seconds(command, options_.seconds, "--for");
     command->footer(example("speed 1000 -500 0 --for 2s"));
-    on(
-        command, [this] { move_gimbal(options_.connection, options_.speed, options_.seconds); },
-        true);
+    until_interrupted(
+        command, [this] { move_gimbal(options_.connection, options_.speed, options_.seconds); });
   }
 
   /// Every command of the table, by its first word.

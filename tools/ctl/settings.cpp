@@ -5,6 +5,7 @@
 
 #include "config/fields.h"
 #include "config/hdmi_modes.h"
+#include "config/stream_sizes.h"
 #include "tools/common/failure.h"
 #include "tools/ctl/json.h"
 
@@ -29,14 +30,15 @@ constexpr const Accepts* fitting(ConfigKey key) {
   return (*key).most == 5 ? &kText<5> : (*key).most == 9 ? &kText<9> : &kText<255>;
 }
 
-constexpr std::array<Word<std::string_view>, 3> kStreamSizes{
-    {{"320x240", ""}, {"640x480", ""}, {"1280x720", ""}}};
 // Bands by the words of the command; the report has 2 and 5.
 constexpr std::array<Word<std::string_view>, 3> kBands{{{"2.4", "2.4"}, {"2", "2.4"}, {"5", "5"}}};
 constexpr Accepts kBand{kTranslated<kBands>.convert, [] { return std::string("2.4, 5"); },
                         [] {
                           return Shape{.kind = "choice", .choices = {"2.4", "5"}};
                         }};
+
+// What the report cannot show.
+constexpr bool kNotStored = false;
 
 constexpr auto kSettings = std::to_array<Setting>({
     // clang-format off
@@ -70,7 +72,7 @@ constexpr auto kSettings = std::to_array<Setting>({
     {"osd_enabled", "on-screen display", {{{"ON", "value", fitting("osd_enabled")}}}},
     {"hdmi_enabled", "HDMI output", {{{"ON", "value", fitting("hdmi_enabled")}}}},
     {"hdmimode", "HDMI mode, and at the next boots too",
-     {{{"MODE", "value", &kWordsOf<kHdmiModes>}, {"BOOT", "value2", &kOnOff, true}}}, false},
+     {{{"MODE", "value", &kWordsOf<kHdmiModes>}, {"BOOT", "value2", &kOnOff, kOptional}}}, kNotStored},
     {"osd_borders", "borders of the on-screen display",
      {{{"WIDTH", "value", fitting("osd_border_width")},
        {"HEIGHT", "value2", fitting("osd_border_height")}}}},

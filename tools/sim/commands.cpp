@@ -220,12 +220,13 @@ std::string_view track(CameraModel& camera, Bytes payload) {
 // --- The table -----------------------------------------------------------------------------------
 
 constexpr int any = CommandName::any;
+constexpr bool streamed = true;
 using S = Settings;
 
 constexpr std::array<CommandName, 32> kCommands{{
     // clang-format off
     // receiver, set, id, size, and the byte to tell it by; its name, arguments in words, what it does
-    {4, 4, 0x0C,  7, 0, any,  "gimbal speed", speed, turn, true},
+    {4, 4, 0x0C,  7, 0, any,  "gimbal speed", speed, turn, streamed},
     {4, 4, 0x4C,  2, 0, 0xFE, "gimbal position", word<kGimbalPositions, 1>, turn_to_position},
     {4, 4, 0x4C,  2, 0, any,  "gimbal mode", word<kGimbalModes>, know<kGimbalModes, 0>},
     {4, 4, 0x50,  4, 1, 4,    "gimbal tilt lock", on_or_off, lock_tilt},
