@@ -1,5 +1,6 @@
 """nimbus-web on the outside: the picture, the state, orders, and what strangers try."""
 
+import contextlib
 import json
 import re
 import signal
@@ -159,6 +160,34 @@ def test_a_driver_that_vanishes_stops_the_gimbal(web, data, service):
         data.receive()
     gone = time.monotonic()
     assert until_still(data)[-1][0] - gone < 0.4 * TIME_SCALE
+
+
+@pytest.mark.parametrize("end", [signal.SIGTERM, signal.SIGINT])
+def test_its_own_end_stops_the_gimbal(web, data, service, end):
+    data.send(b"\0" * 20)
+    service.err.wait("Data found")
+    with web.control() as browser:
+        drive(browser)
+        browser.send(type="speed", pan=1, tilt=0, roll=0, n=1)
+        data.receive()
+        ended = time.monotonic()
+        web.process.send_signal(end)
+        assert until_still(data)[-1][0] - ended < limit(0.4)
+        web.stop()
+
+
+def test_one_that_was_killed_is_made_up_for_by_the_next(web, serve, data, service):
+    """It cannot stop the gimbal any more: the one that systemd starts in its place does."""
+    data.send(b"\0" * 20)
+    service.err.wait("Data found")
+    with web.control() as browser:
+        drive(browser)
+        browser.send(type="speed", pan=1, tilt=0, roll=0, n=1)
+        data.receive()
+        web.kill()
+        started = time.monotonic()
+        serve(port=8081)
+        assert until_still(data)[-1][0] - started < limit(0.4)
 
 
 def test_orders_of_a_browser(web, service):
@@ -364,8 +393,30 @@ def test_what_is_wrong_is_said_in_one_line(build, options, problem):
     assert (result.returncode, result.stderr) == (1, f"nimbus-web: {problem}\n")
 
 
-def test_sigterm_with_browsers(web, film):
-    with web.video() as one, web.control() as two:
-        one.pictures(3)
-        two.send(type="take")
-        web.stop()
+def guests(web):
+    """Who may be there when it ends: watchers, a driver, one who stalls, half a request."""
+    return [web.video(), web.video("raw"), web.video(receive_buffer=4096), web.control(),
+            web.control(), web.connect()]
+
+
+def test_it_ends_whoever_is_there(serve, service, video, times):
+    """Again and again, at moments of all kinds; each time cleanly, while pictures are on their way."""
+    film = Film(video, padding=20_000)
+    try:
+        for turn in range(times(8, 50)):
+            web = serve()
+            service.err.wait("New client connected", count=turn + 1)
+            with contextlib.ExitStack() as ends:
+                there = [ends.enter_context(one) for one in guests(web)]
+                there[5].sendall(b"GET / HTTP/1.1\r\nHost: 127.0")
+                there[0].pictures(1 + turn % 3)
+                drive(there[3])
+                there[3].send(type="speed", pan=0.5, tilt=0, roll=0, n=1)
+                there[4].send(type="take")
+                for number in range(5):
+                    there[3].send(type="command", id=number, words=["wb", "sunny"])
+                time.sleep(0.013 * (turn % 5))
+                web.stop()
+            service.err.wait(" removed", count=turn + 1)
+    finally:
+        film.close()

@@ -26,6 +26,7 @@ class Web:
     """A running nimbus-web on a port of its own."""
 
     def __init__(self, build, *options, port=8080, env=None):
+        self.killed = False
         self.port = port
         self.host = f"127.0.0.1:{port}"
         self.process = subprocess.Popen(
@@ -43,7 +44,14 @@ class Web:
         except OSError:
             return False
 
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+        self.killed = True
+
     def stop(self):
+        if self.killed:
+            return
         if self.process.poll() is None:
             self.process.terminate()
         status = self.process.wait(limit(10))

@@ -140,6 +140,8 @@ Server::Server(const ServerOptions& options)
   listen(options);
   watch_signals();
   watch_service();
+  // One before this may have been killed while somebody drove.
+  link_.speed({});
   on_second();
 }
 
