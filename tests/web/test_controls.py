@@ -250,3 +250,105 @@ def test_pass_phrases_are_write_only(page):
     page.wait("return document.querySelector('#toasts').textContent.includes('wifi: sent')")
     assert "a secret" not in page.run(
         "return fetch('/api/state').then((answer) => answer.text())")
+
+
+# --- All of them -----------------------------------------------------------------------------------
+
+# Each button of the page, and what is true once it was pressed.
+BUTTONS = {
+    "take": "document.querySelector('#who').textContent === 'You drive'",
+    "record": "document.body.classList.contains('recording')",
+    "shot": "/shot: sent/.test(document.querySelector('#toasts').textContent)",
+    "centre": "/gimbal centre: sent/.test(document.querySelector('#toasts').textContent)",
+    "selfie": "/gimbal selfie: sent/.test(document.querySelector('#toasts').textContent)",
+    "lock": "document.querySelector('#lock').ariaPressed === 'true'",
+    "more": "document.querySelector('dialog[open]')?.ariaLabel === 'All commands'",
+    "help": "document.querySelector('dialog[open]')?.ariaLabel === 'Help'",
+    "settings": "document.querySelector('dialog[open]')?.ariaLabel === 'Settings'",
+    "theme": "document.documentElement.dataset.theme === 'light'",
+    "full": "document.fullscreenElement !== null",
+    "snapshot": "/Saved nimbus-/.test(document.querySelector('#toasts').textContent)",
+}
+
+
+def by_pointer(page, element):
+    page.actions.move_to_element(element).click().perform()
+
+
+def by_keyboard(page, element):
+    page.run("arguments[0].focus()", element)
+    assert page.run("return document.activeElement === arguments[0]", element)
+    page.keys(Keys.ENTER)
+
+
+PRESSES = pytest.mark.parametrize("press", [by_pointer, by_keyboard])
+
+
+@PRESSES
+def test_every_button(page, film, tmp_path, press):
+    page.cdp("Browser.setDownloadBehavior", behavior="allow", downloadPath=str(tmp_path))
+    page.picture()
+    shown = set(page.run("return [...document.querySelectorAll('main button[id]')].filter((one) =>"
+                         " one.checkVisibility()).map((one) => one.id)"))
+    assert shown == set(BUTTONS)
+    for name, done in BUTTONS.items():
+        assert not page.run(f"return {done}"), name
+        press(page, page.find(f"#{name}"))
+        page.wait(f"return {done}", what=f"what #{name} does")
+        page.run("document.querySelector('dialog')?.close(); document.fullscreenElement &&"
+                 " document.exitFullscreen();")
+        page.wait("return !document.querySelector('dialog') && !document.fullscreenElement")
+    assert page.errors() == []
+
+
+@PRESSES
+def test_every_picker(page, press):
+    """Every value that has a button opens its picker, and Escape leads back to it."""
+    for value_button in page.run("return [...document.querySelectorAll('#values button')].filter("
+                                 "(one) => one.checkVisibility())"):
+        page.run("arguments[0].scrollIntoView({ inline: 'center' })", value_button)
+        press(page, value_button)
+        name = page.run("return arguments[0].querySelector('span').textContent", value_button)
+        page.wait("return document.querySelector('dialog[open]')?.ariaLabel === arguments[0]", name)
+        close_dialog(page)
+        assert page.run("return document.activeElement === arguments[0]", value_button)
+
+
+# What can be pressed in "All commands" without filling anything in, and what then is said.
+PRESSABLE = """
+return [...document.querySelectorAll("dialog section, dialog form")].map((part) => {
+  const fields = part.querySelectorAll("input, select").length;
+  const button = part.querySelector("button:not(.danger)");
+  return fields || !button ? null : [button, part.querySelector("h3").textContent];
+}).filter(Boolean);
+"""
+
+
+@PRESSES
+def test_every_command_without_values(page, press):
+    """Each answers in words, and none with a refusal of the board."""
+    page.find("#more").click()
+    page.wait("return document.querySelector('dialog[open]')")
+    page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
+    pressable = page.run(PRESSABLE)
+    assert len(pressable) > 15
+    for button, name in pressable:
+        page.run("document.querySelectorAll('.toast').forEach((one) => one.remove());"
+                 "arguments[0].scrollIntoView({ block: 'center' })", button)
+        press(page, button)
+        said = page.wait("return document.querySelector('.toast')?.textContent", what=name)
+        assert said.endswith((": sent", ": done")) or "did not follow" in said, (name, said)
+    assert page.errors() == []
+
+
+@pytest.mark.parametrize("stick, part", [("#stick", "#pan"), ("#rollstick", "#roll")])
+def test_sticks_by_keyboard(page, stick, part):
+    """With the focus on a stick the arrows move it, for as long as they are down."""
+    page.wait("return !document.querySelector('#attitude').hidden")
+    page.run("document.querySelector(arguments[0]).focus()", stick)
+    page.actions.key_down(Keys.ARROW_RIGHT).perform()
+    page.wait("return parseInt(document.querySelector(arguments[0]).textContent.slice("
+              "arguments[0].length)) >= 2", part)
+    assert page.find(stick).get_attribute("aria-valuenow") == "50"
+    page.actions.key_up(Keys.ARROW_RIGHT).perform()
+    page.wait("return document.querySelector(arguments[0]).ariaValueNow === '0'", stick)

@@ -308,3 +308,66 @@ def test_two_browsers_and_one_lease(page, gimbal, web, chromiums):
     gimbal.wait_moves()
     other.actions.release().perform()
     gimbal.wait_rest(noted(other, "pointerup"))
+
+
+# What two people do who both want it: they take, drive, and let go, on and on.
+FIGHT = """
+window.drove = 0;
+const mine = () => document.body.dataset.driver === "me";
+const other = () => document.body.dataset.driver === "other";
+window.fight = setInterval(() => {
+  const yes = [...document.querySelectorAll("dialog button")].find((one) =>
+    one.textContent === "Hand over");
+  if (yes) yes.click();
+  else if (mine()) { window.drove += 1; document.querySelector("#take").click(); }
+  else if (!document.querySelector("dialog")) document.querySelector("#take").click();
+}, arguments[0]);
+"""
+
+
+def test_two_browsers_fight_for_the_lease(page, gimbal, web, chromiums):
+    """Both get it again and again, never both at once, and it is free when they have gone."""
+    other = chromiums()
+    other.open(web.address())
+    other.wait("return !document.querySelector('#take').disabled")
+    page.run(FIGHT, 70)
+    other.run(FIGHT, 90)
+    drove = "return window.drove > 8"
+    page.wait(drove, seconds=30)
+    other.wait(drove, seconds=30)
+    for one in (page, other):
+        one.run("clearInterval(window.fight)")
+    wait_until(lambda: sum(one.run("return document.body.dataset.driver === 'me'")
+                           for one in (page, other)) <= 1, 5, "one driver at most")
+    other.close()
+    page.run("document.querySelector('dialog')?.close();"
+             "document.body.dataset.driver !== 'me' && document.querySelector('#take').click()")
+    hold_stick(page)
+    gimbal.wait_moves()
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
+    assert page.errors() == []
+
+
+def test_a_silent_driver_can_be_replaced(page, gimbal, web, chromiums):
+    """A page that stands still for longer than 3 s loses the lease to the next that wants it."""
+    frozen = chromiums()
+    frozen.open(web.address())
+    frozen.wait("return !document.querySelector('#take').disabled")
+    frozen.find("#take").click()
+    page.wait("return document.querySelector('#take').textContent === 'Ask'")
+    frozen.run("setTimeout(() => { const start = Date.now();"
+               " while (Date.now() - start < 6500); }, 300)")
+    begun = time.time()
+    page.find("#take").click()
+    assert page.run("return document.body.dataset.driver") != "me", "before it was silent"
+    while page.run("return document.body.dataset.driver") != "me":
+        assert time.time() - begun < limit(6)
+        time.sleep(0.3)
+        if page.run("return document.body.dataset.driver") == "other":
+            page.find("#take").click()
+    assert time.time() - begun > 1.9, "it had not been silent for 3 s"
+    hold_stick(page)
+    gimbal.wait_moves()
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
