@@ -62,6 +62,17 @@ class Rig:
         self.browser = Chromium()
         self.ends.callback(self.browser.close)
 
+    @contextlib.contextmanager
+    def scene(self):
+        """A simulated camera with its picture."""
+        camera = subprocess.Popen([self.build / "nimbus-sim", "--scene"], stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.DEVNULL)
+        try:
+            yield
+        finally:
+            camera.terminate()
+            camera.wait()
+
     def __enter__(self):
         return self
 
@@ -177,7 +188,15 @@ const context = canvas.getContext("2d", { willReadFrequently: true });
   requestAnimationFrame(look);
 })();
 """
-PUSHED = "addEventListener('pointermove', () => { window.pushed ??= Date.now(); }, true);"
+PUSHED = ("addEventListener('pointermove', (event) => {"
+          " if (event.buttons) window.pushed ??= Date.now(); }, true);")
+
+
+def push(browser, right):
+    """Presses the pointer on the stick and moves it so far; the page notes when, if it was told to."""
+    browser.run("window.pushed = undefined; window.changes = [];")
+    browser.actions.move_to_element(browser.find("#stick")).click_and_hold() \
+        .move_by_offset(right, 0).perform()
 
 
 class Lamp:
@@ -209,11 +228,9 @@ def measure_joystick(rig, times=15):
         browser.picture()
         browser.find("#take").click()
         browser.wait("return document.body.dataset.driver === 'me'")
-        stick = browser.find("#stick")
+        browser.run(PUSHED)
         for number in range(times):
-            browser.actions.move_to_element(stick).click_and_hold().perform()
-            browser.run("window.pushed = undefined;" + (PUSHED if number == 0 else ""))
-            browser.actions.move_by_offset(50, 0).perform()
+            push(browser, 50)
             found.append(browser.driver.execute_async_script(LAMP))
             browser.actions.release().perform()
             time.sleep(0.3 + 0.017 * (number % 5))
@@ -222,6 +239,57 @@ def measure_joystick(rig, times=15):
         bridge.close()
         lamp.data.close()
     return [row("joystick to the changed picture", statistics.median(found), JOYSTICK)]
+
+
+# Notes each new picture on the page: when it was seen, and how far it is from the one before it.
+CHANGES = """
+const source = document.querySelector("#canvas");
+const canvas = document.createElement("canvas");
+[canvas.width, canvas.height] = [64, 36];
+const context = canvas.getContext("2d", { willReadFrequently: true });
+let last = null;
+window.changes = [];
+(function look() {
+  context.drawImage(source, 0, 0, 64, 36);
+  const { data } = context.getImageData(0, 0, 64, 36);
+  const by = last ? data.reduce((sum, value, i) => sum + Math.abs(value - last[i]), 0) : 0;
+  if (by > 0) window.changes.push({ at: Date.now(), by });
+  last = data;
+  requestAnimationFrame(look);
+})();
+"""
+TURNED = """
+const one = window.changes.find(({ at, by }) => at > window.pushed && by > arguments[0]);
+return one && one.at - window.pushed;
+"""
+
+
+def turn(browser, way, least):
+    """How long the picture takes to turn after the stick was pushed that way."""
+    push(browser, 60 * way)
+    took = browser.wait(TURNED, least)
+    browser.actions.release().perform()
+    return took
+
+
+def measure_turning(rig, times=16):
+    """From the pointer on the stick to the turned picture of the simulated camera's panorama."""
+    browser = rig.browser
+    with rig.scene():
+        browser.open("http://127.0.0.1:8080/")
+        browser.picture()
+        browser.wait("return !document.querySelector('#attitude').hidden", seconds=30)
+        browser.find("#take").click()
+        browser.wait("return document.body.dataset.driver === 'me'")
+        browser.run(PUSHED + CHANGES)
+        time.sleep(3)
+        # At rest only the ball moves, and the coder trembles: turning is more than that.
+        rest = browser.run("return Math.max(...window.changes.map(({ by }) => by))")
+        found = []
+        for number in range(times):
+            found.append(turn(browser, 1 - 2 * (number % 2), 2 * rest))
+            time.sleep(0.8 + 0.017 * (number % 5))
+    return [row("joystick to the turned panorama", statistics.median(found), JOYSTICK)]
 
 
 def main():
@@ -234,6 +302,7 @@ def main():
         held = measure_glass(rig, options.samples)
         held += measure_command(rig)
         held += measure_joystick(rig)
+        held += measure_turning(rig)
         if options.creep:
             held += measure_creep(rig, options.creep)
     return 0 if all(held) else 1
