@@ -44,9 +44,9 @@ class Screen:
 def screen(build, tmp_path):
     screens = []
 
-    def make(arguments="", term="screen-256color", **options):
+    def make(arguments="", term="screen-256color", prefix="", **options):
         """top between two words of the shell, which tells the terminal's settings at both ends."""
-        tool = f"{' '.join(EMULATOR)} {build}/nimbusctl --timeout {limit(3)}s top {arguments}"
+        tool = f"{prefix} {' '.join(EMULATOR)} {build}/nimbusctl --timeout {limit(3)}s top {arguments}"
         command = (f"trap : INT; echo before; stty -a >{tmp_path}/first; {tool}; echo status $?; "
                    f"stty -a >{tmp_path}/last; echo behind; sleep 1000")
         screens.append(Screen(tmp_path, f"sh -c '{command}'", term=term, **options))
@@ -82,6 +82,27 @@ def test_changes_are_told(screen, camera, build):
                    check=True)
     one.wait("ISO 400")
     one.wait(r"^ +\d s ago  iso: auto -> 400")
+
+
+def test_commands_are_overheard(screen, camera, build):
+    """Those of all viewers, and what the service makes of them for the camera."""
+    one = screen()
+    one.wait("ISO auto")
+    ctl = [*EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s"]
+    subprocess.run([*ctl, "iso", "400"], check=True)
+    one.wait(r"^ +\d s ago  to the camera: ISO: 400\n +\d s ago  127\.0\.0\.1: {\"cmd\":\"iso\"")
+    subprocess.run([*ctl, "speed", "1000", "0", "0", "--for", "1s"], check=True)
+    one.wait(r"^ +\d s ago  to the camera: gimbal speed: pan 0\.000, ")
+    assert one.text().count("gimbal speed") == 1
+
+
+def test_who_may_not_listen_sees_the_rest(screen, camera, build):
+    one = screen(prefix="setpriv --bounding-set=-net_raw")
+    one.wait("ISO auto")
+    subprocess.run([*EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "iso", "400"],
+                   check=True)
+    one.wait(r"^ +\d s ago  iso: auto -> 400")
+    assert "to the camera" not in one.text()
 
 
 @pytest.mark.parametrize("term", ["screen-256color", "vt100", "linux"])

@@ -15,6 +15,12 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
+// Frames of the service, byte by byte.
+const std::vector<std::uint8_t> kIso400{0x55, 0x0E, 0x04, 0x66, 0x02, 0x01, 0x03,
+                                        0x00, 0x40, 0x02, 0x2A, 0x05, 0xA2, 0xE3};
+const std::vector<std::uint8_t> kStop{0x55, 0x14, 0x04, 0x6D, 0x02, 0x04, 0x04, 0x00, 0x40, 0x04,
+                                      0x0C, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x90, 0xC0, 0x65};
+
 class TopScreenTest : public testing::Test {
  protected:
   void take(std::vector<std::uint8_t> payload, bool video = false) {
@@ -27,6 +33,16 @@ class TopScreenTest : public testing::Test {
   }
   void expect(const std::string& part) {
     EXPECT_NE(text().find(part), std::string::npos) << part << " in\n" << text();
+  }
+
+  void expect_none(const std::string& part) {
+    EXPECT_EQ(text().find(part), std::string::npos) << part << " in\n" << text();
+  }
+  void overhear(std::uint16_t from, std::uint16_t to, std::vector<std::uint8_t> payload) {
+    screen_.overhear({0x0A000007, 0x0A000001, from, to, std::move(payload)}, now_);
+  }
+  static std::vector<std::uint8_t> viewer_frame(std::string_view text) {
+    return encode_frame({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
   }
 
   Clock::time_point now_{seconds(1000)};
@@ -70,6 +86,36 @@ TEST_F(TopScreenTest, ChangesAreTold) {
   }
   const std::string all = text();
   EXPECT_LE(std::count(all.begin(), all.end(), '>'), 8);
+}
+
+TEST_F(TopScreenTest, CommandsOfViewersAreOverheard) {
+  expect_none("commands");
+  overhear(40000, 4242, viewer_frame(R"({"cmd":"iso"})"));
+  now_ += seconds(2);
+  expect("commands\n     2 s ago  10.0.0.7: {\"cmd\":\"iso\"}\n");
+  // Neither what is no command, nor what stands behind its end, nor what a terminal would obey.
+  overhear(40000, 4242, viewer_frame({"\0\0", 2}));
+  overhear(40000, 4242, viewer_frame(""));
+  overhear(40000, 4242, {0x42});
+  overhear(40000, 4242, viewer_frame({"{\x1b}\0junk", 8}));
+  expect("0 s ago  10.0.0.7: {?}\n     2 s ago  10.0.0.7: {\"cmd\"");
+}
+
+TEST_F(TopScreenTest, FramesToTheCameraAreOverheard) {
+  overhear(5000, 6000, {1, 2, 3});
+  expect_none("commands");
+  overhear(5000, 6000, kIso400);
+  expect("to the camera: ISO: 400\n");
+}
+
+TEST_F(TopScreenTest, WhatStreamsTakesOneLine) {
+  for (int n = 0; n < 20; ++n) {
+    overhear(5000, 6000, kStop);
+    overhear(5000, 6000, kIso400);
+    now_ += seconds(1);
+  }
+  const std::string all = text();
+  EXPECT_EQ(all.find("gimbal speed"), all.rfind("gimbal speed"));
 }
 
 TEST_F(TopScreenTest, ChannelsAreBars) {

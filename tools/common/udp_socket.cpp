@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -36,6 +37,13 @@ Endpoint endpoint(int (*name)(int, sockaddr*, socklen_t*), int socket) {
 }
 
 }  // namespace
+
+std::string dotted(std::uint32_t address) {
+  std::array<char, INET_ADDRSTRLEN> text{};
+  const in_addr place{htonl(address)};
+  inet_ntop(AF_INET, &place, text.data(), text.size());
+  return text.data();
+}
 
 UdpSocket::UdpSocket(const std::string& host, std::uint16_t port)
     : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {

@@ -16,6 +16,9 @@ struct Endpoint {
   std::uint16_t port = 0;
 };
 
+/// An IPv4 address in host byte order, as in "192.168.1.5".
+[[nodiscard]] std::string dotted(std::uint32_t address);
+
 /// A connected UDP socket of a tool: what it sends goes to its peer, what it receives comes from
 /// it. One thread at a time. Members throw Failure where something is said to fail.
 class UdpSocket {

@@ -16,6 +16,7 @@
 
 #include "base/unique_fd.h"
 #include "tools/common/failure.h"
+#include "tools/common/udp_socket.h"
 #include "tools/ctl/interrupt.h"
 #include "tools/ctl/json.h"
 #include "tools/ctl/output.h"
@@ -39,13 +40,6 @@ sockaddr_in address_of(std::uint32_t address, std::uint16_t port) {
   place.sin_addr.s_addr = htonl(address);
   place.sin_port = htons(port);
   return place;
-}
-
-std::string dotted(std::uint32_t address) {
-  std::array<char, INET_ADDRSTRLEN> text{};
-  const in_addr place{htonl(address)};
-  inet_ntop(AF_INET, &place, text.data(), text.size());
-  return text.data();
 }
 
 /// The question and its answers, on all networks of this machine.
@@ -127,7 +121,7 @@ std::vector<Board> find_boards(double seconds) {
 }
 
 std::string place_of(const Board& board) {
-  return dotted(board.address) + ":" + std::to_string(board.port);
+  return tools::dotted(board.address) + ":" + std::to_string(board.port);
 }
 
 void print(const Board& board, bool json) {
@@ -135,7 +129,7 @@ void print(const Board& board, bool json) {
   const Json object = empty_object();
   add_text(object.get(), "name", board.name);
   add_text(object.get(), "host", board.host);
-  add_text(object.get(), "address", dotted(board.address));
+  add_text(object.get(), "address", tools::dotted(board.address));
   cJSON_AddNumberToObject(object.get(), "port", board.port);
   print_line(line_of(object.get()));
 }
@@ -165,7 +159,7 @@ std::optional<Place> only_board() {
   const Board& board = boards.front();
   std::fprintf(stderr, "nimbusctl: no service on this machine; taking %s (%s)\n",
                place_of(board).c_str(), shown(board.name).c_str());
-  return Place{dotted(board.address), board.port};
+  return Place{tools::dotted(board.address), board.port};
 }
 
 }  // namespace nimbus::ctl

@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "tools/common/failure.h"
+#include "tools/ctl/board_tap.h"
 #include "tools/ctl/interrupt.h"
 #include "tools/ctl/top_screen.h"
 
@@ -84,6 +86,10 @@ class Terminal {
   bool colours_ = false;
 };
 
+void listen(BoardTap& tap, TopScreen& screen) {
+  while (const auto datagram = tap.next()) screen.overhear(*datagram, Clock::now());
+}
+
 }  // namespace
 
 void show_top(const Connection& connection, double seconds) {
@@ -91,6 +97,8 @@ void show_top(const Connection& connection, double seconds) {
   ViewerLink link(connection);
   if (interrupted()) return;
   TopScreen screen(connection.host + ":" + std::to_string(connection.port), Clock::now());
+  std::optional<BoardTap> tap;
+  if (link.is_local()) tap.emplace(connection.port);
   const Terminal terminal;
   const auto end = end_after(seconds);
   auto shown = Clock::time_point::min();
@@ -102,6 +110,7 @@ void show_top(const Connection& connection, double seconds) {
     if (const auto frame = link.receive(std::min(end, shown + kGlance))) {
       screen.take(*frame, Clock::now());
     }
+    if (tap) listen(*tap, screen);
   }
 }
 

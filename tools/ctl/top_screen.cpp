@@ -1,25 +1,23 @@
 #include "tools/ctl/top_screen.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstdarg>
-#include <cstdio>
+#include <utility>
+#include <variant>
+
+#include "net/sources.h"
+#include "tools/common/text.h"
+#include "tools/common/udp_socket.h"
+#include "tools/sim/commands.h"
+#include "tools/sim/frame.h"
 
 namespace nimbus::ctl {
 namespace {
 
-constexpr double kSilence = 3;  // seconds; the service says something once a second
-constexpr std::size_t kMostChanges = 8;
+using tools::format_text;
 
-[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...) {
-  std::array<char, 256> text;
-  va_list arguments;
-  va_start(arguments, pattern);
-  std::vsnprintf(text.data(), text.size(), pattern, arguments);
-  va_end(arguments);
-  return text.data();
-}
+constexpr double kSilence = 3;  // seconds; the service says something once a second
+constexpr std::size_t kMostEvents = 8;
 
 double seconds_between(Clock::time_point from, Clock::time_point to) {
   return std::chrono::duration<double>(to - from).count();
@@ -79,9 +77,35 @@ void TopScreen::note_changes(const Message& message, Clock::time_point now) {
     if (old == nullptr || old->value == field.value) continue;
     std::string name(field.name);
     std::replace(name.begin(), name.end(), '_', ' ');
-    changes_.push_front({name + ": " + text_of(old->value) + " -> " + text_of(field.value), now});
+    note(changes_, {name + ": " + text_of(old->value) + " -> " + text_of(field.value), now});
   }
-  if (changes_.size() > kMostChanges) changes_.resize(kMostChanges);
+}
+
+void TopScreen::note(Events& events, Event event) {
+  events.push_front(std::move(event));
+  if (events.size() > kMostEvents) events.pop_back();
+}
+
+void TopScreen::overhear(const sim::UdpDatagram& datagram, Clock::time_point now) {
+  if (datagram.source_port == kDataPort) return overhear_frame(datagram.payload, now);
+  const auto frame = decode_frame(datagram.payload);
+  if (!frame || frame->payload.empty() || frame->payload[0] != '{') return;
+  const std::string text(frame->payload.begin(), frame->payload.end());
+  // What stands behind a zero is not read by the service either.
+  note(commands_, {tools::dotted(datagram.source) + ": " + text.c_str(), now});
+}
+
+void TopScreen::overhear_frame(std::span<const std::uint8_t> datagram, Clock::time_point now) {
+  const auto checked = sim::check_frame(datagram);
+  const auto* const frame = std::get_if<sim::Frame>(&checked);
+  const sim::CommandName* const command = frame != nullptr ? sim::find_command(*frame) : nullptr;
+  if (command == nullptr) return;
+  Event event{"to the camera: " + sim::describe(*command, frame->payload), now};
+  if (!command->streamed) return note(commands_, std::move(event));
+  event.streamed = command->name;
+  const auto known = std::ranges::find(commands_, event.streamed, &Event::streamed);
+  if (known == commands_.end()) return note(commands_, std::move(event));
+  *known = std::move(event);
 }
 
 /// Rates are those of the last whole second.
@@ -112,10 +136,11 @@ std::vector<int> TopScreen::numbers(const char* message, const char* field) cons
 
 ScreenLine TopScreen::link_line(const char* name, const Traffic& traffic, bool connected,
                                 Clock::time_point now) {
-  std::string text = format("%-12s %-10s %6.1f/s %8.1f kbit/s", name, connected ? "found" : "lost",
-                            traffic.frame_rate, traffic.bit_rate / 1000);
+  std::string text =
+      format_text("%-12s %-10s %6.1f/s %8.1f kbit/s", name, connected ? "found" : "lost",
+                  traffic.frame_rate, traffic.bit_rate / 1000);
   if (traffic.frames == 0) return {text + "  never", Look::warning};
-  text += format("  %.1f s ago", seconds_between(traffic.last, now));
+  text += format_text("  %.1f s ago", seconds_between(traffic.last, now));
   return {text, connected ? Look::plain : Look::warning};
 }
 
@@ -128,11 +153,11 @@ void TopScreen::add_state(std::vector<ScreenLine>& all, Clock::time_point now) c
   all.push_back(link_line("video", video_, connected("video"), now));
   const unsigned long long received = data_.frames + video_.frames;
   const unsigned long long missing = gaps_.missing();
-  all.push_back({format("frames       %llu received, %llu missing in %llu gaps, %llu late, "
-                        "%llu restarts",
-                        received, missing, static_cast<unsigned long long>(gaps_.gaps()),
-                        static_cast<unsigned long long>(gaps_.late()),
-                        static_cast<unsigned long long>(gaps_.restarts())),
+  all.push_back({format_text("frames       %llu received, %llu missing in %llu gaps, %llu late, "
+                             "%llu restarts",
+                             received, missing, static_cast<unsigned long long>(gaps_.gaps()),
+                             static_cast<unsigned long long>(gaps_.late()),
+                             static_cast<unsigned long long>(gaps_.restarts())),
                  missing > 0 ? Look::warning : Look::plain});
   const auto settings = [this](const char* field) { return word("camera_settings", field); };
   all.push_back({"camera       " + word("camera_status", "camera_mode") + ", exposure " +
@@ -162,8 +187,8 @@ void TopScreen::add_channels(std::vector<ScreenLine>& all, std::size_t width) co
   all.push_back({"RC receiver, state " + word("rc_channels", "rc_status"), Look::title});
   const std::size_t columns = std::max<std::size_t>(width / kColumn, 1);
   for (std::size_t n = 0; n < channels.size(); ++n) {
-    std::string one = format("%3zu ", n + 1) + bar((channels[n] - kLowest) / kRange, kBar) +
-                      format(" %5d  ", channels[n]);
+    std::string one = format_text("%3zu ", n + 1) + bar((channels[n] - kLowest) / kRange, kBar) +
+                      format_text(" %5d  ", channels[n]);
     if (n % columns == 0) all.push_back({});
     all.back().text += one;
   }
@@ -184,11 +209,12 @@ void TopScreen::add_histogram(std::vector<ScreenLine>& all, std::size_t rows) co
   }
 }
 
-void TopScreen::add_changes(std::vector<ScreenLine>& all, Clock::time_point now) const {
-  if (changes_.empty()) return;
-  all.push_back({"changes", Look::title});
-  for (const Change& change : changes_) {
-    all.push_back({format("%6.0f s ago  ", seconds_between(change.at, now)) + change.text});
+void TopScreen::add_events(std::vector<ScreenLine>& all, const char* title, const Events& events,
+                           Clock::time_point now) {
+  if (events.empty()) return;
+  all.push_back({title, Look::title});
+  for (const Event& event : events) {
+    all.push_back({format_text("%6.0f s ago  ", seconds_between(event.at, now)) + event.text});
   }
 }
 
@@ -200,10 +226,11 @@ std::vector<ScreenLine> TopScreen::lines(Clock::time_point now, std::size_t widt
   const double silent = seconds_between(std::max({data_.last, video_.last, start_}), now);
   all.push_back({"Nimbus " + word("version", "version") + " at " + where_ + "   viewers " +
                      word("flags", "viewers") + "   q: end" +
-                     (silent > kSilence ? format("   silent for %.0f s", silent) : ""),
+                     (silent > kSilence ? format_text("   silent for %.0f s", silent) : ""),
                  silent > kSilence ? Look::warning : Look::title});
   add_state(all, now);
-  add_changes(all, now);
+  add_events(all, "commands", commands_, now);
+  add_events(all, "changes", changes_, now);
   add_channels(all, width);
   add_histogram(all, kHistogram);
   if (all.size() > height) all.resize(height);

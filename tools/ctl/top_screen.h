@@ -5,12 +5,15 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/ctl/messages.h"
 #include "tools/ctl/viewer_link.h"
 #include "tools/ctl/watch.h"
+#include "tools/sim/packet.h"
 
 namespace nimbus::ctl {
 
@@ -27,6 +30,9 @@ class TopScreen {
       : where_(std::move(where)), start_(start), second_(start) {}
 
   void take(const Frame& frame, Clock::time_point now);
+
+  /// What a viewer tells the service, or the service the camera, as it passes by.
+  void overhear(const sim::UdpDatagram& datagram, Clock::time_point now);
 
   /// At most `height` lines of at most `width` characters, all of them ASCII.
   [[nodiscard]] std::vector<ScreenLine> lines(Clock::time_point now, std::size_t width,
@@ -51,12 +57,19 @@ class TopScreen {
   void add_state(std::vector<ScreenLine>& all, Clock::time_point now) const;
   void add_channels(std::vector<ScreenLine>& all, std::size_t width) const;
   void add_histogram(std::vector<ScreenLine>& all, std::size_t rows) const;
-  void add_changes(std::vector<ScreenLine>& all, Clock::time_point now) const;
+  void overhear_frame(std::span<const std::uint8_t> datagram, Clock::time_point now);
 
-  struct Change {
+  /// Something that happened, and when.
+  struct Event {
     std::string text;
     Clock::time_point at;
+    std::string_view streamed = {};  ///< the command's name, of those that come again and again
   };
+  using Events = std::deque<Event>;  // the newest first
+
+  static void note(Events& events, Event event);
+  static void add_events(std::vector<ScreenLine>& all, const char* title, const Events& events,
+                         Clock::time_point now);
 
   std::string where_;
   Clock::time_point start_;
@@ -68,7 +81,8 @@ class TopScreen {
   GapCounter gaps_;
   std::map<std::string, Fields, std::less<>> state_;
   std::map<std::string, bool, std::less<>> connected_;  // by source
-  std::deque<Change> changes_;
+  Events changes_;
+  Events commands_;
 };
 
 }  // namespace nimbus::ctl

@@ -82,6 +82,9 @@ class ViewerLink {
   /// Drops what comes, for so long or until the tool shall end.
   void pause(std::chrono::milliseconds time);
 
+  /// Whether the service runs on this machine.
+  [[nodiscard]] bool is_local() const { return socket_.local().address == socket_.peer().address; }
+
   /// Sends a command. Throws Failure when it does not fit the service's mailbox.
   void command(std::string_view text);
 

@@ -1,9 +1,7 @@
 #include "tools/web/rtp_link.h"
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include <array>
 #include <cerrno>
 #include <random>
 
@@ -22,19 +20,12 @@ rtp::Begin random_begin() {
           .sequence = static_cast<std::uint16_t>(random() & 0xFFFFU)};
 }
 
-std::string dotted(std::uint32_t address) {
-  std::array<char, INET_ADDRSTRLEN> text{};
-  const in_addr place{htonl(address)};
-  inet_ntop(AF_INET, &place, text.data(), text.size());
-  return text.data();
-}
-
 }  // namespace
 
 RtpLink::RtpLink(const std::string& host, std::uint16_t port, const std::string& sdp)
     : socket_(host, port), output_(random_begin(), [this](Bytes packet) { return send(packet); }) {
   setsockopt(socket_.fd(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
-  const std::string text = rtp::description(dotted(socket_.peer().address), port);
+  const std::string text = rtp::description(tools::dotted(socket_.peer().address), port);
   if (!sdp.empty() && replace_file(sdp.c_str(), text) != Replaced::whole) {
     throw tools::Failure("cannot write '" + sdp + "'; expected a file to write for --sdp");
   }
