@@ -5,8 +5,9 @@
 //
 // `./dev bench` runs it. The bare loop (bare_relay.c) is one thread that receives a datagram, puts
 // a header in front, and sends it to a fixed list of viewers with the same pause of 1 ms after each
-// send. Whatever the service needs beyond that is its own: the viewer table, the send guard, the
-// time stamp for the watchdog, the display region, the gathering of header and payload.
+// send. Whatever the service needs beyond that is its own: the viewer table and a socket for each
+// viewer, the turns of who broadcasts, the stamp of the last datagram and its age, the display
+// region, the gathering of header and payload.
 //
 //   wall     From the bridge's first send to the last viewer's last receipt, for a window of
 //            datagrams sent back to back, divided by their number. The pauses are most of it.

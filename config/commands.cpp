@@ -53,6 +53,9 @@ class Arguments {
     return json_.text_or_empty(kNames[static_cast<std::size_t>(n - 1)]);
   }
 
+  /// The n-th value as a flag of the file.
+  [[nodiscard]] const char* yes_or_no(int n) const { return on(n) ? "1" : "0"; }
+
   /// Whether the n-th value says yes.
   [[nodiscard]] bool on(int n = 1) const {
     const std::string_view text = value(n);
@@ -69,7 +72,7 @@ void store(ConfigKey key, const char* value) {
 
 void reset_receiver() { display_region()->rc_status = 0; }
 
-// --- Settings with steps of their own -----------------------------------------------------------
+// --- Settings with steps of their own ----------------------------------------------------------
 
 constexpr const char* kEndRcReader = "killall -q rcin";
 constexpr const char* kEndPictures = "killall -q hud usb-receiver wireless-receiver display";
@@ -252,7 +255,7 @@ void change(const Setting& setting, const Arguments& arguments) {
     ++n;
     if (!each.key) break;
     const bool yes_or_no = each.reads == Reads::yes_or_no;
-    store(each.key, !yes_or_no ? arguments.value(n) : arguments.on(n) ? "1" : "0");
+    store(each.key, yes_or_no ? arguments.yes_or_no(n) : arguments.value(n));
   }
   config_save();
   if (setting.then != nullptr) run_shell(setting.then);

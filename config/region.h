@@ -11,8 +11,8 @@ namespace nimbus {
 /// once.
 void map_config_region() noexcept;
 
-/// Nobody in the service calls this: the tests do, to see that the region stays as it was mapped.
-/// The mapped region, null before map_config_region() or after its failure. Any thread.
+/// The mapped region, null before map_config_region() or after its failure. Nobody in the service
+/// calls this: the tests do, to see that the region stays as it was. Any thread.
 [[nodiscard]] Config* config_region() noexcept;
 
 }  // namespace nimbus

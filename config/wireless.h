@@ -1,6 +1,5 @@
-// What the board's Wi-Fi tools tell. They run while the caller waits.
-// Interface names with anything but letters, digits, ".", "-" and "_" are taken for tools that
-// cannot be started. Control thread.
+// What the board's Wi-Fi tools tell. They run while the caller waits. For a name with anything but
+// letters, digits, ".", "-" and "_", which is no interface's, no tool is started. Control thread.
 #pragma once
 
 #include <cstdint>

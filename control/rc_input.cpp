@@ -44,7 +44,7 @@ constexpr useconds_t kIntoPhotoUs = 500'000;
 constexpr std::uint8_t kPhotoMode = 0;
 constexpr std::uint8_t kVideoMode = 1;
 
-// --- What one cycle sees -------------------------------------------------------------------------
+// --- What one cycle sees -----------------------------------------------------------------------
 
 struct Receiver {
   DisplayRegion& display;
@@ -69,7 +69,7 @@ struct Receiver {
   static std::size_t index(RcFunction function) { return static_cast<std::size_t>(function); }
 };
 
-// --- What is remembered from cycle to cycle -----------------------------------------------------
+// --- What is remembered from cycle to cycle ----------------------------------------------------
 // RC thread only.
 
 bool was_in_charge = false;
@@ -79,7 +79,7 @@ double last_focus_x = 0.0;
 double last_focus_y = 0.0;
 std::int32_t last_ev_index = 255;  // none yet, so that the first one is sent
 
-// --- Sticks --------------------------------------------------------------------------------------
+// --- Sticks ------------------------------------------------------------------------------------
 
 void steer(const Receiver& rc) {
   if (rc.config.rc_input_abs != 0) return;
@@ -126,7 +126,7 @@ void set_ev(const Receiver& rc) {
   last_ev_index = index;
 }
 
-// --- Record and photo switches -------------------------------------------------------------------
+// --- Record and photo switches -----------------------------------------------------------------
 
 void stop_recording(const Receiver& rc) {
   if (rc.in_mode(kVideoMode)) camera_record(0);
@@ -172,7 +172,7 @@ void record_or_shoot(const Receiver& rc) {
   }
 }
 
-// --- Stepped settings ---------------------------------------------------------------------------
+// --- Stepped settings --------------------------------------------------------------------------
 
 constexpr std::array<const char*, 4> kExposureModeSteps{"auto", "manual", "shutter", "aperture"};
 
@@ -229,7 +229,7 @@ constinit std::array<SteppedSetting, 3> stepped_settings{{
      [](std::size_t step) { camera_set_exposure_mode(kExposureModeSteps[step]); }},
 }};
 
-// --- Levers and two-position switches -----------------------------------------------------------
+// --- Levers and two-position switches ----------------------------------------------------------
 
 void centre(const Receiver& rc) {
   if (!rc.assigned(RcFunction::centre)) return;

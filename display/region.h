@@ -21,7 +21,7 @@ struct DisplayRegion {
   std::array<std::byte, 158> reserved_128;
   SharedText<76> version_text;  // 286: splash line 2; emptied when camera data is first found
 
-  // Connection state, kept by the network side.
+  // Connection state, kept by the links and the status loop.
   Shared<std::uint8_t> viewer_count;      // 362: registered viewers, 0 to 10
   Shared<std::uint8_t> data_connected;    // 363: 1: camera data arrives
   Shared<std::uint8_t> video_connected;   // 364: 1: video arrives
@@ -105,15 +105,16 @@ struct DisplayRegion {
   Shared<std::uint32_t> histogram_ms;  // 1012: now_ms of the last histogram, 0: none
 
   // Switches.
-  Shared<std::uint8_t> orientation_lock;            // 1016: 1: gimbal orientation locked
-  Shared<std::uint8_t> osd_enabled;                 // 1017: copied from the configuration at start
-  Shared<std::uint8_t> internal_camera_enabled;     // 1018: copied from the configuration at start
-  Shared<std::uint8_t> internal_camera_fullscreen;  // 1019: copied from the configuration at start
+  Shared<std::uint8_t> orientation_lock;  // 1016: 1: gimbal orientation locked
+  Shared<std::uint8_t> osd_enabled;       // 1017: set at start, by viewers and by the RC switch
+  Shared<std::uint8_t> internal_camera_enabled;     // 1018: set at start and by viewers
+  Shared<std::uint8_t> internal_camera_fullscreen;  // 1019: set like osd_enabled
   std::array<std::byte, 12> reserved_1020;
   Shared<double> focus_point_x;  // 1032: 0.0 to 1.0
   Shared<double> focus_point_y;  // 1040: 0.0 to 1.0
 
-  // RC receiver, written by the RC reader process but for the channel map.
+  // RC receiver. The RC reader process writes here; the service writes the channel map and whether
+  // the channels are shown, and clears the state when a setting ends the reader.
   std::array<std::byte, 127> reserved_1048;
   Shared<std::uint8_t> rc_status;      // 1175: receiver state; 6: values are live
   Shared<std::uint8_t> show_channels;  // 1176: 1: the display shows the channels

@@ -72,8 +72,7 @@ struct SpeedMessage {
   static constexpr std::array<WireItem, 4> kItems{mode, pan, tilt, roll};
 };
 
-// --- To viewers: a type and six bytes, or three signed numbers
-// ------------------------------------
+// --- To viewers: a type and six bytes, or three signed numbers ---------------------------------
 
 inline constexpr std::size_t kShortMessageSize = 7;
 

@@ -60,7 +60,7 @@ def report_of(rows, interfaces=""):
             f'"version":"0.3.7","ifaces":[{interfaces}]}}').encode()
 
 
-# --- The report ---------------------------------------------------------------------------------
+# --- The report ----------------------------------------------------------------------------------
 
 
 def test_report(boards):
@@ -181,7 +181,7 @@ def test_what_a_line_cannot_carry_is_lost_at_the_next_start(board, restart):
     assert (after["cam_ssid"], after["cam_psk"]) == ("ab", "x" * (199 - len('camera_psk="')))
 
 
-# --- The scan -----------------------------------------------------------------------------------
+# --- The scan ------------------------------------------------------------------------------------
 
 
 def scan_reply(code, names):
@@ -272,7 +272,7 @@ def test_slow_command_holds_only_the_commands(stations, standins, viewers, video
     assert gaps[len(gaps) // 2] == pytest.approx(0.03, abs=limit(0.005))
 
 
-# --- The others ---------------------------------------------------------------------------------
+# --- The others ----------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("tool", ["reboot", "shutdown"])

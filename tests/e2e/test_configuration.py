@@ -47,7 +47,7 @@ def channel_map(start, region, conf):
     return region.bytes(offset, length)
 
 
-# --- Flags --------------------------------------------------------------------------------------
+# --- Flags ---------------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("value, stored", [
@@ -103,7 +103,7 @@ def test_disable_video_stream(start, region, access_point, join, video, conf, re
     assert [frame.video for frame in viewer.frames].count(True) == counter - 2
 
 
-# --- RC channel map -----------------------------------------------------------------------------
+# --- RC channel map ------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("code, word", enumerate(FUNCTIONS))
@@ -152,7 +152,7 @@ def test_last_map_counts(start, region, conf, assigned):
     assert channel_map(start, region, conf) == codes(*assigned)
 
 
-# --- What a line is -----------------------------------------------------------------------------
+# --- What a line is ------------------------------------------------------------------------------
 
 BOM = b"\xef\xbb\xbf"
 
@@ -222,7 +222,7 @@ def test_lines(start, region, conf, osd, camera):
     assert region.u8(region.INTERNAL_CAMERA_ENABLED) == camera
 
 
-# --- Files that nobody should have written ------------------------------------------------------
+# --- Files that nobody should have written -------------------------------------------------------
 
 
 def hostile_files():

@@ -31,7 +31,7 @@ def send(port, data):
         sender.sendto(data, ("127.0.0.1", port))
 
 
-# --- What it inherits ---------------------------------------------------------------------------
+# --- What it inherits ----------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("closed", [(0,), (1,), (2,), (0, 1), (1, 2), (0, 1, 2)])
@@ -138,7 +138,7 @@ def test_threads_that_cannot_be_created(start, preload, passes, plan):
     assert not [text for text in heard.values() if text in events(service)]
 
 
-# --- What it leaves to its commands -------------------------------------------------------------
+# --- What it leaves to its commands --------------------------------------------------------------
 
 
 @pytest.fixture
@@ -190,7 +190,7 @@ def test_signals_of_a_command(launch, command):
         assert not (ignored | blocked) & 1 << signum - 1
 
 
-# --- How it ends --------------------------------------------------------------------------------
+# --- How it ends ---------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("port", PORTS)
@@ -239,7 +239,7 @@ def test_receive_failure_at_work(start, port):
     assert service.err.text().count("UDP read failed\n") == 1
 
 
-# --- What it costs ------------------------------------------------------------------------------
+# --- What it costs -------------------------------------------------------------------------------
 
 
 @pytest.fixture

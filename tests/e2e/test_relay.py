@@ -84,7 +84,7 @@ def stamped():
         yield make
 
 
-# --- Frames -------------------------------------------------------------------------------------
+# --- Frames --------------------------------------------------------------------------------------
 
 SIZES = [1, 2, 11, 12, 13, 1400, 1472, 59999, 60000]
 
@@ -194,7 +194,7 @@ def test_buffers_without_privilege(launch, video, viewers):
     assert service.running()
 
 
-# --- Pace and order -----------------------------------------------------------------------------
+# --- Pace and order ------------------------------------------------------------------------------
 
 
 def test_pace(held, stamped, video):
@@ -245,7 +245,7 @@ def test_lowest_free_slot_is_filled_first(held, stamped, video):
     assert served_in_order(everybody, video, b"3") == now
 
 
-# --- What a broadcast costs ---------------------------------------------------------------------
+# --- What a broadcast costs ----------------------------------------------------------------------
 
 FLAG_OF_THE_LAST = FIELDS["byte_631"][0]
 
@@ -315,7 +315,7 @@ def test_broadcast_to_nobody_is_no_system_call(unsanitized, held, join, video, d
     assert calls_of_receivers(tmp_path / "without", (data, video)) == {"recvmsg"}
 
 
-# --- Comings and goings -------------------------------------------------------------------------
+# --- Comings and goings --------------------------------------------------------------------------
 
 
 class Stream:
@@ -462,7 +462,7 @@ def test_no_frame_for_a_third_party(held, viewers, join, video):
     assert [b.address for b in bystanders if b.frames] == []
 
 
-# --- A real encoder -----------------------------------------------------------------------------
+# --- A real encoder ------------------------------------------------------------------------------
 
 
 def encode(file, seconds):

@@ -173,7 +173,7 @@ def test_hdmi_enabled(saved, value, on):
     assert settings()["hdmi_enabled"] == on
 
 
-# --- HDMI modes ---------------------------------------------------------------------------------
+# --- HDMI modes ----------------------------------------------------------------------------------
 
 HDMI_MODES = {
     "640x480@60p CEA": ("CEA", 1), "1280x720@50p CEA": ("CEA", 19), "1280x720@60p CEA": ("CEA", 4),
@@ -227,7 +227,7 @@ def test_default_hdmi_mode(board, name, at_boot):
     assert not CARD_FILE.exists()
 
 
-# --- Wi-Fi --------------------------------------------------------------------------------------
+# --- Wi-Fi ---------------------------------------------------------------------------------------
 
 WIFI = {"value": "1", "value2": "cam ssid", "value3": "cam psk",
         "value4": "2", "value5": "net ssid", "value6": "net psk",
@@ -273,7 +273,7 @@ def test_wifi_texts_keep_their_quotes(saved):
     assert b'"cam_ssid":"a"b",' in report and b'"ap_psk":"""' in report
 
 
-# --- Hostile values -----------------------------------------------------------------------------
+# --- Hostile values ------------------------------------------------------------------------------
 
 HOSTILE = ["$(touch /run/owned)`touch /run/owned`'; touch /run/owned; '\"; touch /run/owned; \"",
            "%n%s%1000000d", "a\nb=c\x7f\t\x01" + "\u00e9" * 60]

@@ -76,7 +76,7 @@ def fed(*bridges):
         feeder.join()
 
 
-# --- The messages -------------------------------------------------------------------------------
+# --- The messages --------------------------------------------------------------------------------
 
 
 def test_messages_of_a_pass(viewer):
@@ -188,7 +188,7 @@ def test_order_of_the_losses(held, access_point, join, data, region):
     assert [frame.payload[0] for frame in silent.frames] == [6, 11]
 
 
-# --- The flags ----------------------------------------------------------------------------------
+# --- The flags -----------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("camera_data", [0, CAMERA_DATA_BIT])
@@ -236,7 +236,7 @@ def test_lost_camera_data_is_told_at_once(held, access_point, join, data, region
     assert viewer.wait(is_first).payload == CAMERA_DATA
 
 
-# --- The probe for the access point -------------------------------------------------------------
+# --- The probe for the access point --------------------------------------------------------------
 
 
 @pytest.mark.parametrize("answer, flag", [
@@ -304,7 +304,7 @@ def test_probe_that_cannot_run(start, join, path):
     assert [frame.payload for frame in whole_passes(viewer, 2)] == PASS * 2
 
 
-# --- Time ---------------------------------------------------------------------------------------
+# --- Time ----------------------------------------------------------------------------------------
 
 SECOND = 1_000_000_000
 
@@ -335,7 +335,7 @@ def test_work_is_added_to_the_period(start, standins, stamped):
         assert pause >= 1.001 * SECOND
 
 
-# --- Silence ------------------------------------------------------------------------------------
+# --- Silence -------------------------------------------------------------------------------------
 
 
 def test_nothing_is_sent_without_viewers(service, passes):

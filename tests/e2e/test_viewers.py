@@ -53,7 +53,7 @@ def wait_viewer_count(region, count):
     wait_until(lambda: region.u8(region.VIEWER_COUNT) == count, 5, f"viewer count {count}")
 
 
-# --- Registration and leave ---------------------------------------------------------------------
+# --- Registration and leave ----------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("mode, note", [(0, " "), (1, "(only data)"), (2, " "), (255, " ")])
@@ -182,7 +182,7 @@ def test_table_by_a_model(held, viewers, settled):
     assert settled(held).splitlines() == "".join(expected).splitlines()
 
 
-# --- What is ignored ----------------------------------------------------------------------------
+# --- What is ignored -----------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("payload", [bytes([REGISTER, 0]), b'{"cmd":"x"}'],
@@ -300,7 +300,7 @@ def test_sender_without_an_address_is_ignored(steady, viewers, settled):
     assert bystander.frames == []
 
 
-# --- Keep-alive ---------------------------------------------------------------------------------
+# --- Keep-alive ----------------------------------------------------------------------------------
 
 
 def test_only_registrations_keep_a_viewer(steady, viewers, region):
@@ -360,7 +360,7 @@ def test_viewer_count(steady, crowd, region):
     wait_viewer_count(region, 0)
 
 
-# --- What a viewer is served --------------------------------------------------------------------
+# --- What a viewer is served ---------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("mode", [0, 1])
@@ -375,7 +375,7 @@ def test_data_only_viewer_gets_video_as_well(held, access_point, viewers, video,
     viewer.message(11)
 
 
-# --- Commands -----------------------------------------------------------------------------------
+# --- Commands ------------------------------------------------------------------------------------
 
 COMMANDS = {
     "a text": b'{"cmd":"x"}',

@@ -17,7 +17,7 @@ from harness.web import BINARY, STREAMS, TEXT, Film, WebSocket, drive
 ZERO = struct.pack("<3h", 0, 0, 0)
 
 
-# --- The picture -----------------------------------------------------------------------------------
+# --- The picture ---------------------------------------------------------------------------------
 
 def test_the_picture_is_the_bridges(web, film, tmp_path):
     """What a player finds in the fragments is, picture by picture, what the bridge sent."""
@@ -105,7 +105,7 @@ def test_one_that_stalls_does_not_bother_the_others(web, video):
         film.close()
 
 
-# --- State and orders ------------------------------------------------------------------------------
+# --- State and orders ----------------------------------------------------------------------------
 
 def test_greeting_and_state(web):
     with web.control() as browser:
@@ -225,7 +225,7 @@ def test_a_full_queue_says_so(web):
         assert texts == {"too many commands wait already; expected a moment's patience"}
 
 
-# --- Programs --------------------------------------------------------------------------------------
+# --- Programs ------------------------------------------------------------------------------------
 
 def test_orders_of_a_program(web, service):
     status, _, body = web.request("POST", "/api/command", b'{"words":["wb","sunny"]}')
@@ -246,7 +246,7 @@ def test_metrics_are_as_prometheus_wants_them(web):
     assert (result.returncode, result.stdout + result.stderr) == (0, b"")
 
 
-# --- Strangers -------------------------------------------------------------------------------------
+# --- Strangers -----------------------------------------------------------------------------------
 
 BAD_REQUESTS = [
     (b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nX: " + b"x" * 9000 + b"\r\n\r\n", b"431"),
@@ -325,7 +325,7 @@ def test_pages_of_other_sites_are_refused(web, origin):
     assert status == 403
 
 
-# --- Who may ---------------------------------------------------------------------------------------
+# --- Who may -------------------------------------------------------------------------------------
 
 def set_password(build, file, password, *role):
     subprocess.run([*EMULATOR, build / "nimbus-web", "--passwords", file, "--set-password", *role],

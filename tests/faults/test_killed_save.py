@@ -95,7 +95,7 @@ def save_test(start, join, standins, tmp_path):
     WORKING_COPY.unlink(missing_ok=True)
 
 
-# --- The service alone ----------------------------------------------------------------------------
+# --- The service alone ---------------------------------------------------------------------------
 
 KILL = 'kill -9 "$(/bin/cat "$NIMBUS_STANDINS/service")"\n'
 THEN_COPY = 'exec "/bin/${0##*/}" "$@"'
@@ -179,7 +179,7 @@ def test_killed_at_any_moment(save_test, times):
           "with the new ones")
 
 
-# --- The service with its commands ----------------------------------------------------------------
+# --- The service with its commands ---------------------------------------------------------------
 
 KILL_ALL = '/bin/kill -9 -- "-$(/bin/cat "$NIMBUS_STANDINS/service")"\n'
 
@@ -208,7 +208,7 @@ def test_killed_with_its_commands_at_any_moment(save_test, times):
           f"new ones, {found['cut']} cut short")
 
 
-# --- The board without power ----------------------------------------------------------------------
+# --- The board without power ---------------------------------------------------------------------
 
 class Card:
     """What may be on the card when the power goes, after each call of a save. What is written is

@@ -159,7 +159,7 @@ def test_hanging_tool_does_not_keep_the_successor(start, standins, hanging, join
     standins.reset("iwlist")
 
 
-# --- Tools that print without end -----------------------------------------------------------------
+# --- Tools that print without end ----------------------------------------------------------------
 
 LINES = "yes 'ESSID:\"0123456789\"' | head -c {size}"
 ONE_LINE = "head -c {size} /dev/zero | tr '\\0' '\"'"

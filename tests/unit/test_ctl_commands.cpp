@@ -154,7 +154,7 @@ TEST(CtlCommands, ManualFollowsTheTable) {
   }
 }
 
-// --- Settings ------------------------------------------------------------------------------------
+// --- Settings ----------------------------------------------------------------------------------
 
 std::string setting(std::string_view name, const Words& values, const char* report = "{}") {
   return json_for_setting(name, values, false, parse_object(report).get());

@@ -102,7 +102,7 @@ class RcInput : public testing::Test {
   test::Console console_;
 };
 
-// --- Who is in charge ----------------------------------------------------------------------------
+// --- Who is in charge --------------------------------------------------------------------------
 
 TEST_F(RcInput, ThePilotIsInChargeWhileTheReceiverIsLiveAndTheMenuIsClosed) {
   assign(RcFunction::record);
@@ -131,7 +131,7 @@ TEST_F(RcInput, WhoLeavesStopsTheGimbalOnce) {
   EXPECT_EQ(cycle(), Frames{});
 }
 
-// --- Sticks --------------------------------------------------------------------------------------
+// --- Sticks ------------------------------------------------------------------------------------
 
 TEST_F(RcInput, SticksSteerInProportion) {
   assign(RcFunction::pan);
@@ -182,7 +182,7 @@ TEST_F(RcInput, TheExposureCompensationIsSentWhenItsStepChanges) {
   EXPECT_EQ(cycle(), Frames{ev_step(0)});
 }
 
-// --- Switches ------------------------------------------------------------------------------------
+// --- Switches ----------------------------------------------------------------------------------
 
 TEST_F(RcInput, TheRecordSwitchActsOncePerMovement) {
   assign(RcFunction::record);

@@ -84,7 +84,7 @@ class Camera : public testing::Test {
   std::string said;
 };
 
-// --- Frames --------------------------------------------------------------------------------------
+// --- Frames ------------------------------------------------------------------------------------
 
 TEST(Frames, DamageIsSeen) {
   const Payload sound = frame_of(kCamera, 0x2A, {5});
@@ -154,7 +154,7 @@ TEST_F(Camera, CommandsInWords) {
   }
 }
 
-// --- Gimbal --------------------------------------------------------------------------------------
+// --- Gimbal ------------------------------------------------------------------------------------
 
 TEST_F(Camera, SpeedsTurnTheGimbalWhileTheyHold) {
   give(kGimbal, 0x0C, speed(1000, -500, 100));
@@ -241,7 +241,7 @@ TEST_F(Camera, CalibrationHoldsTheGimbal) {
   EXPECT_EQ(report("gimbal")[34], 0);
 }
 
-// --- Settings ------------------------------------------------------------------------------------
+// --- Settings ----------------------------------------------------------------------------------
 
 TEST_F(Camera, SettingsComeBackInTheNextReport) {
   struct Row {
@@ -305,7 +305,7 @@ TEST_F(Camera, CodesThatItDoesNotKnowChangeNothing) {
   EXPECT_EQ(Payload(&before[11], &before[105]), Payload(&after[11], &after[105]));
 }
 
-// --- Recordings and photos -----------------------------------------------------------------------
+// --- Recordings and photos ---------------------------------------------------------------------
 
 TEST_F(Camera, ARecordingStartsItsTimerAnew) {
   EXPECT_EQ(report("recording timer")[11], RecordingTimer::kRest);
@@ -357,7 +357,7 @@ TEST_F(Camera, FormattingEmptiesTheCard) {
   EXPECT_EQ(camera.photos_left(), CameraModel::kCardPhotos);
 }
 
-// --- Focus, tracking, histogram ------------------------------------------------------------------
+// --- Focus, tracking, histogram ----------------------------------------------------------------
 
 TEST_F(Camera, FocusPoint) {
   give(kCamera, 0x24, {1});
@@ -428,7 +428,7 @@ TEST_F(Camera, HistogramByRequest) {
   EXPECT_FALSE(kind->due(camera));
 }
 
-// --- Reports -------------------------------------------------------------------------------------
+// --- Reports -----------------------------------------------------------------------------------
 
 TEST_F(Camera, EveryReportIsASoundFrame) {
   std::uint16_t number = 0;

@@ -104,7 +104,7 @@ TEST(Faults, RatesAreKeptAndCounted) {
   EXPECT_NEAR(static_cast<double>(repeated), kArrive * 0.4, kFrames * 0.01);
 }
 
-// --- The list of rates ---------------------------------------------------------------------------
+// --- The list of rates -------------------------------------------------------------------------
 
 TEST(FaultRates, AreRead) {
   const FaultRates rates = parse_fault_rates("repeat=1,drop=0.25,truncate=1e-3,corrupt=0");

@@ -27,7 +27,7 @@ std::optional<double> pan_at(std::string_view script, double seconds) {
   return receiver_at(script, seconds).functions[code(RcFunction::pan)];
 }
 
-// --- Good scripts --------------------------------------------------------------------------------
+// --- Good scripts ------------------------------------------------------------------------------
 
 TEST(RcScript, Empty) {
   for (const char* const text : {"", "\n", "# nothing\n\n   \t\r\n  # more"}) {
@@ -109,7 +109,7 @@ TEST(RcScript, Loops) {
   }
 }
 
-// --- Bad scripts ---------------------------------------------------------------------------------
+// --- Bad scripts -------------------------------------------------------------------------------
 
 TEST(RcScript, ErrorsNameTheLineAndWhatIsExpected) {
   struct Row {
@@ -168,7 +168,7 @@ TEST(RcScript, ErrorsNameTheLineAndWhatIsExpected) {
   }
 }
 
-// --- The region ----------------------------------------------------------------------------------
+// --- The region --------------------------------------------------------------------------------
 
 class RcReader : public testing::Test {
  protected:

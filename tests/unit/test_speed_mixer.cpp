@@ -345,7 +345,7 @@ TEST_F(SpeedMixer, ALockedOrientationIsHeldWhileThereIsNoSpeed) {
   EXPECT_EQ(streamed(false), Speeds{}) << "an end of the lock is not announced";
 }
 
-// --- What comes between a decision and its frame -------------------------------------------------
+// --- What comes between a decision and its frame -----------------------------------------------
 
 /// The stop goes out before the speed that the stream has already taken.
 TEST_F(SpeedMixer, AStopThatOvertakesTheStreamIsSentAgain) {
@@ -376,7 +376,7 @@ TEST_F(SpeedMixer, AStopThatIsOvertakenByASpeedDoesNotEndTheStream) {
   EXPECT_EQ(streamed(), (Speeds{{5, 0, 0}}));
 }
 
-// --- Several threads -----------------------------------------------------------------------------
+// --- Several threads ---------------------------------------------------------------------------
 
 /// Lets its threads through together, within the time of a few instructions.
 class StartLine {

@@ -35,7 +35,7 @@ class Wireless : public testing::Test {
   int status = 0;
 };
 
-// --- Scan ----------------------------------------------------------------------------------------
+// --- Scan --------------------------------------------------------------------------------------
 
 TEST_F(Wireless, ScanListsTheNames) {
   const struct {
@@ -123,7 +123,7 @@ TEST_F(Wireless, WhatTheToolsComplainOfIsDropped) {
   EXPECT_EQ(console.texts(), test::Texts{});
 }
 
-// --- Client connection ---------------------------------------------------------------------------
+// --- Client connection -------------------------------------------------------------------------
 
 TEST_F(Wireless, StatusNamesTheNetwork) {
   const struct {
@@ -214,7 +214,7 @@ TEST_F(WirelessLink, StatusRunsTheToolAndTellsHowItEnded) {
   EXPECT_EQ(tools.calls(), Calls{"wlanstatus wifi0"});
 }
 
-// --- Tools that do not run -----------------------------------------------------------------------
+// --- Tools that do not run ---------------------------------------------------------------------
 
 // Not on the fixture: the sanitizers cannot look at its type without descriptors.
 TEST(WirelessTools, CannotBeStarted) {

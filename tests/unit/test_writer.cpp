@@ -155,7 +155,7 @@ TEST_F(Writer, BytesAreUnsignedAndNumbersSigned) {
   EXPECT_EQ(line_of(file, "ap_channel"), "ap_channel=2147483647");
 }
 
-// --- Texts ---------------------------------------------------------------------------------------
+// --- Texts -------------------------------------------------------------------------------------
 
 struct TextField {
   const char* key;
@@ -266,7 +266,7 @@ TEST_F(Writer, TextsEndAtTheirFirstLineEnd) {
   }
 }
 
-// --- Failures ------------------------------------------------------------------------------------
+// --- Failures ----------------------------------------------------------------------------------
 
 TEST_F(Writer, ResultOfARefusedFile) {
   fs::create_directory(kCardFile);
@@ -310,7 +310,7 @@ TEST_F(Writer, ALinkStaysOne) {
   }
 }
 
-// --- The card's own settings ---------------------------------------------------------------------
+// --- The card's own settings -------------------------------------------------------------------
 
 /// The start step says with a file that it has not taken the settings from the card.
 class UnreadCard : public Writer {
@@ -383,7 +383,7 @@ TEST_F(UnreadCard, OnceItIsReadNothingIsKept) {
   EXPECT_FALSE(fs::exists(kept));
 }
 
-// --- Descriptors ---------------------------------------------------------------------------------
+// --- Descriptors -------------------------------------------------------------------------------
 
 TEST_F(Writer, NoDescriptorIsLeft) {
   config_save();
@@ -395,7 +395,7 @@ TEST_F(Writer, NoDescriptorIsLeft) {
   EXPECT_EQ(test::open_descriptors(), before);
 }
 
-// --- Two threads ---------------------------------------------------------------------------------
+// --- Two threads -------------------------------------------------------------------------------
 
 // The RC thread and the control thread may save at a time.
 class TwoSaves : public Writer {

@@ -171,7 +171,7 @@ class Machine:
     def said_by_qemu(self):
         return (self.folder / "qemu.log").read_text(errors="replace")
 
-    # --- The monitor ------------------------------------------------------------------------------
+    # --- The monitor -----------------------------------------------------------------------------
 
     def _qmp_line(self):
         while b"\n" not in self._rest:
@@ -193,7 +193,7 @@ class Machine:
             if "return" in answer:
                 return answer["return"]
 
-    # --- The board --------------------------------------------------------------------------------
+    # --- The board -------------------------------------------------------------------------------
 
     def console(self):
         """What the serial console has shown."""

@@ -14,7 +14,7 @@ using tools::hexadecimal;
 
 std::string unknown(unsigned code) { return format_text("unknown code %u", code); }
 
-// --- Arguments in words --------------------------------------------------------------------------
+// --- Arguments in words ------------------------------------------------------------------------
 
 template <const auto& table, std::size_t at = 0>
 std::string word(Bytes payload) {
@@ -92,7 +92,7 @@ std::string tracking(Bytes payload) {
                      real(payload, 9), real(payload, 13), real(payload, 17));
 }
 
-// --- What they do --------------------------------------------------------------------------------
+// --- What they do ------------------------------------------------------------------------------
 
 constexpr std::string_view kUnknownCode = "no such code";
 
@@ -217,7 +217,7 @@ std::string_view track(CameraModel& camera, Bytes payload) {
                        load_le<float>(payload, 13), load_le<float>(payload, 17)});
 }
 
-// --- The table -----------------------------------------------------------------------------------
+// --- The table ---------------------------------------------------------------------------------
 
 constexpr int any = CommandName::any;
 constexpr bool streamed = true;

@@ -45,7 +45,7 @@ struct CommandName {
 /// "NAME: ARGUMENTS", or "NAME" alone.
 [[nodiscard]] std::string describe(const CommandName& command, Bytes payload);
 
-// --- Codes ---------------------------------------------------------------------------------------
+// --- Codes -------------------------------------------------------------------------------------
 // Those that only commands carry; the others stand in camera/codes.h.
 
 /// The words of a command as names of its codes.

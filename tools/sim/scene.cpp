@@ -53,7 +53,7 @@ double focal_length() {
   return static_cast<double>(Scene::kWidth) / 2 / std::tan(Scene::kFieldOfView / 2 * kRadian);
 }
 
-// --- Exposure and colour -------------------------------------------------------------------------
+// --- Exposure and colour -----------------------------------------------------------------------
 
 constexpr std::uint8_t kManual = 4;
 
@@ -87,7 +87,7 @@ std::uint8_t clamped(double value) {
 
 std::uint8_t clamped(int value) { return static_cast<std::uint8_t>(std::clamp(value, 0, 255)); }
 
-// --- The ball ------------------------------------------------------------------------------------
+// --- The ball ----------------------------------------------------------------------------------
 
 constexpr float kBallWidth = 0.08F;
 constexpr float kBallHeight = kBallWidth * 16 / 9;

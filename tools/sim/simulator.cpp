@@ -141,7 +141,7 @@ void Simulator::end() {
   console_.line(text);
 }
 
-// --- What the camera sends -----------------------------------------------------------------------
+// --- What the camera sends ---------------------------------------------------------------------
 
 void Simulator::send_reports() {
   if (!options_.reports) {
@@ -263,7 +263,7 @@ void Simulator::show_progress() {
   progress_.show(replay_->progress(), false);
 }
 
-// --- What the camera is sent ---------------------------------------------------------------------
+// --- What the camera is sent -------------------------------------------------------------------
 
 void Simulator::take_frames() {
   constexpr int kAtOnce = 256;

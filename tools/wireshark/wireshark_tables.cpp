@@ -31,7 +31,7 @@ constexpr std::string_view kMark = "local tables = {}  -- the build fills them i
 
 std::string quoted(std::string_view text) { return "\"" + std::string(text) + "\""; }
 
-// --- Codes ---------------------------------------------------------------------------------------
+// --- Codes -------------------------------------------------------------------------------------
 
 std::string shown(std::string_view text) { return std::string(text); }
 std::string shown(double ev) { return format_text("%+.1f", ev); }
@@ -66,7 +66,7 @@ std::string all_codes() {
          codes("white_balance", kWhiteBalances) + "  },\n";
 }
 
-// --- Layouts -------------------------------------------------------------------------------------
+// --- Layouts -----------------------------------------------------------------------------------
 
 std::string_view kind_name(WireItem::Kind kind) {
   switch (kind) {
