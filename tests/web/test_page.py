@@ -274,7 +274,9 @@ def test_keyboard_reaches_everything(page):
     page.run("document.activeElement.blur()")
     for _ in range(len(wanted) + 5):
         page.keys(Keys.TAB)
-        reached.add(page.run("const one = document.activeElement; return one.id || one.textContent"))
-        assert page.run("return document.activeElement === document.body ||"
-                        " getComputedStyle(document.activeElement).outlineStyle !== 'none'")
+        name, seen = page.run(
+            "const one = document.activeElement; return [one.id || one.textContent,"
+            " one === document.body || getComputedStyle(one).outlineStyle !== 'none']")
+        assert seen, name
+        reached.add(name)
     assert wanted <= reached, wanted - reached
