@@ -281,6 +281,9 @@ def measure_turning(rig, times=16):
         browser.wait("return !document.querySelector('#attitude').hidden", seconds=30)
         browser.find("#take").click()
         browser.wait("return document.body.dataset.driver === 'me'")
+        # What was shown first may be the film before this one.
+        shown = "return Number(document.querySelector('#stage').dataset.shown)"
+        browser.wait(f"{shown} > arguments[0]", browser.run(shown) + 50, seconds=30)
         browser.run(PUSHED + CHANGES)
         time.sleep(3)
         # At rest only the ball moves, and the coder trembles: turning is more than that.
