@@ -27,7 +27,7 @@ def pytest_addoption(parser):
     parser.addoption("--long", action="store_true", help="hundreds of rounds instead of a few")
     parser.addoption("--keep", type=pathlib.Path,
                      help="a folder where the installed boards stay, for the next run as well")
-    parser.addoption("--cuts", type=int, help="how often the plug is pulled in each layout")
+    parser.addoption("--cuts", type=int, help="how often the plug is pulled")
 
 
 @pytest.fixture(scope="session")

@@ -7,8 +7,6 @@ import pytest
 from card import read_log
 from running import LAYOUTS
 
-LAYOUT = pytest.mark.parametrize("layout", LAYOUTS)
-
 
 class Logged:
     """A board that goes on, and the log of its card."""
@@ -67,13 +65,6 @@ def save(board, viewer):
     change_bitrate(board, viewer, 2222)
 
 
-def recalibrate(board, viewer):
-    by_hand(board, "echo calibration >rcin.cal")
-    board.begin()
-    viewer.join().command('{"cmd":"rc","name":"recalibrate"}')
-    board.machine.wait("! [ -e /boot/rcin.cal ] && mountpoint -q /boot")
-
-
 def change_hdmi(board, viewer):
     viewer.join().command(bench.setting("hdmi_enabled", 1))
     board.machine.wait("grep -q hdmi_force_hotplug=1 /boot/config.txt /boot/firmware/config.txt"
@@ -97,10 +88,10 @@ def next_start(board, viewer):
 
 ACTS = {"save": save, "HDMI change": change_hdmi, "first start": first_start,
         "next start": next_start}
+CASES = [*((what, "firmware") for what in ACTS), ("save", "boot"), ("HDMI change", "boot")]
 
 
-@LAYOUT
-@pytest.mark.parametrize("what", ACTS)
+@pytest.mark.parametrize("what, layout", CASES)
 def test_every_state_of_a_cut(logged, viewer, figures, layout, what):
     """The settings are the old or the new ones, whole, and so is the firmware's file; the FAT needs
     no repair that loses a file."""
@@ -111,13 +102,3 @@ def test_every_state_of_a_cut(logged, viewer, figures, layout, what):
     assert wear["flushes"] and wear["bytes written"]
     figures[f"every state of a cut, {what}, {layout}"] = {**states.check(LAYOUTS[layout][0]),
                                                           **wear}
-
-
-def test_every_state_of_a_cut_in_a_recalibration(logged, viewer, figures):
-    """It takes a file off the card where that is mounted at /boot; in the other layout the file is
-    on the root."""
-    board = logged("boot")
-    recalibrate(board, viewer)
-    states = board.states()
-    figures["every state of a cut, recalibration, boot"] = {**states.check("/boot"),
-                                                            **states.wear()}
