@@ -9,21 +9,16 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/version.h"
 #include "base/unique_fd.h"
 #include "tools/common/failure.h"
 #include "tools/common/progress_line.h"
+#include "tools/common/version.h"
 #include "tools/ctl/interrupt.h"
 #include "tools/ctl/output.h"
 #include "tools/ctl/pcapng.h"
 
 namespace nimbus::ctl {
 namespace {
-
-std::string writer_name() {
-  return "nimbusctl " + std::to_string(kVersionMajor) + "." + std::to_string(kVersionMinor) + "." +
-         std::to_string(kVersionPatch);
-}
 
 std::string counted(std::uint64_t count, const char* what) {
   return std::to_string(count) + " " + what;
@@ -37,7 +32,7 @@ class CaptureFile {
         file_(path == "-" ? dup(STDOUT_FILENO)
                           : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)) {
     if (!file_) refuse("open");
-    write_all(pcapng_start(writer_name()));
+    write_all(pcapng_start("nimbusctl " + tools::version_text()));
   }
 
   void add(Direction direction, tools::Endpoint from, tools::Endpoint to,

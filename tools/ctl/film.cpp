@@ -5,9 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstdio>
+#include <cinttypes>
 #include <cstring>
 #include <filesystem>
 #include <optional>
@@ -15,6 +14,7 @@
 #include "base/unique_fd.h"
 #include "tools/common/failure.h"
 #include "tools/common/progress_line.h"
+#include "tools/common/text.h"
 #include "tools/ctl/interrupt.h"
 #include "tools/web/stream.h"
 
@@ -58,10 +58,8 @@ class FilmFile {
   [[nodiscard]] double seconds() const { return static_cast<double>(end_) / kMicroseconds; }
 
   [[nodiscard]] std::string told() const {
-    std::array<char, 96> text;
-    std::snprintf(text.data(), text.size(), ": %u pictures, %.1f s, %llu bytes", fragments_,
-                  seconds(), static_cast<unsigned long long>(bytes_));
-    return path_ + text.data();
+    return path_ + tools::format_text(": %u pictures, %.1f s, %" PRIu64 " bytes", fragments_,
+                                      seconds(), bytes_);
   }
 
   /// Throws Failure when hardly anything is left where it lies.

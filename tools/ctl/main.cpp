@@ -12,9 +12,9 @@
 #include <string_view>
 #include <vector>
 
-#include "app/version.h"
 #include "tools/common/failure.h"
 #include "tools/common/numbers.h"
+#include "tools/common/version.h"
 #include "tools/ctl/capture.h"
 #include "tools/ctl/commands.h"
 #include "tools/ctl/completion.h"
@@ -82,11 +82,10 @@ class CommandLine {
  public:
   CommandLine()
       : app_("A viewer for the terminal: watches and operates Tervado Nimbus.", "nimbusctl") {
-    const std::string version = std::to_string(kVersionMajor) + "." +
-                                std::to_string(kVersionMinor) + "." + std::to_string(kVersionPatch);
     // Of an option given twice, the last counts: scripts add their own behind those of others.
     app_.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    app_.set_version_flag("--version", "nimbusctl " + version, "Print the version and end");
+    app_.set_version_flag("--version", "nimbusctl " + tools::version_text(),
+                          "Print the version and end");
     app_.set_help_flag("-h,--help", "Print this help and end");
     // At most one, so that the words behind it are never taken for another.
     app_.require_subcommand(0, 1);

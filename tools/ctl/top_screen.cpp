@@ -90,9 +90,9 @@ void TopScreen::overhear(const sim::UdpDatagram& datagram, Clock::time_point now
   if (datagram.source_port == kDataPort) return overhear_frame(datagram.payload, now);
   const auto frame = decode_frame(datagram.payload);
   if (!frame || frame->payload.empty() || frame->payload[0] != '{') return;
-  const std::string text(frame->payload.begin(), frame->payload.end());
   // What stands behind a zero is not read by the service either.
-  note(commands_, {tools::dotted(datagram.source) + ": " + text.c_str(), now});
+  const std::string text(frame->payload.begin(), std::ranges::find(frame->payload, 0));
+  note(commands_, {tools::dotted(datagram.source) + ": " + text, now});
 }
 
 void TopScreen::overhear_frame(std::span<const std::uint8_t> datagram, Clock::time_point now) {

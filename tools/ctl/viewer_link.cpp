@@ -3,12 +3,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cstdio>
 
 #include "base/wire.h"
 #include "display/command_mailbox.h"
 #include "net/viewers.h"
 #include "tools/common/failure.h"
+#include "tools/common/text.h"
 #include "tools/ctl/interrupt.h"
 
 namespace nimbus::ctl {
@@ -32,12 +32,6 @@ constexpr std::uint8_t type_of(FromViewer message) { return static_cast<std::uin
 static_assert(kRegistration[0] == type_of(FromViewer::register_viewer));
 static_assert(kLeave[0] == type_of(FromViewer::leave));
 
-std::string seconds_text(double seconds) {
-  std::array<char, 32> text;
-  std::snprintf(text.data(), text.size(), "%g s", seconds);
-  return text.data();
-}
-
 }  // namespace
 
 Clock::time_point end_after(double seconds) {
@@ -48,7 +42,9 @@ Clock::time_point end_after(double seconds) {
 
 std::optional<Frame> decode_frame(std::span<const std::uint8_t> datagram) {
   if (datagram.size() < kFrameHeaderSize || datagram[0] != kFrameMagic) return std::nullopt;
-  return Frame{datagram[1] == 1, load_le<std::uint32_t>(datagram, kFrameNumberOffset),
+  constexpr auto kVideo = static_cast<std::uint8_t>(FrameKind::video);
+  return Frame{datagram[kFrameKindOffset] == kVideo,
+               load_le<std::uint32_t>(datagram, kFrameNumberOffset),
                datagram.subspan(kFrameHeaderSize)};
 }
 
@@ -89,7 +85,7 @@ ViewerLink::ViewerLink(const Connection& connection, Tap tap)
     }
   }
   throw tools::Failure("nobody answers at " + place.host + ":" + std::to_string(place.port) +
-                       " within " + seconds_text(connection.timeout) +
+                       " within " + tools::format_text("%g s", connection.timeout) +
                        "; expected a running service with room for one more viewer");
 }
 

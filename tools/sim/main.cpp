@@ -7,12 +7,12 @@
 #include <exception>
 #include <string>
 
-#include "app/version.h"
 #include "base/word_table.h"
 #include "net/udp_link.h"
 #include "tools/common/failure.h"
 #include "tools/common/numbers.h"
 #include "tools/common/text.h"
+#include "tools/common/version.h"
 #include "tools/sim/console.h"
 #include "tools/sim/simulator.h"
 
@@ -174,6 +174,43 @@ void declare_replay(CLI::App& app, Arguments& arguments) {
   app.add_flag("--loop", arguments.loop, "over and over again")->needs(replay)->group("Replay");
 }
 
+void declare_video(CLI::App& app, Options& options, Arguments& arguments) {
+  auto* const video = app.add_option("--video", options.video,
+                                     "send this H.264 byte stream; - is standard input, sent as it "
+                                     "comes")
+                          ->type_name("FILE")
+                          ->group("Video");
+  app.add_flag("--scene", options.scene,
+               "send a picture of a landscape that follows the gimbal, coded by ffmpeg")
+      ->excludes(video)
+      ->group("Video");
+  const auto add = [&app, video](const char* name, std::string& value, const char* type,
+                                 const char* help) {
+    return app.add_option(name, value, help)->type_name(type)->needs(video)->group("Video");
+  };
+  add("--datagram", arguments.datagram, "BYTES", "cut it into so many bytes (default: 1400)");
+  auto* const fps =
+      add("--fps", arguments.fps, "N", "send so many pictures of a file a second (default: 25)");
+  add("--bitrate", arguments.bitrate, "N", "send so many bits of a file a second instead")
+      ->excludes(fps);
+  app.add_flag("--once", arguments.once, "end with the file instead of sending it again")
+      ->needs(video)
+      ->group("Video");
+}
+
+void declare_faults(CLI::App& app, Arguments& arguments) {
+  auto* const faults =
+      app.add_option("--faults", arguments.faults,
+                     "damage reports: drop=RATE,corrupt=RATE,truncate=RATE,repeat=RATE, each from "
+                     "0 to 1")
+          ->type_name("LIST")
+          ->group("Faults");
+  app.add_option("--seed", arguments.seed, "the same seed brings the same faults (default: 1)")
+      ->type_name("N")
+      ->needs(faults)
+      ->group("Faults");
+}
+
 void declare(CLI::App& app, Options& options, Arguments& arguments) {
   app.add_option("--host", options.host, "where the service runs (default: 127.0.0.1)")
       ->type_name("HOST");
@@ -187,48 +224,11 @@ void declare(CLI::App& app, Options& options, Arguments& arguments) {
   app.add_option("--lose-subject", arguments.lose_subject,
                  "lose a tracked subject after so many seconds (default: never)")
       ->type_name("N");
-
-  auto* const video = app.add_option("--video", options.video,
-                                     "send this H.264 byte stream; - is standard input, sent as it "
-                                     "comes")
-                          ->type_name("FILE")
-                          ->group("Video");
-  app.add_flag("--scene", options.scene,
-               "send a picture of a landscape that follows the gimbal, coded by ffmpeg")
-      ->excludes(video)
-      ->group("Video");
-  app.add_option("--datagram", arguments.datagram, "cut it into so many bytes (default: 1400)")
-      ->type_name("BYTES")
-      ->needs(video)
-      ->group("Video");
-  auto* const fps = app.add_option("--fps", arguments.fps,
-                                   "send so many pictures of a file a second (default: 25)")
-                        ->type_name("N")
-                        ->needs(video)
-                        ->group("Video");
-  app.add_option("--bitrate", arguments.bitrate, "send so many bits of a file a second instead")
-      ->type_name("N")
-      ->needs(video)
-      ->excludes(fps)
-      ->group("Video");
-  app.add_flag("--once", arguments.once, "end with the file instead of sending it again")
-      ->needs(video)
-      ->group("Video");
-
+  declare_video(app, options, arguments);
   app.add_option("--rc", options.rc, "play an RC receiver by this script")
       ->type_name("SCRIPT")
       ->group("Receiver");
-
-  auto* const faults =
-      app.add_option("--faults", arguments.faults,
-                     "damage reports: drop=RATE,corrupt=RATE,truncate=RATE,repeat=RATE, each from "
-                     "0 to 1")
-          ->type_name("LIST")
-          ->group("Faults");
-  app.add_option("--seed", arguments.seed, "the same seed brings the same faults (default: 1)")
-      ->type_name("N")
-      ->needs(faults)
-      ->group("Faults");
+  declare_faults(app, arguments);
   declare_replay(app, arguments);
 }
 
@@ -238,8 +238,7 @@ int run(int argc, char** argv) {
   Options options;
   Arguments arguments;
   declare(app, options, arguments);
-  app.set_version_flag(
-      "--version", format_text("nimbus-sim %d.%d.%d", kVersionMajor, kVersionMinor, kVersionPatch));
+  app.set_version_flag("--version", "nimbus-sim " + tools::version_text());
   app.footer(kExamples);
   try {
     app.parse(argc, argv);

@@ -11,9 +11,8 @@
 namespace nimbus::sim {
 namespace {
 
-using tools::format_text;
-
 using tools::Failure;
+using tools::format_text;
 
 /// Seconds between the last datagram of a round and the first of the next: a picture's time.
 constexpr double kBetweenRounds = 0.04;

@@ -9,9 +9,9 @@
 #include <iostream>
 
 #include "tools/common/failure.h"
+#include "tools/common/version.h"
 #include "tools/web/passwords.h"
 #include "tools/web/server.h"
-#include "tools/web/tables.h"
 
 namespace nimbus::web {
 namespace {
@@ -87,7 +87,8 @@ struct Words {
 };
 
 void add_options(CLI::App& app, ServerOptions& options, Words& words) {
-  app.set_version_flag("--version", "nimbus-web " + version_text(), "Print the version and end");
+  app.set_version_flag("--version", "nimbus-web " + tools::version_text(),
+                       "Print the version and end");
   app.set_help_flag("-h,--help", "Print this help and end");
   app.add_option("--service", words.service, "Where the service runs: HOST or HOST:PORT")
       ->envname("NIMBUS_SERVICE")

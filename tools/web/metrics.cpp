@@ -1,9 +1,9 @@
 // The figures for a monitor.
 #include <cstdio>
 
+#include "tools/common/version.h"
 #include "tools/web/hub.h"
 #include "tools/web/peers.h"
-#include "tools/web/tables.h"
 
 namespace nimbus::web {
 namespace {
@@ -51,7 +51,7 @@ std::string Hub::metrics(std::size_t connections, Time now) {
   }
   const StreamCounts& counts = stream_.counts();
   Metrics out;
-  out.info("nimbus_web_info", "The program.", "version=\"" + version_text() + "\"");
+  out.info("nimbus_web_info", "The program.", "version=\"" + tools::version_text() + "\"");
   out.gauge("nimbus_service_up", "Whether the service has been heard lately.", linked_ ? 1 : 0);
   out.gauge("nimbus_camera_connected", "Whether camera data arrives.",
             flag(state_, "camera", "connected"));

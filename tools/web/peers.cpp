@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "tools/common/failure.h"
+#include "tools/common/version.h"
 #include "tools/web/json_text.h"
 #include "tools/web/tables.h"
 
@@ -76,9 +77,9 @@ ControlPeer::~ControlPeer() {
 }
 
 void ControlPeer::say_greeting() {
-  say(R"({"type":"hello","version":)" + quoted(version_text()) + R"(,"you":)" + quoted(name_) +
-      R"(,"role":)" + (visitor_.operates ? R"("operator")" : R"("viewer")") + R"(,"password":)" +
-      json_text(hub_.has_password_) + "," + tables_json() + "}");
+  say(R"({"type":"hello","version":)" + quoted(tools::version_text()) + R"(,"you":)" +
+      quoted(name_) + R"(,"role":)" + (visitor_.operates ? R"("operator")" : R"("viewer")") +
+      R"(,"password":)" + json_text(hub_.has_password_) + "," + tables_json() + "}");
 }
 
 std::optional<Message> ControlPeer::next() {

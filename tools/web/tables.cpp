@@ -1,6 +1,5 @@
 #include "tools/web/tables.h"
 
-#include "app/version.h"
 #include "tools/ctl/commands.h"
 #include "tools/ctl/settings.h"
 #include "tools/web/json_text.h"
@@ -82,11 +81,6 @@ std::string wifi_json() {
 }
 
 }  // namespace
-
-std::string version_text() {
-  return std::to_string(kVersionMajor) + "." + std::to_string(kVersionMinor) + "." +
-         std::to_string(kVersionPatch);
-}
 
 const std::string& tables_json() {
   static const std::string text = member("commands", commands_json()) + "," +

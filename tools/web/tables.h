@@ -5,9 +5,6 @@
 
 namespace nimbus::web {
 
-/// The program's version.
-[[nodiscard]] std::string version_text();
-
 /// `"commands":[...],"settings":[...],"wifi":[...]`, made once.
 [[nodiscard]] const std::string& tables_json();
 

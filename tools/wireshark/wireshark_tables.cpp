@@ -12,7 +12,6 @@
 #include <string>
 #include <string_view>
 
-#include "app/version.h"
 #include "camera/codes.h"
 #include "camera/duml.h"
 #include "camera/reports.h"
@@ -20,6 +19,7 @@
 #include "net/sources.h"
 #include "net/viewers.h"
 #include "tools/common/text.h"
+#include "tools/common/version.h"
 #include "tools/sim/commands.h"
 
 namespace nimbus::wireshark {
@@ -137,8 +137,7 @@ std::string commands() {
 }
 
 std::string tables() {
-  return "local tables = {\n" +
-         format_text("  version = \"%d.%d.%d\",\n", kVersionMajor, kVersionMinor, kVersionPatch) +
+  return "local tables = {\n  version = " + quoted(tools::version_text()) + ",\n" +
          format_text("  ports = {viewers = %u, data = %u, video = %u},\n", unsigned{kViewerPort},
                      unsigned{kDataPort}, unsigned{kVideoPort}) +
          format_text("  frame = {header = %zu, magic = %u, kind = %zu, number = %zu},\n",
