@@ -137,7 +137,7 @@ void Assembler::note_torn(Time now) {
   note_pause(now);
 }
 
-/// Drops what is no part of a picture, but for what may be the start of a start code.
+/// Drops what belongs to no picture, but for what may be the start of a start code.
 void Assembler::give_up() {
   lost_before_ = lost_before_ || !skips_;
   skips_ = true;

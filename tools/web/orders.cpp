@@ -24,7 +24,8 @@ std::vector<std::string> texts_of(const cJSON* list, const char* name) {
   const cJSON* item = nullptr;
   cJSON_ArrayForEach(item, list) {
     if (cJSON_IsString(item) == 0) {
-      throw Failure(std::string(name) + " has what is no text; expected texts, also for numbers");
+      throw Failure(std::string(name) +
+                    " has something that is not a text; expected texts, also for numbers");
     }
     texts.emplace_back(item->valuestring);
   }
