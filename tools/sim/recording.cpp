@@ -1,5 +1,6 @@
 #include "tools/sim/recording.h"
 
+#include <pcap/pcap.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -72,6 +73,8 @@ nanoseconds RecordedClock::take(nanoseconds stamp) {
   latest_ = std::clamp(stamp - *zero_, latest_, kMost);
   return latest_;
 }
+
+void Recording::Close::operator()(pcap* file) const noexcept { pcap_close(file); }
 
 Recording::Recording(const std::string& path) : Recording(open_file(path), path) {}
 

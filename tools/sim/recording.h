@@ -2,8 +2,6 @@
 // start to its end.
 #pragma once
 
-#include <pcap/pcap.h>
-
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -12,6 +10,8 @@
 #include <string>
 
 #include "tools/sim/packet.h"
+
+struct pcap;  // libpcap
 
 namespace nimbus::sim {
 
@@ -54,12 +54,12 @@ class Recording {
 
  private:
   struct Close {
-    void operator()(pcap_t* file) const noexcept { pcap_close(file); }
+    void operator()(pcap* file) const noexcept;
   };
 
   std::string name_;
   double size_ = 0;  // bytes
-  std::unique_ptr<pcap_t, Close> file_;
+  std::unique_ptr<pcap, Close> file_;
   LinkLayer layer_ = LinkLayer::ethernet;
   UdpReader reader_;
   RecordedClock clock_;
