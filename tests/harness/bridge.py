@@ -14,6 +14,7 @@ class Bridge:
         self.socket = udp_socket(host)
         self.address = self.socket.getsockname()
         self._stop = threading.Event()
+        self._repeater = None
 
     def send(self, data):
         self.socket.sendto(data, ("127.0.0.1", self.port))
@@ -26,7 +27,8 @@ class Bridge:
                 self.send(data)
                 self._stop.wait(period)
 
-        threading.Thread(target=repeat, daemon=True).start()
+        self._repeater = threading.Thread(target=repeat, daemon=True)
+        self._repeater.start()
 
     def receive(self, seconds=5):
         self.socket.settimeout(limit(seconds))
@@ -34,4 +36,6 @@ class Bridge:
 
     def close(self):
         self._stop.set()
+        if self._repeater is not None:
+            self._repeater.join()
         self.socket.close()
