@@ -357,9 +357,10 @@ def sizes_at_random(seed):
         yield chance.choice([8, 9, 1400, 1400, chance.randrange(8, MAX_DATAGRAM + 1), MAX_DATAGRAM])
 
 
-def check_frames(viewer):
+def check_frames(viewer, stays=True):
     """Whatever a viewer has received is whole, and its video is in order. Returns the numbers of
-    the video datagrams."""
+    the video datagrams. Who does not stay may leave one slot and take a later one while a broadcast
+    goes from the one to the other, and gets it twice."""
     numbers = []
     for frame in viewer.frames:
         check_header(frame)
@@ -367,7 +368,7 @@ def check_frames(viewer):
             numbers.append(number_of(frame.payload))
         else:
             assert is_status(frame.payload), frame
-    assert numbers == sorted(set(numbers))
+    assert numbers == (sorted(set(numbers)) if stays else sorted(numbers))
     return numbers
 
 
@@ -400,7 +401,7 @@ def test_frames_stay_whole_under_all_kinds_of_traffic(steady, crowd, viewers, vi
     for stayer in stayers:
         wait_video(stayer, stream.sent)
         assert check_frames(stayer) == list(range(stream.sent))
-    assert sum(map(len, map(check_frames, comers))) > 0
+    assert sum(len(check_frames(comer, stays=False)) for comer in comers) > 0
     # A round a second, each a little longer for waiting its turn, but none lost.
     rounds = sum(f.payload[:1] == b"\x0b" for f in stayers[-1].frames)
     assert rounds >= (seconds - 1) / limit(1.3)
@@ -458,7 +459,7 @@ def test_no_frame_for_a_third_party(held, viewers, join, video):
             comer.leave()
     wait_video(stayer, stream.sent)
     assert check_frames(stayer) == list(range(stream.sent))
-    assert sum(map(len, map(check_frames, comers))) > 0
+    assert sum(len(check_frames(comer, stays=False)) for comer in comers) > 0
     assert [b.address for b in bystanders if b.frames] == []
 
 

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
+#include <cstdint>
 #include <string>
 
 #include "base/clock.h"
@@ -29,7 +31,11 @@ class StatusLoop : public testing::Test {
   }
 
   StatusLoop() { register_viewer(viewer_.endpoint(), false); }
-  ~StatusLoop() override { viewer_.send(kViewerPort, "\x42"s + std::string(11, '\0') + "\1"); }
+  ~StatusLoop() override {
+    std::array<std::uint8_t, kFrameHeaderSize + 1> leave{kFrameMagic};
+    leave.back() = static_cast<std::uint8_t>(FromViewer::leave);
+    handle_viewer_datagram({leave, viewer_.endpoint()});
+  }
 
   static bool start() {
     test::Console console;
