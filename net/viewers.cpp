@@ -134,7 +134,8 @@ Endpoint ViewerClient::viewer() const noexcept {
 void ViewerClient::fill(Endpoint newcomer) noexcept {
   static std::uint16_t count = 0;
   address.store_release(newcomer.address);
-  tenancy.store_release(std::uint32_t{++count} << 16 | newcomer.port);
+  count = static_cast<std::uint16_t>(count + 1);  // it wraps
+  tenancy.store_release(std::uint32_t{count} << 16 | newcomer.port);
 }
 
 bool ViewerClient::release(std::uint32_t ended) noexcept {
