@@ -510,6 +510,7 @@ def check_rounds(viewer):
     return [state for state, _ in itertools.groupby(states)]
 
 
+@pytest.mark.timing  # an encoder that the machine stops for a second is a lost link
 def test_real_encoder(steady, crowd, viewers, tmp_path):
     """Ten viewers get the stream of a real encoder and decode from it what was encoded; one of them
     falls silent and gets its beginning; an eleventh takes over the slot and gets its end."""
