@@ -1,6 +1,6 @@
-"""What nimbus-web's picture is held against: the plain way into a browser. FFmpeg repacks the stream,
-a fragment for each picture; the page fetches it into Media Source Extensions and plays a little
-faster while it is behind."""
+"""What nimbus-web's picture is held against: the plain way into a browser. FFmpeg repacks the
+stream, a fragment for each picture; the page fetches it into Media Source Extensions and plays a
+little faster while it is behind."""
 
 import http.server
 import subprocess

@@ -1,6 +1,6 @@
 """Measures the page of nimbus-web in a real browser: glass to glass by the time in the picture, and
-from a pointer to the frame at the bridge. Prints rows of the table that all benchmarks share; runs in
-the sandbox. Fails when a limit is missed.
+from a pointer to the frame at the bridge. Prints rows of the table that all benchmarks share; runs
+in the sandbox. Fails when a limit is missed.
 
 usage: bench/web_page.py --build FOLDER [--creep MINUTES] [--samples N]"""
 
@@ -24,9 +24,9 @@ from harness.udp import DATA_PORT  # noqa: E402
 from chromium import Chromium  # noqa: E402
 from film import Film, VideoBridge  # noqa: E402
 from remux import Remux  # noqa: E402
+from rows import print_row  # noqa: E402
 
 PLAIN_HOST = "10.66.0.1"
-WIDTHS = (-42, 11, -26, 6, 9, 6, 6)  # of the table's columns
 
 # What the page must hold, in ms.
 GLASS_BY_MSE = 80
@@ -38,11 +38,7 @@ JOYSTICK = 250
 
 def row(what, figure, limit, beside="", ratio=""):
     """Prints a row; returns whether its limit holds."""
-    holds = figure <= limit
-    cells = (what, f"{figure:.1f} ms", beside, ratio, f"{limit} ms", "", "" if holds else "MISSED")
-    print("|", " | ".join(f"{cell:<{-width}}" if width < 0 else f"{cell:>{width}}"
-                          for cell, width in zip(cells, WIDTHS)), "|", flush=True)
-    return holds
+    return print_row(what, f"{figure:.1f} ms", beside, ratio, f"{limit} ms", figure <= limit)
 
 
 class Rig:
@@ -193,7 +189,8 @@ PUSHED = ("addEventListener('pointermove', (event) => {"
 
 
 def push(browser, right):
-    """Presses the pointer on the stick and moves it so far; the page notes when, if it was told to."""
+    """Presses the pointer on the stick and moves it so far; the page notes when, if it was told
+    to."""
     browser.run("window.pushed = undefined; window.changes = [];")
     browser.actions.move_to_element(browser.find("#stick")).click_and_hold() \
         .move_by_offset(right, 0).perform()

@@ -1,7 +1,7 @@
-"""Measures nimbus-web without a browser: its share of the way of a picture, what it costs with nobody
-there, and with a hundred readers of whom twenty do not read, beside a bare loop of send over as many
-connections. Prints rows of the table that all benchmarks share; runs in the sandbox. Fails when a
-limit is missed.
+"""Measures nimbus-web without a browser: its share of the way of a picture, what it costs with
+nobody there, and with a hundred readers of whom twenty do not read, beside a bare loop of send over
+as many connections. Prints rows of the table that all benchmarks share; runs in the sandbox. Fails
+when a limit is missed.
 
 usage: bench/web_server.py --build FOLDER [--seconds N]"""
 
@@ -24,8 +24,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tests"))
 
 from harness.web import STREAMS, Web, WebSocket  # noqa: E402
+from rows import print_row  # noqa: E402
 
-WIDTHS = (-42, 11, -26, 6, 9, 6, 6)  # of the table's columns
 READERS, STALLED = 100, 20
 PICTURE = 5000  # bytes: 1 Mbit/s at 25 a second
 PERIOD = 0.04
@@ -40,14 +40,12 @@ READERS_MEMORY = 40.0  # MiB
 
 
 def row(what, figure, unit, limit, beside="", ratio="", judged=None):
-    """Prints a row; returns whether its limit holds."""
-    holds = (figure if judged is None else judged) <= limit
-    cells = (what, f"{figure:.2f} {unit}", beside, ratio,
-             f"{limit:g}" + ("" if judged is not None else f" {unit}"), "",
-             "" if holds else "MISSED")
-    print("|", " | ".join(f"{cell:<{-width}}" if width < 0 else f"{cell:>{width}}"
-                          for cell, width in zip(cells, WIDTHS)), "|", flush=True)
-    return holds
+    """Prints a row; returns whether its limit holds, for the figure or for what is judged
+    instead."""
+    if judged is None:
+        return print_row(what, f"{figure:.2f} {unit}", beside, ratio, f"{limit:g} {unit}",
+                         figure <= limit)
+    return print_row(what, f"{figure:.2f} {unit}", beside, ratio, f"{limit:g}", judged <= limit)
 
 
 def pictures():

@@ -1,5 +1,5 @@
-"""What all tests share stands in the package harness beside this file, whose folder pytest adds to the
-path with it."""
+"""What all tests share stands in the package harness beside this file, whose folder pytest adds to
+the path with it."""
 
 import pytest
 

@@ -44,8 +44,8 @@ holds_zeros() {
   ! tr -d '\000' <"$1" 2>/dev/null | cmp -s - "$1"
 }
 
-# fault_of FILE: what is wrong with it, or nothing. A file that was being written when the board lost
-# its power may be empty, hold zeros, or be cut short.
+# fault_of FILE: what is wrong with it, or nothing. A file that was being written when the board
+# lost its power may be empty, hold zeros, or be cut short.
 fault_of() {
   if ! [ -f "$1" ] || ! [ -r "$1" ]; then
     echo "cannot be used"

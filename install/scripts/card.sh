@@ -46,7 +46,8 @@ replace() (
   fi
   rm -rf "$fresh"
   "$@" >"$fresh" || exit 1
-  # On a card whose files are all somebody's (mounted with uid=), only he may, and modes mean nothing.
+  # On a card whose files are all somebody's (mounted with uid=), only he may, and modes mean
+  # nothing.
   if [ -e "$target" ]; then chmod --reference="$target" "$fresh" || true; fi
   # A rename that reached the card before the data would leave an empty file.
   sync "$fresh" || exit 1

@@ -1,5 +1,5 @@
-"""Boards that announce themselves, by avahi-daemon and the file of the package: what nimbusctl finds,
-and when it takes the only one."""
+"""Boards that announce themselves, by avahi-daemon and the file of the package: what nimbusctl
+finds, and when it takes the only one."""
 
 import json
 import pathlib
@@ -16,8 +16,8 @@ from harness.timing import limit
 
 ANNOUNCEMENT = pathlib.Path(__file__).parents[2] / "install/nimbus.avahi"
 
-# It asks for no D-Bus, and its folders are its own, so that there may be several. By its path, mount
-# is the system's and not the stand-in of the sandbox.
+# It asks for no D-Bus, and its folders are its own, so that there may be several. By its path,
+# mount is the system's and not the stand-in of the sandbox.
 CONFIGURATION = """\
 [server]
 host-name={name}

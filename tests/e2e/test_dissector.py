@@ -127,14 +127,14 @@ SHOWN = {
     "damaged": (reported(spoilt(GIMBAL) + LENS + b"\0"), "from camera: damaged frame, lens", {
         "nimbus.camera.crc.bad": "1", "nimbus.camera.report": "lens"}),
     "wrong header check": (
-        reported(reports.sealed(GIMBAL[:3] + b"\0" + GIMBAL[4:]) + b"\0"), "from camera: gimbal", {
+        reported(duml.sealed(GIMBAL[:3] + b"\0" + GIMBAL[4:]) + b"\0"), "from camera: gimbal", {
             "nimbus.camera.header_crc.bad": "1", "nimbus.camera.crc.bad": ""}),
     "cut": (reported(GIMBAL[:20]), "from camera: cut frame", {
         "_ws.expert.message": "The frame goes beyond the datagram"}),
     "at the very end": (reported(GIMBAL), "from camera: gimbal", {
         "_ws.expert.message": "Nothing follows this report, and the service takes none "
                                      "without"}),
-    "unknown report": (reported(reports.frame_of(bytes(7)) + b"\0"),
+    "unknown report": (reported(duml.frame_of(bytes(7)) + b"\0"),
                        "from camera: unknown report", {"nimbus.camera.payload": "00" * 7}),
     "short frame": (reported(b"\x55\x03\x04\0"), "from camera: short frame", {}),
     "no frame": (reported(b"\0\x55"), "from camera: 2 bytes", {"nimbus.camera.skipped": "0055"}),

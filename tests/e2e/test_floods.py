@@ -10,8 +10,9 @@ import pytest
 
 from harness.board_tools import wait_round
 from harness.console import connected, events, removed
+from harness.duml import sealed
 from harness.growth import GROWTH_BYTES, resources
-from harness.reports import REPORTS, TAIL, TRACKING, sealed
+from harness.reports import REPORTS, TAIL, TRACKING
 from harness.timing import wait_until
 from harness.udp import DATA_PORT, VIDEO_PORT, VIEWER_PORT, socket_queue, udp_socket
 

@@ -11,6 +11,7 @@ import pytest
 
 from harness.bridge import Bridge
 from harness.console import connected, events, removed
+from harness.making import making
 from harness.service import SOCKETS
 from harness.timing import limit, wait_until
 from harness.udp import DATA_PORT, PORTS, VIDEO_PORT, VIEWER_PORT, bound_ports, socket_queue
@@ -20,16 +21,9 @@ MAX_PAYLOAD = 65507  # of a UDP datagram
 
 @pytest.fixture
 def bridge():
-    """bridge(port, host) sends to one of the service's ports."""
-    made = []
-
-    def make(port, host="127.0.0.1"):
-        made.append(Bridge(port, host))
-        return made[-1]
-
-    yield make
-    for one in made:
-        one.close()
+    """bridge(port, host="127.0.0.1") sends to one of the service's ports."""
+    with making(Bridge) as make:
+        yield make
 
 
 @pytest.fixture

@@ -1,5 +1,5 @@
-"""Who steers: the pilot is in charge while the receiver is live and the menu is closed, and leaves with
-one stop."""
+"""Who steers: the pilot is in charge while the receiver is live and the menu is closed, and leaves
+with one stop."""
 
 import itertools
 import statistics

@@ -99,10 +99,7 @@ def test_functions_of_other_processes(cockpits):
 def test_recording_outlasts_the_receiver(cockpit):
     """A switch that moved meanwhile acts when the receiver is back."""
     play(cockpit, "record", [(VIDEO, 1.0, START)])
-    cockpit.rc.state(0)
-    cockpit.await_exactly([ZERO])
-    cockpit.rc.state(6)
-    cockpit.check(NOTHING)
+    cockpit.lose_receiver()
     cockpit.rc.state(0)
     cockpit.await_exactly([ZERO])
     cockpit.rc.hold("record", 0.0)

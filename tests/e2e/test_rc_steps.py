@@ -3,7 +3,7 @@
 import pytest
 
 from harness.piloting import (
-    INF, NAN, NOTHING, PHOTO, PLAY, SHUTTER, STEPS, VIDEO, ZERO, above, below, shutter)
+    INF, NAN, NOTHING, PHOTO, PLAY, SHUTTER, STEPS, VIDEO, above, below, shutter)
 
 pytest_plugins = ["harness.commanding", "harness.piloting"]
 
@@ -86,10 +86,7 @@ def test_steps_outlast_the_receiver(cockpit, function):
     steps = STEPS[function]
     assign_stepped(cockpit, function)
     push(cockpit, function, 1.0, steps[1])
-    cockpit.rc.state(0)
-    cockpit.await_exactly([ZERO])
-    cockpit.rc.state(6)
-    cockpit.check(NOTHING)
+    cockpit.lose_receiver()
     cockpit.rc.drop(function)
     cockpit.move(function, 1.0, NOTHING)
     cockpit.move(function, 0.0, NOTHING)
@@ -101,10 +98,7 @@ def test_steps_outlast_the_receiver(cockpit, function):
 def test_latch_outlasts_the_receiver(cockpit):
     assign_stepped(cockpit, "iso")
     cockpit.move("iso", 1.0, STEPS["iso"][1])
-    cockpit.rc.state(0)
-    cockpit.await_exactly([ZERO])
-    cockpit.rc.state(6)
-    cockpit.check(NOTHING)
+    cockpit.lose_receiver()
     cockpit.move("iso", 0.0, NOTHING)
     cockpit.move("iso", 1.0, STEPS["iso"][2])
 

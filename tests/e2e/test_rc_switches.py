@@ -120,10 +120,7 @@ def test_switches_outlast_the_receiver(cockpit, function, up, down):
     """One that stayed up does nothing when it is back; one that moved meanwhile acts then."""
     cockpit.rc.assign(function)
     cockpit.move(function, 1.0, up)
-    cockpit.rc.state(0)
-    cockpit.await_exactly([ZERO])
-    cockpit.rc.state(6)
-    cockpit.check(NOTHING)
+    cockpit.lose_receiver()
     cockpit.rc.drop(function)
     cockpit.move(function, 0.0, NOTHING)
     cockpit.rc.assign(function)

@@ -1,4 +1,5 @@
-"""The tour of the README, as a reader takes it: each command succeeds and prints what is promised."""
+"""The tour of the README, as a reader takes it: each command succeeds and prints what is
+promised."""
 
 import os
 import pathlib

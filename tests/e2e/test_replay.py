@@ -431,7 +431,8 @@ def test_capture_and_replay(build, replay, service, tmp_path):
 
 
 def test_capture_is_readable(build, service, tmp_path):
-    """Both directions stand in the file, with sound checksums, in the words of a reader of its own."""
+    """Both directions stand in the file, with sound checksums, in the words of a reader of its
+    own."""
     path = tmp_path / "viewer.pcapng"
     assert capture(build, path, "--seconds", 1.2).returncode == 0
     packets = read_pcapng(path.read_bytes())

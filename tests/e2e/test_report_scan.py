@@ -14,8 +14,8 @@ import random
 
 import pytest
 
-from harness.duml import START, crc16
-from harness.reports import STATUS, frame_of, sealed
+from harness.duml import START, crc16, frame_of, sealed
+from harness.reports import STATUS
 
 pytest_plugins = ["harness.reporting"]
 

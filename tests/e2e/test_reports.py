@@ -8,12 +8,12 @@ import time
 
 import pytest
 
-from harness.duml import crc16, crc8
+from harness.duml import crc16, crc8, frame_of
 from harness.messages import assert_messages, low16, status, triple
 from harness.region import FIELDS, NOW, TEXTS, VOLATILE, differences, place, stored
 from harness.reports import (
     FLAGS_30, FLAG_17, GIMBAL, HISTOGRAM, LENS, RECORDING, REPORTS, SETTINGS, STATUS, TAIL,
-    TRACKING, Report, frame_of)
+    TRACKING, Report)
 from harness.timing import limit, now_ms, wait_until
 
 pytest_plugins = ["harness.reporting"]

@@ -1,5 +1,5 @@
-"""The picture as RTP: what FFmpeg and GStreamer decode of it is, picture by picture, what the camera
-coded."""
+"""The picture as RTP: what FFmpeg and GStreamer decode of it is, picture by picture, what the
+camera coded."""
 
 import hashlib
 import json
@@ -124,7 +124,8 @@ def assert_from_a_key_picture(pictures, source):
     assert pictures == [source[(first + i) % len(source)] for i in range(len(pictures))]
 
 
-# Where a camera that is held up in the middle of a picture has it torn, these two are no fair judges.
+# Where a camera that is held up in the middle of a picture has it torn, these two are no fair
+# judges.
 @pytest.mark.timing
 def test_ffmpeg(camera, console, source, tmp_path):
     sdp = tmp_path / "camera.sdp"

@@ -68,9 +68,9 @@ def changes_nothing(station):
 
 
 def stops(station, stop):
-    """Passes if stop() ends the stream with a frame of zeros, and then there is silence. Returns how
-    many such frames there were: one; or two, because the stream was just sending the old speed and
-    had to take it back."""
+    """Passes if stop() ends the stream with a frame of zeros, and then there is silence. Returns
+    how many such frames there were: one; or two, because the stream was just sending the old speed
+    and had to take it back."""
     start = station.camera.count()
     moving = last(station.camera.events())
     stop()

@@ -136,6 +136,18 @@ def until_still(bridge):
     raise AssertionError(f"the gimbal moves on: {frames[-1:]}")
 
 
+@contextlib.contextmanager
+def driving(web, data, service):
+    """A browser whose speed has come to the gimbal."""
+    data.send(b"\0" * 20)
+    service.err.wait("Data found")
+    with web.control() as browser:
+        drive(browser)
+        browser.send(type="speed", pan=1, tilt=0, roll=0, n=1)
+        data.receive()
+        yield browser
+
+
 def test_driving_moves_and_silence_stops(web, data, service):
     """The gimbal's last frame is a zero one within 400 ms of the last word."""
     data.send(b"\0" * 20)
@@ -152,24 +164,15 @@ def test_driving_moves_and_silence_stops(web, data, service):
 
 
 def test_a_driver_that_vanishes_stops_the_gimbal(web, data, service):
-    data.send(b"\0" * 20)
-    service.err.wait("Data found")
-    with web.control() as browser:
-        drive(browser)
-        browser.send(type="speed", pan=1, tilt=0, roll=0, n=1)
-        data.receive()
+    with driving(web, data, service):
+        pass
     gone = time.monotonic()
     assert until_still(data)[-1][0] - gone < 0.4 * TIME_SCALE
 
 
 @pytest.mark.parametrize("end", [signal.SIGTERM, signal.SIGINT])
 def test_its_own_end_stops_the_gimbal(web, data, service, end):
-    data.send(b"\0" * 20)
-    service.err.wait("Data found")
-    with web.control() as browser:
-        drive(browser)
-        browser.send(type="speed", pan=1, tilt=0, roll=0, n=1)
-        data.receive()
+    with driving(web, data, service):
         ended = time.monotonic()
         web.process.send_signal(end)
         assert until_still(data)[-1][0] - ended < limit(0.4)
@@ -178,12 +181,7 @@ def test_its_own_end_stops_the_gimbal(web, data, service, end):
 
 def test_one_that_was_killed_is_made_up_for_by_the_next(web, serve, data, service):
     """It cannot stop the gimbal any more: the one that systemd starts in its place does."""
-    data.send(b"\0" * 20)
-    service.err.wait("Data found")
-    with web.control() as browser:
-        drive(browser)
-        browser.send(type="speed", pan=1, tilt=0, roll=0, n=1)
-        data.receive()
+    with driving(web, data, service):
         web.kill()
         started = time.monotonic()
         serve(port=8081)
@@ -400,7 +398,8 @@ def guests(web):
 
 
 def test_it_ends_whoever_is_there(serve, service, video, times):
-    """Again and again, at moments of all kinds; each time cleanly, while pictures are on their way."""
+    """Again and again, at moments of all kinds; each time cleanly, while pictures are on their
+    way."""
     film = Film(video, padding=20_000)
     try:
         for turn in range(times(8, 50)):

@@ -15,6 +15,7 @@ import pytest
 
 from harness.console import connected, events, lost, removed
 from harness.far_network import FarViewer, Link
+from harness.making import making
 from harness.service import EMULATOR
 from harness.timing import TIME_SCALE, wait_until
 from harness.viewer import StampedViewer
@@ -57,38 +58,25 @@ def links():
         link.close()
 
 
+def registered(service, viewer):
+    """The viewer, once the service knows it."""
+    viewer.register()
+    service.err.wait(connected(viewer))
+    return viewer
+
+
 @pytest.fixture
 def good(serving):
     """good(host="127.0.0.1") registers a viewer on a good link."""
-    made = []
-
-    def make(host="127.0.0.1"):
-        viewer = StampedViewer(host)
-        made.append(viewer)
-        viewer.register()
-        serving.err.wait(connected(viewer))
-        return viewer
-
-    yield make
-    for viewer in made:
-        viewer.close()
+    with making(StampedViewer) as make:
+        yield lambda host="127.0.0.1": registered(serving, make(host))
 
 
 @pytest.fixture
 def stranded(serving, links):
     """stranded(link) registers a viewer at the far end of that link."""
-    made = []
-
-    def make(link):
-        viewer = FarViewer(link, link.far)
-        made.append(viewer)
-        viewer.register()
-        serving.err.wait(connected(viewer))
-        return viewer
-
-    yield make
-    for viewer in made:
-        viewer.close()
+    with making(FarViewer) as make:
+        yield lambda link: registered(serving, make(link, link.far))
 
 
 def ghosts(service, link, count):

@@ -1,4 +1,5 @@
-"""Recordings of a network, made byte by byte: pcap and pcapng, in each wrapping that a replay takes.
+"""Recordings of a network, made byte by byte: pcap and pcapng, in each wrapping that a replay
+takes.
 
     PYTHONPATH=tests tools/sandbox/enter python3 -m harness.captures BUILD
 
@@ -107,7 +108,8 @@ SESSION = [(at / 10, duml.speed(300, 40, -200)) for at in range(1, 16)] + [
 
 
 def heard(build, seconds, *arguments):
-    """What the simulated camera sends in such a session: (seconds, port, payload) of each datagram."""
+    """What the simulated camera sends in such a session: (seconds, port, payload) of each
+    datagram."""
     session = [(at, said.frame(n)) for n, (at, said) in enumerate(sorted(SESSION, key=lambda x: x[0]))]
     found = []
     sockets = {}

@@ -9,7 +9,9 @@ import re
 import pytest
 
 from harness.camera import Camera
+from harness.console import removed
 from harness.duml import Command, command
+from harness.making import making
 from harness.timing import wait_until
 
 # What the links say of themselves, at moments of their own.
@@ -52,8 +54,7 @@ class Station:
         # They are handled one by one, and the second of these is announced.
         self.viewer.register()
         self.viewer.leave()
-        host, port = self.viewer.address
-        self.camera.wait_text(f"Client {host}:{port} removed\n", start=start)
+        self.camera.wait_text(removed(self.viewer), start=start)
 
     def send(self, what):
         """Posts a command and waits until it has been taken, so that another can follow."""
@@ -113,15 +114,8 @@ class Station:
 @pytest.fixture
 def stations(start, viewers, region):
     """stations(conf="", introduce=True, env=None) makes a Station, one at a time."""
-    made = []
-
-    def make(**options):
-        made.append(Station(start, viewers(), region, **options))
-        return made[-1]
-
-    yield make
-    for station in made:
-        station.close()
+    with making(lambda **options: Station(start, viewers(), region, **options)) as make:
+        yield make
 
 
 @pytest.fixture
@@ -132,13 +126,6 @@ def station(stations):
 
 @pytest.fixture
 def cameras():
-    """cameras() makes one more camera, which is closed at the end of the test."""
-    made = []
-
-    def make(host="127.0.0.1"):
-        made.append(Camera(host))
-        return made[-1]
-
-    yield make
-    for camera_made in made:
-        camera_made.close()
+    """cameras(host="127.0.0.1") makes one more camera, closed at the end of the test."""
+    with making(Camera) as make:
+        yield make

@@ -33,6 +33,21 @@ def crc16(data):
     return reflected_crc(data, 0x8408, 0x3692)
 
 
+def sealed(frame):
+    """The frame with a right check in place of its last two bytes."""
+    return bytes(frame[:-2]) + struct.pack("<H", crc16(frame[:-2]))
+
+
+def frame_of(payload, command_set=0, command_id=0, sender=0x01, receiver=0x02, sequence=0,
+             command_type=0):
+    """A whole frame around that payload."""
+    length = len(payload) + OVERHEAD
+    start = struct.pack("<BH", START, length | VERSION << 10)
+    return sealed(start + bytes([crc8(start)]) +
+                  struct.pack("<BBHBBB", sender, receiver, sequence, command_type, command_set,
+                              command_id) + payload + bytes(2))
+
+
 @dataclasses.dataclass(frozen=True)
 class Command:
     """What a frame says: everything in it but its number and its checks."""
@@ -45,12 +60,8 @@ class Command:
 
     def frame(self, sequence):
         """The whole frame with that number."""
-        size = len(self.payload) + OVERHEAD
-        start = struct.pack("<BH", START, size | VERSION << 10)
-        body = start + bytes([crc8(start)]) + struct.pack(
-            "<BBHBBB", self.sender, RECEIVERS[self.set], sequence, self.type, self.set, self.id)
-        body += self.payload
-        return body + struct.pack("<H", crc16(body))
+        return frame_of(self.payload, self.set, self.id, self.sender, RECEIVERS[self.set], sequence,
+                        self.type)
 
 
 def camera(number, payload="", sender=0x02):

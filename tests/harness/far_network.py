@@ -3,11 +3,9 @@
 import contextlib
 import ctypes
 import os
-import socket
-import struct
 import subprocess
 
-from harness.udp import VIEWER_PORT
+from harness.udp import VIEWER_PORT, forge
 from harness.viewer import StampedViewer
 
 _CLONE_NEWNET = 0x40000000
@@ -79,14 +77,8 @@ class Link:
     def register_ghost(self, host, port):
         """Registers a viewer at an address of this network that nobody has: nobody answers there
         when the service asks for it."""
-        payload = b"\x42" + bytes(13)
-        datagram = struct.pack(">4H", port, VIEWER_PORT, 8 + len(payload), 0) + payload
-        packet = struct.pack(">BBHHHBBH4s4s", 0x45, 0, 20 + len(datagram), 0, 0, 64,
-                             socket.IPPROTO_UDP, 0, socket.inet_aton(host),
-                             socket.inet_aton(self.near)) + datagram
-        with self.inside(), socket.socket(socket.AF_INET, socket.SOCK_RAW,
-                                          socket.IPPROTO_RAW) as raw:
-            raw.sendto(packet, (self.near, 0))
+        with self.inside():
+            forge((host, port), b"\x42" + bytes(13), host=self.near)
 
     def close(self):
         run("ip", "link", "delete", self.here)

@@ -12,6 +12,7 @@ import pytest
 from harness.board_tools import AccessPoint, Standins
 from harness.bridge import Bridge
 from harness.console import connected, events, removed
+from harness.making import making
 from harness.region import DisplayRegion
 from harness.service import EMULATOR, BareService, Service
 from harness.timing import wait_until
@@ -50,9 +51,9 @@ MEASURING = ("test_control", "test_floods", "test_rc_", "test_relay", "test_sim"
              "test_wall_clock", "test_soak")
 
 
-# Files of what a processor could change: bytes on the wire and in the regions, numbers, the settings'
-# text. In an emulator the others see nothing more of it, and tools for people, films and floods take
-# their time there; all of them run in the emulator with --long.
+# Files of what a processor could change: bytes on the wire and in the regions, numbers, the
+# settings' text. In an emulator the others see nothing more of it, and tools for people, films and
+# floods take their time there; all of them run in the emulator with --long.
 OF_PROCESSORS = ("test_board_commands", "test_commands", "test_configuration", "test_control",
                  "test_frames", "test_hostile_commands", "test_links", "test_oddities",
                  "test_rc_charge", "test_rc_cycle", "test_rc_ev", "test_rc_focus_point",
@@ -115,8 +116,8 @@ def empty(folder):
 
 @pytest.fixture(autouse=True)
 def clean_board(sandbox):
-    """Each test starts on a fresh board: no shared memory, an empty /boot, idle stand-ins, no working
-    copy of the settings, whatever the test before has made in its place."""
+    """Each test starts on a fresh board: no shared memory, an empty /boot, idle stand-ins, no
+    working copy of the settings, whatever the test before has made in its place."""
     for folder in ("/dev/shm", "/boot", os.environ["NIMBUS_STANDINS"]):
         empty(folder)
     for entry in pathlib.Path("/run").glob("tervado.conf*"):
@@ -155,17 +156,9 @@ def service(start):
 
 @pytest.fixture
 def viewers():
-    """viewers(host) makes a viewer that is closed at the end of the test."""
-    made = []
-
-    def make(host="127.0.0.1", port=0):
-        viewer = Viewer(host, port)
-        made.append(viewer)
-        return viewer
-
-    yield make
-    for viewer in made:
-        viewer.close()
+    """viewers(host="127.0.0.1", port=0) makes a viewer that is closed at the end of the test."""
+    with making(Viewer) as make:
+        yield make
 
 
 @pytest.fixture

@@ -1,5 +1,5 @@
-"""Everybody who talks to a running service, all of them busy, for as long as it takes. What they see
-is held to account while they see it, so that nothing grows here either."""
+"""Everybody who talks to a running service, all of them busy, for as long as it takes. What they
+see is held to account while they see it, so that nothing grows here either."""
 
 import contextlib
 import itertools
@@ -33,8 +33,8 @@ MISSED_SHARE = 0.001  # of the periods, and two: the machine, too, may be late
 
 
 class Neighbour:
-    """Does one step after the other, `period` seconds apart, on a thread of its own, until it is told
-    to stop. The first exception ends it and is raised by stop()."""
+    """Does one step after the other, `period` seconds apart, on a thread of its own, until it is
+    told to stop. The first exception ends it and is raised by stop()."""
 
     def __init__(self, step, period):
         self._step, self._period = step, period

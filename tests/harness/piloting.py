@@ -1,6 +1,7 @@
 """A running service with its camera and the pilot's end of it: the RC reader.
 
-Test files that use the fixtures say so: pytest_plugins = ["harness.commanding", "harness.piloting"].
+Test files that use the fixtures say so: pytest_plugins = ["harness.commanding",
+"harness.piloting"].
 """
 
 import math
@@ -127,6 +128,14 @@ class Cockpit:
     def _compare(found, expected, why):
         assert found == expected, (f"{why}\nexpected\n" + "\n".join(map(show, expected)) +
                                    "\nnot\n" + "\n".join(map(show, found)))
+
+    def lose_receiver(self):
+        """The receiver falls silent, which stops the gimbal, and is live again, which alone does
+        nothing."""
+        self.rc.state(0)
+        self.await_exactly([ZERO])
+        self.rc.state(RcReader.LIVE)
+        self.check(NOTHING)
 
     def move(self, function, value, expected):
         """Moves a stick or switch, which leads to exactly that."""

@@ -1,6 +1,8 @@
 """A session with a camera: what its bridge sends, and what a service must make of it.
 
-    PYTHONPATH=tests python3 -m harness.recorded_session [SEED]     prints the datagrams of a session in hexadecimal
+    PYTHONPATH=tests python3 -m harness.recorded_session [SEED]
+
+prints the datagrams of a session in hexadecimal.
 
 The model knows the reports by the offsets in their frames, apart from the builder that the session
 is made with.
@@ -13,12 +15,11 @@ import random
 import struct
 import sys
 
-from harness.duml import START, crc16
+from harness.duml import START, crc16, frame_of
 from harness.messages import status, triple
 from harness.region import TEXTS, DisplayRegion, place, stored
 from harness.reports import (
-    FLAGS_30, FLAG_17, GIMBAL, HISTOGRAM, LENS, RECORDING, SETTINGS, STATUS, TAIL, TRACKING,
-    frame_of)
+    FLAGS_30, FLAG_17, GIMBAL, HISTOGRAM, LENS, RECORDING, SETTINGS, STATUS, TAIL, TRACKING)
 
 # --- The session ---------------------------------------------------------------------------------
 

@@ -1,5 +1,5 @@
-"""The regions of shared memory as sibling processes see them. Every offset of the display region stands
-here, and nowhere else in the tests; none is taken from the service's own code.
+"""The regions of shared memory as sibling processes see them. Every offset of the display region
+stands here, and nowhere else in the tests; none is taken from the service's own code.
 """
 
 import mmap
@@ -8,8 +8,8 @@ import struct
 
 from harness.values import encode, size_of
 
-# The display region, by the names of its fields: offset, kind. Texts and blocks are of the kind "Ns"
-# with the size of their field.
+# The display region, by the names of its fields: offset, kind. Texts and blocks are of the kind
+# "Ns" with the size of their field.
 FIELDS = {
     # The network side
     "product_name": (0, "128s"), "version_text": (286, "76s"),
@@ -46,7 +46,8 @@ FIELDS = {
     "orientation_lock": (1016, "B"), "osd_enabled": (1017, "B"),
     "internal_camera_enabled": (1018, "B"), "internal_camera_fullscreen": (1019, "B"),
     "focus_point_x": (1032, "d"), "focus_point_y": (1040, "d"),
-    # The receiver: 32 numbers of 16 bits by channel or by the code of a function, 32 doubles by that.
+    # The receiver: 32 numbers of 16 bits by channel or by the code of a function, 32 doubles by
+    # that.
     "rc_status": (1175, "B"), "show_channels": (1176, "B"),
     "rc_channel_values": (1178, "64s"), "rc_channel_map": (1242, "32s"),
     "rc_assigned": (1274, "64s"), "rc_centred": (1344, "256s"), "rc_position": (1600, "256s"),
@@ -114,8 +115,8 @@ class SharedMemory:
 
 
 class DisplayRegion(SharedMemory):
-    """The display region. Its fields are constants in capitals: the offset of a number, the offset and
-    the size of a text or a block."""
+    """The display region. Its fields are constants in capitals: the offset of a number, the offset
+    and the size of a text or a block."""
 
     SIZE = REGION_SIZE
 

@@ -10,6 +10,7 @@ import struct
 
 import pytest
 
+from harness.console import removed
 from harness.messages import assert_messages
 from harness.region import (
     FIELDS, NOW, REGION_SIZE, TELEMETRY, TEXTS, VOLATILE, differences, place, stored, text_field)
@@ -144,8 +145,7 @@ class Desk:
         try:
             guest.register()
             guest.leave()
-            end = f"Client {guest.address[0]}:{guest.address[1]} removed\n"
-            said = self.service.err.wait(end)
+            said = self.service.err.wait(removed(guest))
         finally:
             guest.close()
         news, self._said = said[self._said:], len(said)

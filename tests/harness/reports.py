@@ -1,28 +1,12 @@
 """The camera's reports: frames made of named values."""
 
 import dataclasses
-import struct
 
-from harness.duml import HEADER_SIZE, OVERHEAD, START, VERSION, crc16, crc8
+from harness.duml import HEADER_SIZE, OVERHEAD, frame_of
 from harness.values import U24, encode
 
 # A frame is taken only with something behind it.
 TAIL = b"\0"
-
-
-def sealed(frame):
-    """The frame with a right check in place of its last two bytes."""
-    return bytes(frame[:-2]) + struct.pack("<H", crc16(frame[:-2]))
-
-
-def frame_of(payload, command_set=0, command_id=0, sender=0x01, receiver=0x02, sequence=0,
-             command_type=0):
-    """A whole frame around that payload."""
-    length = len(payload) + OVERHEAD
-    start = struct.pack("<BH", START, length | VERSION << 10)
-    return sealed(start + bytes([crc8(start)]) +
-                  struct.pack("<BBHBBB", sender, receiver, sequence, command_type, command_set,
-                              command_id) + payload + bytes(2))
 
 
 @dataclasses.dataclass(frozen=True)

@@ -20,14 +20,18 @@ EMULATOR = os.environ.get("NIMBUS_EMULATOR", "").split()
 SOCKETS = len(PORTS) + (0 if EMULATOR else 10)
 
 
+def write_settings(folder, conf):
+    """The configuration file of a service in that folder; None leaves what is there."""
+    if conf is not None:
+        (folder / "tervado.conf").write_bytes(conf if isinstance(conf, bytes) else conf.encode())
+
+
 class Service:
     """One run of the service. `folder` is its working directory, `wrapper` a command that runs the
     command behind it."""
 
     def __init__(self, binary, folder, conf=None, env=None, wrapper=(), wait_ready=True, **popen):
-        if conf is not None:
-            data = conf if isinstance(conf, bytes) else conf.encode()
-            (folder / "tervado.conf").write_bytes(data)
+        write_settings(folder, conf)
         self.started = time.monotonic()
         self.process = subprocess.Popen(
             [*wrapper, *EMULATOR, str(binary)], cwd=folder, env={**os.environ, **(env or {})},
@@ -67,9 +71,7 @@ class BareService(Service):
     `conf` must be None where `folder` cannot be written."""
 
     def __init__(self, binary, folder, conf="", env=None, wrapper=(), wait_ready=True, **popen):
-        if conf is not None:
-            data = conf if isinstance(conf, bytes) else conf.encode()
-            (folder / "tervado.conf").write_bytes(data)
+        write_settings(folder, conf)
         streams = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.DEVNULL)
         self.process = subprocess.Popen([*wrapper, *EMULATOR, str(binary)], cwd=folder,
                                         env={**os.environ, **(env or {})}, **{**streams, **popen})

@@ -21,14 +21,14 @@ def udp_socket(host, port=0, receive_buffer=32 * 1024 * 1024):
     return sock
 
 
-def forge(source, data, port=VIEWER_PORT):
-    """Sends a datagram to 127.0.0.1 that seems to come from `source`, a (host, port) pair."""
+def forge(source, data, port=VIEWER_PORT, host="127.0.0.1"):
+    """Sends a datagram to that host that seems to come from `source`, a (host, port) pair."""
     datagram = struct.pack(">4H", source[1], port, 8 + len(data), 0) + data  # 0: no checksum
     packet = struct.pack(">BBHHHBBH4s4s", 0x45, 0, 20 + len(datagram), 0, 0, 64,
                          socket.IPPROTO_UDP, 0, socket.inet_aton(source[0]),
-                         socket.inet_aton("127.0.0.1")) + datagram
+                         socket.inet_aton(host)) + datagram
     with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW) as raw:
-        raw.sendto(packet, ("127.0.0.1", 0))
+        raw.sendto(packet, (host, 0))
 
 
 def bound_ports():

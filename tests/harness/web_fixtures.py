@@ -2,6 +2,7 @@
 
 import pytest
 
+from harness.making import making
 from harness.timing import wait_until
 from harness.web import Film, Web
 
@@ -9,15 +10,8 @@ from harness.web import Film, Web
 @pytest.fixture
 def serve(build, service):
     """serve(OPTION...) starts nimbus-web beside a running service."""
-    made = []
-
-    def start(*options, **more):
-        made.append(Web(build, *options, **more))
-        return made[-1]
-
-    yield start
-    for web in made:
-        web.stop()
+    with making(lambda *options, **more: Web(build, *options, **more), Web.stop) as make:
+        yield make
 
 
 @pytest.fixture

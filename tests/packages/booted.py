@@ -1,5 +1,5 @@
-"""A machine that has been switched on: systemd with real units and the kernel's filter, in a root of
-the machine's architecture with processes and a network of its own."""
+"""A machine that has been switched on: systemd with real units and the kernel's filter, in a root
+of the machine's architecture with processes and a network of its own."""
 
 import pathlib
 import subprocess

@@ -1,5 +1,5 @@
-"""Roots of the boards' systems: folders with a small Debian of their architecture, made by mmdebstrap
-and kept for the next time. What a test does to one is gone with the test."""
+"""Roots of the boards' systems: folders with a small Debian of their architecture, made by
+mmdebstrap and kept for the next time. What a test does to one is gone with the test."""
 
 import concurrent.futures
 import hashlib
@@ -14,8 +14,8 @@ MIRROR = "http://deb.debian.org/debian"
 HOST = subprocess.run(["dpkg", "--print-architecture"], check=True, capture_output=True,
                       text=True).stdout.strip()
 
-# What the packages depend on, and what tells whether they fit: installed with the root, as the tests
-# have no network.
+# What the packages depend on, and what tells whether they fit: installed with the root, as the
+# tests have no network.
 INSTALLED = ("init-system-helpers systemd nftables mount psmisc libcjson1 libinih1 libstdc++6 libssl3"
              " libcrypt1 libpcap0.8 libncursesw6").split()
 ESSENTIAL = ("base-files base-passwd bash coreutils dash debianutils diffutils dpkg findutils grep gzip"

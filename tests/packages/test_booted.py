@@ -1,6 +1,6 @@
-"""A board that has been switched on: systemd with the real units and the kernel's filter, in a root of
-the machine's architecture with processes and a network of its own. Nothing of it is emulated but the
-hardware."""
+"""A board that has been switched on: systemd with the real units and the kernel's filter, in a root
+of the machine's architecture with processes and a network of its own. Nothing of it is emulated but
+the hardware."""
 
 import os
 

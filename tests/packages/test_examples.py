@@ -51,8 +51,8 @@ def machine(packages_of, tmp_path):
 
 @pytest.fixture
 def camera(machine):
-    """A film of a key picture a second, over and over again, which goes out as RTP. nimbus-web has no
-    unit of its own here: the kernel denies what that takes from it to a machine in a machine."""
+    """A film of a key picture a second, over and over again, which goes out as RTP. nimbus-web has
+    no unit of its own here: the kernel denies what that takes from it to a machine in a machine."""
     machine.succeed("ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc2=s=320x180:r=25", "-t", "4",
                     "-c:v", "libx264", "-tune", "zerolatency", "-g", "25", "-f", "h264", "/run/film")
     machine.succeed("systemctl", "start", "nimbus")

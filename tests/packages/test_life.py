@@ -142,7 +142,8 @@ def test_refused_on_the_oldest_boards(fresh_root, packages_of, name):
 
 
 def test_why_it_is_refused(fresh_root, packages_of):
-    """The same root, but for its processor, runs the program; the old one dies of an instruction."""
+    """The same root, but for its processor, runs the program; the old one dies of an
+    instruction."""
     root = fresh_root("armhf")
     root.dpkg("-i", *root.bring(*packages_of("armhf").all()))
     assert root.run("/usr/bin/nimbusctl", "--help").returncode == 0

@@ -12,6 +12,7 @@ pytest_plugins = ["harness.fixtures"]
 import chromium
 import firefox
 from harness.console import Console
+from harness.making import making
 from harness.timing import limit, wait_until
 from film import Film, VideoBridge
 
@@ -66,15 +67,8 @@ class Web:
 @pytest.fixture
 def webs(build):
     """webs(OPTION...) runs nimbus-web; it must still be running at the end of the test."""
-    made = []
-
-    def make(*options, **more):
-        made.append(Web(build / "nimbus-web", *options, **more))
-        return made[-1]
-
-    yield make
-    for web in made:
-        web.close()
+    with making(lambda *options, **more: Web(build / "nimbus-web", *options, **more)) as make:
+        yield make
 
 
 @pytest.fixture
@@ -94,15 +88,8 @@ def bridge():
 @pytest.fixture
 def films(bridge):
     """films(OPTIONS...) sends a live film over the bridge until the end of the test."""
-    made = []
-
-    def make(**options):
-        made.append(Film(bridge.take, **options))
-        return made[-1]
-
-    yield make
-    for film in made:
-        film.close()
+    with making(lambda **options: Film(bridge.take, **options)) as make:
+        yield make
 
 
 @pytest.fixture
@@ -143,15 +130,8 @@ def browser(shared_chromium):
 @pytest.fixture
 def chromiums():
     """chromiums(...) starts one more Chromium."""
-    made = []
-
-    def make(**options):
-        made.append(chromium.Chromium(**options))
-        return made[-1]
-
-    yield make
-    for one in made:
-        one.close()
+    with making(chromium.Chromium) as make:
+        yield make
 
 
 @pytest.fixture

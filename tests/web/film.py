@@ -80,8 +80,8 @@ def picture(base, milliseconds, lamp=False):
 
 
 class Film:
-    """Makes the film live, encodes it with x264 or x265 and hands each piece of the stream to `take`. The
-    next picture shows whether `lamp` is on."""
+    """Makes the film live, encodes it with x264 or x265 and hands each piece of the stream to
+    `take`. The next picture shows whether `lamp` is on."""
 
     def __init__(self, take, rate=25, keys=25, scale=None, codec="h264"):
         self.rate = rate

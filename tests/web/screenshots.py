@@ -1,5 +1,5 @@
-"""`./dev screenshots`: the page as phones and desks show it, on a service with a simulated camera, to
-be looked at. The README's pictures are among them.
+"""`./dev screenshots`: the page as phones and desks show it, on a service with a simulated camera,
+to be looked at. The README's pictures are among them.
 
 usage: tests/web/screenshots.py --build FOLDER OUTPUT_FOLDER"""
 

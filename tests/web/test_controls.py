@@ -252,7 +252,7 @@ def test_pass_phrases_are_write_only(page):
         "return fetch('/api/state').then((answer) => answer.text())")
 
 
-# --- All of them -----------------------------------------------------------------------------------
+# --- All of them ---------------------------------------------------------------------------------
 
 # Each button of the page, and what is true once it was pressed.
 BUTTONS = {

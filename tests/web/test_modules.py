@@ -49,8 +49,8 @@ def test_curve(module):
     assert module("drive", *shaped) == [0, 0.4, -0.4, 0.7, 0.5, 0.125]
 
 
-# Plays so many pictures of 40 ms with what the module advises; answers with what is left in the end,
-# and the fastest rate.
+# Plays so many pictures of 40 ms with what the module advises; answers with what is left in the
+# end, and the fastest rate.
 PLAY = """
 const [left, jitter, pictures] = given;
 const edge = new m.LiveEdge();

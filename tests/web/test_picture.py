@@ -142,7 +142,8 @@ def test_transport_stream(browser, web, bridge):
 
 @pytest.mark.parametrize("host", [PLAIN_HOST, SECURE_HOST])
 def test_h265_and_back(browser, web, films, host):
-    """H.265 is played where the browser can, and else named; H.264 after it plays without a reload."""
+    """H.265 is played where the browser can, and else named; H.264 after it plays without a
+    reload."""
     first = films(codec="hevc")
     browser.open(web.address(host))
     named = "The video is H.265, which this browser does not play."

@@ -1,5 +1,5 @@
-// The bar of state: links, recording, viewers, loss, latency, gimbal's receiver. A chip appears with
-// its first report; one that is old is dimmed and says since when.
+// The bar of state: links, recording, viewers, loss, latency, gimbal's receiver. A chip appears
+// with its first report; one that is old is dimmed and says since when.
 import { $, el, mark, say } from "./dom.js";
 import { since } from "./values.js";
 

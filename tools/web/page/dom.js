@@ -1,4 +1,5 @@
-// Making and finding elements. Nothing here takes markup: texts come from strangers, and stay texts.
+// Making and finding elements. Nothing here takes markup: texts come from strangers, and stay
+// texts.
 
 /** The element with that id. */
 export const $ = (id) => document.getElementById(id);

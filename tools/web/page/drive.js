@@ -1,5 +1,6 @@
-// A dead man's switch: the gimbal moves only while somebody holds a stick, a key or a lever of a live
-// page. Twenty times a second the newest speeds are sent; once nobody holds anything, zeros, at once.
+// A dead man's switch: the gimbal moves only while somebody holds a stick, a key or a lever of a
+// live page. Twenty times a second the newest speeds are sent; once nobody holds anything, zeros,
+// at once.
 import { memory } from "./dom.js";
 
 const PERIOD_MS = 50;

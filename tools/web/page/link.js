@@ -1,5 +1,5 @@
-// The control connection: comes back when it is lost, knows the server's clock, matches results with
-// what they answer.
+// The control connection: comes back when it is lost, knows the server's clock, matches results
+// with what they answer.
 
 const RETRY_MS = [300, 600, 1200, 2500];
 const PING_MS = 1000;

@@ -1,5 +1,6 @@
-// How a player that has a clock of its own stays at the live edge. What counts is the least that was
-// left to play whenever a picture arrived: as much of it as never runs out is latency for nothing.
+// How a player that has a clock of its own stays at the live edge. What counts is the least that
+// was left to play whenever a picture arrived: as much of it as never runs out is latency for
+// nothing.
 
 const WINDOW = 20; // pictures
 const RELAXED = 0.02; // s of reserve that jitter may have
