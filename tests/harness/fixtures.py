@@ -34,8 +34,8 @@ def pytest_addoption(parser):
 def pytest_configure(config):
     config.addinivalue_line("markers", "timing: measures how long something takes; it may fail beside"
                                        " other work, and is then tried once more, alone")
-    # A job in the background ignores Ctrl-C, one of nohup(1) the end of the terminal, and would pass
-    # that on to all that it starts.
+    # A job in the background ignores Ctrl-C, one of nohup(1) the end of the terminal, and would
+    # pass that on to all that it starts.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGHUP, signal.SIG_DFL)
     # Workers live in worlds of their own, with the same process numbers: each writes what a build
