@@ -37,20 +37,31 @@ def bound_ports():
     return {int(row.split()[1].split(":")[1], 16) for row in rows}
 
 
-def datagrams_sent():
-    """How many UDP datagrams have left any socket of the sandbox so far."""
+def udp_count(name):
+    """A counter of the sandbox's UDP sockets together (RFC 4113, and the kernel's own)."""
     rows = pathlib.Path("/proc/net/snmp").read_text().splitlines()
     names, values = (row.split() for row in rows if row.startswith("Udp:"))
-    return int(values[names.index("OutDatagrams")])
+    return int(values[names.index(name)])
+
+
+def datagrams_sent():
+    """How many UDP datagrams have left any socket of the sandbox so far."""
+    return udp_count("OutDatagrams")
+
+
+def datagrams_refused():
+    """How many UDP datagrams have found the queue of their socket full so far."""
+    return udp_count("RcvbufErrors")
 
 
 def socket_queue(port):
-    """How many bytes wait in the socket bound to that port, and how many datagrams it has lost."""
-    for row in pathlib.Path("/proc/net/udp").read_text().splitlines()[1:]:
-        fields = row.split()
-        if fields[1] == f"00000000:{port:04X}":
-            return int(fields[4].split(":")[1], 16), int(fields[-1])
-    raise AssertionError(f"nobody has bound port {port}")
+    """How many bytes wait in the sockets bound to that port, and how many datagrams they have
+    lost."""
+    rows = map(str.split, pathlib.Path("/proc/net/udp").read_text().splitlines()[1:])
+    queues = [(int(row[4].split(":")[1], 16), int(row[-1])) for row in rows
+              if row[1] == f"00000000:{port:04X}"]
+    assert queues, f"nobody has bound port {port}"
+    return tuple(map(sum, zip(*queues)))
 
 
 @contextlib.contextmanager
