@@ -53,6 +53,12 @@ def with_own_bytes(before):
     return bytes(after)
 
 
+def wait_for_own_bytes(region, before):
+    """Waits until the region is as it is after a start: each thread of the service has written its
+    own."""
+    wait_until(lambda: region.path.read_bytes() == with_own_bytes(before), 5, "the region")
+
+
 def mode(shared):
     return stat.S_IMODE(shared.path.stat().st_mode)
 
@@ -62,7 +68,7 @@ def test_display_region_is_created(start, region, passes, umask):
     start(umask=umask)
     passes(1)
     assert mode(region) == 0o600
-    assert region.path.read_bytes() == with_own_bytes(bytes(region.SIZE))
+    wait_for_own_bytes(region, bytes(region.SIZE))
 
 
 @pytest.mark.parametrize("conf", ["", None])
@@ -73,7 +79,7 @@ def test_existing_display_region_is_kept(start, region, passes, pattern, conf):
     region.create(before)
     start(conf)
     passes(2)
-    assert region.path.read_bytes() == with_own_bytes(before)
+    wait_for_own_bytes(region, before)
 
 
 @pytest.mark.parametrize("size", [2673, 4096, 8192])
@@ -82,7 +88,7 @@ def test_longer_display_region_keeps_its_size(start, region, passes, size):
     region.create(before)
     start()
     passes(1)
-    assert region.path.read_bytes() == with_own_bytes(before)
+    wait_for_own_bytes(region, before)
 
 
 def test_existing_display_region_keeps_its_mode(start, region):
@@ -175,7 +181,7 @@ def test_regions_outlive_the_service(start, region, config_region, standins, pas
     start()
     passes(1)
     assert [shared.path.stat().st_ino for shared in (region, config_region)] == identities
-    assert region.path.read_bytes() == with_own_bytes(before)
+    wait_for_own_bytes(region, before)
     assert config_region.path.read_bytes() == before[:CONFIG_SIZE]
 
 
