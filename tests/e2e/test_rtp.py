@@ -1,10 +1,12 @@
 """The picture as RTP: what FFmpeg and GStreamer decode of it is, picture by picture, what the
 camera coded."""
 
+import base64
 import hashlib
 import json
 import pathlib
 import re
+import shutil
 import socket
 import subprocess
 import time
@@ -24,6 +26,7 @@ GROUP = 10
 WIDTH, HEIGHT = 320, 180
 RTP_PORT = 5004
 WEB_PORT = 8080
+START_CODE = b"\0\0\0\1"
 
 
 @pytest.fixture(scope="module")
@@ -143,6 +146,47 @@ def test_ffmpeg(camera, console, source, tmp_path):
     pictures = checksums(out)
     assert (len(pictures), err) == (25, "")
     assert_from_a_key_picture(pictures, source)
+
+
+def described(sdp):
+    """The parameter sets that the file tells, with start codes; none as long as it has none."""
+    told = re.search(r"sprop-parameter-sets=(\S+)", sdp.read_text())
+    if told is None:
+        return b""
+    return b"".join(START_CODE + base64.b64decode(one) for one in told[1].split(","))
+
+
+def without_sets(stream):
+    units = [unit for unit in re.split(rb"\x00\x00\x00?\x01", stream.read_bytes()) if unit]
+    return b"".join(START_CODE + unit for unit in units if unit[0] & 0x1F not in (7, 8))
+
+
+def test_description_has_the_streams_parameter_sets(camera, console, stream, source, tmp_path):
+    """They are not known at the start. What a decoder needs beside the pictures is there then."""
+    sdp = tmp_path / "camera.sdp"
+    console("--rtp", f"127.0.0.1:{RTP_PORT}", "--sdp", sdp)
+    assert described(sdp) == b""
+    camera.start()
+    wait_until(lambda: described(sdp), 10, "parameter sets")
+    assert re.search(r";profile-level-id=42C0[0-9A-F]{2};", sdp.read_text())
+    decoded = subprocess.run(["ffmpeg", "-loglevel", "error", "-f", "h264", "-i", "-", "-f",
+                              "framemd5", "-"], input=described(sdp) + without_sets(stream),
+                             check=True, capture_output=True)
+    assert checksums(decoded.stdout.decode()) == source
+
+
+def test_description_that_cannot_be_written_any_more(camera, console, tmp_path):
+    """It is said, and the pictures go on."""
+    folder = tmp_path / "folder"
+    folder.mkdir()
+    web = console("--rtp", f"127.0.0.1:{RTP_PORT}", "--sdp", folder / "camera.sdp")
+    shutil.rmtree(folder)
+    camera.start()
+    wait_until(lambda: web.metric("nimbus_web_rtp_pictures_total") > GROUP, 10, "pictures")
+    web.run.terminate()
+    _, said = web.run.communicate(timeout=limit(10))
+    assert said.decode() == (f"nimbus-web: cannot write '{folder}/camera.sdp'; expected a file to "
+                             "write for --sdp\n")
 
 
 @pytest.mark.timing

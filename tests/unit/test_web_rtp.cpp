@@ -9,6 +9,7 @@
 
 #include "tests/unit/web_streams.h"
 #include "tools/web/annex_b.h"
+#include "tools/web/sdp.h"
 
 namespace nimbus::web {
 namespace {
@@ -102,12 +103,35 @@ TEST(Rtp, TimesDoNotDrift) {
   }
 }
 
-TEST(Rtp, Description) {
-  EXPECT_EQ(rtp::description("10.1.2.3", 5004),
-            "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=Tervado Nimbus\r\nc=IN IP4 10.1.2.3\r\nt=0 0\r\n"
-            "m=video 5004 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n"
-            "a=fmtp:96 packetization-mode=1\r\na=recvonly\r\n");
+// --- The session's description -----------------------------------------------------------------
+
+std::string described(const std::string& format) {
+  return "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=Tervado Nimbus\r\nc=IN IP4 10.1.2.3\r\nt=0 0\r\n"
+         "m=video 5004 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=fmtp:96 " +
+         format + "\r\na=recvonly\r\n";
 }
+
+TEST(Sdp, OfAStreamThatHasNotBegun) {
+  EXPECT_EQ(session_description("10.1.2.3", 5004, {}), described("packetization-mode=1"));
+}
+
+TEST(Sdp, WithParameterSets) {
+  const Buffer sets{0, 0,    0,    1, 0x67, 0x4D, 0xC0, 0x1E, 0,    0,   0,
+                    1, 0x68, 0xCE, 0, 0,    0,    1,    0x68, 0xCE, 0x3C};
+  EXPECT_EQ(session_description("10.1.2.3", 5004, sets),
+            described("packetization-mode=1;profile-level-id=4DC01E;"
+                      "sprop-parameter-sets=Z03AHg==,aM4=,aM48"));
+}
+
+TEST(Sdp, SetsThatNoLineHoldsAreLeftOut) {
+  Buffer sets;
+  append_unit(sets, Buffer(1020, 0x67));
+  EXPECT_NE(session_description("10.1.2.3", 5004, sets), described("packetization-mode=1"));
+  sets.push_back(1);
+  EXPECT_EQ(session_description("10.1.2.3", 5004, sets), described("packetization-mode=1"));
+}
+
+// --- What is sent when -------------------------------------------------------------------------
 
 /// The types of the units of each picture.
 std::vector<std::vector<int>> types_of(const Packets& packets) {
@@ -131,23 +155,25 @@ Buffer without_sets(const Buffer& picture) {
   return rest;
 }
 
-/// Sends a picture that arrived some time after the start.
-void show(RtpOutput& output, bool key, std::size_t size) {
+/// Sends a picture that arrived at that time, in microseconds.
+void show(RtpOutput& output, bool key, std::size_t size, std::uint64_t arrival = 0) {
   auto picture = std::make_shared<Picture>();
   picture->key = key;
+  picture->arrival = arrival;
   append_unit(picture->units, unit_of_size(size));
   output.on_picture(picture);
 }
 
-void begin(RtpOutput& output, Kind kind) {
+void begin(RtpOutput& output, Kind kind, const Buffer& sets = {}) {
   auto epoch = std::make_shared<Epoch>();
   epoch->kind = kind;
+  epoch->parameter_sets = sets;
   output.on_epoch(epoch);
 }
 
 TEST(RtpOutput, OnlyH264) {
   Packets packets;
-  RtpOutput output({}, into(packets));
+  RtpOutput output({}, into(packets), nullptr);
   testing::internal::CaptureStderr();
   begin(output, Kind::h265);
   begin(output, Kind::h265);  // of another size: nothing new
@@ -164,7 +190,8 @@ TEST(RtpOutput, OnlyH264) {
 
 TEST(RtpOutput, DropsUpToTheNextKeyPicture) {
   std::size_t asked = 0;
-  RtpOutput output({}, [&asked](Bytes) { return ++asked != 2; });
+  RtpOutput output(
+      {}, [&asked](Bytes) { return ++asked != 2; }, nullptr);
   begin(output, Kind::h264);
   show(output, true, 5000);  // five packets: the second is refused, and the rest not tried
   EXPECT_EQ(asked, 2U);
@@ -177,9 +204,34 @@ TEST(RtpOutput, DropsUpToTheNextKeyPicture) {
   EXPECT_EQ(output.dropped(), 2U);
 }
 
+TEST(RtpOutput, TellsOfParameterSetsSeldom) {
+  constexpr std::uint64_t kSecond = 1'000'000;
+  Packets packets;
+  Packets told;
+  RtpOutput output({}, into(packets),
+                   [&told](Bytes sets) { told.emplace_back(sets.begin(), sets.end()); });
+  const std::array<Buffer, 3> sets{{{0, 0, 0, 1, 0x67, 1}, {0, 0, 0, 1, 0x67, 2}, {1}}};
+  begin(output, Kind::h264, sets[0]);
+  show(output, false, 10, 5 * kSecond);
+  EXPECT_TRUE(told.empty());
+  for (const std::uint64_t second : {5, 6, 20}) show(output, true, 10, second * kSecond);
+  EXPECT_EQ(told, (Packets{sets[0]}));
+  begin(output, Kind::h264, sets[1]);
+  show(output, true, 10, 21 * kSecond);
+  EXPECT_EQ(told, (Packets{sets[0], sets[1]}));
+  begin(output, Kind::h264, sets[0]);
+  show(output, true, 10, 31 * kSecond - 1);  // too soon, and not forgotten
+  EXPECT_EQ(told.size(), 2U);
+  show(output, true, 10, 31 * kSecond);
+  EXPECT_EQ(told, (Packets{sets[0], sets[1], sets[0]}));
+  begin(output, Kind::h265, sets[2]);
+  show(output, true, 10, 60 * kSecond);
+  EXPECT_EQ(told.size(), 3U);
+}
+
 TEST(RtpOutput, ParameterSetsBeforeEachKeyPicture) {
   Packets packets;
-  RtpOutput output({}, into(packets));
+  RtpOutput output({}, into(packets), nullptr);
   Stream stream(output, Ends::seen);
   Time now = Time{} + std::chrono::seconds(100);
   const auto pictures = access_units(recorded("zerolatency.h264"), Coding::h264);

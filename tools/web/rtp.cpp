@@ -68,34 +68,14 @@ bool Packetizer::send_packet(std::size_t size, bool marked, const Sink& sink) {
   return sink(Bytes(packet_).first(size));
 }
 
-std::string description(const std::string& address, std::uint16_t port) {
-  const std::string type = std::to_string(kPayloadType);
-  return "v=0\r\n"
-         "o=- 0 0 IN IP4 127.0.0.1\r\n"
-         "s=Tervado Nimbus\r\n"
-         "c=IN IP4 " +
-         address +
-         "\r\n"
-         "t=0 0\r\n"
-         "m=video " +
-         std::to_string(port) + " RTP/AVP " + type +
-         "\r\n"
-         "a=rtpmap:" +
-         type +
-         " H264/90000\r\n"
-         "a=fmtp:" +
-         type +
-         " packetization-mode=1\r\n"
-         "a=recvonly\r\n";
-}
-
 }  // namespace rtp
 
-RtpOutput::RtpOutput(rtp::Begin begin, rtp::Sink send)
-    : packetizer_(begin), send_(std::move(send)) {}
+RtpOutput::RtpOutput(rtp::Begin begin, rtp::Sink send, rtp::Describe describe)
+    : packetizer_(begin), send_(std::move(send)), describe_(std::move(describe)) {}
 
 void RtpOutput::on_epoch(const SharedEpoch& epoch) {
   const bool another = epoch->kind != std::exchange(kind_, epoch->kind);
+  sets_ = epoch->parameter_sets;
   if (!another || kind_ == Kind::h264) return;
   std::fprintf(stderr, "nimbus-web: the video is %s, which is not sent as RTP; expected h264\n",
                name_of(kind_));
@@ -103,9 +83,20 @@ void RtpOutput::on_epoch(const SharedEpoch& epoch) {
 
 void RtpOutput::on_picture(const SharedPicture& picture) {
   if (kind_ != Kind::h264) return;
+  if (picture->key) tell_sets(picture->arrival);
   blocked_ = blocked_ && !picture->key;
   if (!blocked_) blocked_ = !packetizer_.send(picture->units, picture->arrival, send_);
   ++(blocked_ ? dropped_ : sent_);
+}
+
+/// Seldom: a damaged stream may have others at each key picture, and to tell of them is to write a
+/// file.
+void RtpOutput::tell_sets(std::uint64_t now) {
+  constexpr std::uint64_t kSeldom = 10'000'000;  // microseconds
+  if (sets_ == told_ || (!told_.empty() && now < told_at_ + kSeldom)) return;
+  told_ = sets_;
+  told_at_ = now;
+  if (describe_) describe_(told_);
 }
 
 }  // namespace nimbus::web

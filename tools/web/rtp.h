@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <string>
 
 #include "tools/web/bytes.h"
 #include "tools/web/picture.h"
@@ -45,8 +44,8 @@ class Packetizer {
   std::uint32_t timestamp_ = 0;
 };
 
-/// What tells a receiver at that IPv4 address and port of the stream (RFC 8866).
-[[nodiscard]] std::string description(const std::string& address, std::uint16_t port);
+/// Is told the parameter sets of what is sent from now on, with start codes between them.
+using Describe = std::function<void(Bytes)>;
 
 }  // namespace rtp
 
@@ -54,8 +53,9 @@ class Packetizer {
 /// the next key picture. Of another stream than H.264 nothing is sent, which the console is told.
 class RtpOutput final : public StreamListener {
  public:
-  /// `send` never waits, and gives false when a packet cannot be taken now.
-  RtpOutput(rtp::Begin begin, rtp::Sink send);
+  /// `send` never waits, and gives false when a packet cannot be taken now. `describe` may be null;
+  /// it is called before a key picture, at most once in ten seconds.
+  RtpOutput(rtp::Begin begin, rtp::Sink send, rtp::Describe describe);
   RtpOutput(const RtpOutput&) = delete;
   RtpOutput& operator=(const RtpOutput&) = delete;
   ~RtpOutput() override = default;
@@ -69,8 +69,14 @@ class RtpOutput final : public StreamListener {
   [[nodiscard]] std::uint64_t dropped() const { return dropped_; }
 
  private:
+  void tell_sets(std::uint64_t now);
+
   rtp::Packetizer packetizer_;
   rtp::Sink send_;
+  rtp::Describe describe_;
+  Buffer sets_;                // of the stream as it is
+  Buffer told_;                // of the last description
+  std::uint64_t told_at_ = 0;  // microseconds
   Kind kind_ = Kind::none;
   bool blocked_ = false;  // until a key picture
   std::uint64_t sent_ = 0;

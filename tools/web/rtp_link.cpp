@@ -3,10 +3,12 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <random>
 
 #include "base/whole_file.h"
 #include "tools/common/failure.h"
+#include "tools/web/sdp.h"
 
 namespace nimbus::web {
 namespace {
@@ -23,11 +25,28 @@ rtp::Begin random_begin() {
 }  // namespace
 
 RtpLink::RtpLink(const std::string& host, std::uint16_t port, const std::string& sdp)
-    : socket_(host, port), output_(random_begin(), [this](Bytes packet) { return send(packet); }) {
+    : socket_(host, port),
+      port_(port),
+      sdp_(sdp),
+      output_(
+          random_begin(), [this](Bytes packet) { return send(packet); },
+          [this](Bytes sets) { describe_again(sets); }) {
   setsockopt(socket_.fd(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
-  const std::string text = rtp::description(tools::dotted(socket_.peer().address), port);
-  if (!sdp.empty() && replace_file(sdp.c_str(), text) != Replaced::whole) {
-    throw tools::Failure("cannot write '" + sdp + "'; expected a file to write for --sdp");
+  describe({});
+}
+
+void RtpLink::describe(Bytes sets) const {
+  if (sdp_.empty()) return;
+  const std::string text = session_description(tools::dotted(socket_.peer().address), port_, sets);
+  if (replace_file(sdp_.c_str(), text) == Replaced::whole) return;
+  throw tools::Failure("cannot write '" + sdp_ + "'; expected a file to write for --sdp");
+}
+
+void RtpLink::describe_again(Bytes sets) const {
+  try {
+    describe(sets);
+  } catch (const tools::Failure& failure) {
+    std::fprintf(stderr, "nimbus-web: %s\n", failure.what());
   }
 }
 

@@ -12,7 +12,9 @@ namespace nimbus::web {
 class RtpLink {
  public:
   /// To a host (a name or an IPv4 address) and port (host byte order). Writes the file that tells
-  /// of it, if one is named. Throws Failure for an unknown host or a file that cannot be written.
+  /// of it, if one is named, and again when the stream's parameter sets are known or others. Throws
+  /// Failure for an unknown host or a file that cannot be written; when it cannot be later, the
+  /// console is told and the pictures go on.
   RtpLink(const std::string& host, std::uint16_t port, const std::string& sdp);
   RtpLink(const RtpLink&) = delete;
   RtpLink& operator=(const RtpLink&) = delete;
@@ -21,8 +23,12 @@ class RtpLink {
 
  private:
   [[nodiscard]] bool send(Bytes packet);
+  void describe(Bytes sets) const;
+  void describe_again(Bytes sets) const;
 
   tools::UdpSocket socket_;
+  std::uint16_t port_;
+  std::string sdp_;  // the file; empty: none
   RtpOutput output_;
 };
 
