@@ -99,6 +99,8 @@ TEST_F(TopScreenTest, CommandsOfViewersAreOverheard) {
   overhear(40000, 4242, {0x42});
   overhear(40000, 4242, viewer_frame({"{\x1b}\0junk", 8}));
   expect("0 s ago  10.0.0.7: {?}\n     2 s ago  10.0.0.7: {\"cmd\"");
+  overhear(40000, 4242, viewer_frame("{~\x7F\x80\x9B\xFF}"));
+  expect("0 s ago  10.0.0.7: {~????}\n");
 }
 
 TEST_F(TopScreenTest, FramesToTheCameraAreOverheard) {

@@ -42,10 +42,11 @@ bool changes_are_told(std::string_view name) {
   return name == "camera_settings" || name == "flags" || name == "orientation";
 }
 
-/// What a terminal cannot show, or would obey, becomes a question mark.
+/// What a terminal cannot show, or would obey, becomes a question mark. Whether a byte from 0x80 on
+/// is a negative char depends on the processor.
 std::string as_ascii(std::string text) {
   std::replace_if(
-      text.begin(), text.end(), [](char c) { return c < ' ' || c == '\x7F'; }, '?');
+      text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
   return text;
 }
 
