@@ -21,6 +21,7 @@ import pytest
 
 from harness import captures, duml, reports
 from harness.messages import status, triple
+from harness.service import EMULATOR
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 GOLDEN = pathlib.Path(__file__).parent / "golden"
@@ -233,6 +234,53 @@ def test_every_message_has_its_name(build, tmp_path):
     shown = infos(build, tmp_path / "messages.pcap",
                   [told(bytes([number]) + bytes(20)) for number in numbers.values()])
     assert shown == [f"to viewer: {name.replace('_', ' ')}" for name in numbers]
+
+
+# A message that the code does not have, as somebody would add it to net/messages.h: lines, and what
+# stands behind each.
+NEW_MESSAGE = (
+    ("  novelty = 99,\n", "  text = '{',"),
+    ("""struct NoveltyMessage {
+  static constexpr WireField<std::uint16_t> wonder{1, "wonder"};
+  static constexpr std::array<WireItem, 1> kItems{wonder};
+};
+""", "// --- All of them"),
+    ('    {ToViewer::novelty, kShortMessageSize, "novelty", NoveltyMessage::kItems},\n',
+     "    // clang-format on"),
+)
+
+
+@pytest.fixture
+def build_with_new_message(build, tmp_path):
+    """The dissector as the build makes it, but for that header."""
+    changed = tmp_path / "net/messages.h"
+    changed.parent.mkdir()
+    text = re.sub(r"MessageKind, (\d+)>", lambda m: f"MessageKind, {int(m[1]) + 1}>",
+                  (ROOT / "net/messages.h").read_text())
+    for lines, behind in NEW_MESSAGE:
+        assert text.count(behind) == 1
+        text = text.replace(behind, lines + behind)
+    changed.write_text(text)
+    commands = subprocess.run(["ninja", "-t", "commands", "wireshark_tables"], cwd=build,
+                              capture_output=True, text=True, check=True).stdout.splitlines()
+    for command in commands:
+        if "wireshark_tables.cpp.o" not in command:
+            continue
+        command = re.sub(r"\S+/wireshark_tables\.cpp\.o", f"{tmp_path}/tables.o", command)
+        command = command.replace(" -o tools/wireshark/wireshark_tables", f" -o {tmp_path}/tables")
+        command = command.replace(f" -I{ROOT}", f" -I{tmp_path} -I{ROOT}", 1)
+        subprocess.run(command.removeprefix("ccache "), shell=True, cwd=build, check=True)
+    subprocess.run([*EMULATOR, tmp_path / "tables", ROOT / "install/wireshark/nimbus.lua",
+                    tmp_path / "nimbus.lua"], check=True)
+    return tmp_path
+
+
+def test_a_new_message_appears_by_itself(build_with_new_message, tmp_path):
+    """With its name and its fields, for whoever has only added it to the code."""
+    capture = write_capture(tmp_path / "new.pcap", [told(struct.pack("<BH4x", 99, 515))])
+    shown = tshark(build_with_new_message, capture, "-T", "fields", "-e", "_ws.col.Info", "-e",
+                   "nimbus.viewer.novelty.wonder", "-Y", "nimbus.viewer.type == 99")
+    assert shown == "to viewer: novelty\t515\n"
 
 
 def test_every_command_has_its_name(build, tmp_path):
