@@ -16,6 +16,7 @@ import pytest
 from harness import far_network
 from harness.timing import limit, wait_until
 from chromium import Chromium
+from conftest import SECURE_HOST
 from film import BITS, CELLS, HEIGHT, ROWS, WIDTH
 
 ROOT = pathlib.Path(__file__).parents[2]
@@ -155,10 +156,21 @@ def test_hls(rtp, programs, film, record_property):
     for name, data, moment in read:
         assert by_name.setdefault(name, (data, moment))[0] == data and len(data) % 188 == 0
     assert len(read) == READERS
+    assert_each_picture_was_sent_once(rtp)
     ages = [(int(moment * 1000) - made_at(first_rows(data))) % 2**BITS
             for data, moment in by_name.values()]
     print(f"{READERS} readers in {took:.1f} s")
     assert report(record_property, "hls", ages) < limit(6000)
+
+
+def assert_each_picture_was_sent_once(web):
+    """However many look at it."""
+    figures = fetch(web.address(SECURE_HOST) + "metrics").decode()
+    number = {name: int(value) for name, value in
+              re.findall(r"^(nimbus_(?:web_rtp_)?pictures(?:_dropped)?_total) (\d+)$", figures, re.M)}
+    assert number["nimbus_web_rtp_pictures_total"] > 0
+    assert number["nimbus_web_rtp_pictures_total"] + \
+        number["nimbus_web_rtp_pictures_dropped_total"] == number["nimbus_pictures_total"]
 
 
 def tcp_ports():
