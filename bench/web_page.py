@@ -2,7 +2,7 @@
 from a pointer to the frame at the bridge. Prints rows of the table that all benchmarks share; runs
 in the sandbox. Fails when a limit is missed.
 
-usage: bench/web_page.py --build FOLDER [--creep MINUTES] [--samples N]"""
+usage: bench/web_page.py --build FOLDER [--samples N]"""
 
 import argparse
 import contextlib
@@ -31,7 +31,6 @@ PLAIN_HOST = "10.66.0.1"
 # What the page must hold, in ms.
 GLASS_BY_MSE = 80
 GLASS_BY_WEBCODECS = 60
-CREEP = 30
 COMMAND = 100
 JOYSTICK = 250
 
@@ -119,24 +118,6 @@ def measure_glass(rig, samples):
                 f"{mse / beside:.3f}"),
             row("glass to glass, WebCodecs", codecs, GLASS_BY_WEBCODECS, text,
                 f"{codecs / beside:.3f}")]
-
-
-def measure_creep(rig, minutes):
-    """The last minute's median against the first one's."""
-    bridge = VideoBridge()
-    film = Film(bridge.take)
-    try:
-        rig.browser.open(f"http://{PLAIN_HOST}:8080/")
-        selector = rig.browser.picture()
-        time.sleep(6)
-        first = statistics.median(ages(rig.browser, selector, 500))
-        time.sleep(60 * minutes)
-        last = statistics.median(ages(rig.browser, selector, 500))
-    finally:
-        film.close()
-        bridge.close()
-    return [row(f"picture's creep in {minutes:g} minutes", max(0.0, last - first), CREEP,
-                f"{first:.1f} ms at first")]
 
 
 # Notes when the pointer pressed.
@@ -295,7 +276,6 @@ def measure_turning(rig, times=16):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--build", type=pathlib.Path, default=ROOT / "build/release")
-    parser.add_argument("--creep", type=float, default=0, metavar="MINUTES")
     parser.add_argument("--samples", type=int, default=400)
     options = parser.parse_args()
     with Rig(options.build.resolve()) as rig:
@@ -303,8 +283,6 @@ def main():
         held += measure_command(rig)
         held += measure_joystick(rig)
         held += measure_turning(rig)
-        if options.creep:
-            held += measure_creep(rig, options.creep)
     return 0 if all(held) else 1
 
 

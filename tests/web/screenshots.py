@@ -23,15 +23,6 @@ SHOWN = {"phone-dark": "page-phone.png", "phone-across-light": "page-across.png"
          "desk-dark": "page-desk.png"}
 CONFIGURATION = "rc_input_enabled=1\nrc_input_map=pan,tilt,record,,ev\n"
 
-# Hills under an evening sky, drawn once; they pass by.
-SCENE = ("nullsrc=s=1280x360:d=0.04:r=25,geq="
-         "r='if(gt(Y,210+34*sin(X/102)+14*sin(X/41)),58+Y/9,if(lt(hypot(X-860,Y-130),26),255,"
-         "min(250,70+Y*0.75)))':"
-         "g='if(gt(Y,210+34*sin(X/102)+14*sin(X/41)),88+Y/7,if(lt(hypot(X-860,Y-130),26),226,"
-         "118+Y*0.36))':"
-         "b='if(gt(Y,210+34*sin(X/102)+14*sin(X/41)),64,if(lt(hypot(X-860,Y-130),26),150,"
-         "196-Y*0.25))',loop=-1:1,scroll=horizontal=0.001,crop=640:360:320:0,format=yuv420p")
-
 
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
@@ -57,12 +48,7 @@ def start(build, ends):
     folder = pathlib.Path(ends.enter_context(tempfile.TemporaryDirectory()))
     service = Service(build / "nimbus", folder, CONFIGURATION)
     ends.callback(service.kill)
-    encoder = ends.enter_context(running(
-        "ffmpeg", "-v", "error", "-re", "-f", "lavfi", "-i", SCENE, "-c:v", "libx264", "-preset",
-        "veryfast", "-tune", "zerolatency", "-b:v", "900k", "-g", "25", "-f", "h264", "-",
-        stdout=subprocess.PIPE))
-    ends.enter_context(running(build / "nimbus-sim", "--video", "-", stdin=encoder.stdout,
-                               stdout=subprocess.DEVNULL))
+    ends.enter_context(running(build / "nimbus-sim", "--scene", stdout=subprocess.DEVNULL))
     ends.enter_context(running(build / "nimbus-web", "--service", "127.0.0.1", "--listen",
                                "127.0.0.1:8080"))
 
@@ -97,14 +83,21 @@ def take(browser, folder):
             print(file)
 
 
+# What opens over the page, by what is pressed for it.
+DIALOGS = {"settings": "#settings", "help": "#help", "more": "#more",
+           "picker": "#values button:nth-of-type(4)"}
+
+
 def dialogs(browser, folder):
-    browser.show(SIZES["phone"])
-    for button in ("settings", "help", "more"):
-        browser.run("document.querySelector(arguments[0]).click()", f"#{button}")
-        browser.wait("return document.querySelector('dialog[open]')")
-        time.sleep(0.4)
-        browser.driver.save_screenshot(str(folder / f"{button}.png"))
-        browser.run("document.querySelector('dialog').close()")
+    for name, button in DIALOGS.items():
+        for size, dark in (("phone", True), ("phone", False), ("phone-across", False)):
+            browser.show(SIZES[size], dark)
+            browser.run("document.querySelector(arguments[0]).click()", button)
+            browser.wait("return document.querySelector('dialog[open]')")
+            time.sleep(0.4)
+            file = folder / f"{name}-{size}-{'dark' if dark else 'light'}.png"
+            browser.driver.save_screenshot(str(file))
+            browser.run("document.querySelector('dialog').close()")
 
 
 def small(file, target):

@@ -4,6 +4,7 @@ import time
 
 import pytest
 from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.support.ui import Select
 
 from harness.timing import wait_until
 
@@ -238,6 +239,19 @@ def test_channel_map(page):
     page.wait("return document.querySelector('#toasts').textContent.includes('rcin_map: saved')")
 
 
+def test_scan(page, standins):
+    """What the board hears becomes what the network's name can be chosen from."""
+    standins.answer("iwlist", r"""printf 'x\n   ESSID:"alpha"\n  Quality=1\nESSID:"beta"\n'""")
+    page.find("#settings").click()
+    page.wait("return document.querySelector('dialog[open] fieldset')")
+    page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
+    Select(page.find("[aria-label='Wi-Fi: Interface']")).select_by_visible_text("wlan0")
+    page.run("document.querySelector('#names-lan').parentElement.querySelector('button').click()")
+    page.wait("return [...document.querySelectorAll('#names-lan option')].map((one) =>"
+              " one.value).join() === 'alpha,beta'")
+    assert page.find("[aria-label='Wi-Fi: Name']").get_attribute("list") == "names-lan"
+
+
 def test_pass_phrases_are_write_only(page):
     page.find("#settings").click()
     page.wait("return document.querySelector('dialog[open] fieldset')")
@@ -338,6 +352,48 @@ def test_every_command_without_values(page, press):
         press(page, button)
         said = page.wait("return document.querySelector('.toast')?.textContent", what=name)
         assert said.endswith((": sent", ": done")) or "did not follow" in said, (name, said)
+    assert page.errors() == []
+
+
+def fill(page, field, press):
+    """Gives a field of the settings a value that is allowed, as a hand or a keyboard does."""
+    kind = field.get_attribute("type")
+    if press is by_keyboard:
+        page.run("arguments[0].focus()", field)
+    if kind == "checkbox":
+        page.keys(Keys.SPACE) if press is by_keyboard else field.click()
+    elif kind == "select-one":
+        if press is by_keyboard:
+            page.keys(Keys.ARROW_DOWN)
+        else:
+            Select(field).select_by_index(1)
+        assert field.get_attribute("value")
+    else:
+        if press is by_pointer:
+            field.click()
+        value = field.get_attribute("value") or field.get_attribute("min") or "1"
+        page.actions.key_down(Keys.CONTROL).send_keys("a").key_up(Keys.CONTROL).perform()
+        page.keys(value)
+
+
+@PRESSES
+def test_every_setting(page, press):
+    """Each is filled in and set, and the board takes it."""
+    page.find("#settings").click()
+    page.wait("return document.querySelector('dialog[open] form.setting')")
+    page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
+    forms = page.run("return [...document.querySelectorAll('dialog form.setting')]")
+    assert len(forms) > 20
+    for form in forms:
+        page.run("document.querySelectorAll('.toast').forEach((one) => one.remove());"
+                 "arguments[0].scrollIntoView({ block: 'center' })", form)
+        for field in form.find_elements("css selector", "input, select"):
+            fill(page, field, press)
+        button = form.find_element("css selector", "button")
+        press(page, button)
+        name = button.get_attribute("aria-label")
+        said = page.wait("return document.querySelector('.toast')?.textContent", what=name)
+        assert said.endswith((": saved", ": sent")), (name, said)
     assert page.errors() == []
 
 

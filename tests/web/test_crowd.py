@@ -1,5 +1,6 @@
 """Many browsers at once, each with a script: takes control, steers, commands, lets go, comes again.
-`--long` has twenty of them for ten minutes."""
+`--long` has twenty of them for ten minutes: once as the server sees them, which costs little, and
+once as pages of a real browser."""
 
 import asyncio
 import contextlib
@@ -7,6 +8,7 @@ import json
 import pathlib
 import random
 import statistics
+import subprocess
 import threading
 import time
 
@@ -87,7 +89,9 @@ def test_crowd(browser, web, data, film, times):
     scripted = [Scripted(seed, until) for seed in range(times(6, 20))]
     thread = threading.Thread(target=lambda: asyncio.run(run_all(scripted)))
     thread.start()
-    ages = browser.ages(selector, times(60, 600))
+    ages = browser.ages(selector, 60)
+    time.sleep(max(0, until - time.monotonic() - 30))
+    ages += browser.ages(selector, times(1, 600))
     thread.join(seconds + limit(30))
     assert not thread.is_alive(), "a scripted browser hangs"
     assert -1 not in ages and statistics.median(ages) < limit(1000), ages
@@ -97,6 +101,99 @@ def test_crowd(browser, web, data, film, times):
     # Whoever was the last to steer is gone: nothing moves.
     wait_until(lambda: rests(data), 5, "the rest of the gimbal")
     assert browser.errors() == []
+
+
+# --- As pages of a real browser ------------------------------------------------------------------
+
+# What a person does who wants to drive, quicker than any: takes control or asks for it, hands it
+# over, centres the gimbal, holds an arrow key for a moment, gives control back.
+RESTLESS = """
+window.did = { drove: 0, moved: 0, told: 0, wrong: [] };
+addEventListener("error", (event) => window.did.wrong.push(event.message));
+addEventListener("unhandledrejection", (event) => window.did.wrong.push(String(event.reason)));
+new MutationObserver(() => { window.did.told += 1; })
+  .observe(document.querySelector("#toasts"), { childList: true });
+const button = (text) => [...document.querySelectorAll("dialog button")].find((one) =>
+  one.textContent === text);
+const key = (type, name) => document.body.dispatchEvent(
+  new KeyboardEvent(type, { key: name, bubbles: true, cancelable: true }));
+const one = (list) => list[Math.floor(Math.random() * list.length)];
+function drive() {
+  window.did.drove += 1;
+  key("keydown", "c");
+  const arrow = one(["ArrowLeft", "ArrowRight", "ArrowUp", "ArrowDown"]);
+  key("keydown", arrow);
+  setTimeout(() => { key("keyup", arrow); window.did.moved += 1; }, 400);
+  setTimeout(() => document.querySelector("#take").click(), 900 + 600 * Math.random());
+}
+(function act() {
+  if (window.ended) return;
+  const driver = document.body.dataset.driver;
+  if (button("Hand over")) button("Hand over").click();
+  else if (driver === "me") drive();
+  else if (driver === "none") document.querySelector("#take").click();
+  else if (Math.random() < 0.1) document.querySelector("#take").click();
+  setTimeout(act, 1500 + 1000 * Math.random());
+})();
+"""
+# Windows lie over each other, and all of them shall live.
+AWAKE = ["--disable-backgrounding-occluded-windows", "--disable-renderer-backgrounding",
+         "--disable-background-timer-throttling"]
+RATE = 5  # pictures a second: all the browsers are one machine's
+
+
+class Pages:
+    """So many windows of one browser, each with the page by an address of its own: the system takes
+    that for the connection's other end, too, so that the server sees as many machines."""
+
+    def __init__(self, browser, port, count):
+        self.browser = browser
+        self.windows = [self._open(f"10.66.1.{number}", port) for number in range(1, count + 1)]
+
+    def _open(self, host, port):
+        subprocess.run(["ip", "address", "replace", f"{host}/32", "dev", "lo"], check=True)
+        self.browser.driver.switch_to.new_window("window")
+        self.browser.show((360, 640))
+        self.browser.cdp("Emulation.setFocusEmulationEnabled", enabled=True)
+        self.browser.open(f"http://{host}:{port}/")
+        self.browser.picture()
+        self.browser.run(RESTLESS)
+        return self.browser.driver.current_window_handle
+
+    def each(self, script):
+        """What the script answers in each of them."""
+        answers = []
+        for window in self.windows:
+            self.browser.driver.switch_to.window(window)
+            answers.append(self.browser.run(script))
+        return answers
+
+
+SHOWN = "return Number(document.querySelector('#stage').dataset.shown)"
+
+
+def test_crowd_of_pages(chromiums, web, data, films, times):
+    """All see the picture to the end, whoever waits gets to drive, nothing goes wrong."""
+    count, seconds = times((3, 10), (20, 600))
+    data.keep_sending(b"\0", 0.2)
+    films(rate=RATE, keys=RATE)
+    pages = Pages(chromiums(flags=AWAKE), web.port, count)
+    first, begun = pages.each(SHOWN), time.monotonic()
+    time.sleep(seconds)
+    last, watched = pages.each(SHOWN), time.monotonic() - begun
+    did = pages.each("window.ended = true; return window.did")
+    seen = [(b - a) / (RATE * watched) for a, b in zip(first, last)]
+    print(f"parts of the pictures' numbers that passed by: {min(seen):.2f} to {max(seen):.2f};"
+          f" drove {[one['drove'] for one in did]}, memory {memory(web.process.pid)} KiB")
+    assert min(seen) > 0.9, seen
+    assert pages.each("return document.querySelector('#stale').textContent") == [""] * count
+    assert [one["wrong"] for one in did] == [[]] * count
+    assert any(one["told"] for one in did), "no command was answered"
+    assert sum(one["moved"] > 0 for one in did) >= min(count, seconds // 10), did
+    assert memory(web.process.pid) < MOST_MEMORY
+    time.sleep(2)  # whoever had begun lets go
+    wait_until(lambda: rests(data), 5, "the rest of the gimbal")
+    assert pages.browser.errors() == []
 
 
 def rests(data):

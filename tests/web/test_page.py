@@ -113,6 +113,7 @@ def test_old_reports_are_dimmed(page, camera):
     camera.kill()
     page.wait("return [...document.querySelectorAll('#values .value.stale')].some((one) =>"
               " /since \\d+ s/.test(one.textContent))", seconds=10)
+    page.wait("return /since \\d+ s/.test(document.querySelector('#attitude').textContent)")
 
 
 # --- What is where -------------------------------------------------------------------------------
@@ -123,7 +124,7 @@ const controls = [...document.querySelectorAll("button, #stick, #rollstick")].fi
   one.checkVisibility() && !one.closest("#values, #state, dialog"));
 const boxes = controls.map((one) => [one.id, one.getBoundingClientRect()]);
 const out = boxes.filter(([, box]) => box.left < 0 || box.top < 0 || box.right > innerWidth + 0.5
-  || box.bottom > innerHeight + 0.5 || box.width < 36 || box.height < 36).map(([id]) => id);
+  || box.bottom > innerHeight + 0.5 || box.width < 40 || box.height < 40).map(([id]) => id);
 const over = [];
 boxes.forEach(([a, one], i) => boxes.slice(i + 1).forEach(([b, two]) => {
   if (one.left < two.right - 1 && two.left < one.right - 1 && one.top < two.bottom - 1
@@ -148,6 +149,31 @@ def test_layout(page, size):
     assert abs(picture[0] / picture[1] - 16 / 9) < 0.02
 
 
+# The smallest letters that are seen, in pixels.
+SMALLEST = """
+const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+let smallest = Infinity;
+for (let node; (node = walker.nextNode());) {
+  const element = node.parentElement;
+  if (!node.data.trim() || !element.checkVisibility({ checkVisibilityCSS: true })) continue;
+  smallest = Math.min(smallest, parseFloat(getComputedStyle(element).fontSize));
+}
+return smallest;
+"""
+
+
+@pytest.mark.parametrize("size, least", [((360, 640), 12), ((1920, 1080), 12), ((3840, 2160), 18)])
+def test_letters(page, size, least):
+    """Large enough to be read, also on a screen across the room."""
+    page.show(size)
+    time.sleep(0.2)
+    for opened in (None, "#settings"):
+        if opened:
+            page.find(opened).click()
+            page.wait("return document.querySelector('dialog[open]')")
+        assert page.run(SMALLEST) >= least, opened
+
+
 # Every text that is seen, with its contrast to what is behind it. Grounds that are see-through are
 # laid over white and over black, whichever is worse.
 CONTRAST = """
@@ -161,6 +187,12 @@ const light = (rgb) => { const [r, g, b] = rgb.map((c) => { c /= 255;
 const ratio = (a, b) => { const [x, y] = [light(a), light(b)].sort((m, n) => n - m);
   return (x + 0.05) / (y + 0.05); };
 const overPicture = innerWidth >= innerHeight;
+const faint = (element) => {
+  for (let one = element; one; one = one.parentElement) {
+    if (getComputedStyle(one).opacity < 1) return true;
+  }
+  return false;
+};
 function grounds(element) {
   const layers = [];
   for (let one = element; one; one = one.parentElement) {
@@ -176,16 +208,23 @@ function grounds(element) {
 }
 const bad = [];
 let count = 0;
+function judge(text, element, colour) {
+  count += 1;
+  const worst = Math.min(...grounds(element).map((ground) => ratio(over(colour, ground), ground)));
+  if (worst < 4.5 || faint(element)) bad.push(`${text.trim()}: ${worst.toFixed(2)}`);
+}
 const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
 for (let node; (node = walker.nextNode());) {
   const element = node.parentElement;
   if (!node.data.trim() || !element.checkVisibility({ checkVisibilityCSS: true })) continue;
   if (element.closest("noscript, option, .hidden")) continue;
-  count += 1;
-  const style = getComputedStyle(element);
-  const worst = Math.min(...grounds(element).map((ground) =>
-    ratio(over(parse(style.color), ground), ground)));
-  if (worst < 4.5) bad.push(`${node.data.trim()}: ${worst.toFixed(2)}`);
+  judge(node.data, element, parse(getComputedStyle(element).color));
+}
+for (const field of document.querySelectorAll("input, select")) {
+  if (!field.checkVisibility({ checkVisibilityCSS: true })) continue;
+  const part = field.value || !field.placeholder ? null : "::placeholder";
+  const style = getComputedStyle(field, part);
+  judge(field.value || field.placeholder || "", field, parse(style.color));
 }
 return { bad, count };
 """
@@ -193,10 +232,10 @@ return { bad, count };
 
 @pytest.mark.parametrize("dark", THEMES, ids=["dark", "light"])
 def test_contrast(page, dark):
-    for size in ((360, 640), (1920, 1080)):
+    for size in ((360, 640), (844, 390), (1920, 1080)):
         page.show(size, dark)
         time.sleep(0.2)
-        for opened in (None, "#settings", "#help", "#more"):
+        for opened in (None, "#settings", "#help", "#more", "#values button:nth-of-type(4)"):
             if opened:
                 page.run("document.querySelector(arguments[0]).click()", opened)
                 page.wait("return document.querySelector('dialog[open]')")
@@ -206,6 +245,22 @@ def test_contrast(page, dark):
             assert found["count"] > 10 and found["bad"] == [], (size, opened, found["bad"])
             page.run("document.querySelector('dialog')?.close()")
             page.wait("return !document.querySelector('dialog')")
+
+
+@pytest.mark.parametrize("dark", THEMES, ids=["dark", "light"])
+def test_contrast_of_what_is_old(page, camera, film, dark):
+    """Dimmed is not unreadable."""
+    camera.kill()
+    film.close()
+    page.wait("return document.querySelector('#attitude').classList.contains('stale') &&"
+              " document.querySelector('.value.stale') &&"
+              " document.querySelector('#stale').textContent",
+              seconds=15)
+    for size in ((360, 640), (844, 390)):
+        page.show(size, dark)
+        time.sleep(0.2)
+        found = page.run(CONTRAST)
+        assert found["count"] > 10 and found["bad"] == [], (size, found["bad"])
 
 
 def test_theme_is_chosen_and_kept(page):

@@ -46,6 +46,23 @@ def test_firefox(fox, web, film):
     plays(fox, web, PLAIN_HOST, "mse", lag=1500)
 
 
+@pytest.mark.parametrize("host", [PLAIN_HOST, SECURE_HOST], ids=["mse", "webcodecs"])
+def test_no_creep(pytestconfig, browser, web, film, host):
+    """After ten minutes the picture is as old as in the first one."""
+    if not pytestconfig.getoption("--long"):
+        pytest.skip("takes eleven minutes: --long")
+    browser.open(web.address(host))
+    selector = browser.picture()
+    time.sleep(6)
+    started = time.monotonic()
+    first = statistics.median(browser.ages(selector, 1400))
+    time.sleep(max(0, started + 600 - time.monotonic()))
+    last = statistics.median(browser.ages(selector, 1400))
+    print(f"{first:.1f} ms in the first minute, {last:.1f} ms ten minutes later")
+    assert last - first < limit(30)
+    assert browser.errors() == []
+
+
 def test_joins_between_two_key_pictures(browser, web, films):
     """The key picture is seconds old when the page comes: it starts with what was kept."""
     films(keys=250)

@@ -98,7 +98,7 @@ export class Drive extends EventTarget {
     if (this.moving) this.#zeros = ZEROS;
     else --this.#zeros;
     if (this.lease.mine) {
-      this.link.send({ type: "speed", ...this.speeds, mode: 1, n: ++this.#counter });
+      this.link.send({ type: "speed", ...this.speeds, n: ++this.#counter });
     }
     this.dispatchEvent(new Event("speed"));
   }

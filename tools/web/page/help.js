@@ -38,7 +38,8 @@ export function showHelp(drive, keys, theme, password) {
       memory.set("letters", keys.letters);
     } });
   open("Help", { class: "wide" },
-    el("p", { textContent: "Tap the picture to focus, drag a rectangle to track what is in it. " +
+    el("p", { textContent: "Tap the picture to focus, drag a rectangle to track what is in it; " +
+      "without a pointer, all commands (m) have both. " +
       "The gimbal moves only while a stick, a key or a lever is held." }),
     el("h3", { textContent: "Sticks, keys and gamepad" }),
     slider("Fastest speed", drive.feel.most, (most) => (drive.tuning = { ...drive.feel, most })),

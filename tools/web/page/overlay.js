@@ -87,7 +87,9 @@ export class Overlay {
     const box = $("attitude");
     box.hidden = pan === undefined;
     if (pan === undefined) return;
-    box.classList.toggle("stale", !this.#fresh("gimbal"));
+    const stale = !this.#fresh("gimbal");
+    box.classList.toggle("stale", stale);
+    say($("attitude-age"), stale ? `since ${since(this.state.age("gimbal"))}` : "");
     $("horizon").setAttribute("transform", `rotate(${-roll}) translate(0 ${tilt})`);
     $("heading").setAttribute("transform", `rotate(${pan})`);
     const texts = { pan: `pan ${Math.round(pan)}°`, tilt: `tilt ${Math.round(tilt)}°`,
