@@ -1,11 +1,16 @@
 """nimbus-web on the outside: the picture, the state, orders, and what strangers try."""
 
 import contextlib
+import ctypes
+import http.client
 import json
+import pathlib
 import re
 import signal
+import socket
 import struct
 import subprocess
+import threading
 import time
 
 import pytest
@@ -14,6 +19,7 @@ from harness.service import EMULATOR
 from harness.timing import TIME_SCALE, limit, wait_until
 from harness.web import BINARY, STREAMS, TEXT, Film, WebSocket, drive
 
+LISTEN = pathlib.Path(__file__).parents[2] / "tools/listen"
 ZERO = struct.pack("<3h", 0, 0, 0)
 
 
@@ -323,6 +329,41 @@ def test_pages_of_other_sites_are_refused(web, origin):
     assert status == 403
 
 
+# --- A socket of somebody else's -----------------------------------------------------------------
+
+@pytest.mark.parametrize("host", ["127.0.0.1", "::1"])
+def test_a_socket_that_is_handed_over(build, service, host):
+    """As systemd does it, and `./dev run`: nothing else is listened to."""
+    where = f"[{host}]:8085" if ":" in host else f"{host}:8085"
+    process = subprocess.Popen([LISTEN, where, *EMULATOR, build / "nimbus-web",
+                                "--listen", "127.0.0.1:8086"], stderr=subprocess.PIPE)
+    try:
+        wait_until(lambda: listens(host, 8085), 10, "the socket")
+        connection = http.client.HTTPConnection(host, 8085, timeout=limit(10))
+        connection.request("GET", "/healthz")
+        assert connection.getresponse().read() == b"ok\n"
+        connection.close()
+        assert not listens("127.0.0.1", 8086)
+    finally:
+        process.terminate()
+        status = process.wait(limit(10))
+    assert (status, process.stderr.read()) == (0, b"")
+
+
+def test_a_socket_for_another_process(serve):
+    """Who has inherited the words, and not the socket, listens for itself."""
+    web = serve(env={"LISTEN_FDS": "1", "LISTEN_PID": "1"})
+    assert web.get("/healthz")[0] == 200
+
+
+def listens(host, port):
+    try:
+        socket.create_connection((host, port), 1).close()
+        return True
+    except OSError:
+        return False
+
+
 # --- Who may -------------------------------------------------------------------------------------
 
 def set_password(build, file, password, *role):
@@ -358,6 +399,66 @@ def test_passwords(build, serve, tmp_path):
         web.request("POST", "/logout", headers={"Cookie": cookie})
         assert browser.closed() == 4001
     assert web.get("/api/state", headers={"Cookie": cookie})[0] == 401
+
+
+def slow_password(file):
+    """Passwords whose hashes cost eight times as much as the usual ones."""
+    library = ctypes.CDLL("libcrypt.so.1")
+    library.crypt.restype = ctypes.c_char_p
+    hashed = library.crypt(b"boat", b"$y$jCT$nimbusnimbus").decode()
+    file.write_text(f"operator {hashed}\nviewer {hashed}\n")
+    file.chmod(0o600)
+
+
+def test_log_ins_hold_no_picture_up(build, serve, film, tmp_path):
+    """Strangers guess as often as they may, from many addresses, while somebody watches."""
+    slow_password(tmp_path / "passwords")
+    web = serve("--passwords", tmp_path / "passwords")
+    started = time.monotonic()
+    _, cookie = log_in(web, "boat")
+    took = time.monotonic() - started
+    answers = []
+
+    def guess(address):
+        for _ in range(2):
+            answers.append(web.raw(
+                b"POST /login HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
+                b"Content-Length: 10\r\n\r\npassword=x", 60, source=address)[9:12])
+
+    with web.video("raw", headers={"Cookie": cookie}) as browser:
+        browser.pictures(5)
+        guessing = [threading.Thread(target=guess, args=(f"127.0.3.{n}",)) for n in range(1, 6)]
+        for one in guessing:
+            one.start()
+        gaps, last = [], time.monotonic()
+        while any(one.is_alive() for one in guessing):
+            browser.pictures(1)
+            gaps.append(time.monotonic() - last)
+            last += gaps[-1]
+    assert answers == [b"403"] * 10
+    # Each hash would be such a gap; one that the machine makes may be among so many.
+    held = [gap for gap in gaps if gap > 0.6 * took]
+    print(f"a log-in takes {1000 * took:.0f} ms, pictures are at most {1000 * max(gaps):.0f} ms apart")
+    assert len(held) < 2, (took, held)
+
+
+def test_who_asks_for_a_log_in_and_goes(serve, service, tmp_path):
+    """Neither whoever does not wait for the answer, nor the end of the server, leaves anything."""
+    slow_password(tmp_path / "passwords")
+    web = serve("--passwords", tmp_path / "passwords")
+    request = (b"POST /login HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 13\r\n\r\n"
+               b"password=boat")
+    with web.connect() as gone:
+        gone.sendall(request)
+    status, cookie = log_in(web, "boat")
+    assert status == 303
+    wait_until(lambda: b"\nnimbus_web_connections 1\n" in web.get(
+        "/metrics", headers={"Cookie": cookie})[2], 5, "its place")
+    with web.connect() as waits, web.connect() as waits_too:
+        waits.sendall(request)
+        waits_too.sendall(request)
+        time.sleep(0.1)
+        web.stop()
 
 
 def test_tls(serve, service, tmp_path):

@@ -81,9 +81,9 @@ class Web:
         assert status == 200
         return json.loads(body)
 
-    def raw(self, data, seconds=5):
+    def raw(self, data, seconds=5, source="127.0.0.1"):
         """What comes back for these bytes, until the connection is closed."""
-        with self.connect() as connection:
+        with self.connect(source) as connection:
             connection.settimeout(limit(seconds))
             connection.sendall(data)
             answer = b""

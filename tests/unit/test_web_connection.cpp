@@ -146,5 +146,36 @@ TEST(WebConnection, AConnectionThatEndsIsForgotten) {
   EXPECT_NE(console.hub.state(Clock::now()).find(R"("browsers":0)"), std::string::npos);
 }
 
+/// Answers when the test does.
+struct LateSite final : Site {
+  Respond respond;
+  Answer answer(const Request& request) override {
+    Answer answer;
+    if (request.target == "/now") {
+      answer.response.body = "now\n";
+    } else {
+      answer.later = [this](Respond whom) { respond = std::move(whom); };
+    }
+    return answer;
+  }
+};
+
+TEST(WebConnection, AnAnswerMayTakeItsTime) {
+  LateSite site;
+  Wire wire(site);
+  wire.send(kGet);
+  EXPECT_EQ(wire.take(), "");
+  wire.check(Clock::now() + seconds(60));  // it is not the other side that is waited for
+  wire.send("GET /now HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  EXPECT_EQ(wire.take(), "");
+  Response late;
+  late.body = "late\n";
+  std::exchange(site.respond, nullptr)(std::move(late));
+  wire.run();
+  const std::string both = wire.take();
+  EXPECT_NE(both.find("\r\n\r\nlate\nHTTP/1.1 200 OK"), std::string::npos);
+  EXPECT_TRUE(both.ends_with("\r\n\r\nnow\n"));
+}
+
 }  // namespace
 }  // namespace nimbus::web

@@ -27,14 +27,21 @@ struct Console {
     request.method = "GET";
     request.target = target;
     if (request.host.empty()) request.host = "10.0.0.1:8080";
-    return site.answer(request).response;
+    return response_to(request);
   }
   Response post(const std::string& target, const std::string& body, Request request = {}) {
     request.method = "POST";
     request.target = target;
     request.body = body;
     if (request.host.empty()) request.host = "10.0.0.1:8080";
-    return site.answer(request).response;
+    return response_to(request);
+  }
+  Response response_to(const Request& request) {
+    Answer answer = site.answer(request);
+    if (answer.later == nullptr) return std::move(answer.response);
+    Response response;
+    answer.later([&response](Response later) { response = std::move(later); });
+    return response;
   }
   bool opens(const std::string& target, Request request) {
     request.method = "GET";
@@ -154,8 +161,8 @@ TEST(WebSite, Programs) {
 // --- Passwords ---------------------------------------------------------------------------------
 
 struct Guarded : Console {
+  Passwords passwords;
   Guarded() {
-    Passwords passwords;
     passwords.set(Role::operates, hash_of("boat"));
     passwords.set(Role::viewer, hash_of("shore"));
     site.use(passwords);
@@ -259,6 +266,53 @@ TEST(WebPasswords, AlteredAndReplayedCookiesAreNothing) {
   EXPECT_EQ(console.get("/api/state", request).status, 200U);
   console.post("/logout", "", request);
   EXPECT_EQ(console.get("/api/state", request).status, 401U);
+}
+
+TEST(WebPasswords, ANewPasswordEndsTheLogInsByTheOldOne) {
+  Guarded console;
+  Request operates;
+  Request views;
+  operates.cookie = console.log_in("boat");
+  views.cookie = console.log_in("shore");
+  Passwords passwords = console.passwords;
+  console.site.use(passwords);  // read anew, and the same
+  EXPECT_EQ(console.get("/api/state", operates).status, 200U);
+  passwords.set(Role::operates, hash_of("boat"));  // the same word, but set again
+  console.site.use(passwords);
+  EXPECT_EQ(console.get("/api/state", operates).status, 401U);
+  EXPECT_EQ(console.get("/api/state", views).status, 200U);
+  passwords.set(Role::viewer, "");
+  console.site.use(passwords);
+  EXPECT_EQ(console.get("/api/state", views).status, 401U);
+}
+
+TEST(WebPasswords, WhoeverVerifiesMayTakeTime) {
+  Hub hub{"board:4242", {}};
+  Guests guests;
+  std::function<void(std::optional<Role>)> tell;
+  ConsoleSite site(hub, guests,
+                   {.verify = [&tell](const Passwords&, const std::string& word, const auto& done) {
+                     EXPECT_EQ(word, "boat");
+                     tell = done;
+                   }});
+  Passwords passwords;
+  passwords.set(Role::operates, "*");
+  site.use(passwords);
+  Request request;
+  request.method = "POST";
+  request.target = "/login";
+  request.host = "localhost";
+  request.body = "password=boat";
+  const Answer answer = site.answer(request);
+  ASSERT_TRUE(answer.later);
+  Response response;
+  response.status = 0;
+  answer.later([&response](Response later) { response = std::move(later); });
+  EXPECT_EQ(response.status, 0U);
+  tell(Role::operates);
+  EXPECT_EQ(response.status, 303U);
+  EXPECT_EQ(header(response, "X-Frame-Options"), "DENY");
+  EXPECT_NE(header(response, "Set-Cookie"), "");
 }
 
 TEST(WebPasswords, GuessingIsSlow) {

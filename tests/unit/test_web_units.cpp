@@ -70,8 +70,46 @@ TEST(WebAnnexB, UnitsAreFound) {
 
 // --- Parameter sets ----------------------------------------------------------------------------
 
-/// One such as encoders in hardware write: no usage information, cropped.
-Buffer hardware_sps(std::uint8_t profile = 100) {
+enum class Usage : std::uint8_t { none, unrestricted, reordering };
+
+void write_buffer_model(BitWriter& out) {
+  out.flag(true);
+  out.ue(1);  // of two
+  out.bits(0x23, 8);
+  for (int i = 0; i < 2; ++i) {
+    out.ue(1000);
+    out.ue(2000);
+    out.flag(false);
+  }
+  out.bits(0xB5A96, 20);
+}
+
+/// Usage information with all that there may be before the restrictions.
+void write_usage(BitWriter& out, bool restricted) {
+  out.flag(true);
+  out.bits(255, 8);  // an aspect of its own
+  for (const std::uint32_t side : {4U, 3U}) out.bits(side, 16);
+  for (const bool overscan : {true, false}) out.flag(overscan);
+  out.flag(true);
+  out.bits(0xB, 4);
+  out.flag(true);
+  for (int i = 0; i < 3; ++i) out.bits(1, 8);  // colours
+  out.flag(true);
+  for (int i = 0; i < 2; ++i) out.ue(1);  // where chroma samples are
+  out.flag(true);
+  for (const std::uint32_t part : {0U, 1U, 0U, 50U}) out.bits(part, 16);  // timing
+  out.flag(true);
+  for (int i = 0; i < 2; ++i) write_buffer_model(out);
+  out.flag(false);
+  out.flag(true);  // picture structure
+  out.flag(restricted);
+  if (!restricted) return;
+  out.flag(true);
+  for (const std::uint32_t value : {2U, 1U, 10U, 10U, 2U, 4U}) out.ue(value);
+}
+
+/// One such as encoders in hardware write: cropped, and mostly without usage information.
+Buffer hardware_sps(std::uint8_t profile = 100, Usage usage = Usage::none) {
   BitWriter out;
   out.bits(0x67, 8);
   out.bits(profile, 8);
@@ -95,7 +133,8 @@ Buffer hardware_sps(std::uint8_t profile = 100) {
   out.flag(true);
   out.flag(true);  // cropped by 8 rows
   for (const std::uint32_t side : {0, 0, 0, 4}) out.ue(side);
-  out.flag(false);
+  out.flag(usage != Usage::none);
+  if (usage != Usage::none) write_usage(out, usage == Usage::reordering);
   return escaped(out.finish());
 }
 
@@ -114,6 +153,25 @@ TEST(WebH264, AParameterSetOfAnEncoderInHardware) {
   EXPECT_EQ(h264::codec_of(*h264::parse_sps(hardware_sps())), "avc1.640028");
 }
 
+/// The first bits of both are the same.
+void expect_same_bits(BitReader& one, BitReader& other, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) EXPECT_EQ(one.bits(1), other.bits(1)) << i;
+}
+
+/// The restriction, and nothing behind it.
+void expect_restriction(BitReader& in) {
+  EXPECT_TRUE(in.flag());  // restrictions
+  EXPECT_TRUE(in.flag());  // vectors over the edge
+  EXPECT_EQ(in.ue(), 0U);
+  EXPECT_EQ(in.ue(), 0U);
+  EXPECT_EQ(in.ue(), 15U);
+  EXPECT_EQ(in.ue(), 15U);
+  EXPECT_EQ(in.ue(), 0U);  // reordered
+  EXPECT_EQ(in.ue(), 3U);  // as many as are referred to
+  EXPECT_TRUE(in.flag());  // the end
+  EXPECT_TRUE(in.ok());
+}
+
 /// Bit by bit: what stood before stays, and the restriction follows.
 TEST(WebH264, ASetThatDoesNotSaySoLearnsThatNothingIsReordered) {
   const Buffer unit = hardware_sps();
@@ -129,19 +187,29 @@ TEST(WebH264, ASetThatDoesNotSaySoLearnsThatNothingIsReordered) {
   const Buffer new_bits = unescaped(changed);
   BitReader old_one(old_bits);
   BitReader new_one(new_bits);
-  for (std::size_t i = 0; i < before.vui_at; ++i) EXPECT_EQ(old_one.bits(1), new_one.bits(1)) << i;
+  expect_same_bits(old_one, new_one, before.vui_at);
   EXPECT_TRUE(new_one.flag());     // usage information
   EXPECT_EQ(new_one.bits(8), 0U);  // nothing but
-  EXPECT_TRUE(new_one.flag());     // restrictions
-  EXPECT_TRUE(new_one.flag());     // vectors over the edge
-  EXPECT_EQ(new_one.ue(), 0U);
-  EXPECT_EQ(new_one.ue(), 0U);
-  EXPECT_EQ(new_one.ue(), 15U);
-  EXPECT_EQ(new_one.ue(), 15U);
-  EXPECT_EQ(new_one.ue(), 0U);  // reordered
-  EXPECT_EQ(new_one.ue(), 3U);  // as many as are referred to
-  EXPECT_TRUE(new_one.flag());  // the end
-  EXPECT_TRUE(new_one.ok());
+  expect_restriction(new_one);
+}
+
+/// Whatever the usage information says besides, colours and buffers among it, is kept.
+TEST(WebH264, OnlyTheRestrictionOfASetIsWritten) {
+  for (const Usage usage : {Usage::unrestricted, Usage::reordering}) {
+    const Buffer unit = hardware_sps(100, usage);
+    const auto before = h264::parse_sps(unit);
+    ASSERT_TRUE(before && before->has_vui);
+    EXPECT_EQ(before->reordered, usage == Usage::reordering ? std::optional(2U) : std::nullopt);
+    const Buffer changed = h264::without_reordering(unit, *before);
+    ASSERT_TRUE(h264::parse_sps(changed));
+    EXPECT_EQ(h264::parse_sps(changed)->restriction_at, before->restriction_at);
+    const Buffer old_bits = unescaped(unit);
+    const Buffer new_bits = unescaped(changed);
+    BitReader old_one(old_bits);
+    BitReader new_one(new_bits);
+    expect_same_bits(old_one, new_one, before->restriction_at);
+    expect_restriction(new_one);
+  }
 }
 
 TEST(WebH264, ASetThatSaysSoStays) {

@@ -116,8 +116,12 @@ class ConnectionOn final : public Connection,
     Request request = read(parser_->get());
     Answer answer = context_.site.answer(request);
     if (answer.peer != nullptr) return upgrade(std::move(answer.peer));
-    respond(std::move(answer.response), parser_->get().keep_alive() && !request.upgrade,
-            request.method == "HEAD");
+    const bool keep_alive = parser_->get().keep_alive() && !request.upgrade;
+    const bool head = request.method == "HEAD";
+    if (answer.later == nullptr) return respond(std::move(answer.response), keep_alive, head);
+    answer.later([self = self(), keep_alive, head](Response response) {
+      self->respond(std::move(response), keep_alive, head);
+    });
   }
 
   Request read(const http::request<http::string_body>& message) const {

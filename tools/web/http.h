@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -40,10 +41,15 @@ struct Response {
   [[nodiscard]] std::string_view content() const { return fixed_body.empty() ? body : fixed_body; }
 };
 
-/// Either an answer, or who talks from now on.
+/// Who is told an answer, once.
+using Respond = std::function<void(Response)>;
+
+/// Either an answer, or who talks from now on, or what gives an answer to whom it is told, at once
+/// or later.
 struct Answer {
   Response response = {};
   std::unique_ptr<Peer> peer = nullptr;
+  std::function<void(Respond)> later = nullptr;
 };
 
 /// Who answers requests.

@@ -27,10 +27,19 @@ class Passwords {
 
   void set(Role role, std::string hash);
 
+  /// Whether both have the same hash for that role, and not only the same password.
+  [[nodiscard]] bool agrees(const Passwords& other, Role role) const {
+    return hash(role) == other.hash(role);
+  }
+
   /// Writes the file anew, for its owner only. Throws Failure when it cannot.
   void write(const std::string& path) const;
 
  private:
+  [[nodiscard]] const std::string& hash(Role role) const {
+    return role == Role::operates ? operator_hash_ : viewer_hash_;
+  }
+
   std::string operator_hash_;
   std::string viewer_hash_;
 };

@@ -22,6 +22,7 @@
 #include "tools/web/link.h"
 #include "tools/web/rtp_link.h"
 #include "tools/web/site.h"
+#include "tools/web/verifier.h"
 
 namespace nimbus::web {
 namespace {
@@ -83,6 +84,7 @@ class Server {
   void welcome(tcp::socket socket);
   void watch_service();
   void receive();
+  void watch_verifier();
   void watch_deadline();
   void on_second();
   void on_tell();
@@ -100,7 +102,9 @@ class Server {
   std::unique_ptr<Tls> tls_;
   std::list<std::weak_ptr<Connection>> connections_;
   std::list<Listener> listeners_;
+  Verifier verifier_;  // holds connections, which the loop outlives
   asio::posix::stream_descriptor service_;
+  asio::posix::stream_descriptor verified_;
   asio::steady_timer deadline_;
   std::optional<Time> armed_;
   asio::steady_timer second_;
@@ -128,8 +132,14 @@ Server::Server(const ServerOptions& options)
       hub_(service_name(options),
            {[this](std::string_view text) { return link_.command(text); },
             [this](const std::array<std::int16_t, 3>& speed) { return link_.speed(speed); }}),
-      site_(hub_, guests_, {.names = names_of(options)}),
+      site_(hub_, guests_,
+            {.names = names_of(options),
+             .verify =
+                 [this](const Passwords& passwords, std::string password, Verifier::Done done) {
+                   verifier_.ask(passwords, std::move(password), std::move(done));
+                 }}),
       service_(loop_, dup(link_.fd())),
+      verified_(loop_, dup(verifier_.fd())),
       deadline_(loop_),
       second_(loop_),
       tell_(loop_),
@@ -140,6 +150,7 @@ Server::Server(const ServerOptions& options)
   listen(options);
   watch_signals();
   watch_service();
+  watch_verifier();
   // One before this may have been killed while somebody drove.
   link_.speed({});
   on_second();
@@ -247,6 +258,14 @@ void Server::welcome(tcp::socket socket) {
   connections_.push_back(connection);
   connection->start();
   tell_soon();
+}
+
+void Server::watch_verifier() {
+  verified_.async_wait(asio::posix::stream_descriptor::wait_read, [this](error_code error) {
+    if (error) return;
+    verifier_.collect();
+    watch_verifier();
+  });
 }
 
 void Server::look_after_guests(Time now) {

@@ -1,4 +1,4 @@
-// The event loop: sockets, timers, and who calls whom. One thread.
+// The event loop: sockets, timers, and who calls whom. One thread, but for the hash of a password.
 #pragma once
 
 #include <cstdint>

@@ -32,6 +32,11 @@ class Sessions {
 
   void end(std::string_view word);
 
+  /// Ends all of that role.
+  void end(Role role) {
+    std::erase_if(sessions_, [role](const auto& one) { return one.second.role == role; });
+  }
+
  private:
   struct Session {
     Role role;
@@ -41,7 +46,7 @@ class Sessions {
 };
 
 /// How often an address, and all of them together, may try a password in a minute. All together,
-/// because each try costs the one thread of this program a tenth of a second.
+/// because each try costs a tenth of a second of a board's processor, and one waits for the other.
 class Tries {
  public:
   static constexpr std::size_t kMostOfOne = 5;

@@ -167,6 +167,9 @@ bool ConsoleSite::knows_host(std::string_view header) const {
 }
 
 void ConsoleSite::use(Passwords passwords) {
+  for (const Role role : {Role::operates, Role::viewer}) {
+    if (!passwords_.agrees(passwords, role)) sessions_.end(role);
+  }
   passwords_ = std::move(passwords);
   hub_.has_password(passwords_.any());
 }
@@ -185,6 +188,8 @@ Answer ConsoleSite::answer(const Request& request) {
     answer.response = refusal(403, "a page of another site may not do that");
   } else if (request.upgrade) {
     answer = open(request, role_of(request, now));
+  } else if (request.method == "POST" && request.path() == "/login") {
+    answer = log_in(request, now);
   } else {
     answer.response = respond(request, role_of(request, now), now);
   }
@@ -248,7 +253,6 @@ Response ConsoleSite::page(const Request& request, bool allowed) {
 
 Response ConsoleSite::post(const Request& request, std::optional<Role> role, Time now) {
   const auto path = request.path();
-  if (path == "/login") return log_in(request, now);
   if (path == "/logout") return log_out(request);
   if (path == "/api/command") return command(request, role, now);
   return refusal(404, "not found");
@@ -264,18 +268,28 @@ Response ConsoleSite::command(const Request& request, std::optional<Role> role, 
   return response;
 }
 
-Response ConsoleSite::log_in(const Request& request, Time now) {
-  if (!passwords_.any()) return go_to("/");
+Answer ConsoleSite::log_in(const Request& request, Time now) {
+  if (!passwords_.any()) return {.response = go_to("/")};
   if (!tries_.allowed(request.address, now)) {
     Response response = no_log_in(request, 429, "too many tries; expected a minute's patience");
     response.headers.emplace_back("Retry-After", "60");
-    return response;
+    return {.response = std::move(response)};
   }
-  const auto role = passwords_.role_of(password_in(request));
+  return {.later = [this, request](const Respond& respond) {
+    options_.verify(passwords_, password_in(request),
+                    [this, request, respond](std::optional<Role> role) {
+                      Response response = logged_in(request, role);
+                      harden(response, request);
+                      respond(std::move(response));
+                    });
+  }};
+}
+
+Response ConsoleSite::logged_in(const Request& request, std::optional<Role> role) {
   if (!role) return no_log_in(request, 403, "that is not the password");
   Response response = go_to("/");
   response.headers.emplace_back(
-      "Set-Cookie", std::string(kCookie) + "=" + sessions_.begin(*role, now) +
+      "Set-Cookie", std::string(kCookie) + "=" + sessions_.begin(*role, Clock::now()) +
                         "; Path=/; HttpOnly; SameSite=Strict" + (request.secure ? "; Secure" : ""));
   return response;
 }

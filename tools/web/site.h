@@ -1,6 +1,8 @@
 // What stands under which path, and who may have it.
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,8 +14,15 @@
 
 namespace nimbus::web {
 
+/// Finds out whose password it is, and tells, at once or later.
+using Verify = std::function<void(const Passwords& passwords, std::string password,
+                                  std::function<void(std::optional<Role>)> done)>;
+
 struct SiteOptions {
   std::vector<std::string> names = {};  ///< of this machine, beside addresses and localhost
+  Verify verify = [](const Passwords& passwords, const std::string& password, const auto& done) {
+    done(passwords.role_of(password));
+  };
 };
 
 class ConsoleSite final : public Site {
@@ -21,7 +30,8 @@ class ConsoleSite final : public Site {
   ConsoleSite(Hub& hub, const Guests& guests, SiteOptions options)
       : hub_(hub), guests_(guests), options_(std::move(options)) {}
 
-  /// Who may come in. Nobody needs a password as long as none is set.
+  /// Who may come in. Nobody needs a password as long as none is set. Whoever came in by one that
+  /// has changed is out.
   void use(Passwords passwords);
 
   [[nodiscard]] Answer answer(const Request& request) override;
@@ -34,7 +44,8 @@ class ConsoleSite final : public Site {
   [[nodiscard]] Response post(const Request& request, std::optional<Role> role, Time now);
   [[nodiscard]] static Response page(const Request& request, bool allowed);
   [[nodiscard]] Response command(const Request& request, std::optional<Role> role, Time now);
-  [[nodiscard]] Response log_in(const Request& request, Time now);
+  [[nodiscard]] Answer log_in(const Request& request, Time now);
+  [[nodiscard]] Response logged_in(const Request& request, std::optional<Role> role);
   [[nodiscard]] Response log_out(const Request& request);
   [[nodiscard]] Answer open(const Request& request, std::optional<Role> role);
 
