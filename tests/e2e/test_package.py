@@ -39,6 +39,7 @@ FILES = {
         f"{HOME}/scripts/before-start.sh": 0o755,
         f"{HOME}/scripts/hdmi-change.sh": 0o755,
         f"{HOME}/scripts/hdmi-mode.sh": 0o755,
+        f"{HOME}/scripts/system-rules.sh": 0o755,
         f"{HOME}/scripts/card.sh": 0o644,
         f"{HOME}/scripts/config-txt.sh": 0o644,
         "usr/bin/nimbusctl": 0o755,
