@@ -4,6 +4,7 @@ import contextlib
 import json
 import pathlib
 import re
+import shutil
 import subprocess
 
 from harness.udp import VIEWER_PORT
@@ -67,6 +68,16 @@ class BoardViewer(Viewer):
         return json.loads(self.wait(lambda frame: frame.payload[:1] == b"{", 60, "a report",
                                     start).payload)
 
+    def wait_video(self, seconds=200):
+        """Registers until a picture has come: the moment of its first datagram."""
+        began = len(self.frames)
+
+        def seen():
+            self.register()
+            return next((frame for frame in self.frames[began:] if frame.video), None)
+
+        return wait_until(seen, seconds, "a picture").time
+
     def join(self):
         """Registers until the service answers."""
         start = len(self.frames)
@@ -79,17 +90,18 @@ class BoardViewer(Viewer):
         return self
 
 
-def older_package(package, folder, work):
-    """The same package under a lower version."""
-    root = work / "older"
-    subprocess.run(["dpkg-deb", "-R", package, root], check=True)
-    control = root / "DEBIAN" / "control"
-    lines = control.read_text().splitlines(keepends=True)
-    control.write_text("".join("Version: 0.0.1\n" if line.startswith("Version:") else line
-                               for line in lines))
-    folder.mkdir()
-    subprocess.run(["dpkg-deb", "-b", "--root-owner-group", root, folder], check=True,
-                   capture_output=True)
+def older_packages(luggage):
+    """Puts the same packages beside them, as a former build: the revision is lower."""
+    older = luggage / "older"
+    older.mkdir()
+    for package in luggage.glob("nimbus*.deb"):
+        root = luggage / "root"
+        subprocess.run(["dpkg-deb", "-R", package, root], check=True)
+        control = root / "DEBIAN" / "control"
+        control.write_text(re.sub(r"(?m)^(Version: [^-]*)-.*", r"\1-2020", control.read_text()))
+        subprocess.run(["dpkg-deb", "-b", "--root-owner-group", root, older], check=True,
+                       capture_output=True)
+        shutil.rmtree(root)
 
 
 LUGGAGE = "mkdir -p /mnt/luggage; mountpoint -q /mnt/luggage || " \
@@ -106,6 +118,12 @@ def install(machine, what="/mnt/luggage/nimbus*.deb"):
 def wait_service(machine, seconds=120):
     """Waits until systemd has heard from the service that it is ready."""
     machine.wait("systemctl is-active nimbus.service", seconds, "the service's READY")
+
+
+def wait_restarted(machine, before, seconds=60):
+    """Waits for another process of the service than that, which is ready."""
+    machine.wait(f"p=$(systemctl show -p MainPID --value nimbus); test $p != {before} -a $p != 0"
+                 " && systemctl is-active nimbus", seconds, "another service")
 
 
 def service_pid(machine):

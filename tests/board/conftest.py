@@ -1,6 +1,7 @@
-"""`./dev board --ci` runs these tests shortly, `./dev board --long` with hundreds of rounds each.
-They live in the sandbox, whose network has the emulated boards on one interface, alone."""
+"""`./dev board` runs these tests shortly, `./dev board --long` all of them and with hundreds of
+rounds. They live in the sandbox, whose network has the emulated boards on one interface, alone."""
 
+import collections
 import json
 import pathlib
 import shutil
@@ -14,6 +15,7 @@ sys.path.append(str(ROOT / "tools" / "board"))
 import bench  # noqa: E402
 import luggage as packing  # noqa: E402
 from card import Card  # noqa: E402
+from held import Held  # noqa: E402
 from machine import Image, Machine, make_disk  # noqa: E402
 from running import Running  # noqa: E402
 
@@ -27,13 +29,39 @@ def pytest_addoption(parser):
     parser.addoption("--long", action="store_true", help="hundreds of rounds instead of a few")
     parser.addoption("--keep", type=pathlib.Path,
                      help="a folder where the installed boards stay, for the next run as well")
-    parser.addoption("--cuts", type=int, help="how often the plug is pulled")
+    parser.addoption("--times", type=int, help="how often, instead of what each test says")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "long: with --long only")
+
+
+def pytest_collection_modifyitems(config, items):
+    if config.getoption("--long"):
+        return
+    long = [item for item in items if item.get_closest_marker("long")]
+    items[:] = [item for item in items if item not in long]
+    config.hook.pytest_deselected(items=long)
+
+
+def pytest_terminal_summary(terminalreporter):
+    """How long each test took, and the boards that were made for it."""
+    reports = [report for some in terminalreporter.stats.values() for report in some
+               if isinstance(report, pytest.TestReport)]
+    rows = collections.Counter()
+    for report in reports:
+        name = report.nodeid.rpartition("::")[2] if report.when == "call" else "boards made before"
+        rows[name] += report.duration
+    terminalreporter.write_line("")
+    for name, seconds in [*rows.items(), ("all", sum(rows.values()))]:
+        terminalreporter.write_line(f"{name:60} {seconds // 60:3.0f}:{seconds % 60:02.0f}")
 
 
 @pytest.fixture(scope="session")
 def times(request):
     """times(short, long): how often."""
-    return lambda short, long: long if request.config.getoption("--long") else short
+    option = request.config.getoption
+    return lambda short, long: option("--times") or (long if option("--long") else short)
 
 
 @pytest.fixture(scope="session")
@@ -65,10 +93,9 @@ def luggage(request, image, work):
     if (work / "luggage.img").exists():
         return work / "luggage.img"
     packages = request.config.getoption("--packages")
-    service = packing.newest(packages, kind).get("nimbus")
-    assert service, f"there is no package in {packages}; ./dev package makes it"
+    assert packing.newest(packages, kind), f"{packages} has no packages; ./dev package makes them"
     return packing.pack(packages, kind, work,
-                        lambda inside: bench.older_package(service, inside / "older", work))
+                        lambda inside: bench.older_packages(inside))
 
 
 @pytest.fixture(scope="session")
@@ -126,3 +153,73 @@ def figures(request):
 @pytest.fixture(scope="session")
 def running(image, installed, luggage, work):
     return Running(image, installed, luggage, work)
+
+
+@pytest.fixture(scope="session")
+def held(image, installed, luggage, work):
+    return Held(image, installed, luggage, work)
+
+
+@pytest.fixture
+def card(work):
+    """A card with settings of its own."""
+    return Card(work / "own.img").create(files=[*bench.CARD_FILES, (bench.NAME, bench.OLD)])
+
+
+@pytest.fixture
+def disk(installed, work):
+    """The root of a board on which the packages are installed."""
+    return make_disk(installed, work / "own.qcow2")
+
+
+@pytest.fixture
+def switched_on():
+    """Machines that are off at the end of the test; what a failing one has said is shown."""
+    made = []
+    yield made
+    for machine in made:
+        print(machine.console()[-3000:])
+        machine.kill()
+
+
+@pytest.fixture
+def boards(image, luggage, work, switched_on):
+    """boards(disk, ...) switches a board on."""
+
+    def make(disk, **options):
+        switched_on.append(Machine(image, disk, work / "own", luggage=luggage, **options))
+        return switched_on[-1]
+
+    return make
+
+
+@pytest.fixture
+def boot(held, switched_on):
+    """boot(layout, card) boots a board of that layout with that card; with hold=True it stands
+    before the card until go()."""
+
+    def make(layout, card, hold=False):
+        switched_on.append(held.boot(layout, card))
+        if not hold:
+            switched_on[-1].go()
+        return switched_on[-1]
+
+    return make
+
+
+@pytest.fixture
+def relaying(running, work, switched_on):
+    """A board that is relaying, and its card."""
+    machine, card = running.go_on("firmware", work / "own.img", work / "own.log")
+    switched_on.append(machine)
+    return machine, card
+
+
+@pytest.fixture
+def machine(relaying):
+    return relaying[0]
+
+
+@pytest.fixture
+def own_card(relaying):
+    return relaying[1]

@@ -8,6 +8,7 @@ import time
 import bench
 import pytest
 from card import Card, cut, read_log
+from running import LAYOUTS
 
 DIRTY = "Dirty bit is set"
 
@@ -46,11 +47,11 @@ class Plug:
         return card
 
 
-@pytest.mark.parametrize("layout", ["firmware"])
-def test_pulled_in_a_save(running, work, viewer, times, request, figures, layout):
+@pytest.mark.parametrize("layout", LAYOUTS)
+def test_pulled_in_a_save(running, work, viewer, times, figures, layout):
     """The settings on the card are the old or the new ones, whole; its file system is sound but for
     the mark that it was not unmounted, and no other file is lost."""
-    rounds = request.config.getoption("--cuts") or times(20, 250)
+    rounds = times(20, 250)
     chance = random.Random(f"{layout} {rounds}")
     plug = Plug(running, work, layout, viewer)
     plug.start()

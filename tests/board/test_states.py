@@ -88,7 +88,10 @@ def next_start(board, viewer):
 
 ACTS = {"save": save, "HDMI change": change_hdmi, "first start": first_start,
         "next start": next_start}
-CASES = [*((what, "firmware") for what in ACTS), ("save", "boot"), ("HDMI change", "boot")]
+CASES = [("save", "firmware"),
+         *(pytest.param(*case, marks=pytest.mark.long) for case in (
+             ("HDMI change", "firmware"), ("first start", "firmware"), ("next start", "firmware"),
+             ("save", "boot"), ("HDMI change", "boot")))]
 
 
 @pytest.mark.parametrize("what, layout", CASES)

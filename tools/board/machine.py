@@ -131,7 +131,9 @@ class Machine:
             f"socket,id=agent,fd={agent.fileno()}",
             "-device", "virtserialport,chardev=agent,name=board",
             "-chardev", f"socket,id=qmp,fd={qmp.fileno()}", "-mon", "chardev=qmp,mode=control",
-            "-blockdev", f"qcow2,node-name=root,file.driver=file,file.filename={disk}",
+            # Only the card is cut off: what the root is told to keep may wait in this machine.
+            "-blockdev", f"qcow2,node-name=root,cache.no-flush=on,file.driver=file,"
+                         f"file.cache.no-flush=on,file.filename={disk}",
             "-device", "virtio-blk-pci,drive=root"]
         if card is not None:
             command += ["-blockdev", self.card_node(card, log), "-device",
