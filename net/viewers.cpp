@@ -118,6 +118,8 @@ void send_to_viewers(std::span<const std::uint8_t> payload, FrameKind kind) {
     send_through(send_sockets[i], parts, viewer);
     usleep(kPauseAfterSendUs);
   }
+  // Before the turn goes on: whoever has it next goes on at once, and takes the next number.
+  frame_counter = frame_counter + 1;
   turn.give_back(ticket);
 }
 
@@ -188,9 +190,12 @@ void handle_viewer_datagram(const Datagram& datagram) noexcept {
 }
 
 void broadcast(std::span<const std::uint8_t> payload, FrameKind kind) noexcept {
-  // With nobody to send to, not even another broadcast is waited for: this one is only counted.
-  if (has_viewers()) send_to_viewers(payload, kind);
-  frame_counter = frame_counter + 1;
+  if (has_viewers()) {
+    send_to_viewers(payload, kind);
+  } else {
+    // With nobody to send to, not even another broadcast is waited for: this one is only counted.
+    frame_counter = frame_counter + 1;
+  }
 }
 
 void broadcast_text(std::string_view text) noexcept {

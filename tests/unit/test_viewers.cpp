@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "display/region.h"
@@ -140,9 +142,11 @@ TEST_F(Viewers, AFreedSlotIsTakenByTheNext) {
   }
 }
 
-TEST_F(Viewers, ASenderWithoutAPortIsRefused) {
-  EXPECT_EQ(add(endpoint("127.0.0.1", 0)), 0);
-  receive(frame("\0\0"s), endpoint("127.0.0.1", 0));
+TEST_F(Viewers, ASenderWithoutAPortOrAnAddressIsRefused) {
+  for (const Endpoint nobody : {endpoint("127.0.0.1", 0), endpoint("0.0.0.0", 1000)}) {
+    EXPECT_EQ(add(nobody), 0);
+    receive(frame("\0\0"s), nobody);
+  }
   EXPECT_EQ(count(), 0);
   for (std::size_t n = 0; n < 10; ++n) EXPECT_EQ(add(viewer_number(n)), 1) << "it takes no slot";
   EXPECT_EQ(console_.texts(), Texts{});
@@ -171,6 +175,31 @@ TEST_F(Viewers, ANewcomerKeepsTheSlotOfTheOneWhoLeft) {
     EXPECT_FALSE(slot.release(seen));
     EXPECT_EQ(slot.viewer().address, newcomer.address);
     EXPECT_EQ(slot.viewer().port, newcomer.port);
+  }
+}
+
+/// The same in the pass of each second, which reads the clock between the two.
+TEST_F(Viewers, ANewcomerIsNotTakenForTheSilentOneWhoLeft) {
+  test::WallClock clock;
+  for (const Endpoint newcomer : {endpoint("127.0.0.2", 1000), kViewer}) {
+    clock.set_ms(1000);
+    ASSERT_EQ(add(kViewer), 1);
+    static Endpoint comes;
+    comes = newcomer;
+    clock.set([] {
+      static bool is_within = false;  // a registration reads the clock, too
+      if (!std::exchange(is_within, true)) {
+        receive(frame("\1"));
+        receive(frame("\0\0"s), comes);
+        is_within = false;
+      }
+      return timespec{60, 0};
+    });
+    EXPECT_EQ(count(), 1);
+    clock.set_ms(60'000);
+    EXPECT_EQ(add(newcomer), 0) << "it is known";
+    receive(frame("\1"), newcomer);
+    console_.texts();
   }
 }
 
@@ -361,13 +390,52 @@ TEST_F(Viewers, EveryShapeOfMessageIsFramed) {
   EXPECT_EQ(payload_of_next(viewer, 1), "video");
 }
 
+/// The number of the broadcast that is the next one to be received.
+unsigned next_number(const test::UdpEnd& viewer) {
+  const std::string received = viewer.receive();
+  if (received.size() < 8) return 0;
+  return load_le<std::uint32_t>(
+      {reinterpret_cast<const std::uint8_t*>(received.data()), received.size()}, 4);
+}
+
+/// Whether the frames of three threads have numbers that follow one another. All are on one
+/// processor, which goes to the next as soon as it is its turn.
+bool numbers_follow(const test::UdpEnd& viewer) {
+  constexpr unsigned kEach = 40;
+  std::array<std::jthread, 3> senders;
+  for (auto& sender : senders) {
+    sender = std::jthread([] {
+      const test::Processor first(0);
+      for (unsigned i = 0; i < kEach; ++i) broadcast("x", FrameKind::data);
+    });
+  }
+  const unsigned first = next_number(viewer);
+  bool follow = true;
+  for (unsigned i = 1; i < senders.size() * kEach; ++i) {
+    follow = next_number(viewer) == first + i && follow;
+  }
+  return follow;
+}
+
+TEST_F(Viewers, EachFrameHasTheNextNumber) {
+  const test::UdpEnd viewer;
+  ASSERT_EQ(add(viewer.endpoint()), 1);
+  // A busy machine may hold a thread that has the turn for so long that it is taken away.
+  int rounds = 0;
+  while (rounds < 10 && !numbers_follow(viewer)) ++rounds;
+  EXPECT_LT(rounds, 10);
+}
+
 TEST_F(Viewers, AViewerThatCannotBeReachedDoesNotKeepFramesFromOthers) {
   const test::UdpEnd first, second;
   ASSERT_EQ(add(first.endpoint()), 1);
   ASSERT_EQ(add(endpoint("192.0.2.1", 9)), 1) << "there is no way to this network";
   ASSERT_EQ(add(endpoint("255.255.255.255", 9)), 1) << "not allowed to this socket";
   ASSERT_EQ(add(second.endpoint()), 1);
+  const auto begin = std::chrono::steady_clock::now();
   broadcast("x", FrameKind::data);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4))
+      << "the pause follows what was not sent, too";
   EXPECT_EQ(payload_of_next(first, 0), "x");
   EXPECT_EQ(payload_of_next(second, 0), "x");
 }
