@@ -146,7 +146,8 @@ void UdpLink::count_dropped() noexcept {
   ++dropped_;
   const auto now = static_cast<std::uint32_t>(read_clocks().monotonic / 1'000'000'000);
   const std::uint32_t told = drops_told_s;
-  if (told != 0 && now - told < kDropReportPeriod.count()) return;
+  // Of whole seconds, one more: told at the end of one, it was told a moment before the next.
+  if (told != 0 && now - told <= kDropReportPeriod.count()) return;
   if (!drops_told_s.replace(told, now)) return;
   sockaddr_in own{};
   socklen_t size = sizeof(own);

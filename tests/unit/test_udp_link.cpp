@@ -7,9 +7,11 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <regex>
 #include <span>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "base/log.h"
 #include "tests/unit/support.h"
@@ -25,6 +27,8 @@ using test::UdpEnd;
 constexpr std::uint16_t kPort = 40'000;
 constexpr std::uint16_t kOtherPort = 40'001;
 constexpr std::uint16_t kEarlyPort = 40'002;
+constexpr std::uint16_t kSlowPort = 40'003;
+constexpr std::uint16_t kOldPort = 40'004;
 
 // Links live as long as the process, also when the tests are repeated.
 UdpLink link;
@@ -132,6 +136,30 @@ TEST_F(Link, IsFoundAgainByADatagramThatCameWhileItWasLost) {
   EXPECT_EQ(console_.wait(3), (Texts{"lost", "found", packet("meanwhile", end_)}));
 }
 
+/// Its first datagram again comes while the loss is being told.
+TEST_F(Link, IsNotFoundBeforeItsLossHasBeenTold) {
+  static UdpLink slow_link;
+  static const UdpEnd* bridge;
+  bridge = &end_;
+  LinkCallbacks callbacks = kPrinting;
+  callbacks.lost = [] {
+    bridge->send(kSlowPort, "meanwhile");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    log_text("lost");
+  };
+  static const bool started = opened(slow_link, kSlowPort) && (slow_link.start(callbacks), true);
+  ASSERT_TRUE(started);
+  end_.send(kSlowPort, "one");
+  EXPECT_EQ(console_.wait(2), (Texts{"found", packet("one", end_)}));
+  clock_.set_ms(9000);
+  slow_link.notice_silence();
+  EXPECT_EQ(console_.wait(2), (Texts{packet("meanwhile", end_), "lost"}));
+  end_.send(kSlowPort, "two");
+  EXPECT_EQ(console_.wait(2), (Texts{"found", packet("two", end_)}));
+  clock_.set_ms(20'000);
+  slow_link.notice_silence();  // when the tests are repeated
+}
+
 TEST_F(Link, AnswersTheSenderOfTheLastDatagram) {
   const UdpEnd later;
   end_.send(kPort, "x");
@@ -147,6 +175,85 @@ TEST_F(Link, AnswersTheSenderOfTheLastDatagram) {
   EXPECT_EQ(send_to_peer(link, "third"), 5) << "also when it has been lost";
   EXPECT_EQ(later.receive(), "third");
 }
+
+// --- What has waited too long ------------------------------------------------------------------
+
+/// A link of their own, which knows no other monotonic clock than one that stands. How long they
+/// have waited is up to that one: the wall clock was set far back since.
+class OldDatagrams : public Link {
+ protected:
+  OldDatagrams() {
+    static const bool started = opened(link_, kOldPort) && (link_.start(kPrinting), true);
+    EXPECT_TRUE(started);
+    wait_ms(0);
+    send("fresh");
+    EXPECT_EQ(console_.wait(2), (Texts{"found", packet("fresh", end_)}));
+  }
+  ~OldDatagrams() override {
+    clock_.set_ms(600'000'000);
+    link_.notice_silence();
+    test::monotonic_stands_at = 0;
+  }
+
+  void send(const char* text) const { end_.send(kOldPort, text); }
+
+  /// What comes from here on seems to have waited for so long when it is read.
+  static void wait_ms(std::int64_t time) { test::monotonic_stands_at = kMoment + time * 1'000'000; }
+
+  static inline UdpLink link_;
+
+  void expect_told() {
+    const Texts said = console_.wait(1);
+    ASSERT_EQ(said.size(), 1U);
+    EXPECT_TRUE(
+        std::regex_match(said[0], std::regex("Too much on port 40004: [0-9]+ datagrams waited for "
+                                             "more than 2 s and were dropped\n")))
+        << said[0];
+  }
+
+ private:
+  static constexpr std::int64_t kMoment = 1000 * test::kNsPerSecond;
+};
+
+TEST_F(OldDatagrams, AreDropped) {
+  wait_ms(1900);
+  send("x");
+  EXPECT_EQ(console_.wait(1), Texts{packet("x", end_)});
+  wait_ms(2100);
+  send("y");
+  expect_told();
+  wait_ms(0);
+  send("z");
+  EXPECT_EQ(console_.wait(1), Texts{packet("z", end_)});
+}
+
+TEST_F(OldDatagrams, KeepTheirLinkLive) {
+  wait_ms(100'000);
+  clock_.set_ms(2000);
+  send("x");
+  expect_told();
+  clock_.set_ms(2500);
+  link_.notice_silence();
+  EXPECT_EQ(console_.texts(), Texts{});
+}
+
+/// Also when it is told at the end of a second.
+TEST_F(OldDatagrams, AreToldOfAtMostOnceInTenSeconds) {
+  wait_ms(50'900);
+  send("x");
+  expect_told();
+  for (const std::int64_t later : {1, 9200}) {
+    wait_ms(50'900 + later);
+    send("y");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(console_.texts(), Texts{}) << later;
+  }
+  wait_ms(50'900 + 11'000);
+  send("z");
+  expect_told();
+}
+
+// --- Before the start, and on other ports ------------------------------------------------------
 
 /// What comes between the opening of a link and its start is found, and handed on, at the start.
 TEST(EarlyLink, DatagramsWaitForTheStart) {

@@ -1,5 +1,5 @@
-// A wall clock that shows what a test wants. It takes the place of the C library's function, so a
-// program includes it in one file.
+// Clocks that show what a test wants. They take the place of the C library's function, so a program
+// includes them in one file.
 #pragma once
 
 #include <sys/syscall.h>
@@ -21,8 +21,18 @@ inline int system_clock(clockid_t id, timespec* time) noexcept {
 #endif
 }
 
+inline constexpr std::int64_t kNsPerSecond = 1'000'000'000;
+
+inline timespec timespec_of(std::int64_t nanoseconds) noexcept {
+  return {static_cast<time_t>(nanoseconds / kNsPerSecond),
+          static_cast<long>(nanoseconds % kNsPerSecond)};
+}
+
 /// The answer to whoever reads the wall clock; null: the real time.
 inline std::atomic<timespec (*)()> wall_clock_answer = nullptr;
+
+/// Where the monotonic clock stands, in nanoseconds; 0: it goes.
+inline std::atomic<std::int64_t> monotonic_stands_at = 0;
 
 /// Owns the wall clock: once it was set, it stands still for the rest of the lifetime. Other
 /// threads may read it at any moment.
@@ -35,11 +45,7 @@ class WallClock {
 
   void set(timespec time) {
     nanoseconds_ = std::int64_t{time.tv_sec} * kNsPerSecond + time.tv_nsec;
-    set([] {
-      const std::int64_t shown = nanoseconds_;
-      return timespec{static_cast<time_t>(shown / kNsPerSecond),
-                      static_cast<long>(shown % kNsPerSecond)};
-    });
+    set([] { return timespec_of(nanoseconds_); });
   }
 
   /// The time at which now_ms() is that number.
@@ -52,7 +58,6 @@ class WallClock {
   void set(timespec (*answer)()) { wall_clock_answer = answer; }
 
  private:
-  static constexpr std::int64_t kNsPerSecond = 1'000'000'000;
   static inline std::atomic<std::int64_t> nanoseconds_ = 0;
 };
 
@@ -60,7 +65,12 @@ class WallClock {
 
 extern "C" int clock_gettime(clockid_t id, timespec* time) noexcept {
   const auto answer = id == CLOCK_REALTIME ? nimbus::test::wall_clock_answer.load() : nullptr;
-  if (answer == nullptr) return nimbus::test::system_clock(id, time);
-  *time = answer();
+  if (answer != nullptr) {
+    *time = answer();
+    return 0;
+  }
+  const std::int64_t shown = nimbus::test::monotonic_stands_at;
+  if (id != CLOCK_MONOTONIC || shown == 0) return nimbus::test::system_clock(id, time);
+  *time = nimbus::test::timespec_of(shown);
   return 0;
 }
