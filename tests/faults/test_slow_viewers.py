@@ -5,6 +5,7 @@ The kernel charges what waits in an interface's queue, or for an address to be r
 socket that it was sent through.
 """
 
+import contextlib
 import itertools
 import statistics
 import struct
@@ -18,6 +19,7 @@ from harness.far_network import FarViewer, Link
 from harness.making import making
 from harness.service import EMULATOR
 from harness.timing import TIME_SCALE, wait_until
+from harness.udp import DATA_PORT
 from harness.viewer import StampedViewer
 
 pytestmark = pytest.mark.skipif(bool(EMULATOR),
@@ -174,6 +176,20 @@ def test_link_that_goes_down(serving, links, good, stranded, video):
     breaker.start()
     show(serving, video, [first, last], 30_000, 30)
     breaker.join()
+
+
+def test_bridge_behind_a_narrow_link(serving, links, good):
+    """What the camera is sent faster than the link takes is lost; the viewers' thread, which sends
+    it, does not wait."""
+    link = links()
+    with contextlib.closing(FarViewer(link, link.far)) as bridge:
+        bridge.send_raw(b"\0", DATA_PORT)
+        serving.err.wait("Data found\n")
+        link.narrow("8kbit", "10000000")
+        viewer = good()
+        for _ in range(1000):
+            viewer.speed(1, 0, 0, 0)  # one frame that stops the gimbal for each
+        good("127.0.0.2")
 
 
 def test_viewer_that_takes_the_slot_of_a_slow_one(serving, links, good, stranded, video):
