@@ -292,6 +292,13 @@ def test_units(root):
                        check=True, capture_output=True, timeout=60)
 
 
+def test_no_line_of_a_viewer_is_an_emergency(root):
+    """Texts of viewers reach the console with their line ends; journald takes "<0>" at the beginning
+    of a line for a message to every terminal, unless it is told not to."""
+    unit = (root / "lib/systemd/system/nimbus.service").read_text()
+    assert "\nSyslogLevelPrefix=no\n" in unit
+
+
 @pytest.mark.skipif(not shutil.which("systemd-analyze"), reason="systemd-analyze is missing")
 def test_units_of_the_web_console(packages, tmp_path):
     """Nothing that systemd can take away is left to a program that strangers talk to."""
