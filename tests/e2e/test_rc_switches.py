@@ -28,7 +28,7 @@ CENTER = {
 
 
 @pytest.mark.parametrize("script", CENTER.values(), ids=CENTER)
-def test_center(cockpit, script):
+def test_centre(cockpit, script):
     cockpit.rc.assign("center")
     for value, expected in script:
         cockpit.move("center", value, expected)

@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   const auto checked = check_frame(datagram);
   const Frame* const frame = std::get_if<Frame>(&checked);
   nimbus::fuzz::require(frame != nullptr);
-  const CommandName* const command = find_command(*frame);
+  const CameraCommand* const command = find_command(*frame);
   if (command == nullptr) return 0;
   nimbus::fuzz::require(!describe(*command, frame->payload).empty());
 

@@ -6,11 +6,11 @@
 #include <vector>
 
 #include "display/region.h"
+#include "tools/ctl/gap_counter.h"
 #include "tools/ctl/hud.h"
 #include "tools/ctl/json.h"
 #include "tools/ctl/messages.h"
 #include "tools/ctl/viewer_link.h"
-#include "tools/ctl/watch.h"
 
 namespace nimbus::ctl {
 namespace {

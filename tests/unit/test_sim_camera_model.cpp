@@ -62,7 +62,7 @@ class Camera : public testing::Test {
     const auto checked = check_frame(bytes);
     EXPECT_TRUE(std::holds_alternative<Frame>(checked));
     const Frame& frame = std::get<Frame>(checked);
-    const CommandName* const command = find_command(frame);
+    const CameraCommand* const command = find_command(frame);
     if (command == nullptr) return "unknown";
     said = describe(*command, frame.payload);
     return std::string(camera.apply(*command, frame.payload));
@@ -367,8 +367,8 @@ TEST_F(Camera, FocusPoint) {
   give(kCamera, 0x30, point);
   const Payload frame = report("lens");
   EXPECT_EQ(frame[11], 0x85);
-  EXPECT_EQ(std::bit_cast<float>(load_le<std::uint32_t>(frame, 24)), 0.25F);
-  EXPECT_EQ(std::bit_cast<float>(load_le<std::uint32_t>(frame, 28)), 0.75F);
+  EXPECT_EQ(load_le<float>(frame, 24), 0.25F);
+  EXPECT_EQ(load_le<float>(frame, 28), 0.75F);
   EXPECT_EQ(frame[32], 1);
   pass(CameraModel::kFocuses);
   EXPECT_EQ(report("lens")[32], 0);

@@ -123,7 +123,7 @@ TEST(Scene, WhereADirectionIsSeen) {
 void apply(CameraModel& camera, std::string_view name, const std::vector<std::uint8_t>& payload) {
   const auto rows = all_commands();
   const auto row = std::find_if(rows.begin(), rows.end(),
-                                [name](const CommandName& one) { return one.name == name; });
+                                [name](const CameraCommand& one) { return one.name == name; });
   ASSERT_NE(row, rows.end()) << name;
   EXPECT_EQ(camera.apply(*row, payload), "");
 }

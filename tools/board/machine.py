@@ -115,33 +115,13 @@ class Machine:
         self.qmp, qmp = socket.socketpair()
         self.console_file = self.folder / "console"
         self.console_file.write_bytes(b"")
-        program, kind, terminal = KINDS[image.architecture]
         # An emulated timer may be late when the kernel tries it.
         if "device-timeout" not in options:
             options += PATIENCE
-        line = (f"console={terminal} root=/dev/vda rw quiet loglevel=4 no_timer_check {words}"
-                f" board.mount={mount} board.options={options}" + " board.hold" * hold)
         command = [
-            program, *kind, *image.processor(), "-smp", "2", "-m", str(memory), "-nodefaults",
-            "-display", "none", "-kernel", image.kernel, "-initrd", image.initrd, "-append", line,
-            "-device", "virtio-rng-pci", "-serial", console or f"file:{self.console_file}",
-            "-netdev", "tap,id=net,ifname=board,script=no,downscript=no",
-            "-device", "virtio-net-pci,netdev=net,mac=52:54:00:10:77:01,romfile=",
-            "-device", "virtio-serial-pci", "-chardev",
-            f"socket,id=agent,fd={agent.fileno()}",
-            "-device", "virtserialport,chardev=agent,name=board",
-            "-chardev", f"socket,id=qmp,fd={qmp.fileno()}", "-mon", "chardev=qmp,mode=control",
-            # Only the card is cut off: what the root is told to keep may wait in this machine.
-            "-blockdev", f"qcow2,node-name=root,cache.no-flush=on,file.driver=file,"
-                         f"file.cache.no-flush=on,file.filename={disk}",
-            "-device", "virtio-blk-pci,drive=root"]
-        if card is not None:
-            command += ["-blockdev", self.card_node(card, log), "-device",
-                        "virtio-blk-pci,drive=card,serial=card,id=slot"]
-        if luggage is not None:
-            command += ["-blockdev", f"raw,node-name=luggage,read-only=on,file.driver=file,"
-                        f"file.filename={luggage}", "-device",
-                        "virtio-blk-pci,drive=luggage,serial=luggage"]
+            *self._computer(memory, f"{words} board.mount={mount} board.options={options}" +
+                            " board.hold" * hold),
+            *self._ports(agent, qmp, console), *self._disks(disk, card, log, luggage)]
         if clock is not None:
             command += ["-rtc", f"base={clock}"]
         if state is not None:
@@ -159,6 +139,38 @@ class Machine:
             wait_until(lambda: self.monitor("query-status")["status"] != "inmigrate", 60,
                        "the machine's memory")
             self.monitor("cont")
+
+    def _computer(self, memory, words):
+        """What runs, and what its kernel is told."""
+        program, kind, terminal = KINDS[self.image.architecture]
+        return [program, *kind, *self.image.processor(), "-smp", "2", "-m", str(memory),
+                "-nodefaults", "-display", "none", "-kernel", self.image.kernel, "-initrd",
+                self.image.initrd, "-append",
+                f"console={terminal} root=/dev/vda rw quiet loglevel=4 no_timer_check {words}"]
+
+    def _ports(self, agent, qmp, console):
+        """Its ways to the outside."""
+        return ["-device", "virtio-rng-pci", "-serial", console or f"file:{self.console_file}",
+                "-netdev", "tap,id=net,ifname=board,script=no,downscript=no",
+                "-device", "virtio-net-pci,netdev=net,mac=52:54:00:10:77:01,romfile=",
+                "-device", "virtio-serial-pci", "-chardev",
+                f"socket,id=agent,fd={agent.fileno()}",
+                "-device", "virtserialport,chardev=agent,name=board",
+                "-chardev", f"socket,id=qmp,fd={qmp.fileno()}", "-mon", "chardev=qmp,mode=control"]
+
+    def _disks(self, disk, card, log, luggage):
+        # Only the card is cut off: what the root is told to keep may wait in this machine.
+        disks = ["-blockdev", f"qcow2,node-name=root,cache.no-flush=on,file.driver=file,"
+                              f"file.cache.no-flush=on,file.filename={disk}",
+                 "-device", "virtio-blk-pci,drive=root"]
+        if card is not None:
+            disks += ["-blockdev", self.card_node(card, log), "-device",
+                      "virtio-blk-pci,drive=card,serial=card,id=slot"]
+        if luggage is not None:
+            disks += ["-blockdev", f"raw,node-name=luggage,read-only=on,file.driver=file,"
+                      f"file.filename={luggage}", "-device",
+                      "virtio-blk-pci,drive=luggage,serial=luggage"]
+        return disks
 
     @staticmethod
     def card_node(card, log=None):

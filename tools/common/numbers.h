@@ -1,4 +1,4 @@
-// Numbers in words of people.
+// Numbers as people type them.
 #pragma once
 
 #include <cmath>
@@ -9,7 +9,7 @@
 
 namespace nimbus::tools {
 
-/// The number that the whole text is, or nothing. No blanks, infinities or not-numbers.
+/// The number that the whole text is, or nothing. No blanks, infinities or NaN.
 [[nodiscard]] inline std::optional<double> parse_real(std::string_view text) {
   // from_chars for floating types is younger than some compilers of the boards.
   const std::string copy(text);

@@ -15,6 +15,13 @@ std::string format_text(const char* format, ...) {
   return text.data();
 }
 
+std::string exposure_text(const ShutterTime& time) {
+  std::string text = time.fraction ? "1/" : "";
+  text += std::to_string(time.whole);
+  if (time.decimals != 0) text.append(".").append(std::to_string(time.decimals));
+  return text + " s";
+}
+
 std::string hexadecimal(std::span<const std::uint8_t> bytes) {
   std::string text;
   for (const std::uint8_t byte : bytes) {

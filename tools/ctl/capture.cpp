@@ -37,7 +37,8 @@ class CaptureFile {
 
   void add(Direction direction, tools::Endpoint from, tools::Endpoint to,
            std::span<const std::uint8_t> bytes) {
-    ++(direction == Direction::sent ? sent_ : received_);
+    std::uint64_t& count = direction == Direction::sent ? sent_ : received_;
+    ++count;
     // Not the wall clock as it is now: it may be set while this runs.
     const auto time = start_wall_ + (Clock::now() - start_);
     write_all(pcapng_packet(time, direction, from, to, bytes));

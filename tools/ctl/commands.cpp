@@ -126,18 +126,8 @@ constexpr auto kCommands = std::to_array<Command>({
     // clang-format on
 });
 
-std::vector<std::string_view> split(std::string_view words) {
-  std::vector<std::string_view> parts;
-  for (;;) {
-    const auto blank = words.find(' ');
-    parts.push_back(words.substr(0, blank));
-    if (blank == std::string_view::npos) return parts;
-    words.remove_prefix(blank + 1);
-  }
-}
-
 bool begins_with(std::span<const std::string> arguments, std::string_view words) {
-  const auto parts = split(words);
+  const auto parts = words_of(words);
   return arguments.size() >= parts.size() &&
          std::equal(parts.begin(), parts.end(), arguments.begin());
 }
@@ -149,9 +139,23 @@ std::size_t count(std::span<const Argument> arguments, bool with_optional) {
       }));
 }
 
-std::string names(const Command& command) {
+}  // namespace
+
+std::span<const Command> all_commands() { return kCommands; }
+
+std::vector<std::string_view> words_of(std::string_view text) {
+  std::vector<std::string_view> words;
+  for (;;) {
+    const auto blank = text.find(' ');
+    words.push_back(text.substr(0, blank));
+    if (blank == std::string_view::npos) return words;
+    text.remove_prefix(blank + 1);
+  }
+}
+
+std::string names_of(std::span<const Argument> arguments) {
   std::string text;
-  for (const Argument& argument : command.arguments) {
+  for (const Argument& argument : arguments) {
     if (argument.name.empty()) break;
     const std::string name(argument.name);
     text += argument.optional ? " [" + name + "]" : " " + name;
@@ -159,20 +163,18 @@ std::string names(const Command& command) {
   return text;
 }
 
-}  // namespace
+std::string_view first_word(const Command& command) { return words_of(command.words).front(); }
 
-std::span<const Command> all_commands() { return kCommands; }
-
-std::string_view first_word(const Command& command) { return split(command.words).front(); }
-
-std::string usage(const Command& command) { return std::string(command.words) + names(command); }
+std::string usage(const Command& command) {
+  return std::string(command.words) + names_of(command.arguments);
+}
 
 const Command& find_command(std::span<const std::string> arguments) {
   const Command* found = nullptr;
   std::string second_words;
   for (const Command& command : kCommands) {
     if (first_word(command) != arguments.front()) continue;
-    const auto parts = split(command.words);
+    const auto parts = words_of(command.words);
     if (parts.size() > 1) append_word(second_words, parts[1]);
     if (!begins_with(arguments, command.words)) continue;
     if (found == nullptr || command.words.size() > found->words.size()) found = &command;
@@ -192,10 +194,10 @@ std::string converted(std::string_view who, const Argument& argument, std::strin
 }
 
 std::string json_for(const Command& command, std::span<const std::string> arguments, bool force) {
-  const auto values = arguments.subspan(split(command.words).size());
+  const auto values = arguments.subspan(words_of(command.words).size());
   if (values.size() < count(command.arguments, false) ||
       values.size() > count(command.arguments, true)) {
-    const std::string expected = names(command);
+    const std::string expected = names_of(command.arguments);
     throw tools::Failure(std::string(command.words) + " has " + std::to_string(values.size()) +
                          " value(s); expected" + (expected.empty() ? " none" : expected));
   }

@@ -47,6 +47,12 @@ struct Command {
 /// Every command that has a form for people.
 [[nodiscard]] std::span<const Command> all_commands();
 
+/// The words of a text with blanks between them.
+[[nodiscard]] std::vector<std::string_view> words_of(std::string_view text);
+
+/// The names of values as usage has them, a blank before each: " PAN TILT [ROLL]".
+[[nodiscard]] std::string names_of(std::span<const Argument> arguments);
+
 /// The first word of a command.
 [[nodiscard]] std::string_view first_word(const Command& command);
 

@@ -14,16 +14,6 @@ namespace {
 using Choices = std::vector<std::string>;
 using Words = std::span<const std::string>;
 
-Choices split(std::string_view words) {
-  Choices parts;
-  for (;;) {
-    const auto blank = words.find(' ');
-    parts.emplace_back(words.substr(0, blank));
-    if (blank == std::string_view::npos) return parts;
-    words.remove_prefix(blank + 1);
-  }
-}
-
 /// The texts that a value may have, if they are a list. Those with blanks cannot be completed.
 template <std::size_t count>
 void add_values(Choices& choices, const std::array<Argument, count>& arguments, std::size_t index) {
@@ -36,7 +26,7 @@ void add_values(Choices& choices, const std::array<Argument, count>& arguments, 
 }
 
 /// Whether the shorter of the two is where the other begins.
-bool begin_alike(Words words, Words others) {
+bool begin_alike(Words words, std::span<const std::string_view> others) {
   const std::size_t both = std::min(words.size(), others.size());
   return std::ranges::equal(words.first(both), others.first(both));
 }
@@ -66,10 +56,10 @@ std::vector<std::string> choices_behind(std::span<const std::string> words) {
   if (words.size() == 2 && words[0] == "wifi" && words[1] == "scan") return {"wifi0", "wlan0"};
   Choices choices;
   for (const Command& command : all_commands()) {
-    const Choices own = split(command.words);
+    const auto own = words_of(command.words);
     if (!begin_alike(words, own)) continue;
     if (words.size() < own.size()) {
-      choices.push_back(own[words.size()]);
+      choices.emplace_back(own[words.size()]);
     } else {
       add_values(choices, command.arguments, words.size() - own.size());
     }

@@ -38,7 +38,7 @@ std::string ask(ViewerLink& link, const std::string& command, std::string_view k
 }
 
 std::string ask_report(ViewerLink& link) {
-  return ask(link, R"({"cmd":"configrequest"})", "report", kReportPatience);
+  return ask(link, std::string(kReportRequest), "report", kReportPatience);
 }
 
 Json parse_report(const std::string& text) {
@@ -125,16 +125,9 @@ void set_config(const Connection& connection, const std::string& name,
 }
 
 void scan_wifi(const Connection& connection, const std::string& interface) {
-  const auto code = kInterfaceName.convert(interface);
-  if (!code || *code == kNoInterfaceCode) {
-    throw tools::Failure("no interface '" + interface + "'; expected wifi0 or wlan0");
-  }
-  const Json command = empty_object();
-  add_text(command.get(), "cmd", "wlan");
-  add_text(command.get(), "param", "scan");
-  add_text(command.get(), "value", *code);
+  const std::string command = json_for_scan(interface);
   ViewerLink link(connection);
-  const std::string text = ask(link, line_of(command.get()), "wifi_scan", kScanPatience);
+  const std::string text = ask(link, command, "wifi_scan", kScanPatience);
   if (text.empty()) return;
   const Json reply = parse_object(text);
   if (reply == nullptr) {

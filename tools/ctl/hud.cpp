@@ -102,6 +102,119 @@ Value channel_map(const DisplayRegion& region) {
   return text;
 }
 
+Value command_waiting(const DisplayRegion& region) { return region.command_mailbox.full(); }
+
+// --- The fields --------------------------------------------------------------------------------
+
+/// A field, under its own name.
+struct Row {
+  std::string_view name;
+  Value (*value)(const DisplayRegion& region);
+  std::string_view unit = {};
+};
+
+// clang-format off
+#define BY(function, name) [](const DisplayRegion& region) { return function(region.name); }
+#define FIELD(name) { #name, BY(value_of_field, name) }
+#define FIELD_IN(name, unit) { #name, BY(value_of_field, name), unit }
+#define FLAG(name) { #name, BY(yes_or_no, name) }
+// clang-format on
+
+constexpr auto kRows = std::to_array<Row>({
+    FIELD(product_name),
+    FIELD(version_text),
+    FIELD(viewer_count),
+    FLAG(data_connected),
+    FLAG(video_connected),
+    FIELD(telemetry_status_text),
+    FIELD(video_status_text),
+    FIELD_IN(gimbal_angle_1, "\u00B0"),
+    FIELD_IN(gimbal_angle_2, "\u00B0"),
+    FIELD_IN(gimbal_angle_3, "\u00B0"),
+    FLAG(gimbal_flag),
+    FIELD(status_629),
+    FIELD(status_630),
+    FIELD(status_631),
+    FIELD(recording_state),
+    FLAG(recording_reset),
+    FIELD(timer_state),
+    FIELD_IN(timer_start_ms, " ms"),
+    FIELD_IN(timer_elapsed_ms, " ms"),
+    FIELD(camera_mode),
+    FIELD(camera_mode_text),
+    FIELD(exposure_mode),
+    FIELD(exposure_mode_text),
+    FIELD(resolution),
+    FIELD(resolution_text),
+    FIELD(resolution_width),
+    FIELD(resolution_height),
+    FIELD(frame_rate_code),
+    FIELD_IN(frame_rate, " fps"),
+    FIELD(white_balance),
+    FIELD(white_balance_text),
+    FIELD_IN(colour_temperature, " K"),
+    FIELD(aperture),
+    FIELD(settings_728),
+    FIELD(iso),
+    FIELD(iso_code),
+    FIELD(settings_736),
+    FIELD(shutter_code),
+    FIELD(shutter_text),
+    FIELD(ev_code),
+    FIELD(ev),
+    FIELD(colour),
+    FIELD(colour_text),
+    FIELD(settings_789),
+    FIELD(settings_790),
+    FIELD(settings_791),
+    FIELD(status_792),
+    FIELD(status_793),
+    FIELD(status_794),
+    FIELD(status_796),
+    FIELD(status_800),
+    FIELD(status_804),
+    FIELD(status_808),
+    FIELD(photo_format),
+    FIELD(photo_format_text),
+    FLAG(lens_known),
+    FIELD(lens_bit_0),
+    FIELD(focus_mode),
+    FIELD(lens_bit_2),
+    FIELD_IN(zoom_ratio, " %"),
+    FIELD(zoom_value),
+    FIELD(focus_value_1),
+    FIELD(focus_value_2),
+    FLAG(lens_flag),
+    FIELD(tracking_x),
+    FIELD(tracking_y),
+    FIELD(tracking_width),
+    FIELD(tracking_height),
+    FIELD_IN(tracking_ms, " ms"),
+    FLAG(tracking_on),
+    FIELD(histogram),
+    FIELD_IN(histogram_ms, " ms"),
+    FLAG(orientation_lock),
+    FLAG(osd_enabled),
+    FLAG(internal_camera_enabled),
+    FLAG(internal_camera_fullscreen),
+    FIELD(focus_point_x),
+    FIELD(focus_point_y),
+    FIELD(rc_status),
+    FLAG(show_channels),
+    FIELD(rc_channel_values),
+    {"rc_channel_map", channel_map},
+    FIELD(rc_function_assigned),
+    FIELD(rc_function_centred),
+    FIELD(rc_function_position),
+    FLAG(menu_active),
+    {"command_waiting", command_waiting},
+});
+
+#undef BY
+#undef FIELD
+#undef FIELD_IN
+#undef FLAG
+
 // --- Showing -----------------------------------------------------------------------------------
 
 std::string json_of(const Fields& fields) {
@@ -135,108 +248,11 @@ Fields changes(const Fields& before, const Fields& after) {
 
 }  // namespace
 
-// A field is shown under its own name.
-// clang-format off
-#define FIELD(name) { #name, value_of_field(region.name), {} }
-#define FIELD_IN(name, unit) { #name, value_of_field(region.name), unit }
-#define FLAG(name) { #name, yes_or_no(region.name), {} }
-// clang-format on
-
 Fields decode_region(const DisplayRegion& region) {
-  return {
-      FIELD(product_name),
-      FIELD(version_text),
-      FIELD(viewer_count),
-      FLAG(data_connected),
-      FLAG(video_connected),
-      FIELD(telemetry_status_text),
-      FIELD(video_status_text),
-      FIELD_IN(gimbal_angle_1, "\u00B0"),
-      FIELD_IN(gimbal_angle_2, "\u00B0"),
-      FIELD_IN(gimbal_angle_3, "\u00B0"),
-      FLAG(gimbal_flag),
-      FIELD(status_629),
-      FIELD(status_630),
-      FIELD(status_631),
-      FIELD(recording_state),
-      FLAG(recording_reset),
-      FIELD(timer_state),
-      FIELD_IN(timer_start_ms, " ms"),
-      FIELD_IN(timer_elapsed_ms, " ms"),
-      FIELD(camera_mode),
-      FIELD(camera_mode_text),
-      FIELD(exposure_mode),
-      FIELD(exposure_mode_text),
-      FIELD(resolution),
-      FIELD(resolution_text),
-      FIELD(resolution_width),
-      FIELD(resolution_height),
-      FIELD(frame_rate_code),
-      FIELD_IN(frame_rate, " fps"),
-      FIELD(white_balance),
-      FIELD(white_balance_text),
-      FIELD_IN(colour_temperature, " K"),
-      FIELD(aperture),
-      FIELD(settings_728),
-      FIELD(iso),
-      FIELD(iso_code),
-      FIELD(settings_736),
-      FIELD(shutter_code),
-      FIELD(shutter_text),
-      FIELD(ev_code),
-      FIELD(ev),
-      FIELD(colour),
-      FIELD(colour_text),
-      FIELD(settings_789),
-      FIELD(settings_790),
-      FIELD(settings_791),
-      FIELD(status_792),
-      FIELD(status_793),
-      FIELD(status_794),
-      FIELD(status_796),
-      FIELD(status_800),
-      FIELD(status_804),
-      FIELD(status_808),
-      FIELD(photo_format),
-      FIELD(photo_format_text),
-      FLAG(lens_known),
-      FIELD(lens_bit_0),
-      FIELD(focus_mode),
-      FIELD(lens_bit_2),
-      FIELD_IN(zoom_ratio, " %"),
-      FIELD(zoom_value),
-      FIELD(focus_value_1),
-      FIELD(focus_value_2),
-      FLAG(lens_flag),
-      FIELD(tracking_x),
-      FIELD(tracking_y),
-      FIELD(tracking_width),
-      FIELD(tracking_height),
-      FIELD_IN(tracking_ms, " ms"),
-      FLAG(tracking_on),
-      FIELD(histogram),
-      FIELD_IN(histogram_ms, " ms"),
-      FLAG(orientation_lock),
-      FLAG(osd_enabled),
-      FLAG(internal_camera_enabled),
-      FLAG(internal_camera_fullscreen),
-      FIELD(focus_point_x),
-      FIELD(focus_point_y),
-      FIELD(rc_status),
-      FLAG(show_channels),
-      FIELD(rc_channel_values),
-      {"rc_channel_map", channel_map(region), {}},
-      FIELD(rc_function_assigned),
-      FIELD(rc_function_centred),
-      FIELD(rc_function_position),
-      FLAG(menu_active),
-      {"command_waiting", region.command_mailbox.full(), {}},
-  };
+  Fields fields;
+  for (const Row& row : kRows) fields.push_back({row.name, row.value(region), row.unit});
+  return fields;
 }
-
-#undef FIELD
-#undef FIELD_IN
-#undef FLAG
 
 void show_hud(const HudOptions& options) {
   const Mapping region = map_region();

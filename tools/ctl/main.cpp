@@ -275,11 +275,7 @@ class CommandLine {
   }
 
   static std::string setting_line(const Setting& setting) {
-    std::string line = "  " + std::string(setting.name);
-    for (const Argument& value : setting.values) {
-      if (value.name.empty()) break;
-      line += value.optional ? " [" + std::string(value.name) + "]" : " " + std::string(value.name);
-    }
+    std::string line = "  " + std::string(setting.name) + names_of(setting.values);
     line.resize(std::max<std::size_t>(line.size() + 1, 38), ' ');
     return line + std::string(setting.help);
   }

@@ -234,11 +234,7 @@ Message json_text(std::string text) {
 
 std::string shutter_text(std::uint32_t code) {
   const ShutterTime time = shutter_time(code);
-  if (!time.known()) return "code " + std::to_string(code);
-  std::string text = time.fraction ? "1/" : "";
-  text += std::to_string(time.whole);
-  if (time.decimals != 0) text.append(".").append(std::to_string(time.decimals));
-  return text + " s";
+  return time.known() ? tools::exposure_text(time) : "code " + std::to_string(code);
 }
 
 Message decode_message(std::span<const std::uint8_t> payload) {

@@ -5,6 +5,7 @@
 
 #include "config/fields.h"
 #include "config/hdmi_modes.h"
+#include "config/interface_codes.h"
 #include "config/stream_sizes.h"
 #include "tools/common/failure.h"
 #include "tools/ctl/json.h"
@@ -165,16 +166,6 @@ std::string json_for_wifi(std::span<const std::string> assignments, bool force,
   return line_of(json.get());
 }
 
-std::string expected_values(const Setting& setting) {
-  std::string text;
-  for (const Argument& value : setting.values) {
-    if (value.name.empty()) break;
-    const std::string name(value.name);
-    text += value.optional ? " [" + name + "]" : " " + name;
-  }
-  return text;
-}
-
 }  // namespace
 
 std::span<const Setting> all_settings() { return kSettings; }
@@ -192,6 +183,18 @@ void expect_setting(std::string_view name) {
 bool is_stored(std::string_view name) {
   const Setting* const setting = find_setting(name);
   return setting == nullptr || setting->stored;
+}
+
+std::string json_for_scan(std::string_view interface) {
+  const auto code = kInterfaceName.convert(interface);
+  if (!code || *code == kNoInterfaceCode) {
+    throw tools::Failure("no interface '" + std::string(interface) + "'; expected wifi0 or wlan0");
+  }
+  const Json json = empty_object();
+  add_text(json.get(), "cmd", "wlan");
+  add_text(json.get(), "param", "scan");
+  add_text(json.get(), "value", *code);
+  return line_of(json.get());
 }
 
 std::string json_for_setting(std::string_view name, std::span<const std::string> values, bool force,
@@ -212,7 +215,7 @@ std::string json_for_setting(std::string_view name, std::span<const std::string>
   }
   if (used != values.size()) {
     throw tools::Failure(std::string(name) + " has " + std::to_string(values.size()) +
-                         " value(s); expected" + expected_values(setting));
+                         " value(s); expected" + names_of(setting.values));
   }
   return line_of(json.get());
 }

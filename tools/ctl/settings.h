@@ -38,6 +38,13 @@ struct WifiValue {
                                            std::span<const std::string> values, bool force,
                                            const cJSON* report);
 
+/// The JSON text that asks for the report, which shows every setting.
+inline constexpr std::string_view kReportRequest = R"({"cmd":"configrequest"})";
+
+/// The JSON text that asks an interface for the networks that it hears. Throws Failure when there
+/// is no such interface.
+[[nodiscard]] std::string json_for_scan(std::string_view interface);
+
 /// Throws Failure that lists the names of settings when it is none.
 void expect_setting(std::string_view name);
 

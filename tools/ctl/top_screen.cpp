@@ -5,6 +5,7 @@
 #include <utility>
 #include <variant>
 
+#include "net/messages.h"
 #include "net/sources.h"
 #include "tools/common/text.h"
 #include "tools/common/udp_socket.h"
@@ -90,7 +91,8 @@ void TopScreen::note(Events& events, Event event) {
 void TopScreen::overhear(const sim::UdpDatagram& datagram, Clock::time_point now) {
   if (datagram.source_port == kDataPort) return overhear_frame(datagram.payload, now);
   const auto frame = decode_frame(datagram.payload);
-  if (!frame || frame->payload.empty() || frame->payload[0] != '{') return;
+  if (!frame || frame->payload.empty()) return;
+  if (static_cast<FromViewer>(frame->payload[0]) != FromViewer::command) return;
   // What stands behind a zero is not read by the service either.
   const std::string text(frame->payload.begin(), std::ranges::find(frame->payload, 0));
   note(commands_, {tools::dotted(datagram.source) + ": " + text, now});
@@ -99,7 +101,7 @@ void TopScreen::overhear(const sim::UdpDatagram& datagram, Clock::time_point now
 void TopScreen::overhear_frame(std::span<const std::uint8_t> datagram, Clock::time_point now) {
   const auto checked = sim::check_frame(datagram);
   const auto* const frame = std::get_if<sim::Frame>(&checked);
-  const sim::CommandName* const command = frame != nullptr ? sim::find_command(*frame) : nullptr;
+  const sim::CameraCommand* const command = frame != nullptr ? sim::find_command(*frame) : nullptr;
   if (command == nullptr) return;
   Event event{"to the camera: " + sim::describe(*command, frame->payload), now};
   if (!command->streamed) return note(commands_, std::move(event));

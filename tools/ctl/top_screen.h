@@ -10,9 +10,9 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/ctl/gap_counter.h"
 #include "tools/ctl/messages.h"
 #include "tools/ctl/viewer_link.h"
-#include "tools/ctl/watch.h"
 #include "tools/sim/packet.h"
 
 namespace nimbus::ctl {

@@ -75,7 +75,7 @@ class CameraModel {
       : loses_subject_after_(loses_subject_after) {}
 
   /// Does what the command says. Returns nothing, or why the camera ignores it.
-  std::string_view apply(const CommandName& command, Bytes payload) {
+  std::string_view apply(const CameraCommand& command, Bytes payload) {
     return command.act(*this, payload);
   }
   void tick(double seconds);

@@ -1,8 +1,10 @@
 #include "tools/sim/commands.h"
 
 #include <algorithm>
+#include <array>
 
 #include "base/wire.h"
+#include "camera/words.h"
 #include "tools/common/text.h"
 #include "tools/sim/camera_model.h"
 
@@ -13,6 +15,40 @@ using tools::format_text;
 using tools::hexadecimal;
 
 std::string unknown(unsigned code) { return format_text("unknown code %u", code); }
+
+// --- Codes -------------------------------------------------------------------------------------
+// Those that only commands carry; the others stand in camera/codes.h.
+
+/// The words of a command as names of its codes.
+template <std::size_t count>
+constexpr std::array<Code<std::string_view>, count> by_code(
+    const std::array<Word<std::uint8_t>, count>& words) {
+  std::array<Code<std::string_view>, count> codes{};
+  for (std::size_t i = 0; i < count; ++i) codes[i] = {words[i].word, words[i].value};
+  return codes;
+}
+
+constexpr std::array<Code<std::string_view>, 2> kGimbalModes{{{"fpv", 1}, {"follow", 2}}};
+constexpr std::array<Code<std::string_view>, 2> kGimbalPositions{{
+    {"centre", 0x08},
+    {"next", 0x09},
+}};
+constexpr auto kFollowSpeeds = by_code(nimbus::kFollowSpeeds);
+constexpr auto kAspectRatios = by_code(nimbus::kAspectRatios);
+constexpr auto kFocusTypes = by_code(nimbus::kFocusTypes);
+constexpr std::array<Code<std::string_view>, 3> kAntiFlickers{{
+    {"off", 0},
+    {"50 Hz", 1},
+    {"60 Hz", 2},
+}};
+
+/// The row of that code, or null. The table is any range of Code.
+template <typename Table>
+constexpr auto find_code(const Table& table, unsigned code) {
+  const auto found = std::find_if(std::begin(table), std::end(table),
+                                  [code](const auto& row) { return row.code == code; });
+  return found == std::end(table) ? nullptr : &*found;
+}
 
 // --- Arguments in words ------------------------------------------------------------------------
 
@@ -60,11 +96,7 @@ std::string f_number(Bytes payload) {
 std::string shutter(Bytes payload) {
   const ShutterCode code{payload[1], payload[2], payload[3]};
   if (!is_shutter_code(code)) return "unknown code " + hexadecimal(payload.subspan(1));
-  const ShutterTime time = shutter_time(load_le<std::uint32_t, 3>(payload, 1));
-  std::string text = time.fraction ? "1/" : "";
-  text += std::to_string(time.whole);
-  if (time.decimals != 0) text += "." + std::to_string(time.decimals);
-  return text + " s";
+  return tools::exposure_text(shutter_time(load_le<std::uint32_t, 3>(payload, 1)));
 }
 
 std::string iso(Bytes payload) {
@@ -219,11 +251,12 @@ std::string_view track(CameraModel& camera, Bytes payload) {
 
 // --- The table ---------------------------------------------------------------------------------
 
-constexpr int any = CommandName::any;
+constexpr int any = CameraCommand::any;
+constexpr auto no_words = nullptr;
 constexpr bool streamed = true;
 using S = Settings;
 
-constexpr std::array<CommandName, 32> kCommands{{
+constexpr std::array<CameraCommand, 32> kCommands{{
     // clang-format off
     // receiver, set, id, size, and the byte to tell it by; its name, arguments in words, what it does
     {4, 4, 0x0C,  7, 0, any,  "gimbal speed", speed, turn, streamed},
@@ -234,14 +267,14 @@ constexpr std::array<CommandName, 32> kCommands{{
     {4, 4, 0x07,  1, 0, any,  "gimbal calibration", step_1, done<calibrate>},
     {4, 4, 0x01,  8, 0, any,  "gimbal calibration", step_2, done<calibrate>},
     {4, 4, 0x08,  0, 0, any,  "gimbal calibration", step_3, done<calibrate>},
-    {1, 2, 0x01,  1, 0, any,  "shot", nullptr, shoot},
+    {1, 2, 0x01,  1, 0, any,  "shot", no_words, shoot},
     {1, 2, 0x02,  1, 0, any,  "record", start_or_stop, record},
     {1, 2, 0x10,  1, 0, any,  "camera mode", word<kCameraModeNames>, take_mode},
     {1, 2, 0x12,  2, 0, any,  "aspect ratio", word<kAspectRatios, 1>, take<kAspectRatios, &S::aspect_ratio, 1>},
     {1, 2, 0x16,  1, 0, any,  "photo format", word<kPhotoFormatNames>, take<kPhotoFormatNames, &S::photo_format>},
     {1, 2, 0x18,  5, 0, any,  "video format", video_format, take_video_format},
     {1, 2, 0x1E,  2, 0, any,  "exposure mode", word<kExposureModeNames>, take<kExposureModeNames, &S::exposure_mode>},
-    {1, 2, 0x22,  1, 0, any,  "exposure at the centre", nullptr, done<meter_centre>},
+    {1, 2, 0x22,  1, 0, any,  "exposure at the centre", no_words, done<meter_centre>},
     {1, 2, 0x24,  1, 0, any,  "focus type", word<kFocusTypes>, take<kFocusTypes, &S::focus_type>},
     {1, 2, 0x26,  2, 0, any,  "aperture", f_number, take_aperture},
     {1, 2, 0x28,  4, 0, any,  "shutter", shutter, take_shutter},
@@ -254,14 +287,14 @@ constexpr std::array<CommandName, 32> kCommands{{
     {1, 2, 0x46,  1, 0, any,  "anti-flicker", word<kAntiFlickers>, take<kAntiFlickers, &S::anti_flicker>},
     {1, 2, 0x60,  1, 0, any,  "histogram", on_or_off, take_byte<&S::histogram>},
     {1, 2, 0x68,  1, 0, any,  "exposure lock", on_or_off, take_byte<&S::exposure_lock>},
-    {1, 2, 0x72,  0, 0, any,  "format card", nullptr, done<format_card>},
-    {1, 2, 0x78,  1, 0, any,  "reset", nullptr, done<reset>},
+    {1, 2, 0x72,  0, 0, any,  "format card", no_words, done<format_card>},
+    {1, 2, 0x78,  1, 0, any,  "reset", no_words, done<reset>},
     {1, 2, 0xA6, 21, 0, any,  "tracking", tracking, track},
     {1, 2, 0xAF,  2, 0, any,  "video format", video_format, take_video_format},
     // clang-format on
 }};
 
-bool is(const CommandName& command, const Frame& frame) {
+bool is(const CameraCommand& command, const Frame& frame) {
   return command.receiver == frame.receiver && command.set == frame.set && command.id == frame.id &&
          command.payload_size == frame.payload.size() &&
          (command.byte == any || command.byte == frame.payload[command.at]);
@@ -269,16 +302,16 @@ bool is(const CommandName& command, const Frame& frame) {
 
 }  // namespace
 
-std::span<const CommandName> all_commands() { return kCommands; }
+std::span<const CameraCommand> all_commands() { return kCommands; }
 
-const CommandName* find_command(const Frame& frame) {
+const CameraCommand* find_command(const Frame& frame) {
   const auto* const found =
       std::find_if(kCommands.begin(), kCommands.end(),
-                   [&frame](const CommandName& command) { return is(command, frame); });
+                   [&frame](const CameraCommand& command) { return is(command, frame); });
   return found == kCommands.end() ? nullptr : found;
 }
 
-std::string describe(const CommandName& command, Bytes payload) {
+std::string describe(const CameraCommand& command, Bytes payload) {
   std::string text(command.name);
   if (command.arguments != nullptr) text += ": " + command.arguments(payload);
   return text;

@@ -11,9 +11,8 @@
 namespace nimbus::sim {
 namespace {
 
-using tools::parse_real;
-
 using tools::Failure;
+using tools::parse_real;
 
 constexpr std::array<Word<double FaultRates::*>, 4> kNames{{
     {"drop", &FaultRates::drop},

@@ -10,7 +10,7 @@ namespace nimbus::sim {
 using tools::format_text;
 using tools::hexadecimal;
 
-void FrameLog::command(double at, const Frame& frame, const CommandName& command,
+void FrameLog::command(double at, const Frame& frame, const CameraCommand& command,
                        std::string_view ignored) {
   if (detail_ == Detail::none) return;
   if (command.streamed && detail_ == Detail::summary && is_repeated(at, frame.payload)) {

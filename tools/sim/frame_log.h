@@ -21,7 +21,8 @@ class FrameLog {
   FrameLog(Console& console, Detail detail) : console_(console), detail_(detail) {}
 
   /// A command that was taken, or ignored for that reason.
-  void command(double at, const Frame& frame, const CommandName& command, std::string_view ignored);
+  void command(double at, const Frame& frame, const CameraCommand& command,
+               std::string_view ignored);
   void bad_frame(double at, const std::string& why, Bytes datagram);
   /// Shows what is left to say.
   void end(double at);

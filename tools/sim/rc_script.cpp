@@ -10,11 +10,10 @@
 namespace nimbus::sim {
 namespace {
 
+using tools::Failure;
 using tools::format_text;
 using tools::parse_real;
 using tools::parse_whole;
-
-using tools::Failure;
 using Words = std::vector<std::string_view>;
 
 /// The words of a line up to its comment; "=" is a word of its own, blanks around it or not.

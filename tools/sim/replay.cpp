@@ -66,7 +66,8 @@ void Replay::check() const {
 
 ReplayDatagram Replay::take() {
   ReplayDatagram taken = std::move(*next_);
-  ++(taken.link == Link::data ? counts_.data : counts_.video);
+  std::uint64_t& count = taken.link == Link::data ? counts_.data : counts_.video;
+  ++count;
   shown_ = recorded_;
   advance();
   return taken;

@@ -125,6 +125,7 @@ void fill_settings(CameraModel& camera, FrameBytes frame) {
 
 bool tracking_due(const CameraModel& camera) { return camera.tracking(); }
 
+constexpr auto always = nullptr;
 constexpr std::uint8_t kCamera = 0x01;
 constexpr std::uint8_t kGimbal = 0x04;
 constexpr std::uint8_t kService = 0x02;
@@ -134,18 +135,18 @@ constexpr std::uint8_t kService = 0x02;
 // sends both, in turns.
 constexpr std::array<Report, kReportKinds.size()> kReports{{
     // clang-format off
-    // name                   length,                       sender,  set, id, every ms, from ms
-    {"gimbal",                GimbalReport::kLength,        kGimbal, 4, 0x05, 200,   0, nullptr,       fill_gimbal},
-    {"gimbal, long",          GimbalReport::kLongLength,    kGimbal, 4, 0x05, 200, 100, nullptr,       fill_gimbal},
-    {"settings",              SettingsReport::kLength,      kCamera, 2, 0x81, 100,  10, nullptr,       fill_settings},
-    {"status",                StatusReport::kLength,        kCamera, 2, 0x80, 200,  20, nullptr,       fill_status},
-    {"recording timer",       RecordingReport::kLength,     kCamera, 5, 0x06, 200,  30, nullptr,       fill_recording},
-    {"recording timer, long", RecordingReport::kLongLength, kCamera, 5, 0x06, 200, 130, nullptr,       fill_recording},
-    {"lens",                  LensReport::kLength,          kCamera, 2, 0x87, 200,  40, nullptr,       fill_lens},
+    // name, length, sender, set, id, every ms, from ms, when it is due, what fills it
+    {"gimbal",                GimbalReport::kLength,        kGimbal, 4, 0x05, 200,   0, always,        fill_gimbal},
+    {"gimbal, long",          GimbalReport::kLongLength,    kGimbal, 4, 0x05, 200, 100, always,        fill_gimbal},
+    {"settings",              SettingsReport::kLength,      kCamera, 2, 0x81, 100,  10, always,        fill_settings},
+    {"status",                StatusReport::kLength,        kCamera, 2, 0x80, 200,  20, always,        fill_status},
+    {"recording timer",       RecordingReport::kLength,     kCamera, 5, 0x06, 200,  30, always,        fill_recording},
+    {"recording timer, long", RecordingReport::kLongLength, kCamera, 5, 0x06, 200, 130, always,        fill_recording},
+    {"lens",                  LensReport::kLength,          kCamera, 2, 0x87, 200,  40, always,        fill_lens},
     {"tracking",              TrackingReport::kLength,      kCamera, 2, 0xA6, 100,  50, tracking_due,  fill_tracking},
     {"histogram",             HistogramReport::kLength,     kCamera, 2, 0x61, 200,  60, histogram_due, fill_histogram},
-    {"tilt lock",             FlagReport::kLength,          kGimbal, 4, 0x27, 500,  70, nullptr,       fill_flag},
-    {"board",                 StateReport::kLength,         kCamera, 2, 0x07, 500,  80, nullptr,       fill_state},
+    {"tilt lock",             FlagReport::kLength,          kGimbal, 4, 0x27, 500,  70, always,        fill_flag},
+    {"board",                 StateReport::kLength,         kCamera, 2, 0x07, 500,  80, always,        fill_state},
     // clang-format on
 }};
 

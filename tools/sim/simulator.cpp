@@ -283,7 +283,7 @@ void Simulator::take(Bytes datagram) {
     return;
   }
   const auto& frame = std::get<Frame>(checked);
-  const CommandName* const command = find_command(frame);
+  const CameraCommand* const command = find_command(frame);
   if (command == nullptr) {
     take_bad(format_text("no command has receiver %u, set %u, id %02x and %zu bytes",
                          unsigned{frame.receiver}, unsigned{frame.set}, unsigned{frame.id},

@@ -124,11 +124,11 @@ std::string reports() {
 
 std::string commands() {
   std::string text = "  commands = {\n";
-  for (const sim::CommandName& command : sim::all_commands()) {
+  for (const sim::CameraCommand& command : sim::all_commands()) {
     text += format_text("    {receiver = %u, set = %u, id = %u, size = %u, ",
                         unsigned{command.receiver}, unsigned{command.set}, unsigned{command.id},
                         unsigned{command.payload_size});
-    if (command.byte != sim::CommandName::any) {
+    if (command.byte != sim::CameraCommand::any) {
       text += format_text("at = %u, byte = %d, ", unsigned{command.at}, command.byte);
     }
     text += "name = " + quoted(command.name) + "},\n";
