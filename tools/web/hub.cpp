@@ -3,12 +3,21 @@
 #include <algorithm>
 #include <cmath>
 
+#include "net/messages.h"
 #include "tools/common/failure.h"
+#include "tools/ctl/settings.h"
 #include "tools/web/json_text.h"
 #include "tools/web/orders.h"
 #include "tools/web/peers.h"
 
 namespace nimbus::web {
+namespace {
+
+std::string quoted_or_null(const std::optional<std::string>& text) {
+  return text ? quoted(*text) : "null";
+}
+
+}  // namespace
 
 Hub::Hub(const std::string& host, ToService to_service)
     : to_service_(std::move(to_service)),
@@ -33,7 +42,8 @@ void Hub::take(const ctl::Frame& frame, Time now) {
   } else {
     stream_.other(frame.number);
     reports_.take(frame.payload, now);
-    if (!frame.payload.empty() && frame.payload[0] == '{') take_text(frame.payload, now);
+    const bool text = !frame.payload.empty() && frame.payload[0] == type_of(ToViewer::text);
+    if (text) take_text(frame.payload, now);
   }
   datagrams_.add(1, now);
   missing_.add(stream_.counts().missing - missing, now);
@@ -106,7 +116,7 @@ void Hub::each_second(bool linked, Time now) {
 void Hub::ask_for_settings() {
   if (!linked_ || settings_asked_ || !queue_.has_room()) return;
   settings_asked_ = true;
-  queue_.push({.text = R"({"cmd":"configrequest"})", .awaits = Reply::report}, Clock::now());
+  queue_.push({.text = std::string(ctl::kReportRequest), .awaits = Reply::report}, Clock::now());
   deadline_moved();
 }
 
@@ -159,12 +169,9 @@ void Hub::refresh_recording(Time now) {
 }
 
 void Hub::refresh_driving() {
-  const auto text = [](const std::optional<std::string>& value) {
-    return value ? quoted(*value) : std::string("null");
-  };
-  state_.set("driving", "holder", text(lease_.holder()));
+  state_.set("driving", "holder", quoted_or_null(lease_.holder()));
   state_.set("driving", "name", quoted(name_of(lease_.holder())));
-  state_.set("driving", "asked_by", text(lease_.asked_by()));
+  state_.set("driving", "asked_by", quoted_or_null(lease_.asked_by()));
   state_.set("driving", "moving", json_text(helm_.moving()));
 }
 
@@ -215,12 +222,9 @@ void Hub::lease_changed(Time now) {
 }
 
 void Hub::tell_lease() {
-  const auto text = [](const std::optional<std::string>& value) {
-    return value ? quoted(*value) : std::string("null");
-  };
-  const std::string start = R"({"type":"lease","holder":)" + text(lease_.holder()) + R"(,"name":)" +
-                            quoted(name_of(lease_.holder())) + R"(,"asked_by":)" +
-                            text(lease_.asked_by()) + R"(,"asked_name":)" +
+  const std::string start = R"({"type":"lease","holder":)" + quoted_or_null(lease_.holder()) +
+                            R"(,"name":)" + quoted(name_of(lease_.holder())) + R"(,"asked_by":)" +
+                            quoted_or_null(lease_.asked_by()) + R"(,"asked_name":)" +
                             quoted(name_of(lease_.asked_by())) + R"(,"you":)";
   for (ControlPeer* const peer : control_) {
     peer->say(start + json_text(lease_.held_by(peer->name())) + "}");
@@ -231,7 +235,11 @@ void Hub::left(const ControlPeer& peer) {
   const Time now = Clock::now();
   const bool drove = lease_.held_by(peer.name());
   lease_.release(peer.name(), now);
-  drove ? lease_changed(now) : tell_lease();
+  if (drove) {
+    lease_changed(now);
+  } else {
+    tell_lease();
+  }
   deadline_moved();
 }
 

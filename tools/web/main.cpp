@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <iostream>
+#include <optional>
 
 #include "tools/common/failure.h"
 #include "tools/common/version.h"
@@ -22,28 +23,32 @@ int fail(std::string text) {
   return 1;
 }
 
+/// The port that the whole text is, or nothing.
+std::optional<std::uint16_t> port_of(const std::string& text) {
+  int port = 0;
+  if (!CLI::detail::lexical_cast(text, port) || port < 1 || port > 65'535) return {};
+  return static_cast<std::uint16_t>(port);
+}
+
 /// HOST, HOST:PORT.
 void split_service(const std::string& text, ServerOptions& options) {
   const auto colon = text.find(':');
   options.service_host = text.substr(0, colon);
   if (colon == std::string::npos) return;
-  int port = 0;
-  if (!CLI::detail::lexical_cast(text.substr(colon + 1), port) || port < 1 || port > 65'535) {
-    throw tools::Failure("no port in '" + text + "'; expected HOST or HOST:PORT");
-  }
-  options.service_port = static_cast<std::uint16_t>(port);
+  const auto port = port_of(text.substr(colon + 1));
+  if (!port) throw tools::Failure("no port in '" + text + "'; expected HOST or HOST:PORT");
+  options.service_port = *port;
 }
 
 /// HOST:PORT.
 void split_receiver(const std::string& text, ServerOptions& options) {
-  const auto colon = text.rfind(':');
-  int port = 0;
-  if (colon == 0 || colon == std::string::npos ||
-      !CLI::detail::lexical_cast(text.substr(colon + 1), port) || port < 1 || port > 65'535) {
+  const auto colon = std::min(text.rfind(':'), text.size());
+  const auto port = colon < text.size() ? port_of(text.substr(colon + 1)) : std::nullopt;
+  if (colon == 0 || !port) {
     throw tools::Failure("--rtp cannot send to '" + text + "'; expected HOST:PORT");
   }
   options.rtp_host = text.substr(0, colon);
-  options.rtp_port = static_cast<std::uint16_t>(port);
+  options.rtp_port = *port;
 }
 
 /// A line of standard input, not shown if somebody types it.

@@ -39,6 +39,34 @@ double flag(const State& state, const char* group, const char* member) {
   return state.get(group, member) == "true" ? 1 : 0;
 }
 
+void add_state(Metrics& out, const State& state, bool linked) {
+  out.info("nimbus_web_info", "The program.", "version=\"" + tools::version_text() + "\"");
+  out.gauge("nimbus_service_up", "Whether the service has been heard lately.", linked ? 1 : 0);
+  out.gauge("nimbus_camera_connected", "Whether camera data arrives.",
+            flag(state, "camera", "connected"));
+  out.gauge("nimbus_video_connected", "Whether video arrives.", flag(state, "video", "connected"));
+  out.gauge("nimbus_recording", "Whether the camera records.", flag(state, "recording", "on"));
+}
+
+void add_stream(Metrics& out, const StreamCounts& counts) {
+  out.counter("nimbus_video_datagrams_total", "Datagrams of video.", counts.datagrams);
+  out.counter("nimbus_video_bytes_total", "Bytes of video.", counts.bytes);
+  out.counter("nimbus_frame_gaps_total", "Places where frames of the service lack.", counts.gaps);
+  out.counter("nimbus_frames_missing_total", "Frames of the service that lack.", counts.missing);
+  out.counter("nimbus_pictures_total", "Pictures that were passed on.", counts.pictures);
+  out.counter("nimbus_key_pictures_total", "Key pictures among them.", counts.key_pictures);
+  out.counter("nimbus_pictures_discarded_total", "Pictures that were dropped after a loss.",
+              counts.discarded);
+  out.counter("nimbus_pictures_torn_total", "Pictures whose end was seen too early.", counts.torn);
+}
+
+void add_rtp(Metrics& out, const RtpOutput* rtp) {
+  out.counter("nimbus_web_rtp_pictures_total", "Pictures that went out as RTP, whole.",
+              rtp != nullptr ? rtp->sent() : 0);
+  out.counter("nimbus_web_rtp_pictures_dropped_total", "Pictures that the way of RTP did not take.",
+              rtp != nullptr ? rtp->dropped() : 0);
+}
+
 }  // namespace
 
 std::string Hub::metrics(std::size_t connections, Time now) {
@@ -49,29 +77,12 @@ std::string Hub::metrics(std::size_t connections, Time now) {
     depth = std::max(depth, peer->reader().depth());
     dropped += peer->reader().dropped();
   }
-  const StreamCounts& counts = stream_.counts();
   Metrics out;
-  out.info("nimbus_web_info", "The program.", "version=\"" + tools::version_text() + "\"");
-  out.gauge("nimbus_service_up", "Whether the service has been heard lately.", linked_ ? 1 : 0);
-  out.gauge("nimbus_camera_connected", "Whether camera data arrives.",
-            flag(state_, "camera", "connected"));
-  out.gauge("nimbus_video_connected", "Whether video arrives.", flag(state_, "video", "connected"));
-  out.gauge("nimbus_recording", "Whether the camera records.", flag(state_, "recording", "on"));
-  out.counter("nimbus_video_datagrams_total", "Datagrams of video.", counts.datagrams);
-  out.counter("nimbus_video_bytes_total", "Bytes of video.", counts.bytes);
-  out.counter("nimbus_frame_gaps_total", "Places where frames of the service lack.", counts.gaps);
-  out.counter("nimbus_frames_missing_total", "Frames of the service that lack.", counts.missing);
-  out.counter("nimbus_pictures_total", "Pictures that were passed on.", counts.pictures);
-  out.counter("nimbus_key_pictures_total", "Key pictures among them.", counts.key_pictures);
-  out.counter("nimbus_pictures_discarded_total", "Pictures that were dropped after a loss.",
-              counts.discarded);
-  out.counter("nimbus_pictures_torn_total", "Pictures whose end was seen too early.", counts.torn);
+  add_state(out, state_, linked_);
+  add_stream(out, stream_.counts());
   out.counter("nimbus_web_pictures_dropped_total", "Pictures that slow browsers did not get.",
               dropped);
-  out.counter("nimbus_web_rtp_pictures_total", "Pictures that went out as RTP, whole.",
-              rtp_ != nullptr ? rtp_->sent() : 0);
-  out.counter("nimbus_web_rtp_pictures_dropped_total", "Pictures that the way of RTP did not take.",
-              rtp_ != nullptr ? rtp_->dropped() : 0);
+  add_rtp(out, rtp_);
   out.gauge("nimbus_web_connections", "Connections of browsers and programs.",
             static_cast<double>(connections));
   out.gauge("nimbus_web_video_browsers", "Browsers that get the picture.",

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "config/interface_codes.h"
 #include "tools/common/failure.h"
 #include "tools/ctl/commands.h"
 #include "tools/ctl/json.h"
@@ -39,7 +38,7 @@ QueuedCommand checked(std::string text) {
 }
 
 QueuedCommand ask_report() {
-  return {.text = R"({"cmd":"configrequest"})", .awaits = Reply::report};
+  return {.text = std::string(ctl::kReportRequest), .awaits = Reply::report};
 }
 
 Orders command_orders(const cJSON* order) {
@@ -71,16 +70,8 @@ Orders setting_orders(const cJSON* order, const cJSON* report) {
 }
 
 Orders scan_orders(const cJSON* order) {
-  const std::string name = ctl::member_text(order, "interface");
-  const auto code = ctl::kInterfaceName.convert(name);
-  if (!code || *code == kNoInterfaceCode) {
-    throw Failure("no interface '" + name + "'; expected wifi0 or wlan0");
-  }
-  const ctl::Json command = ctl::empty_object();
-  ctl::add_text(command.get(), "cmd", "wlan");
-  ctl::add_text(command.get(), "param", "scan");
-  ctl::add_text(command.get(), "value", *code);
-  return {{.text = ctl::line_of(command.get()), .awaits = Reply::scan}};
+  return {
+      {.text = ctl::json_for_scan(ctl::member_text(order, "interface")), .awaits = Reply::scan}};
 }
 
 }  // namespace

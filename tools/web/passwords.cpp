@@ -105,7 +105,8 @@ std::optional<Role> Passwords::role_of(const std::string& password) const {
 }
 
 void Passwords::set(Role role, std::string hash) {
-  (role == Role::operates ? operator_hash_ : viewer_hash_) = std::move(hash);
+  std::string& kept = role == Role::operates ? operator_hash_ : viewer_hash_;
+  kept = std::move(hash);
 }
 
 void Passwords::write(const std::string& path) const {

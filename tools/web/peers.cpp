@@ -172,11 +172,8 @@ void ControlPeer::on_take(const cJSON* /*message*/, Time now) {
   hub_.tell_lease();
 }
 
-void ControlPeer::on_release(const cJSON* /*message*/, Time now) {
-  const bool drove = drives();
-  hub_.lease_.release(name_, now);
-  drove ? hub_.lease_changed(now) : hub_.tell_lease();
-}
+/// For the lease, whoever gives it back has left.
+void ControlPeer::on_release(const cJSON* /*message*/, Time /*now*/) { hub_.left(*this); }
 
 void ControlPeer::on_heartbeat(const cJSON* /*message*/, Time now) {
   hub_.lease_.heartbeat(name_, now);

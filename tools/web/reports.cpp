@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "config/report_items.h"
+#include "net/messages.h"
 #include "tools/ctl/json.h"
 #include "tools/ctl/messages.h"
 #include "tools/web/json_text.h"
@@ -123,8 +124,8 @@ void take_message(State& state, Bytes payload, std::uint64_t now) {
 
 void Reports::take(Bytes payload, Time now) {
   if (payload.empty()) return;
-  constexpr unsigned kConnection = 5;
-  constexpr unsigned kText = '{';
+  constexpr unsigned kConnection = type_of(ToViewer::connection);
+  constexpr unsigned kText = type_of(ToViewer::text);
   unsigned key = payload[0];
   if (key == kConnection && payload.size() > 1) key |= (payload[1] & 1U) << 8U;
   // A report and a scan's reply, which begins with its command.

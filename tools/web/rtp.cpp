@@ -86,7 +86,8 @@ void RtpOutput::on_picture(const SharedPicture& picture) {
   if (picture->key) tell_sets(picture->arrival);
   blocked_ = blocked_ && !picture->key;
   if (!blocked_) blocked_ = !packetizer_.send(picture->units, picture->arrival, send_);
-  ++(blocked_ ? dropped_ : sent_);
+  std::uint64_t& count = blocked_ ? dropped_ : sent_;
+  ++count;
 }
 
 /// Seldom: a damaged stream may have others at each key picture, and to tell of them is to write a

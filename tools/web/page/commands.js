@@ -103,8 +103,7 @@ export class Commands {
       tell(`${name}: sent`);
       return true;
     }
-    const busy = this.row(words)?.busy ?? 0;
-    if (await this.state.follows(() => this.agrees(words, values), FOLLOWS_MS + busy)) {
+    if (await this.state.follows(() => this.agrees(words, values), FOLLOWS_MS)) {
       tell(`${name}: done`);
       return true;
     }

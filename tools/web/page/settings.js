@@ -82,16 +82,15 @@ export class Settings {
     return open("Settings", { class: "wide", id: "settings-dialog" }, ...parts);
   }
 
-  /** Changes a setting, says what it ends before, and whether the board's report followed. */
+  /** Changes a setting, and says whether the members of the board's report followed. */
   async set(name, values, shows = []) {
     if (!(await this.lease.need())) return warn(this.lease.refusal());
     const { ok, text } = await this.link.request({ type: "set", name, values });
     if (!ok) return warn(text || `${name}: refused`);
     if (shows.length === 0) return tell(`${name}: sent`);
-    const before = JSON.stringify(shows);
     const followed = await this.state.follows(() => this.#reads(shows, values), FOLLOWS_MS);
     if (followed) tell(`${name}: saved`);
-    else warn(`${name}: the board has not reported the change (${before}).`);
+    else warn(`${name}: the board has not reported the change (${JSON.stringify(shows)}).`);
     return followed;
   }
 

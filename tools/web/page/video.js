@@ -17,8 +17,6 @@ function parse(buffer) {
   return {
     what: view.getUint8(0),
     key: (view.getUint8(1) & 1) !== 0,
-    gap: (view.getUint8(1) & 2) !== 0,
-    epoch: view.getUint16(2, true),
     number: view.getUint32(4, true),
     time: Number(view.getBigUint64(8, true)) / 1000,
     bytes: new Uint8Array(buffer, HEADER),
@@ -70,7 +68,6 @@ export class Video extends EventTarget {
       shown: (picture) => this.#show(picture),
       failed: (fatal) => socket === this.#socket && this.#fail(fatal),
       blocked: (is) => this.dispatchEvent(new CustomEvent("blocked", { detail: is })),
-      now: () => this.clock(),
     });
     socket.addEventListener("message", ({ data }) => this.#message(socket, data));
     socket.addEventListener("close", () => this.#closed(socket));
