@@ -56,12 +56,12 @@ def packages_of(pytestconfig):
 
 @pytest.fixture
 def fresh_root(pytestconfig, tmp_path):
-    """fresh_root(architecture) is a root that nothing has been installed in."""
+    """fresh_root(name) is that root of roots.py as it was made."""
     made = []
 
-    def make(architecture):
-        base = roots.base(pytestconfig.getoption("--roots"), architecture)
-        made.append(roots.Root(base, tmp_path / architecture))
+    def make(name):
+        base = roots.base(pytestconfig.getoption("--roots"), name)
+        made.append(roots.Root(base, tmp_path / name))
         return made[-1]
 
     yield make

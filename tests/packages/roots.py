@@ -23,6 +23,9 @@ ESSENTIAL = ("base-files base-passwd bash coreutils dash debianutils diffutils d
 # The machine's own is set up as a board's is, and can be booted.
 VARIANTS = {architecture: ("extract", [*ESSENTIAL, *INSTALLED]) for architecture in ("arm64", "armhf")}
 VARIANTS[HOST] = ("apt", INSTALLED)
+# With what install/examples wants beside the packages.
+ENGINES = "ffmpeg janus nginx libnginx-mod-rtmp".split()
+VARIANTS["arm64+engines"] = ("extract", [*ESSENTIAL, *INSTALLED, *ENGINES])
 # For a processor that Debian's port with a floating-point unit does not run on: the oldest port.
 VARIANTS["armel"] = ("extract", ESSENTIAL)
 
@@ -34,29 +37,29 @@ HOOKS = {
 }
 
 
-def base(folder, architecture):
-    """The folder of the root as it was made."""
-    variant, include = VARIANTS[architecture]
+def base(folder, name):
+    """The folder of the root as it was made. `name` is an architecture, or one "+engines"."""
+    variant, include = VARIANTS[name]
     key = hashlib.sha256(" ".join([SUITE, variant, *include, *HOOKS[variant]]).encode()).hexdigest()[:8]
-    return pathlib.Path(folder) / f"{architecture}-{key}"
+    return pathlib.Path(folder) / f"{name}-{key}"
 
 
-def make(folder, architecture):
+def make(folder, name):
     """Makes the root, unless it is there."""
-    root = base(folder, architecture)
+    root = base(folder, name)
     if root.exists():
         return
-    variant, include = VARIANTS[architecture]
+    variant, include = VARIANTS[name]
     archive, partial = (root.with_suffix(end) for end in (".tar", ".part"))
     subprocess.run(["mmdebstrap", "--quiet", "--mode=root", f"--variant={variant}", *HOOKS[variant],
-                    f"--architectures={architecture}", f"--include={','.join(include)}", SUITE,
+                    f"--architectures={name.partition('+')[0]}", f"--include={','.join(include)}", SUITE,
                     archive, f"deb {MIRROR} {SUITE} main"], check=True, stdout=subprocess.DEVNULL)
     shutil.rmtree(partial, ignore_errors=True)
     partial.mkdir()
     subprocess.run(["tar", "-C", partial, "-xf", archive, "--exclude=./dev/*"], check=True)
     archive.unlink()
     partial.rename(root)
-    print(f"test-packages: made a root for {architecture}", flush=True)
+    print(f"test-packages: made a root for {name}", flush=True)
 
 
 def mount(*arguments):
@@ -123,4 +126,4 @@ if __name__ == "__main__":
     target = pathlib.Path(sys.argv[1]).resolve()
     target.mkdir(parents=True, exist_ok=True)
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        list(pool.map(lambda architecture: make(target, architecture), VARIANTS))
+        list(pool.map(lambda name: make(target, name), VARIANTS))
