@@ -70,6 +70,7 @@ def occupied(ports, host="0.0.0.0", reuse=False):
     with contextlib.ExitStack() as sockets:
         for port in ports:
             holder = sockets.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
-            holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, reuse)
+            for option in (socket.SO_REUSEADDR, socket.SO_REUSEPORT):
+                holder.setsockopt(socket.SOL_SOCKET, option, reuse)
             holder.bind((host, port))
         yield

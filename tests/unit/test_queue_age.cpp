@@ -79,6 +79,15 @@ TEST_P(AgesAcrossAStep, AreRightWhenTheClockIsSetWhileDatagramsWait) {
   EXPECT_EQ(queue_.waited(queue_.stamp()), 0);
 }
 
+TEST_P(AgesAcrossAStep, AreRightWhenTheClockHasBeenSetBackBefore) {
+  queue_.set_clock(-kHour);
+  EXPECT_EQ(queue_.waited(queue_.stamp()), 0);
+  const std::int64_t stamp = queue_.stamp();
+  queue_.pass(1);
+  queue_.set_clock(GetParam());
+  EXPECT_EQ(queue_.waited(stamp), 1);
+}
+
 INSTANTIATE_TEST_SUITE_P(Steps, AgesAcrossAStep,
                          testing::Values(kHour, -kHour, 10 * kHour, kSecond, -kSecond,
                                          3 * kSecond / 2, -3 * kSecond / 2, 500'000'000 * kSecond,

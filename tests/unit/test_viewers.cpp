@@ -426,18 +426,41 @@ TEST_F(Viewers, EachFrameHasTheNextNumber) {
   EXPECT_LT(rounds, 10);
 }
 
+TEST_F(Viewers, VideoIsTheNextToBeSent) {
+  const test::UdpEnd viewer;
+  ASSERT_EQ(add(viewer.endpoint()), 1);
+  for (std::size_t n = 1; n < kMaxViewers; ++n) ASSERT_EQ(add(viewer_number(n)), 1);
+  // A busy machine may keep a thread from coming in time.
+  std::string order;
+  for (int i = 0; i < 10 && order != "avb"; ++i) {
+    std::array<std::jthread, 3> senders;
+    for (std::size_t n = 0; n < senders.size(); ++n) {
+      senders[n] = std::jthread([n] {
+        const char name = "abv"[n];
+        broadcast({&name, 1}, name == 'v' ? FrameKind::video : FrameKind::data);
+      });
+      std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    }
+    order.clear();
+    while (order.size() < senders.size()) order += ('?' + viewer.receive()).back();
+  }
+  EXPECT_EQ(order, "avb");
+}
+
 TEST_F(Viewers, AViewerThatCannotBeReachedDoesNotKeepFramesFromOthers) {
   const test::UdpEnd first, second;
   ASSERT_EQ(add(first.endpoint()), 1);
   ASSERT_EQ(add(endpoint("192.0.2.1", 9)), 1) << "there is no way to this network";
   ASSERT_EQ(add(endpoint("255.255.255.255", 9)), 1) << "not allowed to this socket";
   ASSERT_EQ(add(second.endpoint()), 1);
-  const auto begin = std::chrono::steady_clock::now();
-  broadcast("x", FrameKind::data);
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4))
-      << "the pause follows what was not sent, too";
-  EXPECT_EQ(payload_of_next(first, 0), "x");
-  EXPECT_EQ(payload_of_next(second, 0), "x");
+  for (int i = 0; i < 20; ++i) {
+    const auto begin = std::chrono::steady_clock::now();
+    broadcast("x", FrameKind::data);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4))
+        << "the pause follows what was not sent, too";
+    EXPECT_EQ(payload_of_next(first, 0), "x");
+    EXPECT_EQ(payload_of_next(second, 0), "x");
+  }
 }
 
 /// Too long for a datagram, a payload reaches nobody; with its header past 16 bits, what is left of
