@@ -4,8 +4,10 @@ of virtual interfaces."""
 import ctypes
 import os
 import pathlib
+import re
 import shlex
 import shutil
+import socket
 import subprocess
 import threading
 
@@ -24,6 +26,16 @@ PRIVATE = ("10.0.0.1", "10.255.255.254", "172.16.0.1", "172.31.255.254", "192.16
 STRANGERS = ("9.255.255.254", "11.0.0.1", "172.15.255.254", "172.32.0.1", "192.167.255.254",
              "192.169.0.1", "169.253.255.254", "169.255.0.1", "203.0.113.7")
 SET_SIZE = 4096
+WEB_PORT = 8080
+CONNECT = """
+import socket, sys
+own, address, port, seconds = sys.argv[1:]
+try:
+    socket.create_connection((address, int(port)), float(seconds), (own, 0)).close()
+    print("connected", end="")
+except TimeoutError:
+    pass
+"""
 
 REGISTER = b"\x42" + bytes(11) + bytes([0, 0])
 
@@ -40,8 +52,8 @@ class Neighbour:
     def __init__(self):
         self._process = subprocess.Popen(["unshare", "--net", "cat"], stdin=subprocess.PIPE)
         own = os.readlink("/proc/self/ns/net")
-        self._namespace = f"/proc/{self._process.pid}/ns/net"
-        wait_until(lambda: os.readlink(self._namespace) != own, 5, "the other host")
+        self.namespace = f"/proc/{self._process.pid}/ns/net"
+        wait_until(lambda: os.readlink(self.namespace) != own, 5, "the other host")
         run(f"ip link add board type veth peer name host netns {self._process.pid}")
         run(f"ip addr add {BOARD}/24 dev board")
         run("ip link set board up")
@@ -56,14 +68,14 @@ class Neighbour:
         return self.socket(address)
 
     def run(self, command):
-        return run(f"nsenter --net={self._namespace} {command}")
+        return run(f"nsenter --net={self.namespace} {command}")
 
     def socket(self, host):
         """A socket of the other host: it belongs to where the thread is that makes it."""
         made = []
 
         def make():
-            with open(self._namespace) as namespace:
+            with open(self.namespace) as namespace:
                 assert ctypes.CDLL(None).setns(namespace.fileno(), 0) == 0
             made.append(udp_socket(host))
 
@@ -186,6 +198,34 @@ def test_a_stranger_is_not_served(filtering, service, neighbour, hosts, address)
         assert not found(service, connected(stranger))
 
 
+@pytest.fixture
+def console():
+    """Stands in for nimbus-web."""
+    with socket.create_server(("0.0.0.0", WEB_PORT)) as listening:
+        yield listening
+
+
+def open_console(neighbour, address):
+    """Connects from there; says whether the board answered."""
+    command = shlex.split(f"nsenter --net={neighbour.namespace} python3 -c")
+    result = subprocess.run([*command, CONNECT, address, BOARD, str(WEB_PORT), str(limit(0.5))],
+                            check=True, capture_output=True, text=True)
+    return result.stdout == "connected"
+
+
+@pytest.mark.parametrize("address", PRIVATE)
+def test_a_browser_of_a_private_network(filtering, console, neighbour, address):
+    neighbour.move(address).close()
+    assert open_console(neighbour, address)
+
+
+@pytest.mark.parametrize("address", STRANGERS)
+def test_a_strangers_browser_gets_no_answer(filtering, console, neighbour, address):
+    neighbour.move(address).close()
+    assert not open_console(neighbour, address)
+    assert open_console(neighbour, HOSTS[0])
+
+
 def test_viewers_on_one_interface(service, hosts, tmp_path):
     """The example of the file, once it is no comment any more."""
     example = '# udp dport 4242 iifname != "wlan0" counter drop'
@@ -254,7 +294,8 @@ def test_the_board_is_not_limited(filtering, service):
     with udp_socket("127.0.0.1") as sender:
         for _ in range(1000):
             sender.sendto(b"\x42", ("127.0.0.1", VIEWER_PORT))
-    assert dropped_by_limit() == 0
+    assert set(re.findall(r"packets \d+ bytes", run("nft list table ip nimbus"))) == {
+        "packets 0 bytes"}
 
 
 def test_loading_again_and_unloading(filtering):
