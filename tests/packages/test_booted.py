@@ -68,7 +68,7 @@ def test_filter_stays_through_what_the_systems_own_does(board):
 def test_filter_goes_with_the_service(board):
     board.running()
     board.succeed("systemctl", "stop", "nimbus")
-    assert not board.filtering()
+    board.wait(lambda: not board.filtering(), "end of the filter", 10)
     board.succeed("systemctl", "restart", "nftables")
     assert not board.filtering()
     board.succeed("systemctl", "start", "nimbus")

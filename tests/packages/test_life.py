@@ -1,6 +1,8 @@
 """The life of the packages in a root of their architecture, by its own dpkg: installed, upgraded,
 removed, installed again, purged. Other architectures than the machine's are emulated."""
 
+import pathlib
+import shutil
 import subprocess
 import time
 
@@ -8,8 +10,10 @@ import pytest
 
 import roots
 
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 ARCHITECTURES = [roots.HOST, "arm64", "armhf"]
-UNITS = {"nimbus.service", "nimbus-filter.service"}
+UNITS = {"nimbus.service", "nimbus-filter.service", "nimbus-web.service"}
+OTHERS = ["nimbus-web.socket", "nftables.service"]  # the second for what is added to it
 WANTS = "etc/systemd/system/multi-user.target.wants/nimbus.service"
 FILTER_WANTS = "etc/systemd/system/nimbus.service.wants/nimbus-filter.service"
 FILTER = "etc/nimbus/filter.nft"
@@ -57,12 +61,13 @@ def test_life(root, packages, architecture, tmp_path):
     assert "Loading config file... done\n" in started(root)
 
     # Its units are what this systemd understands, and its programs find their libraries.
-    units = sorted(path.name for path in (root.path / "lib/systemd/system").glob("nimbus*.service"))
+    folder = root.path / "lib/systemd/system"
+    units = sorted(path.name for path in folder.glob("nimbus*.service"))
     assert UNITS <= set(units)
-    assert root.succeed("systemd-analyze", "verify", "--man=no", *units) == ""
+    assert root.succeed("systemd-analyze", "verify", "--man=no", *units, *OTHERS) == ""
     expected = "native arm" if architecture == "armhf" else "native"
     for unit in units:
-        lines = (root.path / "lib/systemd/system" / unit).read_text().splitlines()
+        lines = (folder / unit).read_text().splitlines()
         assert f"SystemCallArchitectures={expected}" in lines
     for program in ("nimbusctl", "nimbus-sim"):
         assert root.succeed(program, "--help")
@@ -82,9 +87,12 @@ def test_life(root, packages, architecture, tmp_path):
     assert root.state("nimbus") == f"installed {version}" and root.exists(WANTS)
     assert (root.path / FILTER).read_text() == changed
 
+    passwords = root.path / "var/lib/private/nimbus-web/passwords"
+    passwords.parent.mkdir(parents=True)
+    passwords.touch()
     root.dpkg("-P", *packages.files)
     assert root.state("nimbus") in ("unknown", "not-installed ")
-    left = root.succeed("find", "/etc", "/usr", "/lib/systemd", "/var/lib/systemd", "/run", "-name",
+    left = root.succeed("find", "/etc", "/usr", "/lib/systemd", "/var/lib", "/run", "-name",
                         "*nimbus*", "-o", "-name", "tervado*")
     assert left == ""
 
@@ -100,22 +108,35 @@ def test_from_the_single_package_of_before(fresh_root, packages_of, tmp_path):
     (content / "usr/bin/nimbus-sim").write_text("#!/bin/sh\n")
     subprocess.run(["dpkg-deb", "--root-owner-group", "-Zgzip", "-b", content, before], check=True)
     root.dpkg("-i", *root.bring(before))
-    root.succeed("apt-get", "install", "-y", *root.bring(*packages.all()))
+    # In the order in which both have it for a moment.
+    files = [packages.files[name] for name in ("nimbus-workbench", "nimbus")]
+    root.dpkg("--auto-deconfigure", "-i", *root.bring(*files))
     owner = root.succeed("dpkg", "-S", "/usr/bin/nimbus-sim")
     assert owner == "nimbus-workbench: /usr/bin/nimbus-sim\n"
+
+
+def later_build(folder):
+    """The service's package of sources that have been changed since."""
+    sources = folder / "sources"
+    shutil.copytree(ROOT / "install", sources / "install")
+    (sources / "install/filter.nft").touch()
+    made = subprocess.run([sources / "install/package", ROOT / "build/release", roots.HOST, folder,
+                           "nimbus"], check=True, capture_output=True, text=True)
+    return pathlib.Path(made.stdout.strip())
 
 
 def test_apt_replaces_the_last_build(fresh_root, packages_of, tmp_path):
     """`apt install ./...` of the next one, with nothing said about it."""
     packages = packages_of(roots.HOST)
     root = fresh_root(roots.HOST)
-    version = packages.field("nimbus", "Version")
     (file,) = root.bring(packages.files["nimbus"])
     root.succeed("apt-get", "install", "-y", file)
-    later = f"{version}1"  # of a later time: the number is greater
-    (file,) = root.bring(packages.altered("nimbus", tmp_path, later))
+    later = later_build(tmp_path)
+    (file,) = root.bring(later)
     root.succeed("apt-get", "install", "-y", file)
-    assert root.state("nimbus") == f"installed {later}"
+    version = later.name.split("_")[1]
+    assert version != packages.field("nimbus", "Version")
+    assert root.state("nimbus") == f"installed {version}"
 
 
 # --- Boards of old -------------------------------------------------------------------------------
@@ -123,7 +144,7 @@ def test_apt_replaces_the_last_build(fresh_root, packages_of, tmp_path):
 OLD_BOARD = {"QEMU_CPU": "arm1176"}
 
 
-@pytest.mark.parametrize("name", ["nimbus", "nimbus-workbench"])
+@pytest.mark.parametrize("name", ["nimbus", "nimbus-web", "nimbus-workbench"])
 def test_refused_on_the_oldest_boards(fresh_root, packages_of, name):
     root = fresh_root("armel")
     (file,) = root.bring(packages_of("armhf").files[name])
@@ -138,7 +159,8 @@ def test_refused_on_the_oldest_boards(fresh_root, packages_of, name):
     own = [line for line in result.stdout.splitlines() if line.startswith(f"{name}:")]
     assert len(own) == 1, result.stdout
     assert "ARMv6" in own[0] and "./dev package" in own[0]
-    assert not root.exists("usr/lib/nimbus") and not root.exists("usr/bin/nimbus-sim")
+    for file in ("usr/lib/nimbus", "usr/bin/nimbus-web", "usr/bin/nimbus-sim"):
+        assert not root.exists(file)
 
 
 def test_why_it_is_refused(fresh_root, packages_of):
