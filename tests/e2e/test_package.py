@@ -204,6 +204,58 @@ def test_a_changed_tree_makes_a_later_build(tmp_path):
     (tree / "install/filter.nft").write_text("changed")
     os.utime(tree / "install/filter.nft", (3_000_000_000, 3_000_000_000))
     assert revision() == 3_000_000_000
+    output_of(*git, "add", "-A")
+    assert revision() == 3_000_000_000
+    output_of(*git, "rm", "-q", "-f", "install/filter.nft")
+    assert revision() == committed
+    (tree / "new").touch()
+    os.utime(tree / "new", (3_100_000_000, 3_100_000_000))
+    assert revision() == 3_100_000_000
+
+
+MAINS = {SERVICE: {"app/main.cpp", "tools/ctl/main.cpp"}, WEB: {"tools/web/main.cpp"},
+         WORKBENCH: {"tools/sim/main.cpp"}}
+ALL_MAINS = set().union(*MAINS.values())
+
+
+def compiled_for(build, target):
+    """The sources of it."""
+    names = output_of("ninja", "-C", build, "-t", "inputs", target).splitlines()
+    return {name.removeprefix(f"{ROOT}/") for name in names if name.startswith(f"{ROOT}/")}
+
+
+def are_of_programs_only(sources):
+    return not any(source.startswith(("tests/", "bench/")) for source in sources)
+
+
+@pytest.mark.parametrize("name", MAINS)
+def test_a_package_builds_only_the_programs_it_holds(build, name):
+    sources = compiled_for(build, f"{name}-programs")
+    assert sources & ALL_MAINS == MAINS[name] and are_of_programs_only(sources)
+
+
+def test_all_packages_build_only_programs(build):
+    sources = compiled_for(build, "programs")
+    assert ALL_MAINS <= sources and are_of_programs_only(sources)
+
+
+def test_a_build_without_the_web_console(tmp_path):
+    """What it shares with nimbusctl is there all the same."""
+    output_of("cmake", "-G", "Ninja", "-S", ROOT, "-B", tmp_path, "-DNIMBUS_WEB=OFF",
+              "-DNIMBUS_TESTS=OFF")
+    assert compiled_for(tmp_path, "all") & ALL_MAINS == ALL_MAINS - MAINS[WEB]
+    assert "tools/web/stream.cpp" in compiled_for(tmp_path, "nimbusctl")
+
+
+@pytest.mark.parametrize("arguments, problem", [
+    (["mips"], "no packages for 'mips'; expected host, arm64 or armhf"),
+    (["host", "nimbus", "nimbus-x"],
+     "no package 'nimbus-x'; expected one of: nimbus nimbus-web nimbus-workbench"),
+])
+def test_no_such_packages(arguments, problem):
+    """Said before anything is installed or built."""
+    result = subprocess.run([ROOT / "dev", "package", *arguments], capture_output=True, text=True)
+    assert (result.returncode, result.stderr) == (1, f"dev: {problem}\n")
 
 
 @pytest.mark.parametrize("arguments", [(), ("x",), ("/nowhere", "amd64", "/tmp")])
