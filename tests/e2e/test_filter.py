@@ -109,7 +109,8 @@ def hosts(neighbour):
 
 def command_of_unit(key):
     """What the filter's unit runs, with the file of these sources."""
-    for line in (INSTALL / "nimbus-filter.service").read_text().splitlines():
+    unit = (INSTALL / "nimbus-filter.service").read_text().replace("\\\n", " ")
+    for line in unit.splitlines():
         if line.startswith(f"{key}="):
             command = line.partition("=")[2].lstrip("-")
             return command.replace("/etc/nimbus/filter.nft", str(INSTALL / "filter.nft"))
