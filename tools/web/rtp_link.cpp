@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <random>
+#include <utility>
 
 #include "base/whole_file.h"
 #include "tools/common/failure.h"
@@ -24,10 +25,10 @@ rtp::Begin random_begin() {
 
 }  // namespace
 
-RtpLink::RtpLink(const std::string& host, std::uint16_t port, const std::string& sdp)
+RtpLink::RtpLink(const std::string& host, std::uint16_t port, std::string sdp)
     : socket_(host, port),
       port_(port),
-      sdp_(sdp),
+      sdp_(std::move(sdp)),
       output_(
           random_begin(), [this](Bytes packet) { return send(packet); },
           [this](Bytes sets) { describe_again(sets); }) {

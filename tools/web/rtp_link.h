@@ -15,7 +15,7 @@ class RtpLink {
   /// of it, if one is named, and again when the stream's parameter sets are known or others. Throws
   /// Failure for an unknown host or a file that cannot be written; when it cannot be later, the
   /// console is told and the pictures go on.
-  RtpLink(const std::string& host, std::uint16_t port, const std::string& sdp);
+  RtpLink(const std::string& host, std::uint16_t port, std::string sdp);
   RtpLink(const RtpLink&) = delete;
   RtpLink& operator=(const RtpLink&) = delete;
 
