@@ -52,6 +52,7 @@ def live(build):
     return start
 
 
+@pytest.mark.timing  # it listens and films for three seconds, in which there must be something
 def test_tour(live):
     tour = steps()
     assert len(tour) > 10
