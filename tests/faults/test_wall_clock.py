@@ -61,6 +61,8 @@ def test_who_is_silent_is_lost_once_and_returns(timed, clock, join, data, video,
                    "the telemetry")
         video.send(bytes([number]))
         viewer.wait(lambda frame: frame.video and frame.payload == bytes([number]))
+        for found in ("Data found\n", "Video found\n"):
+            service.err.wait(found, count=number)
         before = len(service.err.text())
         clock.step(step)
         losses = {lost(viewer), "Data lost\n", "Video lost\n", "Tracking lost\n",
