@@ -10,8 +10,10 @@ fail() {
 
 # Mounts the partition that belongs at a folder, if it is not there: a save that was interrupted may
 # have left it unmounted. False when that fails; what is then seen in the folder is not the card.
+# (mount succeeds without a word where fstab has nofail, and there is no card.)
 mounted_if_meant() {
-  mountpoint -q "$1" || ! findmnt --fstab -n "$1" >/dev/null 2>&1 || mount "$1" 2>/dev/null
+  mountpoint -q "$1" || ! findmnt --fstab -n "$1" >/dev/null 2>&1 ||
+    { mount "$1" 2>/dev/null && mountpoint -q "$1"; }
 }
 
 # The folder at which the card is mounted. Raspberry Pi OS mounts it at /boot, since bookworm at

@@ -256,6 +256,17 @@ def test_card_that_cannot_be_mounted(fstab, standins):
     assert WORKING_COPY.read_bytes() == b"a=1\n"
 
 
+def test_card_that_is_not_there_and_need_not_be(fstab, standins):
+    """With nofail, mount says that all is well."""
+    card = BOOT / "firmware"
+    card.mkdir()
+    fstab("PARTUUID=12345678-01 /boot/firmware vfat nofail 0 0\n")
+    standins.answer("mount", "exec /usr/bin/mount \"$@\"")
+    assert "before-start.sh: the card cannot be mounted\n" in before_start()
+    assert CARD_UNREAD.exists()
+    assert list(card.iterdir()) == []
+
+
 @pytest.fixture
 def firmware(tmp_path):
     """The card is mounted at /boot/firmware, and /boot is a folder like any other."""
@@ -416,10 +427,13 @@ def test_card_is_unread_until_it_can_be_mounted(fstab, standins):
     standins.answer("mount", "exit 32")
     before_start()
     assert CARD_UNREAD.exists()
-    standins.answer("mount", "exit 0")
+    standins.answer("mount", "exec /usr/bin/mount -t tmpfs card /boot/firmware")
     CARD_FILE.write_bytes(OWN)
-    before_start()
-    assert not CARD_UNREAD.exists()
+    try:
+        before_start()
+        assert not CARD_UNREAD.exists()
+    finally:
+        real("umount /boot/firmware")
 
 
 @pytest.mark.parametrize("start_step", ["has marked the card", "could do nothing"])
