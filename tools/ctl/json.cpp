@@ -19,6 +19,10 @@ void add_text(cJSON* object, std::string_view name, std::string_view text) {
   cJSON_AddStringToObject(object, std::string(name).c_str(), std::string(text).c_str());
 }
 
+const cJSON* member(const cJSON* object, const char* name) {
+  return cJSON_GetObjectItemCaseSensitive(object, name);
+}
+
 std::string member_text(const cJSON* object, std::string_view name) {
   const cJSON* const item = cJSON_GetObjectItemCaseSensitive(object, std::string(name).c_str());
   if (item == nullptr) return {};

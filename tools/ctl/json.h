@@ -24,6 +24,9 @@ using Json = std::unique_ptr<cJSON, DeleteJson>;
 
 void add_text(cJSON* object, std::string_view name, std::string_view text);
 
+/// Null when missing.
+[[nodiscard]] const cJSON* member(const cJSON* object, const char* name);
+
 /// A member's text: of a string its characters, of another value its JSON; empty when missing.
 [[nodiscard]] std::string member_text(const cJSON* object, std::string_view name);
 

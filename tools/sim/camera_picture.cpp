@@ -14,11 +14,11 @@ namespace nimbus::sim {
 namespace {
 
 using tools::format_text;
-using Words = std::vector<std::string>;
+using Arguments = std::vector<std::string>;
 
-Words ffmpeg(std::initializer_list<Words> parts) {
-  Words all{"ffmpeg", "-hide_banner", "-loglevel", "error"};
-  for (const Words& part : parts) all.insert(all.end(), part.begin(), part.end());
+Arguments ffmpeg(std::initializer_list<Arguments> parts) {
+  Arguments all{"ffmpeg", "-hide_banner", "-loglevel", "error"};
+  for (const Arguments& part : parts) all.insert(all.end(), part.begin(), part.end());
   return all;
 }
 
@@ -38,12 +38,12 @@ constexpr const char* kPanorama =
     "[d][beside]overlay=1184:380:eof_action=repeat[e];[e][tower]overlay=660:330[f];"
     "[f][below]overlay=512:860,format=yuv420p";
 
-Words painter() {
+Arguments painter() {
   return ffmpeg({{"-f", "lavfi", "-i", kPanorama, "-frames:v", "1", "-f", "rawvideo", "-"}});
 }
 
 /// 25 pictures a second at a rate that datagrams of 1400 bytes carry to ten viewers.
-Words coder() {
+Arguments coder() {
   const std::string size = format_text("%zux%zu", Scene::kWidth, Scene::kHeight);
   return ffmpeg(
       {{"-fflags", "nobuffer", "-f", "rawvideo", "-pix_fmt", "yuv420p", "-s", size},

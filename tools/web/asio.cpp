@@ -1,4 +1,3 @@
 // Asio and Beast are compiled here, once.
 #include <boost/asio/impl/src.hpp>
-#include <boost/asio/ssl/impl/src.hpp>
 #include <boost/beast/src.hpp>

@@ -17,7 +17,4 @@ struct CertificateFiles {
 /// only. Throws Failure when they cannot be made.
 void make_certificate(const CertificateFiles& files, const std::vector<std::string>& names);
 
-/// The names and addresses of this machine.
-[[nodiscard]] std::vector<std::string> own_names();
-
 }  // namespace nimbus::web

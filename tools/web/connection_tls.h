@@ -2,11 +2,14 @@
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl/context.hpp>
 #include <memory>
 
 #include "tools/web/certificate.h"
 #include "tools/web/connection.h"
+
+namespace boost::asio::ssl {
+class context;
+}
 
 namespace nimbus::web {
 
@@ -15,11 +18,14 @@ class Tls {
  public:
   /// Throws Failure when the files are no certificate and its key.
   explicit Tls(const CertificateFiles& files);
+  ~Tls();
+  Tls(const Tls&) = delete;
+  Tls& operator=(const Tls&) = delete;
 
-  [[nodiscard]] boost::asio::ssl::context& context() { return context_; }
+  [[nodiscard]] boost::asio::ssl::context& context() { return *context_; }
 
  private:
-  boost::asio::ssl::context context_;
+  std::unique_ptr<boost::asio::ssl::context> context_;
 };
 
 /// The connection needs the certificate now only.

@@ -11,11 +11,8 @@
 namespace nimbus::web {
 namespace {
 
+using ctl::member;
 using tools::Failure;
-
-const cJSON* member(const cJSON* object, const char* name) {
-  return cJSON_GetObjectItemCaseSensitive(object, name);
-}
 
 std::vector<std::string> texts_of(const cJSON* list, const char* name) {
   if (cJSON_IsArray(list) == 0) throw Failure(std::string(name) + " is no list; expected texts");

@@ -12,11 +12,9 @@
 namespace nimbus::web {
 namespace {
 
-constexpr std::size_t kMostBytes = std::size_t{64} * 1024;  // that wait for one browser
+using ctl::member;
 
-const cJSON* member(const cJSON* object, const char* name) {
-  return cJSON_GetObjectItemCaseSensitive(object, name);
-}
+constexpr std::size_t kMostBytes = std::size_t{64} * 1024;  // that wait for one browser
 
 double number(const cJSON* object, const char* name) {
   const cJSON* const item = member(object, name);

@@ -20,6 +20,7 @@
 #include "tools/web/guests.h"
 #include "tools/web/hub.h"
 #include "tools/web/link.h"
+#include "tools/web/own_names.h"
 #include "tools/web/rtp_link.h"
 #include "tools/web/site.h"
 #include "tools/web/verifier.h"
