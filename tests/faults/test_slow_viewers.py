@@ -102,9 +102,9 @@ def play(video, size, rate, keep=(), seconds=SECONDS):
     return seconds * rate
 
 
-def check_served(service, viewers, sent, size):
-    """Every one of them has got the picture in time, and the status messages of each second."""
-    said = events(service)
+def check_served(service, viewers, sent, size, said):
+    """Every one of them has got the picture in time, and the status messages of each second; `said`
+    is what the console has said meanwhile."""
     assert "Video lost" not in said and service.running()
     for viewer in viewers:
         assert lost(viewer) not in said
@@ -139,9 +139,10 @@ def finish(viewers, sent):
 
 
 def show(service, video, viewers, size, rate):
+    before = len(events(service))
     sent = play(video, size, rate, viewers)
     finish(viewers, sent)
-    check_served(service, viewers, sent, size)
+    check_served(service, viewers, sent, size, events(service)[before:])
 
 
 @pytest.mark.parametrize("privilege", ["root", "user"], indirect=True)
@@ -201,5 +202,6 @@ def test_viewer_that_takes_the_slot_of_a_slow_one(serving, links, good, stranded
     slow.leave()
     serving.err.wait(removed(slow))
     successor = good()
-    time.sleep(1)
+    # The bridge pauses for as long as that takes.
+    wait_until(lambda: "Video lost" in events(serving).rpartition("Video found")[2], 5, "a pause")
     show(serving, video, [successor], 30_000, 30)
