@@ -827,6 +827,7 @@ def test_lost_reports(desk):
 def test_first_report_after_silence(service, viewer, data, region):
     """A source is found before its report is decoded, so the report's own values stay; a source
     that is lost forgets the timer, and nothing else of what the camera said."""
+    viewer.keep_alive()
     for state in (3, 4):
         data.send(RECORDING.frame(state=state) + TAIL)
         wait_until(lambda: region.u8(region.TIMER_STATE) == state, 5, "the report")
