@@ -350,6 +350,23 @@ def test_a_socket_that_is_handed_over(build, service, host):
     assert (status, process.stderr.read()) == (0, b"")
 
 
+def test_what_to_open_on_a_phone():
+    """The address in figures where the machine has a network, else its name."""
+    def url():
+        return subprocess.run([LISTEN, "0.0.0.0:8099", "printenv", "NIMBUS_URL"], check=True,
+                              capture_output=True, text=True).stdout
+
+    assert url() == f"http://{socket.gethostname()}:8099/\n"
+    subprocess.run(["ip", "address", "add", "10.66.1.1/32", "dev", "lo"], check=True)
+    try:
+        subprocess.run(["ip", "route", "add", "192.0.2.0/24", "dev", "lo", "src", "10.66.1.1"],
+                       check=True)
+        assert url() == "http://10.66.1.1:8099/\n"
+    finally:
+        subprocess.run(["ip", "address", "del", "10.66.1.1/32", "dev", "lo"], check=True)
+        subprocess.run(["ip", "route", "flush", "192.0.2.0/24"], check=False)
+
+
 def test_a_socket_for_another_process(serve):
     """Who has inherited the words, and not the socket, listens for itself."""
     web = serve(env={"LISTEN_FDS": "1", "LISTEN_PID": "1"})

@@ -91,7 +91,7 @@ def test_limits():
     text = "".join(SOURCES.values())
     for name, value in {"kHeaderLimit": "8 * 1024", "kBodyLimit": "std::uint64_t{64} * 1024", "kMessageLimit": "std::size_t{4} * 1024",
                         "kRequestTime": "10", "kRestTime": "15", "kStandstill": "5", "kMost": "200",
-                        "kMostOfOne": "20", "kMostPictures": "8", "kMostBytes": "std::size_t{256} * 1024"}.items():
+                        "kMostOfOne": "20", "kMostFirst": "60", "kMostAgain": "30", "kMostPictures": "8", "kMostBytes": "std::size_t{256} * 1024"}.items():
         assert re.search(rf"{name}( = |\{{){re.escape(value)}", text), name
     limits = {cells[0]: cells[1] for cells in rows("Limits")[1:]}
     assert limits == {
@@ -100,7 +100,7 @@ def test_limits():
         "connections": "200", "connections of one address": "20",
         "pictures that wait for one browser": "8, or 256 KiB",
         "no byte accepted by a browser's network": "5 s", "state messages": "10 a second",
-        "commands that wait": "32, 55 ms apart", "tries of a password": "5 a minute from one address, 30 in all",
+        "commands that wait": "32, 55 ms apart", "tries of a password": "5 a minute from one address; of all, 60 first ones and 30 more",
         "rest of a log-in": "12 h"}
 
 

@@ -19,9 +19,12 @@ struct Console {
   Hub hub{"board:4242",
           {[](std::string_view) { return true; },
            [](const std::array<std::int16_t, 3>&) { return true; }}};
-  ConsoleSite site{hub, guests, {.names = {"camera.local"}}};
+  ConsoleSite site;
 
-  Console() { hub.each_second(true, Clock::now()); }
+  explicit Console(SiteOptions options = {.names = {"camera.local"}})
+      : site(hub, guests, std::move(options)) {
+    hub.each_second(true, Clock::now());
+  }
 
   Response get(const std::string& target, Request request = {}) {
     request.method = "GET";
@@ -162,10 +165,18 @@ TEST(WebSite, Programs) {
 
 struct Guarded : Console {
   Passwords passwords;
-  Guarded() {
+  explicit Guarded(SiteOptions options = {}) : Console(std::move(options)) {
     passwords.set(Role::operates, hash_of("boat"));
     passwords.set(Role::viewer, hash_of("shore"));
     site.use(passwords);
+  }
+  /// The status of a try.
+  unsigned status_of(const std::string& password, const std::string& address,
+                     const std::string& cookie = {}) {
+    Request request;
+    request.address = address;
+    request.cookie = cookie;
+    return post("/login", "password=" + password, request).status;
   }
   /// The cookie of a log-in; empty when there is none.
   std::string log_in(const std::string& password, const std::string& address = "10.0.0.9") {
@@ -176,6 +187,16 @@ struct Guarded : Console {
     return cookie.substr(0, cookie.find(';'));
   }
 };
+
+/// The cookie of a mark; empty when there is none. It goes to the log-in only.
+std::string mark_in(const Response& response) {
+  for (const auto& [name, value] : response.headers) {
+    if (name != "Set-Cookie" || !value.starts_with("nimbus_mark=")) continue;
+    EXPECT_NE(value.find("; Path=/login; HttpOnly; SameSite=Strict; Max-Age="), std::string::npos);
+    return value.substr(0, value.find(';'));
+  }
+  return {};
+}
 
 TEST(WebPasswords, NothingWithoutOne) {
   Guarded console;
@@ -210,7 +231,7 @@ TEST(WebPasswords, APersonIsAskedAgainAndAProgramIsTold) {
   Guarded console;
   const Response again = console.post("/login", "password=wave");
   EXPECT_EQ(again.status, 403U);
-  EXPECT_NE(again.content().find("role=\"alert\">that is not the password.</p>"),
+  EXPECT_NE(again.content().find("role=\"alert\">that is not the password: try again"),
             std::string::npos);
   EXPECT_NE(again.content().find("<form method=\"post\""), std::string::npos);
   Request request;
@@ -246,6 +267,17 @@ TEST(WebPasswords, CookiesAreForThisPageOnly) {
   request.secure = true;
   cookie = header(console.post("/login", "password=boat", request), "Set-Cookie");
   EXPECT_NE(cookie.find("; Secure"), std::string::npos);
+}
+
+TEST(WebPasswords, WhoWasLoggedInIsToldWhyItIsNot) {
+  Guarded console;
+  EXPECT_EQ(header(console.get("/"), "Location"), "/login");
+  Request stale;
+  stale.cookie = "nimbus=0123";
+  EXPECT_EQ(header(console.get("/", stale), "Location"), "/login?ended=1");
+  EXPECT_NE(console.get("/login?ended=1").content().find("your log-in has ended: log in again."),
+            std::string::npos);
+  EXPECT_EQ(console.get("/login").content().find("has ended"), std::string::npos);
 }
 
 TEST(WebPasswords, AlteredAndReplayedCookiesAreNothing) {
@@ -334,11 +366,80 @@ TEST(WebPasswords, TriesAreForgottenAfterAMinute) {
   for (std::size_t i = 0; i < Tries::kMostOfOne; ++i) EXPECT_TRUE(tries.allowed("a", start));
   EXPECT_FALSE(tries.allowed("a", start + seconds(59)));
   EXPECT_TRUE(tries.allowed("a", start + seconds(60)));
-  Tries all;
-  for (std::size_t i = 0; i < Tries::kMostOfAll; ++i) {
-    EXPECT_TRUE(all.allowed(std::to_string(i), start));
+}
+
+/// Those who try again and again have an end, which does not keep out who tries for the first time.
+TEST(WebPasswords, WhoTriesForTheFirstTimeHasRoom) {
+  Tries tries;
+  const Time start = Time{} + seconds(100);
+  std::size_t again = 0;
+  for (int address = 0; address < 10; ++address) {
+    EXPECT_TRUE(tries.allowed(std::to_string(address), start));
+    while (tries.allowed(std::to_string(address), start)) ++again;
   }
-  EXPECT_FALSE(all.allowed("another", start));
+  EXPECT_EQ(again, Tries::kMostAgain);
+  EXPECT_TRUE(tries.allowed("another", start));
+  EXPECT_FALSE(tries.allowed("another", start));
+  for (std::size_t i = 11; i < Tries::kMostFirst; ++i) {
+    EXPECT_TRUE(tries.allowed(std::to_string(i), start)) << i;
+  }
+  EXPECT_FALSE(tries.allowed("one too many", start));
+  EXPECT_TRUE(tries.allowed("one too many", start + seconds(60)));
+}
+
+/// Strangers from everywhere, or behind the operator's own address, lock nobody out who was there
+/// before: its browser has a mark, and tries of its own.
+TEST(WebPasswords, StrangersDoNotLockTheOperatorOut) {
+  Guarded console({.verify = [](const Passwords&, const std::string& password, const auto& done) {
+    done(password == "boat" ? std::optional(Role::operates) : std::nullopt);
+  }});
+  Request request;
+  request.address = "10.0.0.9";
+  const std::string mark = mark_in(console.post("/login", "password=boat", request));
+  ASSERT_NE(mark, "");
+  for (int i = 0; i < 200; ++i) console.status_of("guess", "10.0.1." + std::to_string(i));
+  for (int i = 0; i < 10; ++i) console.status_of("guess", "10.0.0.9");
+  EXPECT_EQ(console.status_of("boat", "10.0.0.9"), 429U);
+  EXPECT_EQ(console.status_of("boat", "10.0.0.200"), 429U);
+  EXPECT_EQ(console.status_of("boat", "10.0.0.9", mark), 303U);
+  for (std::size_t i = 1; i < Tries::kMostOfOne; ++i) {
+    EXPECT_EQ(console.status_of("guess", "10.0.0.9", mark), 403U);
+  }
+  EXPECT_EQ(console.status_of("boat", "10.0.0.9", mark), 429U);
+}
+
+/// No viewer gets one, and a new password makes all of them worthless.
+TEST(WebPasswords, MarksAreTheOperatorsOnly) {
+  Guarded console;
+  Request request;
+  request.address = "10.0.0.9";
+  EXPECT_EQ(mark_in(console.post("/login", "password=shore", request)), "");
+  EXPECT_EQ(mark_in(console.post("/login", "password=wave", request)), "");
+  const std::string mark = mark_in(console.post("/login", "password=boat", request));
+  ASSERT_EQ(mark.size(), std::string("nimbus_mark=").size() + 32);
+  EXPECT_EQ(console.status_of("wave", "10.0.0.9"), 403U);
+  EXPECT_EQ(console.status_of("wave", "10.0.0.9"), 403U);
+  EXPECT_EQ(console.status_of("wave", "10.0.0.9"), 429U);
+  std::string altered = mark;
+  altered.back() = altered.back() == 'a' ? 'b' : 'a';
+  EXPECT_EQ(console.status_of("boat", "10.0.0.9", altered), 429U);
+  EXPECT_EQ(console.status_of("wave", "10.0.0.9", mark), 403U);
+  request.cookie = mark;
+  const Response again = console.post("/login", "password=boat", request);
+  EXPECT_EQ(again.status, 303U);
+  EXPECT_EQ(mark_in(again), "") << "it has one";
+  console.passwords.set(Role::operates, hash_of("boat"));
+  console.site.use(console.passwords);
+  EXPECT_EQ(console.status_of("boat", "10.0.0.9", mark), 429U);
+}
+
+TEST(WebPasswords, MarksHaveAnEnd) {
+  Marks marks;
+  const std::string first = marks.begin();
+  EXPECT_TRUE(marks.has(first));
+  EXPECT_FALSE(marks.has(""));
+  for (std::size_t i = 0; i < Marks::kMost; ++i) EXPECT_NE(marks.begin(), first);
+  EXPECT_FALSE(marks.has(first));
 }
 
 TEST(WebPasswords, LogInsRestAndEnd) {

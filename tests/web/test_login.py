@@ -6,6 +6,10 @@ import pytest
 from selenium.webdriver.common.keys import Keys
 
 
+WRONG = ("that is not the password: try again, or set a new one on the board with nimbus-web"
+         " --set-password.")
+
+
 @pytest.fixture
 def guarded(service, webs, build, tmp_path):
     """A nimbus-web with a password for the operator and one for viewers."""
@@ -40,7 +44,7 @@ def test_the_operator_logs_in_and_out(browser, guarded, camera, film):
     browser.open(guarded.address())
     assert path(browser) == "/login" and problem(browser) == ""
     log_in(browser, "wave")
-    assert problem(browser) == "that is not the password."
+    assert problem(browser) == WRONG
     assert browser.find("#problem").get_attribute("role") == "alert"
     log_in(browser, "boat")
     assert path(browser) == "/"
@@ -63,6 +67,9 @@ def test_a_log_in_that_ends_asks_again(browser, guarded):
     guarded.close()
     guarded.start()
     browser.wait("return location.pathname === '/login'", seconds=20)
+    assert problem(browser) == "your log-in has ended: log in again."
+    log_in(browser, "boat")
+    who(browser, "Drive")
 
 
 def test_viewers_watch(browser, guarded, camera, film):
@@ -83,9 +90,9 @@ def test_guessing(browser, guarded):
     browser.open(guarded.address())
     for _ in range(5):
         log_in(browser, "guess")
-        assert problem(browser) == "that is not the password."
+        assert problem(browser) == WRONG
     log_in(browser, "boat")
-    assert problem(browser) == "too many tries; expected a minute's patience."
+    assert problem(browser) == "too many tries in a minute: wait a minute, then try again."
     assert path(browser) == "/login"
 
 

@@ -9,7 +9,8 @@ import pytest
 
 from harness.timing import limit
 
-SIZES = [(360, 640), (390, 844), (844, 390), (768, 1024), (1920, 1080), (3840, 2160)]
+SIZES = [(360, 640), (360, 740), (390, 844), (844, 390), (768, 1024), (1280, 800), (1920, 1080),
+         (3840, 2160)]
 THEMES = [True, False]
 
 
@@ -102,11 +103,77 @@ def test_nothing_unreported_is_shown(browser, service, web):
     assert browser.run("return [...document.querySelectorAll('#values .value')]"
                        ".filter((one) => !one.hidden).length") == 0
     assert browser.run("return document.querySelector('#attitude').hidden")
-    assert browser.run("return document.querySelector('#stale').textContent") == \
-        "No video arrives at the board."
+    assert browser.run("return document.querySelector('#stale').textContent") == SILENT_CAMERA
     shown = browser.run("return [...document.querySelectorAll('.chip')].filter((one) =>"
                         " !one.hidden).map((one) => one.dataset.chip)")
     assert set(shown) <= {"camera", "video", "viewers"}, shown
+
+
+VALUES = {"Mode", "Format", "Exposure", "ISO", "Shutter", "Aperture", "EV", "White bal.", "Colour",
+          "Photo", "Focus", "Zoom"}
+
+
+def test_everything_reported_is_shown(page):
+    page.wait("return fetch('/api/command', { method: 'POST', body:"
+              " '{\"words\":[\"histogram\",\"on\"]}' }).then((answer) => answer.ok)")
+    page.wait("return !document.querySelector('#histogram').hidden")
+    seen = page.run("return [...document.querySelectorAll('#values .value')].filter((one) =>"
+                    " !one.hidden).map((one) => one.querySelector('span').textContent)")
+    assert set(seen) == VALUES
+    page.wait("return [...document.querySelectorAll('.chip')].filter((one) => !one.hidden).map("
+              "(one) => one.dataset.chip).sort().join() ==="
+              " 'camera,latency,loss,rate,video,viewers'")
+
+
+# --- Why there is no picture ---------------------------------------------------------------------
+
+SILENT_CAMERA = \
+    "The board hears nothing of the camera: switch it on, and see whether it is connected."
+NO_SERVICE = ("The service at 127.0.0.1:4242 does not answer: see whether it runs (systemctl status"
+              " nimbus), and whether ten viewers are there already.")
+NO_VIDEO = "The camera is there, but sends no video: see whether another application has it."
+NO_RELAY = "The board sends no video to viewers: change that in the settings, under Video."
+NO_BOARD = "There is no connection to the board: see whether it is on, and you in its network."
+
+
+def wait_reason(browser, sentence):
+    browser.wait("return document.querySelector('#stale').textContent.endsWith(arguments[0])",
+                 sentence, seconds=15)
+
+
+def test_no_service_is_said(browser, webs, start):
+    """And no longer once it is there."""
+    browser.open(webs().address())
+    wait_reason(browser, NO_SERVICE)
+    start()
+    wait_reason(browser, SILENT_CAMERA)
+
+
+def test_no_video_of_the_camera_is_said(browser, web, camera):
+    browser.open(web.address())
+    wait_reason(browser, NO_VIDEO)
+
+
+def test_no_video_by_the_settings_is_said(browser, start, webs):
+    start("disable_video_stream=1\n")
+    browser.open(webs().address())
+    wait_reason(browser, NO_RELAY)
+
+
+@pytest.mark.parametrize("size", [(360, 640), (844, 390)])
+def test_no_board_is_said(browser, web, film, size):
+    """Within the stage, however long it is."""
+    browser.show(size)
+    browser.open(web.address())
+    browser.picture()
+    web.close()
+    wait_reason(browser, NO_BOARD)
+    text, stage = browser.run("return ['#stale', '#stage'].map((one) =>"
+                              " document.querySelector(one).getBoundingClientRect().toJSON())")
+    for least, most in (("left", "right"), ("top", "bottom")):
+        assert stage[least] <= text[least] and text[most] <= stage[most], (text, stage)
+    web.start()
+    browser.wait("return document.querySelector('#stale').textContent === ''", seconds=20)
 
 
 def test_old_reports_are_dimmed(page, camera):
@@ -118,35 +185,63 @@ def test_old_reports_are_dimmed(page, camera):
 
 # --- What is where -------------------------------------------------------------------------------
 
-# The boxes of what can be pressed, those that are cut off, and pairs that lie over each other.
+# What can be pressed: what is cut off or too small for a thumb, and pairs that lie over each other;
+# and rows of which a part lies beyond an edge.
 LAYOUT = """
 const controls = [...document.querySelectorAll("button, #stick, #rollstick")].filter((one) =>
-  one.checkVisibility() && !one.closest("#values, #state, dialog"));
-const boxes = controls.map((one) => [one.id, one.getBoundingClientRect()]);
+  one.checkVisibility() && !one.closest("dialog"));
+const boxes = controls.map((one) => [one.id || one.textContent, one.getBoundingClientRect()]);
 const out = boxes.filter(([, box]) => box.left < 0 || box.top < 0 || box.right > innerWidth + 0.5
-  || box.bottom > innerHeight + 0.5 || box.width < 40 || box.height < 40).map(([id]) => id);
+  || box.bottom > innerHeight + 0.5 || box.width < 44 || box.height < 44).map(([id]) => id);
 const over = [];
 boxes.forEach(([a, one], i) => boxes.slice(i + 1).forEach(([b, two]) => {
   if (one.left < two.right - 1 && two.left < one.right - 1 && one.top < two.bottom - 1
     && two.top < one.bottom - 1) over.push(`${a}/${b}`);
 }));
-const wide = document.documentElement.scrollWidth > innerWidth;
-return { out, over, wide, count: boxes.length };
+const cut = ["html", "#state", "#values"].filter((name) => {
+  const one = document.querySelector(name);
+  return one.scrollWidth > one.clientWidth + 1 || one.scrollHeight > one.clientHeight + 1;
+});
+return { out, over, cut, count: boxes.length };
 """
 
 
 @pytest.mark.parametrize("size", SIZES, ids=lambda size: f"{size[0]}x{size[1]}")
 def test_layout(page, size):
     page.show(size)
+    page.run("document.querySelector('#take').click()")
+    page.wait("return document.querySelector('#take').textContent === 'Release'")
+    page.wait("return [...document.querySelectorAll('.chip')].filter((one) => !one.hidden)"
+              ".length >= 6", seconds=20)
     time.sleep(0.3)
     found = page.run(LAYOUT)
-    assert found["count"] > 10
-    assert (found["out"], found["over"], found["wide"]) == ([], [], False)
+    assert found["count"] > 20, found
+    assert (found["out"], found["over"], found["cut"]) == ([], [], [])
     picture = page.run("const box = document.querySelector('#picture').getBoundingClientRect();"
                        "return [box.width, box.height]")
     # Edge to edge: it touches both sides, or top and bottom.
     assert abs(picture[0] - size[0]) < 2 or abs(picture[1] - size[1]) < 2, picture
     assert abs(picture[0] / picture[1] - 16 / 9) < 0.02
+
+
+# What can be pressed in a dialog, and is too small for a thumb.
+SMALL = """
+return [...document.querySelectorAll("dialog :is(button, input, select, summary)")].filter((one) =>
+  one.checkVisibility()).map((one) => [one.ariaLabel || one.textContent,
+  one.getBoundingClientRect()]).filter(([, box]) => box.width < 44 || box.height < 44)
+  .map(([name, box]) => `${name}: ${box.width} x ${box.height}`);
+"""
+
+
+@pytest.mark.parametrize("opened", ["#settings", "#help", "#more"])
+def test_dialogs_are_for_thumbs(page, opened):
+    page.show((360, 640))
+    page.run("document.querySelector(arguments[0]).click()", opened)
+    page.wait("return document.querySelector('dialog[open]')")
+    page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
+    assert page.run(SMALL) == []
+    assert page.run("const one = document.querySelector('dialog');"
+                    "return one.scrollWidth <= one.clientWidth")
 
 
 # The smallest letters that are seen, in pixels.

@@ -42,6 +42,36 @@ def test_chromium_in_a_secure_context(browser, web, film):
     plays(browser, web, SECURE_HOST, "webcodecs")
 
 
+# What iPhones have in place of Media Source Extensions, made of these.
+MANAGED = """
+window.ManagedMediaSource = class extends MediaSource {
+  constructor() { super(); window.managed = this; }
+};
+delete window.MediaSource;
+Object.defineProperty(HTMLMediaElement.prototype, "srcObject", {
+  set(source) { this.src = URL.createObjectURL(source); },
+});
+"""
+
+
+def test_managed_media_source(browser, web, film):
+    """It may want nothing for a while; then the picture goes on, and is never torn."""
+    script = browser.cdp("Page.addScriptToEvaluateOnNewDocument", source=MANAGED)
+    try:
+        plays(browser, web, PLAIN_HOST, "mse")
+        assert browser.run("return document.querySelector('#video').disableRemotePlayback")
+        for pause in (0.3, 0.6, 1.1):
+            browser.run("managed.dispatchEvent(new Event('endstreaming'))")
+            time.sleep(pause)
+            browser.run("managed.dispatchEvent(new Event('startstreaming'))")
+            ages = browser.ages("#video", 40)
+            assert -1 not in ages and 0 <= min(ages) and max(ages) < limit(4000), ages
+        assert statistics.median(ages) < limit(1000), ages
+        assert browser.errors() == []
+    finally:
+        browser.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=script["identifier"])
+
+
 def test_firefox(fox, web, film):
     plays(fox, web, PLAIN_HOST, "mse", lag=1500)
 
@@ -163,7 +193,8 @@ def test_h265_and_back(browser, web, films, host):
     reload."""
     first = films(codec="hevc")
     browser.open(web.address(host))
-    named = "The video is H.265, which this browser does not play."
+    named = ("The video is H.265, which this browser does not play: choose H.264 on the camera, or"
+             " open the page in a browser that plays H.265.")
     found = browser.wait("const stage = document.querySelector('#stage');"
                          "return Number(stage.dataset.shown) > 0 ? 'plays' :"
                          " document.querySelector('#stale').textContent === arguments[0]"

@@ -73,13 +73,27 @@ void Sessions::end(std::string_view word) {
   if (found != sessions_.end()) sessions_.erase(found);
 }
 
-bool Tries::allowed(const std::string& address, Time now) {
+std::string Marks::begin() {
+  if (words_.size() >= kMost) words_.pop_front();
+  words_.push_back(random_word());
+  return words_.back();
+}
+
+bool Marks::has(std::string_view word) const {
+  return std::find(words_.begin(), words_.end(), word) != words_.end();
+}
+
+bool Tries::allowed(const std::string& who, Time now) {
   constexpr std::chrono::minutes kMinute{1};
   while (!tries_.empty() && now - tries_.front().time >= kMinute) tries_.pop_front();
-  const auto of_one = std::count_if(tries_.begin(), tries_.end(),
-                                    [&address](const Try& one) { return one.address == address; });
-  if (static_cast<std::size_t>(of_one) >= kMostOfOne || tries_.size() >= kMostOfAll) return false;
-  tries_.push_back({now, address});
+  const auto count = [this](const auto& what) {
+    return static_cast<std::size_t>(std::count_if(tries_.begin(), tries_.end(), what));
+  };
+  const std::size_t of_one = count([&who](const Try& one) { return one.who == who; });
+  const bool first = of_one == 0;
+  const std::size_t alike = count([first](const Try& one) { return one.first == first; });
+  if (of_one >= kMostOfOne || alike >= (first ? kMostFirst : kMostAgain)) return false;
+  tries_.push_back({now, who, first});
   return true;
 }
 

@@ -45,21 +45,40 @@ class Sessions {
   std::map<std::string, Session, std::less<>> sessions_;
 };
 
-/// How often an address, and all of them together, may try a password in a minute. All together,
-/// because each try costs a tenth of a second of a board's processor, and one waits for the other.
+/// Marks of browsers from which the operator has logged in before: strangers who guess use up the
+/// tries of strangers only. They live in memory, as log-ins do.
+class Marks {
+ public:
+  static constexpr std::size_t kMost = 100;
+
+  /// A new one: a word that nobody can guess.
+  [[nodiscard]] std::string begin();
+  [[nodiscard]] bool has(std::string_view word) const;
+  void clear() { words_.clear(); }
+
+ private:
+  std::deque<std::string> words_;  // the oldest first
+};
+
+/// How often a password may be tried in a minute: by one, and by all together, because each try
+/// costs a tenth of a second of a board's processor, and one waits for the other. Those who try
+/// again and again leave room for others' first try.
 class Tries {
  public:
   static constexpr std::size_t kMostOfOne = 5;
-  static constexpr std::size_t kMostOfAll = 30;
+  static constexpr std::size_t kMostAgain = 30;  ///< of all who have tried before in that minute
+  static constexpr std::size_t kMostFirst = 60;  ///< of all who have not
 
-  [[nodiscard]] bool allowed(const std::string& address, Time now);
+  /// Whether `who`, an address or a mark's word, may try now; counts it then.
+  [[nodiscard]] bool allowed(const std::string& who, Time now);
 
  private:
   struct Try {
     Time time;
-    std::string address;
+    std::string who;
+    bool first;
   };
-  std::deque<Try> tries_;
+  std::deque<Try> tries_;  // of the last minute
 };
 
 /// The value of a cookie in a Cookie header; empty when it has none.

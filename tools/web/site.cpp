@@ -59,6 +59,18 @@ Response go_to(const std::string& path) {
 }
 
 constexpr std::string_view kCookie = "nimbus";
+constexpr std::string_view kMark = "nimbus_mark";
+
+// What a script cannot read, and no other site's page sends.
+constexpr std::string_view kOwnOnly = "; HttpOnly; SameSite=Strict";
+constexpr const char* kForAYear = "; Max-Age=31536000";
+
+std::string cookie_text(std::string_view name, const std::string& value, std::string_view path,
+                        bool secure) {
+  std::string text(name);
+  return text.append("=").append(value).append("; Path=").append(path).append(kOwnOnly).append(
+      secure ? "; Secure" : "");
+}
 
 // What is served to whoever has no password yet: what the log-in page is made of.
 constexpr auto kOpenFiles =
@@ -132,9 +144,11 @@ std::string password_in(const Request& request) {
   return object == nullptr ? "" : ctl::member_text(object.get(), "password");
 }
 
-/// To a person the page again, to a program a line.
-Response no_log_in(const Request& request, unsigned status, std::string text) {
-  return is_json(request) ? refusal(status, std::move(text)) : log_in_page(status, text + ".");
+/// To a person the page again, and what to do; to a program a line.
+Response no_log_in(const Request& request, unsigned status, std::string text,
+                   std::string_view advice) {
+  if (is_json(request)) return refusal(status, std::move(text));
+  return log_in_page(status, text.append(": ").append(advice).append("."));
 }
 
 }  // namespace
@@ -170,6 +184,7 @@ void ConsoleSite::use(Passwords passwords) {
   for (const Role role : {Role::operates, Role::viewer}) {
     if (!passwords_.agrees(passwords, role)) sessions_.end(role);
   }
+  if (!passwords_.agrees(passwords, Role::operates)) marks_.clear();
   passwords_ = std::move(passwords);
   hub_.has_password(passwords_.any());
 }
@@ -183,7 +198,10 @@ Answer ConsoleSite::answer(const Request& request) {
   const Time now = Clock::now();
   Answer answer;
   if (!knows_host(request.host)) {
-    answer.response = refusal(kMisdirected, "no such host here");
+    answer.response =
+        refusal(kMisdirected,
+                "this name is not known here: open the page by the board's address in figures, or "
+                "tell nimbus-web of the name with --name");
   } else if ((request.upgrade || request.method == "POST") && !same_origin(request)) {
     answer.response = refusal(403, "a page of another site may not do that");
   } else if (request.upgrade) {
@@ -243,11 +261,16 @@ Response ConsoleSite::get(const Request& request, bool allowed, Time now) {
 }
 
 Response ConsoleSite::page(const Request& request, bool allowed) {
-  if (request.path() == "/login") return log_in_page(200, "");
+  if (request.path() == "/login") {
+    const bool ended = !request.parameter("ended").empty();
+    return log_in_page(200, ended ? "your log-in has ended: log in again." : "");
+  }
   const File* const file = file_of(request.path());
   const bool open = file != nullptr &&
                     std::find(kOpenFiles.begin(), kOpenFiles.end(), file->name) != kOpenFiles.end();
-  if (!allowed && !open) return go_to("/login");
+  // Whoever still has a cookie was logged in.
+  const bool was_in = !cookie_of(request.cookie, kCookie).empty();
+  if (!allowed && !open) return go_to(was_in ? "/login?ended=1" : "/login");
   return file == nullptr ? refusal(404, "not found") : file_response(*file, request);
 }
 
@@ -268,10 +291,18 @@ Response ConsoleSite::command(const Request& request, std::optional<Role> role, 
   return response;
 }
 
+/// A stranger counts by its address, the operator's browser by its mark.
+bool ConsoleSite::may_try(const Request& request, Time now) {
+  const auto mark = cookie_of(request.cookie, kMark);
+  return marks_.has(mark) ? known_.allowed(std::string(mark), now)
+                          : strangers_.allowed(request.address, now);
+}
+
 Answer ConsoleSite::log_in(const Request& request, Time now) {
   if (!passwords_.any()) return {.response = go_to("/")};
-  if (!tries_.allowed(request.address, now)) {
-    Response response = no_log_in(request, 429, "too many tries; expected a minute's patience");
+  if (!may_try(request, now)) {
+    Response response =
+        no_log_in(request, 429, "too many tries in a minute", "wait a minute, then try again");
     response.headers.emplace_back("Retry-After", "60");
     return {.response = std::move(response)};
   }
@@ -286,19 +317,26 @@ Answer ConsoleSite::log_in(const Request& request, Time now) {
 }
 
 Response ConsoleSite::logged_in(const Request& request, std::optional<Role> role) {
-  if (!role) return no_log_in(request, 403, "that is not the password");
+  if (!role) {
+    return no_log_in(request, 403, "that is not the password",
+                     "try again, or set a new one on the board with nimbus-web --set-password");
+  }
   Response response = go_to("/");
-  response.headers.emplace_back(
-      "Set-Cookie", std::string(kCookie) + "=" + sessions_.begin(*role, Clock::now()) +
-                        "; Path=/; HttpOnly; SameSite=Strict" + (request.secure ? "; Secure" : ""));
+  const std::string word = sessions_.begin(*role, Clock::now());
+  response.headers.emplace_back("Set-Cookie", cookie_text(kCookie, word, "/", request.secure));
+  // A viewer could go on with it to the operator's password.
+  if (role == Role::operates && !marks_.has(cookie_of(request.cookie, kMark))) {
+    response.headers.emplace_back(
+        "Set-Cookie", cookie_text(kMark, marks_.begin(), "/login", request.secure) + kForAYear);
+  }
   return response;
 }
 
 Response ConsoleSite::log_out(const Request& request) {
   sessions_.end(cookie_of(request.cookie, kCookie));
   Response response = go_to("/login");
-  response.headers.emplace_back(
-      "Set-Cookie", std::string(kCookie) + "=; Path=/; HttpOnly; SameSite=Strict; Max-Age=0");
+  response.headers.emplace_back("Set-Cookie",
+                                cookie_text(kCookie, "", "/", request.secure) + "; Max-Age=0");
   return response;
 }
 

@@ -43,6 +43,7 @@ class ConsoleSite final : public Site {
   [[nodiscard]] Response get(const Request& request, bool allowed, Time now);
   [[nodiscard]] Response post(const Request& request, std::optional<Role> role, Time now);
   [[nodiscard]] static Response page(const Request& request, bool allowed);
+  [[nodiscard]] bool may_try(const Request& request, Time now);
   [[nodiscard]] Response command(const Request& request, std::optional<Role> role, Time now);
   [[nodiscard]] Answer log_in(const Request& request, Time now);
   [[nodiscard]] Response logged_in(const Request& request, std::optional<Role> role);
@@ -54,7 +55,9 @@ class ConsoleSite final : public Site {
   SiteOptions options_;
   Passwords passwords_;
   Sessions sessions_;
-  Tries tries_;
+  Marks marks_;
+  Tries strangers_;  // by address
+  Tries known_;      // by mark
 };
 
 /// The host of a Host header, without its port; empty when it is no such header.

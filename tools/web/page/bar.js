@@ -25,14 +25,6 @@ function recording(state, link) {
   return { text: `REC${ran}`, tone: "rec" };
 }
 
-function card(state) {
-  const { photos_left: photos, seconds_left: seconds } = state.group("card");
-  const parts = [];
-  if (seconds !== undefined) parts.push(clock(seconds));
-  if (photos !== undefined) parts.push(`${photos} photos`);
-  return parts.length ? plain(parts.join(" · ")) : null;
-}
-
 function loss(state) {
   const { connected: on, loss: part } = state.group("video");
   if (!on || part === undefined) return null; // nothing can be lost
@@ -49,7 +41,7 @@ function viewers(state) {
 function rc(state) {
   const status = state.get("rc", "status");
   if (status === undefined || status === 0) return null;
-  return status === 6 ? yes("live") : no(`state ${status}`);
+  return status === 6 ? yes("live") : no("not live");
 }
 
 const connected = (group) => (state) => {
@@ -68,9 +60,6 @@ const CHIPS = [
     ? plain(`${Math.round(s.get("video", "rate"))} fps`) : null],
   ["viewers", "Viewers", "viewers", viewers],
   ["rc", "RC", "rc", rc],
-  ["card", "Card", "card", card],
-  ["battery", "Battery", "power", (s) => s.get("power", "battery") === undefined ? null
-    : plain(`${s.get("power", "battery")} %`)],
 ];
 
 export class Bar {

@@ -46,6 +46,11 @@ export function resolution(state) {
   return size === undefined ? undefined : `${size}@${rate}`;
 }
 
+// What moves by itself asks, too, beside what the table says of.
+const ASKS = {
+  "gimbal calibrate": "The gimbal will turn by itself: leave it alone, and on level ground.",
+};
+
 export class Commands {
   #table = new Map();
 
@@ -69,6 +74,11 @@ export class Commands {
     return this.#table.get(words);
   }
 
+  /** What is asked before a command of that row; undefined when nothing is. */
+  question(row) {
+    return row?.asks ? `This will ${row.help}.` : ASKS[row?.words];
+  }
+
   /** What the camera reports of what a command sets; undefined when it never did, or cannot. */
   reported(words) {
     return REPORTS[words]?.of(this.state);
@@ -86,7 +96,8 @@ export class Commands {
   async run(words, values = []) {
     const row = this.row(words);
     const name = [words, ...values].join(" ");
-    if (row?.asks && !(await confirm(`${name}?`, `This will ${row.help}.`, name))) return false;
+    const question = this.question(row);
+    if (question && !(await confirm(`${name}?`, question, name))) return false;
     if (!(await this.lease.need())) {
       warn(this.lease.refusal());
       return false;

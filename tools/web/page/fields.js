@@ -67,6 +67,17 @@ function text(row, label) {
   };
 }
 
+/** What a value of a row can be, for people. */
+export function expected({ kind, choices, least, most }) {
+  if (kind === "switch") return "on or off";
+  if (kind === "choice") return `one of ${choices.join(", ")}`;
+  if (kind === "integer" || kind === "number") {
+    return `a ${kind === "integer" ? "whole " : ""}number` +
+      (least === undefined ? "" : ` from ${least} to ${most}`);
+  }
+  return most === undefined ? "a text" : `a text of at most ${most} bytes`;
+}
+
 /** The field for a row {kind, choices, least, most} of the tables; secrets are never shown. */
 export function field(row, label) {
   if (row.kind === "switch") return toggle(row, label);

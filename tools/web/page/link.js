@@ -7,6 +7,7 @@ const SILENT_MS = 3500; // pings are answered; a socket that says nothing for so
 const ANSWER_MS = 4000;
 const CLOCK_SAMPLES = 10;
 const LOG_IN_AGAIN = 4001;
+const LOG_IN = "/login?ended=1"; // which says why
 
 /** The address of a WebSocket of this server. */
 export function socketAddress(path) {
@@ -20,6 +21,7 @@ export class Link extends EventTarget {
   #waiting = new Map(); // results by the numbers of their requests
   #samples = []; // {offset, trip} of the last pings, in ms
   #heard = 0;
+  #closedAt = performance.now(); // since when there is no connection
 
   constructor(path) {
     super();
@@ -72,6 +74,11 @@ export class Link extends EventTarget {
     return this.#samples.length === 0 ? null : Math.min(...this.#samples.map((one) => one.trip));
   }
 
+  /** Milliseconds without a connection; 0 while there is one. */
+  get missing() {
+    return this.open ? 0 : performance.now() - this.#closedAt;
+  }
+
   #opened() {
     this.open = true;
     this.#tries = 0;
@@ -112,6 +119,7 @@ export class Link extends EventTarget {
   #closed(socket, code) {
     if (socket !== this.#socket) return;
     const was = this.open;
+    if (was) this.#closedAt = performance.now();
     this.open = false;
     for (const { resolve, late } of this.#waiting.values()) {
       clearTimeout(late);
@@ -119,7 +127,7 @@ export class Link extends EventTarget {
     }
     this.#waiting.clear();
     if (was) this.dispatchEvent(new Event("close"));
-    if (code === LOG_IN_AGAIN) location.assign("/login");
+    if (code === LOG_IN_AGAIN) location.assign(LOG_IN);
     else setTimeout(() => this.connect(), RETRY_MS[Math.min(this.#tries++, RETRY_MS.length - 1)]);
     if (!was) this.#look();
   }
@@ -127,6 +135,6 @@ export class Link extends EventTarget {
   /** Why a socket did not open, browsers do not tell: perhaps the log-in ended with the program. */
   async #look() {
     const answer = await fetch("/api/commands", { method: "HEAD" }).catch(() => null);
-    if (answer?.status === 401) location.assign("/login");
+    if (answer?.status === 401) location.assign(LOG_IN);
   }
 }

@@ -23,7 +23,7 @@ const drive = new Drive(link, lease);
 let tables = null; // of the server's hello
 new Bar(state, link, video);
 new Values(state, commands);
-new Overlay(state, video, commands);
+new Overlay(link, state, video, commands);
 
 // --- Driving -------------------------------------------------------------------------------------
 

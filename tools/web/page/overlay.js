@@ -1,6 +1,7 @@
 // What lies over the picture: its place on the screen, the attitude, the histogram, the tracked
 // rectangle, the point of focus, and the curtain over a picture that is old.
 import { $, mark, say } from "./dom.js";
+import { sentence } from "./reason.js";
 import { since } from "./values.js";
 
 const STALE_MS = 1500; // a picture's age from which it must not pass for live
@@ -22,7 +23,8 @@ const part = (value) => String(Math.round(1e4 * clamp(value)) / 1e4);
 export class Overlay {
   #from = null; // where the pointer went down
 
-  constructor(state, video, commands) {
+  constructor(link, state, video, commands) {
+    this.link = link;
     this.state = state;
     this.video = video;
     this.commands = commands;
@@ -61,10 +63,10 @@ export class Overlay {
     const { shown } = this.video;
     const age = shown ? performance.now() - shown.at : null;
     const stale = age === null || age > STALE_MS;
-    const sentence = stale || this.video.reason === "kind" ? this.video.sentence() : "";
+    const why = stale ? sentence(this.video, this.link, this.state) : "";
     const old = age !== null && stale ? `Picture stale since ${since(age)}. ` : "";
     $("curtain").hidden = !stale;
-    say($("stale"), stale ? old + sentence || "Waiting for the picture …" : "");
+    say($("stale"), stale ? old + why || "Waiting for the picture …" : "");
     mark($("stage"), "data-player", this.video.kind);
     this.#reports();
   }

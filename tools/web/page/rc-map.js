@@ -42,7 +42,7 @@ export function rcMap(settings) {
 
   const save = () => {
     const words = channels.map(({ select }) => select.value);
-    settings.set("rcin_map", [words.join(",")], ["rcin_map"]);
+    settings.set("rcin_map", "Channels", [words.join(",")], ["rcin_map"]);
   };
   return el("section", {}, el("h3", { textContent: "Channels" }), list,
     el("p", { class: "buttons" },

@@ -2,7 +2,7 @@
 // here stands where the report shows a setting, and what a change ends for a moment.
 import { open } from "./dialog.js";
 import { el } from "./dom.js";
-import { field } from "./fields.js";
+import { expected, field } from "./fields.js";
 import { rcMap } from "./rc-map.js";
 import { tell, warn } from "./toast.js";
 import { wireless } from "./wireless.js";
@@ -28,7 +28,7 @@ const GROUPS = [
     ["video_vflip", "Upside down", ["v_vf"], PICTURE],
     ["disable_video_stream", "No video to viewers", ["v_dis"], ""],
     ["internal_camera_enabled", "The board's own camera", ["ic_en"], "the board's own camera"],
-    ["internal_camera_fullscreen", "… on the whole screen", ["ic_fs"], "the board's own camera"],
+    ["internal_camera_fullscreen", "The board's own camera on the whole screen", ["ic_fs"], "the board's own camera"],
   ]],
   ["On-screen display", [
     ["osd_enabled", "On-screen display", ["osd_en"], ""],
@@ -82,15 +82,16 @@ export class Settings {
     return open("Settings", { class: "wide", id: "settings-dialog" }, ...parts);
   }
 
-  /** Changes a setting, and says whether the members of the board's report followed. */
-  async set(name, values, shows = []) {
+  /** Changes a setting, which people know by its label, and says whether the members of the
+   *  board's report followed. */
+  async set(name, label, values, shows = []) {
     if (!(await this.lease.need())) return warn(this.lease.refusal());
     const { ok, text } = await this.link.request({ type: "set", name, values });
-    if (!ok) return warn(text || `${name}: refused`);
-    if (shows.length === 0) return tell(`${name}: sent`);
+    if (!ok) return warn(`${label}: ${text || "refused"}`);
+    if (shows.length === 0) return tell(`${label}: sent`);
     const followed = await this.state.follows(() => this.#reads(shows, values), FOLLOWS_MS);
-    if (followed) tell(`${name}: saved`);
-    else warn(`${name}: the board has not reported the change (${JSON.stringify(shows)}).`);
+    if (followed) tell(`${label}: saved`);
+    else warn(`${label}: sent, but the board has not reported the change.`);
     return followed;
   }
 
@@ -126,8 +127,9 @@ export class Settings {
     const send = () => {
       const values = fields.map(({ get }) => get());
       while (values.length > 1 && values.at(-1) === "") values.pop();
-      if (values.includes(null) || values.includes("")) return warn(`${label}: ${row.help}`);
-      return this.set(name, values, members);
+      const wrong = values.findIndex((value) => value === null || value === "");
+      if (wrong >= 0) return warn(`${label}: expected ${expected(row.arguments[wrong])}.`);
+      return this.set(name, label, values, members);
     };
     const note = ends && el("small", { textContent: `Restarts ${ends}.` });
     return el("form", { class: "setting", onsubmit: (event) => (event.preventDefault(), send()) },

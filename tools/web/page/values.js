@@ -85,7 +85,7 @@ export function picker(row, commands) {
   const choices = row.arguments.length === 1 && choicesOf(first);
   if (choices) return words(row, choices, title, commands);
   const fields = row.arguments.map((argument) => ({ argument, ...field(argument, argument.name) }));
-  const send = el("button", { type: "submit", class: row.asks ? "danger" : undefined,
+  const send = el("button", { type: "submit", class: commands.question(row) ? "danger" : undefined,
     textContent: row.arguments.length ? "Set" : row.words });
   const form = el("form", { class: "fields", onsubmit: (event) => {
     event.preventDefault();

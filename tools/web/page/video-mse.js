@@ -33,6 +33,7 @@ export class MsePlayer {
   #timescale = null;
   #edge = new LiveEdge();
   #wanted = true; // ManagedMediaSource says when it wants more
+  #torn = false; // a picture was left out, and those up to the next key picture refer to it
   #codec = "";
   #progress = { time: -1, at: 0 };
   #watch = null;
@@ -91,7 +92,8 @@ export class MsePlayer {
   }
 
   push(picture) {
-    if (!this.#wanted && !picture.key) return;
+    this.#torn = !picture.key && (this.#torn || !this.#wanted);
+    if (this.#torn) return;
     if (this.#waiting.length > MOST_WAITING) return this.callbacks.failed(false);
     const start = decodeTimeOf(picture.bytes);
     if (start !== null && this.#timescale) {

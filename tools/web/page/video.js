@@ -9,7 +9,6 @@ const INITIALISATION = 1;
 const PICTURE = 2;
 const RETRY_MS = [300, 600, 1200, 2500];
 const SHOWN_MS = 500; // the server is told no more often
-const NAMES = { "mpeg-ts": "MPEG-TS", h265: "H.265", unknown: "of an unknown kind" };
 
 /** One binary message; `time` in ms of the server's clock. */
 function parse(buffer) {
@@ -38,7 +37,7 @@ export class Video extends EventTarget {
     this.elements = elements;
     this.clock = clock;
     this.stream = null;
-    this.reason = "connecting"; // why there is no picture: a key of REASONS, or null
+    this.reason = "connecting"; // why there is no picture, or null: see reason.js
     this.shown = null; // {number, time, at} of the picture on the screen
     this.size = null; // {width, height} of it
     this.connect();
@@ -156,23 +155,5 @@ export class Video extends EventTarget {
     this.#because(this.#players.length === 0 ? "unable" : "connecting");
     this.#player.close();
     setTimeout(() => this.connect(), RETRY_MS[Math.min(this.#tries++, RETRY_MS.length - 1)]);
-  }
-
-  /** Why no new picture is shown, for people; empty when nothing is wrong. */
-  sentence() {
-    const reason = this.reason !== "connecting" && this.stream?.kind === "none"
-      ? "none" : this.reason;
-    const kind = NAMES[this.stream?.kind] ?? this.stream?.kind;
-    return {
-      connecting: "Connecting to the board …",
-      none: "No video arrives at the board.",
-      silence: "The video has stopped.",
-      key: "Waiting for the next key picture …",
-      loss: "Pictures were lost; waiting for the next key picture …",
-      kind: `The video is ${kind}, which browsers do not play.`,
-      unable: this.stream?.kind === "h265"
-        ? "The video is H.265, which this browser does not play."
-        : "This browser has neither WebCodecs nor Media Source Extensions for this video.",
-    }[reason] ?? "";
   }
 }

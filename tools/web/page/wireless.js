@@ -2,7 +2,7 @@
 // joins, and its own access point. Pass phrases can be set and never read.
 import { confirm } from "./dialog.js";
 import { el } from "./dom.js";
-import { field } from "./fields.js";
+import { expected, field } from "./fields.js";
 import { warn } from "./toast.js";
 
 const INTERFACES = { 0: "none", 1: "wifi0", 2: "wlan0" };
@@ -50,7 +50,7 @@ function network(settings, rows, [prefix, title, verb]) {
     const label = LABELS[kind] ?? kind;
     const made = field({ ...row, secret: kind === "psk" }, `${title}: ${label}`);
     made.set(reported(settings, row.name));
-    fields.set(row.name, made);
+    fields.set(row.name, { ...made, label: `${title}: ${label}`, row });
     return el("label", {}, el("span", { textContent: label }), made.element);
   });
   const names = el("datalist", { id: `names-${prefix}` });
@@ -69,9 +69,9 @@ export function wireless(settings, rows) {
   const save = async () => {
     const values = [];
     for (const { fields } of networks) {
-      for (const [name, made] of fields) {
-        const value = made.get();
-        if (value === null) return warn(`${name}: this is not accepted.`);
+      for (const [name, { get, label, row }] of fields) {
+        const value = get();
+        if (value === null) return warn(`${label}: expected ${expected(row)}.`);
         if (value !== "" && value !== String(reported(settings, name) ?? "")) {
           values.push(`${name}=${value}`);
         }
@@ -81,7 +81,7 @@ export function wireless(settings, rows) {
     const text = "The board joins its networks anew. If you are connected through one of them, " +
       "this page loses the board.";
     if (!(await confirm("Change the networks?", text, "Change"))) return undefined;
-    return settings.set("wifi", values);
+    return settings.set("wifi", "Networks", values);
   };
   const submit = (event) => {
     event.preventDefault();
