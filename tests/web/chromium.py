@@ -1,37 +1,78 @@
-"""Chromium without a screen, by Selenium."""
+"""Chromium without a screen, by Selenium. Browser and driver are reached by their address: left to
+themselves, they would ask the system for the name localhost, which not every system knows."""
 
+import contextlib
+import json
 import os
+import pathlib
 import shutil
+import subprocess
 import tempfile
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
+from selenium.webdriver.common.utils import is_connectable
 from selenium.webdriver.support.ui import WebDriverWait
 
-from harness.timing import limit
+from harness.timing import limit, wait_until
 from film import READER
 
 FLAGS = ("--headless=new --no-sandbox --disable-gpu --disable-quic --no-first-run "
          "--disable-background-networking --disable-component-update --disable-sync "
-         "--disable-dev-shm-usage --hide-scrollbars --mute-audio").split()
+         "--disable-dev-shm-usage --hide-scrollbars --mute-audio "
+         # What the driver gives to a browser that it starts itself.
+         "--allow-pre-commit-input --disable-client-side-phishing-detection --disable-default-apps "
+         "--disable-hang-monitor --disable-popup-blocking --disable-prompt-on-repost "
+         "--enable-automation --no-service-autorun --password-store=basic --test-type=webdriver "
+         "--remote-debugging-port=0").split()
+# Nothing offers itself to whoever types.
+PREFERENCES = {"credentials_enable_service": False, "profile": {"password_manager_enabled": False},
+               "autofill": {"enabled": False}, "translate": {"enabled": False}}
+HOST = "127.0.0.1"
+
+
+class Driver(Service):
+    """Chromedriver."""
+
+    @property
+    def service_url(self):
+        return f"http://{HOST}:{self.port}"
+
+    def is_connectable(self):
+        return is_connectable(self.port, HOST)
 
 
 class Chromium:
     """A browser with one page. Console errors of the page fail the test that looks at them."""
 
     def __init__(self, size=(844, 390), dark=True, flags=()):
-        self.profile = tempfile.mkdtemp(prefix="chromium-")
+        self.profile = pathlib.Path(tempfile.mkdtemp(prefix="chromium-"))
+        (self.profile / "Default").mkdir()
+        (self.profile / "Default/Preferences").write_text(json.dumps(PREFERENCES))
+        self.process = subprocess.Popen(
+            [shutil.which("chromium"), *FLAGS, f"--user-data-dir={self.profile}",
+             "--window-size=1200,900", *flags, "about:blank"], stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         options = webdriver.ChromeOptions()
-        options.binary_location = shutil.which("chromium")
-        for flag in (*FLAGS, f"--user-data-dir={self.profile}", "--window-size=1200,900", *flags):
-            options.add_argument(flag)
+        options.debugger_address = f"{HOST}:{self._debugging_port()}"
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         self.driver = webdriver.Chrome(options=options,
-                                       service=Service(shutil.which("chromedriver")))
+                                       service=Driver(shutil.which("chromedriver")))
         self.driver.set_script_timeout(limit(60))
         self.show(size, dark)
+
+    def _debugging_port(self):
+        """Which the browser has chosen."""
+        file = self.profile / "DevToolsActivePort"
+
+        def said():
+            assert self.process.poll() is None, "Chromium has ended"
+            return file.exists() and "\n" in file.read_text()
+
+        wait_until(said, 30, "Chromium")
+        return file.read_text().split()[0]
 
     def show(self, size, dark=True):
         """The window's size in CSS pixels, and the theme that the system prefers."""
@@ -98,15 +139,11 @@ class Chromium:
         return [entry["message"] for entry in self.driver.get_log("browser")
                 if entry["level"] in ("SEVERE", "WARNING")]
 
-    @property
-    def pid(self):
-        return self.driver.service.process.pid
-
     def close(self):
-        try:
+        with contextlib.suppress(OSError):  # killed by the test
             self.driver.quit()
-        except OSError:
-            pass  # killed by the test
+        self.process.kill()
+        self.process.wait()
         shutil.rmtree(self.profile, ignore_errors=True)
 
 

@@ -1,7 +1,5 @@
 """Steering with the page, and every way to let go: what counts is what comes out at the bridge."""
 
-import os
-import signal
 import struct
 import subprocess
 import threading
@@ -12,7 +10,6 @@ import pytest
 from harness.bridge import Bridge
 from harness.timing import limit, wait_until
 from harness.udp import DATA_PORT
-from chromium import Chromium
 from conftest import PLAIN_HOST
 
 STOPS_WITHIN = 0.4  # s from letting go to the frame of zeros
@@ -203,18 +200,11 @@ def own_page(gimbal, web, chromiums):
     return made
 
 
-def browser_process(browser: Chromium):
-    """The browser's own process: the driver's child."""
-    rows = subprocess.run(["ps", "-o", "pid=", "--ppid", str(browser.pid)], check=True,
-                          capture_output=True, text=True).stdout.split()
-    return int(rows[0])
-
-
 def test_killed_browser(own_page, gimbal):
     hold_stick(own_page)
     gimbal.wait_moves()
     let_go = time.time()
-    os.kill(browser_process(own_page), signal.SIGKILL)
+    own_page.process.kill()
     gimbal.wait_rest(let_go)
 
 
