@@ -3,11 +3,15 @@ of the machine's architecture with processes and a network of its own. Nothing o
 the hardware."""
 
 import os
+import pathlib
+import re
 
 import pytest
 
 import roots
 from booted import Board
+
+MANUAL = pathlib.Path(__file__).parents[2] / "docs/operations.md"
 
 
 @pytest.fixture
@@ -65,6 +69,28 @@ def test_filter_stays_through_what_the_systems_own_does(board):
     assert "table inet filter" in board.succeed("nft", "list", "ruleset")
 
 
+def test_filter_stays_with_a_mistake_in_its_file(board):
+    """Its rules are those of before, and nobody is kept from the system's own."""
+    board.running()
+    (board.root.path / "etc/nimbus/filter.nft").write_text("table ip nimbus {\n")
+    board.succeed("nft", "add", "element", "ip", "nimbus", "viewers",
+                  "{ 10.99.1.2 limit rate 200/second burst 200 packets }")
+    before = rules(board)
+    for action in ("restart", "reload", "stop", "start"):
+        board.succeed("systemctl", action, "nftables")
+        assert rules(board) == before, action
+        assert ("table inet filter" in board.succeed("nft", "list", "ruleset")) == (action != "stop")
+    board.succeed("systemctl", "restart", "nimbus")
+    board.running()
+    assert rules(board) == before
+
+
+def rules(board):
+    """But for counters, and for who has sent."""
+    return [board.succeed("nft", "-s", "list", kind, "ip", "nimbus", name)
+            for kind, name in (("chain", "input"), ("set", "networks"))]
+
+
 def test_filter_goes_with_the_service(board):
     board.running()
     board.succeed("systemctl", "stop", "nimbus")
@@ -75,12 +101,66 @@ def test_filter_goes_with_the_service(board):
     assert board.filtering()
 
 
+def test_noise_of_a_save(board):
+    """Where the card is not at /boot: the manual names every line of it."""
+    board.running()
+    board.succeed("nimbusctl", "config", "set", "video_bitrate", "1234")
+    noise = []
+
+    def complete():
+        said = board.succeed("journalctl", "-q", "-o", "cat", "-u", "nimbus").splitlines()
+        noise[:] = [line.strip() for line in said if "mount" in line]
+        return noise and "fstab" in noise[-1]
+
+    board.wait(complete, "save", 120)
+    manual = MANUAL.read_text()
+    assert [line for line in noise if f"`{line}`" not in manual] == []
+
+
+def test_journal_on_the_card(board):
+    """As the manual says, on an image that would have it in memory even so."""
+    path = board.root.path
+    vendors = path / "usr/lib/systemd/journald.conf.d/40-volatile.conf"
+    vendors.parent.mkdir(exist_ok=True)
+    vendors.write_text("[Journal]\nStorage=volatile\n")
+    (path / "var/log/journal").mkdir(exist_ok=True)
+    text, name = re.search(r"```\n(\[Journal\]\n.*?)```\n\nto `/([^`]+)`, and `systemctl restart "
+                           r"systemd-journald`", MANUAL.read_text(), re.DOTALL).groups()
+
+    def starts():
+        said = board.run("journalctl", "--directory=/var/log/journal", "--unit=nimbus").stdout
+        return said.count("Init control")
+
+    def is_kept():
+        board.succeed("systemctl", "restart", "systemd-journald")
+        before = starts()
+        board.succeed("systemctl", "restart", "nimbus")
+        board.running()
+        board.succeed("journalctl", "--sync")
+        return starts() > before
+
+    assert not is_kept()
+    (path / name).parent.mkdir(exist_ok=True)
+    (path / name).write_text(text)
+    assert is_kept()
+
+
 def test_filter_that_its_owner_has_switched_off_stays_off(board):
     board.running()
     board.succeed("systemctl", "disable", "--now", "nimbus-filter")
     for unit in ("nftables", "nimbus"):
         board.succeed("systemctl", "restart", unit)
         assert not board.filtering()
+
+
+def test_removed_console_listens_no_more(board):
+    """systemd holds its port."""
+    def listens():
+        return f":{8080:04X} " in board.succeed("sh", "-c", "cat /proc/net/tcp*")
+
+    board.wait(listens, "open port")
+    board.succeed("dpkg", "-r", "nimbus-web")
+    assert not listens()
 
 
 def test_upgrade_removal_and_purge_while_it_runs(board, packages_of, tmp_path):
