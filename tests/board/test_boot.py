@@ -1,4 +1,4 @@
-"""From power on to the first picture, and boots of every layout of the card."""
+"""From power on to the first picture, and boots whose card is late, absent, full or broken."""
 
 import time
 
@@ -49,6 +49,11 @@ def test_from_power_on_to_the_first_picture(boards, disk, card, viewer, figures)
 # --- The card ------------------------------------------------------------------------------------
 
 
+def asked_for_nobody(machine):
+    return machine.ask("systemctl is-active emergency.service rescue.service")[1].split() == \
+        ["inactive", "inactive"]
+
+
 @pytest.mark.long
 @pytest.mark.parametrize("layout", ["firmware-uid", "boot"])
 def test_layouts(boot, card, viewer, layout):
@@ -60,3 +65,94 @@ def test_layouts(boot, card, viewer, layout):
     machine.switch_off()
     assert bench.bitrate_on(card) == 2222
     assert card.check()[0] == 0
+
+
+@pytest.mark.long
+def test_card_that_cannot_be_written(boot, card, viewer):
+    """At /boot/firmware nobody makes it writable: the change holds until the next start."""
+    machine = boot("firmware-ro", card)
+    assert bench.bitrate_after_start(machine) == 1111
+    viewer.join().command(bench.setting("video_bitrate", 2222))
+    machine.wait("journalctl -o cat -b -u nimbus | grep 'Save config' && sleep 1")
+    assert viewer.settings()["vbitrate"] == 2222
+    machine.switch_off()
+    assert bench.bitrate_on(card) == 1111
+
+
+CARD_DRIVER = """card=$(basename $(readlink -f /sys/block/vdb/device))
+[ $(cat /sys/block/vdb/serial) = card ] && echo $card >/run/card-was
+echo $(cat /run/card-was) >/sys/bus/virtio/drivers/virtio_blk/"""
+
+
+def pull_out(machine):
+    """The card is gone from its slot."""
+    machine.run(f"{CARD_DRIVER}unbind")
+    machine.wait("! [ -e /dev/vdb ]")
+
+
+def put_in(machine):
+    machine.run("cat /run/card-was >/sys/bus/virtio/drivers/virtio_blk/bind")
+    machine.wait("[ -e /dev/disk/by-partuuid/ca4d0001-01 ]")
+
+
+def test_card_absent_and_late(boot, card):
+    """It is in fstab with nofail, as is right for a board that shall start without it. It is there
+    a while after the board looked for it: the next start has its settings."""
+    machine = boot("firmware", card, hold=True)
+    pull_out(machine)
+    machine.go()
+    assert bench.bitrate_after_start(machine) == 2000000
+    assert "the card cannot be mounted" in bench.journal(machine)
+    assert asked_for_nobody(machine)
+    put_in(machine)
+    machine.run("systemctl restart nimbus.service", 120)
+    assert bench.bitrate_after_start(machine) == 1111
+
+
+def fill(card):
+    """Leaves no cluster free."""
+    card.write("filler", bytes(card.free()))
+    assert card.free() == 0 and card.check()[0] == 0
+
+
+@pytest.mark.long
+def test_card_full_and_without_settings(boot, work):
+    card = bench.Card(work / "full.img").create(files=bench.CARD_FILES)
+    fill(card)
+    machine = boot("firmware", card)
+    assert bench.bitrate_after_start(machine) == 2000000
+    assert "cannot be written" in bench.journal(machine)
+
+
+def test_card_broken(boot, card):
+    """A file system that is none any more, in the boot's own check: the defaults."""
+    card.spoil(range(2000))
+    machine = boot("firmware", card)
+    assert bench.bitrate_after_start(machine) == 2000000
+    assert asked_for_nobody(machine)
+
+
+@pytest.mark.long
+def test_card_repaired_in_the_boot(boot, card):
+    """One copy of the FAT is spoilt: the check of the boot repairs it, the settings are there."""
+    reserved = 32
+    card.spoil(range(reserved + 1, reserved + 4), b"\xff")
+    assert card.check()[0] != 0
+    machine = boot("firmware", card)
+    assert bench.bitrate_after_start(machine) == 1111
+    assert asked_for_nobody(machine)
+    machine.switch_off()
+    assert card.check()[0] == 0
+
+
+@pytest.mark.long
+def test_card_that_the_boot_does_not_wait_for(boot, card):
+    """With nofail, local-fs.target is reached without the card; the service waits for it all the
+    same, so that nobody mounts it while it is being checked."""
+    machine = boot("firmware", card)
+    assert bench.bitrate_after_start(machine) == 1111
+    mounted, starting = (
+        int(machine.run(f"systemctl show -p {what} --value {unit}"))
+        for what, unit in (("ActiveEnterTimestampMonotonic", "boot-firmware.mount"),
+                           ("InactiveExitTimestampMonotonic", "nimbus.service")))
+    assert 0 < mounted <= starting

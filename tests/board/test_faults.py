@@ -1,4 +1,5 @@
-"""What goes wrong on a board around the service: killed, stopped, no memory, nowhere to write."""
+"""What goes wrong on a board around the service: killed, stopped, no memory, nowhere to write, a
+clock that jumps."""
 
 import bench
 import pytest
@@ -90,3 +91,24 @@ def test_full_root(machine, viewer):
     machine.run(f"kill -9 {before}")
     bench.wait_restarted(machine, before)
     assert viewer.join().settings()["vbitrate"] == 2222
+
+
+# --- Time ----------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("begin", ["2037-12-31"])
+def test_clock_set_while_everybody_is_connected(machine, viewers, begin):
+    """Whoever is lost by it is back with his next registration, and nothing hangs."""
+    everybody = [viewers(host) for host in range(9)]
+    for viewer in everybody:
+        viewer.join().keep_alive()
+    before = bench.service_pid(machine)
+    for jump in (f"'{begin}'", "@$(($(date +%s) + 3600))", "@$(($(date +%s) - 3600))",
+                 "'2026-11-21 12:00:00'"):
+        machine.run(f"date -s {jump}")
+        starts = [len(viewer.frames) for viewer in everybody]
+        for viewer, start in zip(everybody, starts):
+            viewer.wait(lambda frame: frame.payload[:1] == b"\x0b", 20, "the status", start + 5)
+    everybody[0].command(bench.setting("video_bitrate", 2222))
+    machine.wait("grep -q video_bitrate=2222 /run/tervado.conf")
+    assert bench.service_pid(machine) == before

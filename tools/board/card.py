@@ -11,6 +11,7 @@ import itertools
 import os
 import pathlib
 import random
+import re
 import struct
 import subprocess
 
@@ -71,6 +72,11 @@ class Card:
     def names(self):
         listed = tool("mdir", "-b", "-a", "-i", self._partition, "::").decode()
         return sorted(line.removeprefix("::/") for line in listed.splitlines() if line)
+
+    def free(self):
+        """How many bytes are free."""
+        listed = tool("mdir", "-i", self._partition, "::").decode()
+        return int(re.search(r"([\d ]+) bytes free", listed)[1].replace(" ", ""))
 
     def check(self):
         """What the FAT's checker finds, without a repair: (its exit status, its words)."""
