@@ -131,6 +131,7 @@ def test_start_in_the_middle_of_a_stream(start, bridge, region, serves):
             said = service.err.text()
             for line in ("Data found\n", "Video found\n"):
                 assert said.count(line) == 1, f"start {number}: {said}"
+                assert said.index(line) > said.rindex("done\n"), f"start {number}: {said}"
                 said = said.replace(line, "")
             # Viewers register as soon as their port is open, also in the middle of a line.
             assert re.sub(r"New client connected from .*\n", "", said) == START_LINES

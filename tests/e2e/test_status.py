@@ -318,8 +318,11 @@ def pauses(viewer, count):
 
 def test_pause_between_passes(service, stamped):
     """A second after the last message, and the millisecond that follows every send."""
-    for pause in pauses(stamped(service), 2):
+    found = pauses(stamped(service), 3)
+    for pause in found:
         assert 1.001 * SECOND <= pause < (1.001 + limit(0.3)) * SECOND
+    # A busy machine stretches some of them.
+    assert min(found) < (1.001 + limit(0.04)) * SECOND
 
 
 def test_work_is_added_to_the_period(start, standins, stamped):

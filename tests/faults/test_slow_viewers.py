@@ -167,6 +167,34 @@ def test_viewers_that_answer_nobody(serving, links, good, video, count, size, pe
     show(serving, video, [good()], size, per_second)
 
 
+def burst(video, count, size):
+    """Sends so many datagrams of that size at once. Returns their numbers."""
+    for number in range(count):
+        video.send(HEAD.pack(number, time.time_ns()).ljust(size, b"\5"))
+    return list(range(count))
+
+
+def numbers_of(viewer):
+    """The video that a viewer has got, in the order of its arrival."""
+    return [HEAD.unpack_from(frame.payload)[0] for frame in list(viewer.frames) if frame.video]
+
+
+@pytest.mark.parametrize("privilege", ["root", "user"], indirect=True)
+def test_what_waits_for_a_slow_viewer(links, stranded, video):
+    """A picture that comes at once, whole; seconds of it do not."""
+    link = links()
+    viewer = stranded(link)
+    link.narrow("5mbit", "10000000")
+    for count, size in (4, 60_000), (150, 1400):
+        sent = burst(video, count, size)
+        wait_until(lambda sent=sent: numbers_of(viewer) == sent, 5, "the picture")
+        viewer.register()
+        viewer.frames.clear()
+    sent = burst(video, 40, 60_000)  # four seconds of it
+    time.sleep(2)
+    assert 4 <= len(numbers_of(viewer)) < len(sent) // 3
+
+
 def test_link_that_goes_down(serving, links, good, stranded, video):
     """In the middle of the picture."""
     first, link = good(), links()

@@ -9,6 +9,7 @@
 #include <time.h>
 
 #include <array>
+#include <atomic>
 #include <bit>
 #include <chrono>
 #include <cstddef>
@@ -194,6 +195,25 @@ TEST_F(Control, AFocusPointThatIsMovedWhileItIsSentIsSentAgain) {
   set_clock(moment + 412);
   expect_focus_point_sent(0.75F, 0.5F);
   expect_nothing_sent();
+}
+
+/// Between the look at its stamp and the end of its rest.
+TEST_F(Control, AFocusPointThatIsMovedWhileItIsLookedAtRestsAnew) {
+  const std::int64_t moment = kMoments[0];
+  move_focus(moment, 0.25, 0.5);
+  static std::atomic<bool> is_looked_at;
+  is_looked_at = false;
+  clock_.set([] {
+    // The control thread's reading; a point that is moved is stamped by a second one.
+    if (!is_looked_at.exchange(true)) focus_point_moved();
+    return test::timespec_of((kMoments[0] + 201) * 1'000'000);
+  });
+  expect_nothing_sent();
+  EXPECT_TRUE(is_looked_at);
+  set_clock(moment + 401);
+  expect_nothing_sent();
+  set_clock(moment + 402);
+  expect_focus_point_sent(0.25F, 0.5F);
 }
 
 /// The clock is read after the stamp: at the start of this cycle the point was not moved yet.

@@ -29,6 +29,7 @@ constexpr std::uint16_t kOtherPort = 40'001;
 constexpr std::uint16_t kEarlyPort = 40'002;
 constexpr std::uint16_t kSlowPort = 40'003;
 constexpr std::uint16_t kOldPort = 40'004;
+constexpr std::uint16_t kHastyPort = 40'005;
 
 // Links live as long as the process, also when the tests are repeated.
 UdpLink link;
@@ -158,6 +159,26 @@ TEST_F(Link, IsNotFoundBeforeItsLossHasBeenTold) {
   EXPECT_EQ(console_.wait(2), (Texts{"found", packet("two", end_)}));
   clock_.set_ms(20'000);
   slow_link.notice_silence();  // when the tests are repeated
+}
+
+/// However long it takes to tell that it was found.
+TEST_F(Link, IsNotLostBeforeItsFindingHasBeenTold) {
+  static UdpLink hasty_link;
+  static test::WallClock* clock;
+  clock = &clock_;
+  LinkCallbacks callbacks = kPrinting;
+  callbacks.found = [] {
+    clock->set_ms(9000);
+    hasty_link.notice_silence();
+    log_text("found");
+  };
+  static const bool started = opened(hasty_link, kHastyPort) && (hasty_link.start(callbacks), true);
+  ASSERT_TRUE(started);
+  end_.send(kHastyPort, "x");
+  EXPECT_EQ(console_.wait(2), (Texts{"found", packet("x", end_)}));
+  clock_.set_ms(20'000);
+  hasty_link.notice_silence();
+  EXPECT_EQ(console_.wait(1), Texts{"lost"});
 }
 
 TEST_F(Link, AnswersTheSenderOfTheLastDatagram) {

@@ -172,6 +172,19 @@ TEST_F(WholeFile, WithoutRoomTheFormerContentStays) {
   ASSERT_EQ(std::system(("/bin/umount " + where).c_str()), 0);
 }
 
+/// On a card that takes no more files, the new content has no place beside the former one.
+TEST_F(WholeFile, WithoutRoomForAnotherFileTheFormerContentStays) {
+  const std::string where = folder_.string();
+  ASSERT_EQ(std::system(("/bin/mount -t tmpfs -o nr_inodes=2 test " + where).c_str()), 0);
+  EXPECT_EQ(replace("one"), Replaced::whole) << "the folder is the first, and this the second";
+  EXPECT_EQ(replace("two"), Replaced::failed);
+  EXPECT_EQ(content(), (Content{{"file", "one"}}));
+  fs::rename(file_, folder_ / "other");
+  EXPECT_EQ(replace("two"), Replaced::refused) << "nor can it be made";
+  EXPECT_EQ(content(), (Content{{"other", "one"}}));
+  ASSERT_EQ(std::system(("/bin/umount " + where).c_str()), 0);
+}
+
 TEST_F(WholeFile, ACopyIsKeptBesideIt) {
   EXPECT_TRUE(keep_copy(file_.c_str(), ".kept")) << "there is nothing to keep";
   write_file(file_, "");
