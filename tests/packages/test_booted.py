@@ -160,7 +160,7 @@ def test_removed_console_listens_no_more(board):
 
     board.wait(listens, "open port")
     board.succeed("dpkg", "-r", "nimbus-web")
-    assert not listens()
+    assert not listens() and board.active("nimbus-web.socket") == "inactive"
 
 
 def test_upgrade_removal_and_purge_while_it_runs(board, packages_of, tmp_path):
