@@ -77,13 +77,7 @@ class Expected:
             raise
 
 
-def test_display_region(start, passes, data, video, region):
-    """Each event changes its own bytes and no others: behind a text's NUL, in reserved bytes and in
-    the fields of the other source everything stays."""
-    region.create(bytes([STALE]) * NETWORK_BYTES + bytes(region.SIZE - NETWORK_BYTES))
-    service = start()
-    passes(1)
-    expected = Expected(region)
+def expect_start(expected, region):
     expected.put(PRODUCT_NAME, b"Tervado Nimbus")
     expected.put(VERSION_TEXT, b"v.0.3.7")
     expected.put(region.VIEWER_COUNT, 0)
@@ -94,6 +88,9 @@ def test_display_region(start, passes, data, video, region):
     expected.reset_timer()
     expected.wait()
 
+
+def expect_video(expected, service, video):
+    """It comes, goes on, and is lost."""
     expected.run_timer()
     video.send(b"video")
     expected.put(VIDEO_CONNECTED, 1)
@@ -105,6 +102,9 @@ def test_display_region(start, passes, data, video, region):
     expected.put(VIDEO_TEXT, b"video disconnected")
     expected.wait()
 
+
+def expect_data(expected, service, data):
+    """The same of the camera's."""
     data.send(b"data")
     expected.put(DATA_CONNECTED, 1)
     expected.put(TELEMETRY_TEXT, b"")
@@ -120,6 +120,18 @@ def test_display_region(start, passes, data, video, region):
     expected.put(TELEMETRY_TEXT, b"telemetry disconnected")
     expected.reset_timer()
     expected.wait()
+
+
+def test_display_region(start, passes, data, video, region):
+    """Each event changes its own bytes and no others: behind a text's NUL, in reserved bytes and in
+    the fields of the other source everything stays."""
+    region.create(bytes([STALE]) * NETWORK_BYTES + bytes(region.SIZE - NETWORK_BYTES))
+    service = start()
+    passes(1)
+    expected = Expected(region)
+    expect_start(expected, region)
+    expect_video(expected, service, video)
+    expect_data(expected, service, data)
     assert events(service) == "Video found\nVideo lost\nData found\nData lost\n"
 
 

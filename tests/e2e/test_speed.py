@@ -417,42 +417,60 @@ def test_speeds_and_commands_that_come_during_the_start(start, viewers):
 # --- Several at once -----------------------------------------------------------------------------
 
 
-def test_the_gimbal_is_left_with_the_sum_of_the_last_speeds(station, viewers):
-    """Speeds are set and stopped by several senders as fast as they can. Afterwards the stream
-    shows the last ones, or ends with a stop."""
-    chance = random.Random(11)
-    senders = [station.viewer, viewers(), viewers()]
-    mailbox, size = station.region.COMMAND_MAILBOX
-    chances = (0, 4000, -4000)
+class Turmoil:
+    """Several senders who set and stop speeds as fast as they can."""
 
-    def move_by(value):
-        senders[0].command(json.dumps(move(str(value), "0")))
+    CHANCES = (0, 4000, -4000)
 
-    def settle():
-        station.wait_handled()
-        wait_until(lambda: not any(station.region.bytes(mailbox, size)), 5, "the last command")
-        station.fence()
+    def __init__(self, station, others):
+        self.station = station
+        self.senders = [station.viewer, *others]
+        self.chance = random.Random(11)
 
-    for _ in range(40):
+    def any_speed(self):
+        return self.chance.choice(self.CHANCES)
+
+    def move_by(self, value):
+        self.station.viewer.command(json.dumps(move(str(value), "0")))
+
+    def settle(self):
+        mailbox, size = self.station.region.COMMAND_MAILBOX
+        self.station.wait_handled()
+        wait_until(lambda: not any(self.station.region.bytes(mailbox, size)), 5, "the last command")
+        self.station.fence()
+
+    def rage(self):
+        """Of all, for a moment."""
         end = time.monotonic() + 0.05
         # As many as wait in the port's queue while the service does not run: no more, or the last
         # ones would be lost.
         for _ in range(500):
             if time.monotonic() > end:
                 break
-            for sender in senders:
-                sender.speed(1, chance.choice(chances), 0, 0)
-            if chance.random() < 0.02:
-                move_by(chance.choice(chances))
-        settle()
-        by_viewer, by_command = chance.choice(chances), chance.choice(chances)
-        move_by(by_command)
-        for _ in range(chance.randrange(500)):
-            station.viewer.speed(1, chance.choice(chances), 0, 0)
-        station.viewer.speed(1, by_viewer, 0, 0)
-        settle()
+            for sender in self.senders:
+                sender.speed(1, self.any_speed(), 0, 0)
+            if self.chance.random() < 0.02:
+                self.move_by(self.any_speed())
+        self.settle()
 
-        left = speed((by_viewer + by_command) // 4, 0, 0)
+    def last_words(self):
+        """Of one viewer, and of a command; what must be left of them."""
+        by_viewer, by_command = self.any_speed(), self.any_speed()
+        self.move_by(by_command)
+        for _ in range(self.chance.randrange(500)):
+            self.station.viewer.speed(1, self.any_speed(), 0, 0)
+        self.station.viewer.speed(1, by_viewer, 0, 0)
+        self.settle()
+        return speed((by_viewer + by_command) // 4, 0, 0)
+
+
+def test_the_gimbal_is_left_with_the_sum_of_the_last_speeds(station, viewers):
+    """Speeds are set and stopped by several senders as fast as they can. Afterwards the stream
+    shows the last ones, or ends with a stop."""
+    turmoil = Turmoil(station, [viewers(), viewers()])
+    for _ in range(40):
+        turmoil.rage()
+        left = turmoil.last_words()
         start = station.camera.count()
         if left == STOP:
             station.camera.wait(lambda events: last(events) == [STOP])

@@ -303,6 +303,25 @@ def test_sender_without_an_address_is_ignored(steady, viewers, settled):
 # --- Keep-alive ----------------------------------------------------------------------------------
 
 
+def assert_lost_in_time(service, keeper, registered):
+    """In each round, and by its count of viewers. `registered`: when each was, in order."""
+    # The round that the last registration may have come in the middle of does not count.
+    rounds = [f for f in keeper.frames if f.payload[:1] == b"\x06"
+              and f.time > list(registered.values())[-1]][1:]
+    present = dict.fromkeys((round.counter for round in rounds), 1)
+    for viewer, time_registered in registered.items():
+        assert events(service).count(lost(viewer)) == 1
+        assert time_of(service.err, lost(viewer)) - time_registered > 5
+        served = {f.counter for f in viewer.frames}
+        for round in rounds:
+            present[round.counter] += round.counter in served
+            age = round.time - time_registered
+            # What is on its way for longer than the margin is told too late to be judged.
+            assert round.counter in served or age > 5
+            assert round.counter not in served or age < 5 + limit(0.25)
+    assert {round.counter: round.payload[2] for round in rounds} == present
+
+
 def test_only_registrations_keep_a_viewer(steady, viewers, region):
     """The first round more than 5 s after its last registration loses a viewer, whatever else it
     sends, and the count drops in that round. Others stay."""
@@ -329,21 +348,7 @@ def test_only_registrations_keep_a_viewer(steady, viewers, region):
 
     wait_until(talk, 10, "the loss of all")
     wait_viewer_count(region, 1)
-    # The round that the last registration may have come in the middle of does not count.
-    rounds = [f for f in keeper.frames if f.payload[:1] == b"\x06"
-              and f.time > registered[silent[-1]]][1:]
-    present = dict.fromkeys((round.counter for round in rounds), 1)
-    for viewer, time_registered in registered.items():
-        assert events(steady).count(lost(viewer)) == 1
-        assert time_of(steady.err, lost(viewer)) - time_registered > 5
-        served = {f.counter for f in viewer.frames}
-        for round in rounds:
-            present[round.counter] += round.counter in served
-            age = round.time - time_registered
-            # What is on its way for longer than the margin is told too late to be judged.
-            assert round.counter in served or age > 5
-            assert round.counter not in served or age < 5 + limit(0.25)
-    assert {round.counter: round.payload[2] for round in rounds} == present
+    assert_lost_in_time(steady, keeper, registered)
     assert lost(keeper) not in events(steady)
 
 

@@ -35,6 +35,33 @@ FOUND = (1, "", 1, "")
 LOST = (0, "telemetry disconnected", 0, "video disconnected")
 
 
+def expect_found(service, region, viewer, number, data, video):
+    """The bridge comes for so many times now."""
+    scribble(region, *SPLASH, *TIMER)
+    data.send(b"\0")
+    service.err.wait("Data found\n", count=number)
+    picture = b"%d" % number
+    video.send(picture)
+    service.err.wait("Video found\n", count=number)
+    viewer.wait(lambda frame: frame.payload == picture)
+    wait_until(lambda: connections(region) == FOUND, 5, "the connection")
+    wait_until(lambda: timer_is_zero(region), 5, "the camera's timer")
+    assert [region.text(*field) for field in SPLASH] == ["", ""]
+
+
+def expect_lost(service, region, clock, number):
+    """It says nothing more: for a second, and a moment longer."""
+    clock.step(TIMEOUT)
+    sent = datagrams_sent()  # four in a pass
+    wait_until(lambda: datagrams_sent() > sent + 8, 5, "two passes of the status loop")
+    assert connections(region) == FOUND
+    scribble(region, *TIMER)
+    clock.step(0.001)
+    service.err.wait("Video lost\n", count=number + 1)
+    wait_until(lambda: connections(region) == LOST, 5, "the loss")
+    assert timer_is_zero(region)
+
+
 def test_bridge_comes_and_goes(start, clock, region, viewers, times):
     """Each time: one line and the fields of the region for found and for lost, the splash is wiped,
     the camera's timer starts anew, and what is sent to the camera goes to the newest bridge. A
@@ -48,29 +75,10 @@ def test_bridge_comes_and_goes(start, clock, region, viewers, times):
     for number in range(1, rounds + 1):
         viewer.register()  # or it would be lost, too
         data, video = (Bridge(port, f"127.0.{number}.1") for port in (DATA_PORT, VIDEO_PORT))
-        scribble(region, *SPLASH, *TIMER)
-        data.send(b"\0")
-        service.err.wait("Data found\n", count=number)
-        picture = b"%d" % number
-        video.send(picture)
-        service.err.wait("Video found\n", count=number)
-        viewer.wait(lambda frame, picture=picture: frame.payload == picture)
-        wait_until(lambda: connections(region) == FOUND, 5, "the connection")
-        wait_until(lambda: timer_is_zero(region), 5, "the camera's timer")
-        assert [region.text(*field) for field in SPLASH] == ["", ""]
-
+        expect_found(service, region, viewer, number, data, video)
         viewer.command(json.dumps(command("shot")))
         assert parse(data.receive()) == (SHOT, number - 1)
-
-        clock.step(TIMEOUT)
-        sent = datagrams_sent()  # four in a pass
-        wait_until(lambda: datagrams_sent() > sent + 8, 5, "two passes of the status loop")
-        assert connections(region) == FOUND
-        scribble(region, *TIMER)
-        clock.step(0.001)
-        service.err.wait("Video lost\n", count=number + 1)
-        wait_until(lambda: connections(region) == LOST, 5, "the loss")
-        assert timer_is_zero(region)
+        expect_lost(service, region, clock, number)
         data.close()
         video.close()
     passed = time.monotonic() - begin

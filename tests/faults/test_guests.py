@@ -103,6 +103,17 @@ def test_viewers_that_vanish_and_return(party, viewers, region, times):
     assert said[1:] == expected * rounds
 
 
+def assert_shown_to(party, crowd, inside):
+    """Three pictures reach all who are inside, and nobody else."""
+    seen = [len([f for f in viewer.frames if f.video]) for viewer in crowd]
+    pictures = [party.show() for _ in range(3)]
+    for viewer in inside:
+        wait_picture(viewer, pictures[-1])
+    for viewer, before in zip(crowd, seen):
+        shown = [f.payload for f in list(viewer.frames) if f.video][before:]
+        assert shown == (pictures if viewer in inside else [])
+
+
 def test_ten_that_are_joined_by_fifty(party, viewers, region, times):
     """Who is in stays and misses nothing, however many knock. As many get in as places become free,
     and at no time are there more than ten."""
@@ -118,13 +129,7 @@ def test_ten_that_are_joined_by_fifty(party, viewers, region, times):
         outside = [viewer for viewer in crowd if viewer not in inside]
         for viewer in outside:
             viewer.register()
-        seen = [len([f for f in viewer.frames if f.video]) for viewer in crowd]
-        pictures = [party.show() for _ in range(3)]
-        for viewer in inside:
-            wait_picture(viewer, pictures[-1])
-        for viewer, before in zip(crowd, seen):
-            shown = [f.payload for f in list(viewer.frames) if f.video][before:]
-            assert shown == (pictures if viewer in inside else [])
+        assert_shown_to(party, crowd, inside)
         assert region.u8(region.VIEWER_COUNT) <= SLOTS
         assert party.said() == []
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <limits>
+#include <span>
 #include <string>
 
 #include "base/wire.h"
@@ -28,6 +29,11 @@ struct Wire {
   }
 };
 
+struct SpeedOnWire {
+  double speed;
+  int wire;
+};
+
 class GimbalSpeed : public testing::Test {
  protected:
   /// What the next frame says, which must be a sound speed frame.
@@ -43,61 +49,68 @@ class GimbalSpeed : public testing::Test {
             load_le<std::int16_t>(frame, 15)};
   }
 
+  void expect_on_each_axis(std::span<const SpeedOnWire> rows) {
+    for (const auto& [speed, wire] : rows) {
+      SCOPED_TRACE(speed);
+      EXPECT_EQ(gimbal_speed(speed, 0.0, 0.0), 20);
+      EXPECT_EQ(sent(), (Wire{.pan = wire, .roll = 0, .tilt = 0}));
+      EXPECT_EQ(gimbal_speed(0.0, speed, 0.0), 20);
+      EXPECT_EQ(sent(), (Wire{.pan = 0, .roll = 0, .tilt = wire}));
+      EXPECT_EQ(gimbal_speed(0.0, 0.0, speed), 20);
+      EXPECT_EQ(sent(), (Wire{.pan = 0, .roll = wire, .tilt = 0}));
+    }
+  }
+
   test::CameraEnd camera_;
 };
 
-TEST_F(GimbalSpeed, ThousandthsTruncatedAndCutToTheirField) {
-  struct Row {
-    double speed;
-    int wire;
-  };
-  const Row rows[] = {
-      {0.0, 0},
-      {-0.0, 0},
-      {0.0005, 0},
-      {-0.0005, 0},
-      {0.000999999, 0},
-      {0.001, 1},
-      {-0.001, -1},
-      {0.0019, 1},
-      {-0.0019, -1},
-      {1.0, 1000},
-      {-1.0, -1000},
-      {1.23456, 1234},
-      {-1.23456, -1234},
-      {32.767, 32767},
-      {-32.768, -32768},
-      // Past 16 bits the low ones are kept.
-      {32.768, -32768},
-      {-32.769, 32767},
-      {65.536, 0},
-      {65.537, 1},
-      {100.0, -31072},
-      // Past 32 bits the number is at its limit: 7FFFFFFF or 80000000.
-      {2147483.647, -1},
-      {2147483.648, -1},
-      {-2147483.648, 0},
-      {-2147483.649, 0},
-      {1e300, -1},
-      {-1e300, 0},
-      {Limits::max(), -1},
-      {Limits::lowest(), 0},
-      {Limits::infinity(), -1},
-      {-Limits::infinity(), 0},
-      {Limits::quiet_NaN(), 0},
-      {-Limits::quiet_NaN(), 0},
-      {Limits::denorm_min(), 0},
-  };
-  for (const auto& [speed, wire] : rows) {
-    SCOPED_TRACE(speed);
-    EXPECT_EQ(gimbal_speed(speed, 0.0, 0.0), 20);
-    EXPECT_EQ(sent(), (Wire{.pan = wire, .roll = 0, .tilt = 0}));
-    EXPECT_EQ(gimbal_speed(0.0, speed, 0.0), 20);
-    EXPECT_EQ(sent(), (Wire{.pan = 0, .roll = 0, .tilt = wire}));
-    EXPECT_EQ(gimbal_speed(0.0, 0.0, speed), 20);
-    EXPECT_EQ(sent(), (Wire{.pan = 0, .roll = wire, .tilt = 0}));
-  }
-}
+constexpr auto kThousandths = std::to_array<SpeedOnWire>({
+    {0.0, 0},
+    {-0.0, 0},
+    {0.0005, 0},
+    {-0.0005, 0},
+    {0.000999999, 0},
+    {0.001, 1},
+    {-0.001, -1},
+    {0.0019, 1},
+    {-0.0019, -1},
+    {1.0, 1000},
+    {-1.0, -1000},
+    {1.23456, 1234},
+    {-1.23456, -1234},
+    {32.767, 32767},
+    {-32.768, -32768},
+});
+
+// The low 16 bits are kept.
+constexpr auto kPast16Bits = std::to_array<SpeedOnWire>({
+    {32.768, -32768},
+    {-32.769, 32767},
+    {65.536, 0},
+    {65.537, 1},
+    {100.0, -31072},
+});
+
+// The number is at its limit of 32 bits: 7FFFFFFF or 80000000.
+constexpr auto kPast32Bits = std::to_array<SpeedOnWire>({
+    {2147483.647, -1},
+    {2147483.648, -1},
+    {-2147483.648, 0},
+    {-2147483.649, 0},
+    {1e300, -1},
+    {-1e300, 0},
+    {Limits::max(), -1},
+    {Limits::lowest(), 0},
+    {Limits::infinity(), -1},
+    {-Limits::infinity(), 0},
+    {Limits::quiet_NaN(), 0},
+    {-Limits::quiet_NaN(), 0},
+    {Limits::denorm_min(), 0},
+});
+
+TEST_F(GimbalSpeed, ThousandthsTruncated) { expect_on_each_axis(kThousandths); }
+TEST_F(GimbalSpeed, Past16Bits) { expect_on_each_axis(kPast16Bits); }
+TEST_F(GimbalSpeed, Past32Bits) { expect_on_each_axis(kPast32Bits); }
 
 TEST_F(GimbalSpeed, RollStandsBeforeTilt) {
   gimbal_speed(0.001, 0.002, 0.003);

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <initializer_list>
 #include <limits>
 #include <string>
 #include <type_traits>
@@ -140,10 +141,15 @@ TEST(ToIntegerExamples, OfTheSizesInUse) {
   EXPECT_EQ(to_integer<std::uint64_t>(18446744073709549568.0), 18446744073709549568U);
 }
 
+constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
+
+void expect_parsed(std::initializer_list<std::pair<const char*, std::int32_t>> rows) {
+  for (const auto& [text, number] : rows) EXPECT_EQ(parse_i32(text), number) << text;
+}
+
 TEST(ParseI32, TakesTheDecimalNumberAtTheStart) {
-  constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
-  constexpr std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
-  constexpr std::pair<const char*, std::int32_t> kRows[] = {
+  expect_parsed({
       {"0", 0},
       {"1", 1},
       {"-1", -1},
@@ -151,7 +157,11 @@ TEST(ParseI32, TakesTheDecimalNumberAtTheStart) {
       {"-0", 0},
       {"007", 7},
       {"000000000000000000000000000000000042", 42},
-      // Nothing that is a number.
+  });
+}
+
+TEST(ParseI32, NothingThatIsANumberIsZero) {
+  expect_parsed({
       {"", 0},
       {" ", 0},
       {"yes", 0},
@@ -163,7 +173,11 @@ TEST(ParseI32, TakesTheDecimalNumberAtTheStart) {
       {".5", 0},
       {"\"5\"", 0},
       {"\xC3\xA9", 0},
-      // The leading digits are taken.
+  });
+}
+
+TEST(ParseI32, TakesTheLeadingDigits) {
+  expect_parsed({
       {"12abc", 12},
       {"-12abc", -12},
       {"1.9", 1},
@@ -172,11 +186,19 @@ TEST(ParseI32, TakesTheDecimalNumberAtTheStart) {
       {"1,000", 1},
       {"3 4", 3},
       {"5-6", 5},
-      // White space before the number is skipped.
+  });
+}
+
+TEST(ParseI32, SkipsWhiteSpaceBefore) {
+  expect_parsed({
       {"  12", 12},
       {"\t\n\v\f\r -3", -3},
       {"12  ", 12},
-      // The limits of 32 bits.
+  });
+}
+
+TEST(ParseI32, KeepsWithin32Bits) {
+  expect_parsed({
       {"2147483646", kMax - 1},
       {"2147483647", kMax},
       {"2147483648", kMax},
@@ -188,14 +210,20 @@ TEST(ParseI32, TakesTheDecimalNumberAtTheStart) {
       {"4294967296", kMax},
       {"4294967297", kMax},
       {"-4294967296", kMin},
-      // The limits of 64 bits, and beyond any.
+  });
+}
+
+TEST(ParseI32, KeepsWithin32BitsBeyond64) {
+  expect_parsed({
       {"9223372036854775807", kMax},
       {"9223372036854775808", kMax},
       {"18446744073709551616", kMax},
       {"-9223372036854775808", kMin},
       {"-9223372036854775809", kMin},
-  };
-  for (const auto& [text, number] : kRows) EXPECT_EQ(parse_i32(text), number) << text;
+  });
+}
+
+TEST(ParseI32, KeepsWithin32BitsBeyondAny) {
   const std::string digits(500, '9');
   EXPECT_EQ(parse_i32(digits.c_str()), kMax);
   EXPECT_EQ(parse_i32((digits + 'x').c_str()), kMax);

@@ -107,48 +107,56 @@ TEST_F(Camera, UnknownCommandsAreNone) {
   EXPECT_EQ(give(kGimbal, 0x50, {0, 6, 1, 0}), "unknown");
 }
 
-TEST_F(Camera, CommandsInWords) {
-  struct Row {
-    std::uint8_t set;
-    std::uint8_t id;
-    Payload payload;
-    const char* words;
+struct CommandInWords {
+  std::uint8_t set;
+  std::uint8_t id;
+  Payload payload;
+  const char* words;
+};
+
+Payload point(float x, float y) {
+  Payload payload;
+  append_real(payload, x);
+  append_real(payload, y);
+  return payload;
+}
+
+std::vector<CommandInWords> commands_in_words() {
+  return {
+      {kGimbal, 0x0C, speed(-1000, 500, 1), "gimbal speed: pan -1.000, tilt 0.500, roll 0.001"},
+      {kGimbal, 0x4C, {0xFE, 0x08}, "gimbal position: centre"},
+      {kGimbal, 0x4C, {0xFE, 0x09}, "gimbal position: next"},
+      {kGimbal, 0x4C, {0x01, 0x00}, "gimbal mode: fpv"},
+      {kGimbal, 0x50, {0, 4, 1, 1}, "gimbal tilt lock: on"},
+      {kGimbal, 0x50, {0, 5, 1, 2}, "gimbal follow: slow"},
+      {kGimbal, 0x07, {0}, "gimbal calibration: step 1"},
+      {kCamera, 0x01, {1}, "shot"},
+      {kCamera, 0x02, {1}, "record: start"},
+      {kCamera, 0x10, {0}, "camera mode: photo"},
+      {kCamera, 0x12, {0, 1}, "aspect ratio: 16:9"},
+      {kCamera, 0x16, {2}, "photo format: JPG+RAW"},
+      {kCamera, 0x18, {10, 6, 0, 0, 0}, "video format: 1920x1080, 60 frames/s"},
+      {kCamera, 0xAF, {0, 3}, "video format: unknown code 0, 30 frames/s"},
+      {kCamera, 0x1E, {2, 0}, "exposure mode: S"},
+      {kCamera, 0x26, {0x18, 0x01}, "aperture: f/2.80"},
+      {kCamera, 0x28, {1, 6, 0x80, 25}, "shutter: 1/6.25 s"},
+      {kCamera, 0x28, {1, 30, 0, 0}, "shutter: 30 s"},
+      {kCamera, 0x28, {1, 0, 0, 0}, "shutter: unknown code 00 00 00"},
+      {kCamera, 0x2A, {0}, "ISO: auto"},
+      {kCamera, 0x2A, {6}, "ISO: 800"},
+      {kCamera, 0x2A, {99}, "ISO: unknown code 99"},
+      {kCamera, 0x2C, {6, 56}, "white balance: custom, 5600 K"},
+      {kCamera, 0x2E, {18}, "EV: +0.7"},
+      {kCamera, 0x30, point(0.25F, 0.75F), "focus point: x 0.2500, y 0.7500"},
+      {kCamera, 0x42, {23}, "colour: d-log"},
+      {kCamera, 0xA6, Payload(21), "tracking: stop"},
+      {kCamera, 0xA6, tracking(0.5F, 0.25F, 0.125F, 1),
+       "tracking: start at x 0.5000, y 0.2500, width 0.1250, height 1.0000"},
   };
-  Payload point;
-  append_real(point, 0.25F);
-  append_real(point, 0.75F);
-  for (const auto& [set, id, payload, words] : {
-           Row{kGimbal, 0x0C, speed(-1000, 500, 1),
-               "gimbal speed: pan -1.000, tilt 0.500, roll 0.001"},
-           Row{kGimbal, 0x4C, {0xFE, 0x08}, "gimbal position: centre"},
-           Row{kGimbal, 0x4C, {0xFE, 0x09}, "gimbal position: next"},
-           Row{kGimbal, 0x4C, {0x01, 0x00}, "gimbal mode: fpv"},
-           Row{kGimbal, 0x50, {0, 4, 1, 1}, "gimbal tilt lock: on"},
-           Row{kGimbal, 0x50, {0, 5, 1, 2}, "gimbal follow: slow"},
-           Row{kGimbal, 0x07, {0}, "gimbal calibration: step 1"},
-           Row{kCamera, 0x01, {1}, "shot"},
-           Row{kCamera, 0x02, {1}, "record: start"},
-           Row{kCamera, 0x10, {0}, "camera mode: photo"},
-           Row{kCamera, 0x12, {0, 1}, "aspect ratio: 16:9"},
-           Row{kCamera, 0x16, {2}, "photo format: JPG+RAW"},
-           Row{kCamera, 0x18, {10, 6, 0, 0, 0}, "video format: 1920x1080, 60 frames/s"},
-           Row{kCamera, 0xAF, {0, 3}, "video format: unknown code 0, 30 frames/s"},
-           Row{kCamera, 0x1E, {2, 0}, "exposure mode: S"},
-           Row{kCamera, 0x26, {0x18, 0x01}, "aperture: f/2.80"},
-           Row{kCamera, 0x28, {1, 6, 0x80, 25}, "shutter: 1/6.25 s"},
-           Row{kCamera, 0x28, {1, 30, 0, 0}, "shutter: 30 s"},
-           Row{kCamera, 0x28, {1, 0, 0, 0}, "shutter: unknown code 00 00 00"},
-           Row{kCamera, 0x2A, {0}, "ISO: auto"},
-           Row{kCamera, 0x2A, {6}, "ISO: 800"},
-           Row{kCamera, 0x2A, {99}, "ISO: unknown code 99"},
-           Row{kCamera, 0x2C, {6, 56}, "white balance: custom, 5600 K"},
-           Row{kCamera, 0x2E, {18}, "EV: +0.7"},
-           Row{kCamera, 0x30, point, "focus point: x 0.2500, y 0.7500"},
-           Row{kCamera, 0x42, {23}, "colour: d-log"},
-           Row{kCamera, 0xA6, Payload(21), "tracking: stop"},
-           Row{kCamera, 0xA6, tracking(0.5F, 0.25F, 0.125F, 1),
-               "tracking: start at x 0.5000, y 0.2500, width 0.1250, height 1.0000"},
-       }) {
+}
+
+TEST_F(Camera, CommandsInWords) {
+  for (const auto& [set, id, payload, words] : commands_in_words()) {
     give(set, id, payload);
     EXPECT_EQ(said, words);
   }

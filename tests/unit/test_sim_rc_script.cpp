@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 
 #include "control/rc_map.h"
@@ -111,51 +112,53 @@ TEST(RcScript, Loops) {
 
 // --- Bad scripts -------------------------------------------------------------------------------
 
+struct BadScript {
+  const char* text;
+  const char* message;  ///< how what is said begins
+};
+
+constexpr auto kBadScripts = std::to_array<BadScript>({
+    {"jump",
+     "test.rc:1: unknown word 'jump'; expected at, wait, state, channel, function "
+     "or loop"},
+    {"\n# two\n  = 3", "test.rc:3: unknown word '='; expected at,"},
+    {"wait", "test.rc:1: 'wait' without a time; expected a number of seconds"},
+    {"wait soon", "test.rc:1: 'wait' without a time"},
+    {"wait -1", "test.rc:1: 'wait' without a time"},
+    {"wait inf", "test.rc:1: 'wait' without a time"},
+    {"wait 1 2", "test.rc:1: '2' is too much; expected 'wait SECONDS'"},
+    {"at", "test.rc:1: 'at' without a time"},
+    {"at 1", "test.rc:1: 'at' without an action; expected state,"},
+    {"at 1 at 2 loop", "test.rc:1: unknown word 'at'"},
+    {"wait 3\nat 2 state = 6", "test.rc:2: 'at 2' goes back; expected 3 seconds or later"},
+    {"loop", "test.rc:1: 'loop' of a script that takes no time"},
+    {"wait 1\nloop now", "test.rc:2: 'now' is too much; expected 'loop'"},
+    {"wait 1\nloop\nstate = 6", "test.rc:3: stands behind 'loop'"},
+    {"state", "test.rc:1: the line is too short; expected 'state = NUMBER'"},
+    {"state : 6", "test.rc:1: no '=' before '6'; expected 'state = NUMBER'"},
+    {"state = 256", "test.rc:1: '256' is no state; expected a number from 0 to 255"},
+    {"state = 6.5", "test.rc:1: '6.5' is no state"},
+    {"state = off", "test.rc:1: 'off' is no state"},
+    {"channel 0 = 1500", "test.rc:1: '0' is no channel; expected a number from 1 to 32"},
+    {"channel 33 = 1500", "test.rc:1: '33' is no channel"},
+    {"channel 1 = 65536",
+     "test.rc:1: '65536' is no channel value; expected a number "
+     "from 0 to 65535, or off"},
+    {"channel 1 = -1", "test.rc:1: '-1' is no channel value"},
+    {"channel = 1500", "test.rc:1: the line is too short"},
+    {"function Pan = 0", "test.rc:1: unknown function 'Pan'; expected one of pan, tilt,"},
+    {"function pan = 1.1",
+     "test.rc:1: '1.1' is no stick value; expected a number from "
+     "-1 to 1, or off"},
+    {"function pan = left", "test.rc:1: 'left' is no stick value"},
+    {"function pan = 0 1", "test.rc:1: '1' is too much"},
+    {"function pan 0",
+     "test.rc:1: the line is too short; expected 'function NAME = "
+     "VALUE'"},
+});
+
 TEST(RcScript, ErrorsNameTheLineAndWhatIsExpected) {
-  struct Row {
-    const char* text;
-    const char* message;
-  };
-  for (const auto& [text, message] : {
-           Row{"jump",
-               "test.rc:1: unknown word 'jump'; expected at, wait, state, channel, function "
-               "or loop"},
-           Row{"\n# two\n  = 3", "test.rc:3: unknown word '='; expected at,"},
-           Row{"wait", "test.rc:1: 'wait' without a time; expected a number of seconds"},
-           Row{"wait soon", "test.rc:1: 'wait' without a time"},
-           Row{"wait -1", "test.rc:1: 'wait' without a time"},
-           Row{"wait inf", "test.rc:1: 'wait' without a time"},
-           Row{"wait 1 2", "test.rc:1: '2' is too much; expected 'wait SECONDS'"},
-           Row{"at", "test.rc:1: 'at' without a time"},
-           Row{"at 1", "test.rc:1: 'at' without an action; expected state,"},
-           Row{"at 1 at 2 loop", "test.rc:1: unknown word 'at'"},
-           Row{"wait 3\nat 2 state = 6",
-               "test.rc:2: 'at 2' goes back; expected 3 seconds or later"},
-           Row{"loop", "test.rc:1: 'loop' of a script that takes no time"},
-           Row{"wait 1\nloop now", "test.rc:2: 'now' is too much; expected 'loop'"},
-           Row{"wait 1\nloop\nstate = 6", "test.rc:3: stands behind 'loop'"},
-           Row{"state", "test.rc:1: the line is too short; expected 'state = NUMBER'"},
-           Row{"state : 6", "test.rc:1: no '=' before '6'; expected 'state = NUMBER'"},
-           Row{"state = 256", "test.rc:1: '256' is no state; expected a number from 0 to 255"},
-           Row{"state = 6.5", "test.rc:1: '6.5' is no state"},
-           Row{"state = off", "test.rc:1: 'off' is no state"},
-           Row{"channel 0 = 1500", "test.rc:1: '0' is no channel; expected a number from 1 to 32"},
-           Row{"channel 33 = 1500", "test.rc:1: '33' is no channel"},
-           Row{"channel 1 = 65536",
-               "test.rc:1: '65536' is no channel value; expected a number "
-               "from 0 to 65535, or off"},
-           Row{"channel 1 = -1", "test.rc:1: '-1' is no channel value"},
-           Row{"channel = 1500", "test.rc:1: the line is too short"},
-           Row{"function Pan = 0", "test.rc:1: unknown function 'Pan'; expected one of pan, tilt,"},
-           Row{"function pan = 1.1",
-               "test.rc:1: '1.1' is no stick value; expected a number from "
-               "-1 to 1, or off"},
-           Row{"function pan = left", "test.rc:1: 'left' is no stick value"},
-           Row{"function pan = 0 1", "test.rc:1: '1' is too much"},
-           Row{"function pan 0",
-               "test.rc:1: the line is too short; expected 'function NAME = "
-               "VALUE'"},
-       }) {
+  for (const auto& [text, message] : kBadScripts) {
     try {
       static_cast<void>(parse(text));
       ADD_FAILURE() << text << " was taken";

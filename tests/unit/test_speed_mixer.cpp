@@ -228,37 +228,39 @@ TEST_F(SpeedMixer, ViewerSpeeds) {
   }
 }
 
+struct CommandSpeed {
+  double command;
+  int wire;
+};
+
 /// Thousandths, truncated toward zero, kept within 32 bits, and 16 of them sent.
+constexpr CommandSpeed kCommandSpeeds[] = {
+    {1.0, 1000},
+    {-1.0, -1000},
+    {0.0005, 0},
+    {-0.0005, 0},
+    {0.0019, 1},
+    {-0.0019, -1},
+    {32.767, 32'767},
+    {-32.768, -32'768},
+    {33.0, 33'000 - 65'536},
+    {-33.0, 65'536 - 33'000},
+    {65.536, 0},
+    {2'147'483.0, 2'147'483'000 - 2'147'483'648},
+    {2'147'484.0, -1},
+    {-2'147'484.0, 0},
+    {2'147'483'647.0, -1},
+    {-2'147'483'648.0, 0},
+    {1e300, -1},
+    {-1e300, 0},
+    {kInfinity, -1},
+    {-kInfinity, 0},
+    {kNan, 0},
+    {std::numeric_limits<double>::denorm_min(), 0},
+};
+
 TEST_F(SpeedMixer, CommandSpeeds) {
-  struct Row {
-    double command;
-    int wire;
-  };
-  constexpr Row kRows[] = {
-      {1.0, 1000},
-      {-1.0, -1000},
-      {0.0005, 0},
-      {-0.0005, 0},
-      {0.0019, 1},
-      {-0.0019, -1},
-      {32.767, 32'767},
-      {-32.768, -32'768},
-      {33.0, 33'000 - 65'536},
-      {-33.0, 65'536 - 33'000},
-      {65.536, 0},
-      {2'147'483.0, 2'147'483'000 - 2'147'483'648},
-      {2'147'484.0, -1},
-      {-2'147'484.0, 0},
-      {2'147'483'647.0, -1},
-      {-2'147'483'648.0, 0},
-      {1e300, -1},
-      {-1e300, 0},
-      {kInfinity, -1},
-      {-kInfinity, 0},
-      {kNan, 0},
-      {std::numeric_limits<double>::denorm_min(), 0},
-  };
-  for (const auto& row : kRows) {
+  for (const auto& row : kCommandSpeeds) {
     SCOPED_TRACE(row.command);
     set_command_speed(row.command, 0.0, 0.0);
     EXPECT_EQ(streamed(), (Speeds{{row.wire, 0, 0}})) << "streamed although it may be zero there";

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -83,6 +84,35 @@ class Writer : public testing::Test {
   Config& config = *config_get();
 };
 
+constexpr auto kNumberKeys = std::to_array<const char*>({"hdmi_enabled",
+                                                         "video_transcode_enabled",
+                                                         "video_bitrate",
+                                                         "video_width",
+                                                         "video_height",
+                                                         "disable_video_stream",
+                                                         "video_hflip",
+                                                         "video_vflip",
+                                                         "rc_input_enabled",
+                                                         "rc_input_speed_pan",
+                                                         "rc_input_speed_tilt",
+                                                         "rc_input_speed_dutch",
+                                                         "rc_input_inverse_pan",
+                                                         "rc_input_inverse_tilt",
+                                                         "rc_input_inverse_dutch",
+                                                         "rc_input_exp",
+                                                         "rc_input_abs",
+                                                         "ap_mode",
+                                                         "ap_channel",
+                                                         "osd_enabled",
+                                                         "osd_border_width",
+                                                         "osd_border_height",
+                                                         "osd_top_offset",
+                                                         "osd_bottom_offset",
+                                                         "internal_camera_enabled",
+                                                         "internal_camera_fullscreen"});
+constexpr auto kQuotedKeys = std::to_array<const char*>(
+    {"ap_ssid", "ap_psk", "wifi_ssid", "wifi_psk", "camera_ssid", "camera_psk"});
+
 TEST_F(Writer, RecordOfZeros) {
   test::Console console;
   EXPECT_EQ(config_save(), 0);
@@ -94,38 +124,8 @@ TEST_F(Writer, RecordOfZeros) {
     ASSERT_NE(at, std::string::npos) << key;
     expected.insert(at + line.size(), value);
   };
-  for (const char* const key : {"hdmi_enabled",
-                                "video_transcode_enabled",
-                                "video_bitrate",
-                                "video_width",
-                                "video_height",
-                                "disable_video_stream",
-                                "video_hflip",
-                                "video_vflip",
-                                "rc_input_enabled",
-                                "rc_input_speed_pan",
-                                "rc_input_speed_tilt",
-                                "rc_input_speed_dutch",
-                                "rc_input_inverse_pan",
-                                "rc_input_inverse_tilt",
-                                "rc_input_inverse_dutch",
-                                "rc_input_exp",
-                                "rc_input_abs",
-                                "ap_mode",
-                                "ap_channel",
-                                "osd_enabled",
-                                "osd_border_width",
-                                "osd_border_height",
-                                "osd_top_offset",
-                                "osd_bottom_offset",
-                                "internal_camera_enabled",
-                                "internal_camera_fullscreen"}) {
-    put(key, "0");
-  }
-  for (const char* const key :
-       {"ap_ssid", "ap_psk", "wifi_ssid", "wifi_psk", "camera_ssid", "camera_psk"}) {
-    put(key, "\"\"");
-  }
+  for (const char* const key : kNumberKeys) put(key, "0");
+  for (const char* const key : kQuotedKeys) put(key, "\"\"");
   EXPECT_EQ(read_file(kCardFile), expected);
   EXPECT_EQ(read_file(kWorkingCopy), without_cr(expected));
 }
