@@ -1,5 +1,5 @@
-"""The tour of the README, as a reader takes it: each command succeeds and prints what is
-promised."""
+"""The tour of the README, as a reader takes it: each command succeeds and prints what is promised.
+What the README, the tests' own and the recipes name is there."""
 
 import os
 import pathlib
@@ -133,3 +133,34 @@ def test_commands():
     named = set(re.findall(r"\./dev ([a-z-]+)", README))
     assert named <= known
     assert known - named == {"clean"}
+
+
+def test_every_test_has_its_row():
+    """tests/README.md lists every file of tests from outside, and every module of the harness."""
+    text = (ROOT / "tests" / "README.md").read_text()
+    files = {str(file.relative_to(ROOT / "tests"))
+             for folder in ("e2e", "faults", "board", "packages", "web")
+             for file in (ROOT / "tests" / folder).glob("test_*.py")}
+    assert set(re.findall(r"^\| `(\w+/test_\w+\.py)` \|", text, re.MULTILINE)) == files
+    rows = re.findall(r"^\| (.*?) \|", text.partition("## Harness")[2], re.MULTILINE)
+    modules = {file.stem for file in (ROOT / "tests" / "harness").glob("*.py")} - {"__init__"}
+    assert set(re.findall(r"`(\w+)`", " ".join(rows))) == modules
+
+
+def test_recipes_name_files():
+    """And no recipe takes more than eight of them before its tests."""
+    recipes = (ROOT / "CONTRIBUTING.md").read_text().partition("## Three recipes")[2]
+    recipes = re.split(r"^### ", recipes.partition("\n## ")[0], flags=re.MULTILINE)[1:]
+    assert len(recipes) == 3
+    for recipe in recipes:
+        rows = re.findall(r"^\| (.*?) \|", recipe, re.MULTILINE)[2:]
+        assert 0 < len(rows) <= 8
+        for name in re.findall(r"`([\w.-]+/[\w./-]+)`", recipe):
+            assert (ROOT / name).exists(), name
+
+
+def test_license():
+    """What the package says, the file for a reader of the sources says, too."""
+    package = (ROOT / "install" / "debian" / "copyright").read_text()
+    for line in filter(None, (ROOT / "LICENSE").read_text().splitlines()):
+        assert line.removeprefix("Copyright ") in package
