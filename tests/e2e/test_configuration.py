@@ -4,23 +4,10 @@ import random
 
 import pytest
 
+from harness.config_file import KEYS
+from harness.receiver import FUNCTIONS
 from harness.timing import wait_until
 
-KEYS = """
-    hdmi_enabled video_transcode_enabled video_bitrate video_width video_height disable_video_stream
-    video_hflip video_vflip rc_input_enabled rc_input_mode rc2_input_mode rc_input_map
-    rc_input_speed_pan rc_input_speed_tilt rc_input_speed_dutch rc_input_inverse_pan
-    rc_input_inverse_tilt rc_input_inverse_dutch rc_input_exp rc_input_abs osd_enabled
-    osd_border_width osd_border_height osd_top_offset osd_bottom_offset internal_camera_enabled
-    internal_camera_fullscreen ap_iface ap_ssid ap_psk ap_country ap_mode ap_channel wifi_iface
-    wifi_ssid wifi_psk camera_iface camera_ssid camera_psk
-    """.split()
-
-# The functions of RC channels, in the order of their codes.
-FUNCTIONS = ["pan", "tilt", "record", "record-shot", "menu", "ev", "zoom", "focus", "dutch",
-             "focus-pan", "focus-tilt", "digital-zoom", "digital-zoom2", "iso", "shutter",
-             "aperture", "videomode", "custom-focus-assistant", "center", "intcamera", "osd",
-             "orient-lock"]
 CHANNELS = 32
 NONE = 255
 
