@@ -223,6 +223,7 @@ def test_steady_source_beside_a_silent_one(steady, source, other):
 def test_data_is_reported_lost_before_video(steady, standins, data, video):
     """When one round finds both silent, whichever fell silent first."""
     wait_round(standins)
+    time.sleep(0.5)  # far from the round before which the one is too old, and the other not yet
     video.send(b"x")
     data.send(b"x")
     steady.err.wait("Video lost\n", LOSS_SECONDS, count=2)
