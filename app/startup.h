@@ -1,4 +1,4 @@
-// Wires the service together and supervises it.
+// The start of the service: what it is made of, and who is handed what.
 #pragma once
 
 namespace nimbus {

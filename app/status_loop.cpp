@@ -17,14 +17,10 @@ namespace {
 
 constexpr unsigned kPauseS = 1;
 
-constexpr std::uint8_t kCameraDataSource = 0;
-constexpr std::uint8_t kVideoSource = 1;
-constexpr std::uint8_t kSourceConnected = 2;
-
 constexpr std::uint8_t kProductVariant = 2;
 
 void send_source_status(std::uint8_t source, std::uint8_t connected) {
-  const std::uint8_t state = connected != 0 ? kSourceConnected : 0;
+  const std::uint8_t state = connected != 0 ? ConnectionMessage::kConnected : 0;
   send_status(ToViewer::connection, {source, state});
 }
 
@@ -52,8 +48,8 @@ void status_round(const DisplayRegion& display, Config& config) {
   check_viewer_timeouts();
   check_sources();
   check_telemetry_timeouts();
-  send_source_status(kCameraDataSource, display.data_connected);
-  send_source_status(kVideoSource, display.video_connected);
+  send_source_status(ConnectionMessage::kCameraData, display.data_connected);
+  send_source_status(ConnectionMessage::kVideo, display.video_connected);
   probe_access_point(config);
   send_flags_status(display, config);
   send_version_status();

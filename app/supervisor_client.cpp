@@ -11,6 +11,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/clock.h"
+
 namespace nimbus {
 namespace {
 
@@ -24,11 +26,7 @@ struct Supervisor {
 
 Supervisor supervisor;
 
-std::int64_t monotonic_us() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return std::int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1000;
-}
+std::int64_t monotonic_us() { return clock_ns(CLOCK_MONOTONIC) / 1000; }
 
 /// A variable as a number; 0 when there is none.
 std::int64_t number_of(const char* variable) {

@@ -1,9 +1,9 @@
 // What the service tells the supervisor that started it, if that one asks to be told.
 //
 // The protocol is the stable one of sd_notify(3): a datagram per message. libsystemd is not linked
-// for it. It would add 0.9 MiB to the 2.2 MiB that the service occupies and a third to the time it
-// takes to start; and it looks for the socket in the environment at each call, so that the variable
-// would have to stay there, for every command that the service runs to inherit.
+// for it. It would add 0.9 MiB to what the service occupies and a third to the time it takes to
+// start; and it looks for the socket in the environment at each call, so that the variable would
+// have to stay there, for every command that the service runs to inherit.
 #pragma once
 
 namespace nimbus {

@@ -1,4 +1,4 @@
-// The millisecond clock that every time-out is measured with.
+// The clocks: the one of milliseconds that every time-out is measured with, and the system's.
 #pragma once
 
 #include <time.h>
@@ -25,6 +25,19 @@ namespace nimbus {
 [[nodiscard]] inline std::uint32_t age_ms(const Shared<std::uint32_t>& stamp) noexcept {
   const std::uint32_t then = stamp.load_acquire();
   return now_ms() - then;
+}
+
+inline constexpr std::int64_t kNsPerSecond = 1'000'000'000;
+
+[[nodiscard]] constexpr std::int64_t nanoseconds_of(const timespec& time) noexcept {
+  return std::int64_t{time.tv_sec} * kNsPerSecond + time.tv_nsec;
+}
+
+/// Nanoseconds of one of the system's clocks (clock_gettime(2)). Any thread.
+[[nodiscard]] inline std::int64_t clock_ns(clockid_t clock) noexcept {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return nanoseconds_of(now);
 }
 
 }  // namespace nimbus

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "base/clock.h"
+
 namespace nimbus {
 
 /// Wakes its thread once a period, counted from one tick to the next, whatever the work in between
@@ -24,13 +26,7 @@ class Ticker {
   }
 
  private:
-  static constexpr std::int64_t kNsPerSecond = 1'000'000'000;
-
-  static std::int64_t now_ns() noexcept {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::int64_t{now.tv_sec} * kNsPerSecond + now.tv_nsec;
-  }
+  static std::int64_t now_ns() noexcept { return clock_ns(CLOCK_MONOTONIC); }
 
   std::int64_t period_ns_;
   std::int64_t next_ns_;

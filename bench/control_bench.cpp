@@ -39,6 +39,9 @@
 #include "bench/report.h"
 #include "bench/samples.h"
 #include "bench/udp.h"
+#include "camera/duml.h"
+#include "camera/reports.h"
+#include "net/messages.h"
 #include "net/sources.h"
 #include "net/viewers.h"
 
@@ -68,12 +71,10 @@ constexpr std::array<std::uint8_t, 2> kRegister{0, 0};
 constexpr std::array<std::uint8_t, 1> kLeave{1};
 
 // The camera's settings; in the report and in the message the ISO stands at the same place.
-constexpr std::uint8_t kSettingsReportLength = 107;
-constexpr std::uint8_t kSettingsMessage = 2;
-constexpr std::size_t kIsoOffset = 16;
+constexpr std::size_t kIsoOffset = SettingsReport::iso.at;
+static_assert(kIsoOffset == CameraSettingsMessage::iso.at);
 
-// The command set and id of a frame, and what tells the two frames of these measurements.
-constexpr std::size_t kCommandSetOffset = 9;
+// The command set and id of a frame tell the two frames of these measurements.
 constexpr std::array<std::uint8_t, 2> kRecordFrame{2, 0x02};
 constexpr std::array<std::uint8_t, 2> kSpeedFrame{4, 0x0C};
 
@@ -112,7 +113,7 @@ class CameraEnd {
   /// When the next frame of that command set and id arrived.
   nanoseconds frame(const std::array<std::uint8_t, 2>& kind) {
     return arrival(socket_, [&kind](const Bytes& frame) {
-      return std::equal(kind.begin(), kind.end(), frame.begin() + kCommandSetOffset);
+      return std::equal(kind.begin(), kind.end(), frame.begin() + DumlHeader::set.at);
     });
   }
 
@@ -139,7 +140,7 @@ class ViewerEnd {
   /// When the camera's settings with that ISO arrived.
   nanoseconds settings(std::uint8_t iso) {
     return arrival(socket_, [iso](const Bytes& frame) {
-      return frame[kFrameHeaderSize] == kSettingsMessage &&
+      return frame[kFrameHeaderSize] == type_of(ToViewer::camera_settings) &&
              frame[kFrameHeaderSize + kIsoOffset] == iso;
     });
   }
@@ -170,7 +171,7 @@ Samples report_latency(Child& service, CameraEnd& camera, ViewerEnd& viewer, int
   std::mt19937 random(1);
   // The service pauses for a millisecond after each message.
   std::uniform_int_distribution<int> pause_us(2'000, 20'000);
-  auto report = empty_report(kSettingsReportLength, 0);
+  auto report = empty_report(SettingsReport::kLength, 0);
   report.push_back(0);  // a report is taken only with something behind it
   for (int i = 0; i < reports; ++i) {
     // A registration ends after five seconds.
@@ -178,7 +179,7 @@ Samples report_latency(Child& service, CameraEnd& camera, ViewerEnd& viewer, int
     service.wait_for(kNewViewer);
     const auto iso = static_cast<std::uint8_t>(1 + i % 2);
     report[kIsoOffset] = iso;
-    seal(std::span(report).first<kSettingsReportLength>());
+    seal(std::span(report).first<SettingsReport::kLength>());
     std::this_thread::sleep_for(std::chrono::microseconds(pause_us(random)));
     const nanoseconds sent = wall_clock();
     camera.say(report);

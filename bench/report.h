@@ -19,9 +19,9 @@ inline void seal(std::span<std::uint8_t> frame) {
 /// A sound report of that kind, with zeros in it.
 inline std::vector<std::uint8_t> empty_report(std::uint8_t length, std::uint8_t command_set) {
   std::vector<std::uint8_t> frame(length);
-  frame[0] = kDumlStart;
-  frame[1] = length;
-  frame[9] = command_set;
+  put(frame, DumlHeader::start, kDumlStart);
+  put(frame, DumlHeader::length, length);
+  put(frame, DumlHeader::set, command_set);
   seal(frame);
   return frame;
 }

@@ -86,7 +86,7 @@ void Viewer::drain() {
     if (count <= 0) return;
     for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
       const auto& head = slots[i].head;
-      if (head[1] != static_cast<std::uint8_t>(FrameKind::video)) continue;
+      if (head[kFrameKindOffset] != static_cast<std::uint8_t>(FrameKind::video)) continue;
       const auto number = load_le<std::uint32_t>(head, kFrameHeaderSize);
       if (number < first_number_) continue;
       if (head[0] != kFrameMagic || messages[i].msg_len != frame_size_ ||

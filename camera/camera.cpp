@@ -78,8 +78,8 @@ std::int32_t camera_shot() noexcept {
 }
 
 std::int32_t camera_set_mode(int mode) noexcept {
-  if (mode != 0 && mode != 1) return -1;
-  log_text("Camera set mode %s\n", mode == 0 ? "photo" : "video");
+  if (mode != kPhotoMode && mode != kVideoMode) return -1;
+  log_text("Camera set mode %s\n", mode == kPhotoMode ? "photo" : "video");
   return send_frame(kMode, {low_byte(mode)});
 }
 

@@ -11,7 +11,7 @@ namespace nimbus {
 
 std::int32_t camera_record(int start) noexcept;  ///< non-zero: start, 0: stop
 std::int32_t camera_shot() noexcept;
-std::int32_t camera_set_mode(int mode) noexcept;  ///< 0: photo, 1: video; others do nothing at all
+std::int32_t camera_set_mode(int mode) noexcept;  ///< kPhotoMode, kVideoMode; others do nothing
 std::int32_t camera_reset() noexcept;
 std::int32_t camera_format_card() noexcept;
 

@@ -105,7 +105,7 @@ inline constexpr std::array<Code<std::uint16_t>, 7> kFrameRates{{
 struct WhiteBalance {
   std::string_view value;
   std::uint8_t code;
-  std::uint8_t tint;  ///< the byte behind the code in its command; 0: no word selects it
+  std::uint8_t tint;  ///< the byte behind the code in its command; 0: no word alone selects it
 };
 
 inline constexpr std::array<WhiteBalance, 7> kWhiteBalances{{
@@ -124,6 +124,8 @@ inline constexpr std::array<Code<std::string_view>, 3> kCameraModeNames{{
     {"video", 1},
     {"play", 7},
 }};
+inline constexpr std::uint8_t kPhotoMode = kCameraModeNames[0].code;
+inline constexpr std::uint8_t kVideoMode = kCameraModeNames[1].code;
 inline constexpr std::array<Code<std::string_view>, 4> kExposureModeNames{{
     {"auto", 1},
     {"S", 2},

@@ -31,8 +31,24 @@ namespace nimbus {
 inline constexpr std::uint8_t kDumlStart = 0x55;
 inline constexpr std::size_t kDumlHeaderSize = 11;
 inline constexpr std::size_t kDumlOverhead = kDumlHeaderSize + 2;
-inline constexpr std::size_t kDumlSequenceOffset = 6;
-inline constexpr std::size_t kDumlSetOffset = 9;
+
+/// Where a frame's header has what; the remarks stand above.
+struct DumlHeader {
+  static constexpr WireField<std::uint8_t> start{0, "start"};
+  static constexpr WireField<std::uint16_t> length{1, "length"};
+  static constexpr WireField<std::uint8_t> check{3, "check"};
+  static constexpr WireField<std::uint8_t> sender{4, "sender"};
+  static constexpr WireField<std::uint8_t> receiver{5, "receiver"};
+  static constexpr WireField<std::uint16_t> sequence{6, "sequence"};
+  static constexpr WireField<std::uint8_t> type{8, "type"};
+  static constexpr WireField<std::uint8_t> set{9, "set"};
+  static constexpr WireField<std::uint8_t> id{10, "id"};
+};
+
+/// The header's length of a frame of so many bytes: with the protocol's version, 1.
+[[nodiscard]] constexpr std::uint16_t duml_length(std::size_t size) noexcept {
+  return static_cast<std::uint16_t>(size | 1U << 10);
+}
 
 /// CRC-8 of a frame's first three bytes: reflected polynomial 0x8C (Dallas/Maxim), seed 0x77.
 [[nodiscard]] constexpr std::uint8_t duml_crc8(std::span<const std::uint8_t> bytes) noexcept {
@@ -93,15 +109,14 @@ class DumlTemplate {
 
   consteval explicit DumlTemplate(DumlCommand command,
                                   const DumlPayload<payload_size>& payload = {}) {
-    constexpr unsigned kVersion = 1;
-    bytes_[0] = kDumlStart;
-    store_le(bytes_, 1, static_cast<std::uint16_t>(kSize | kVersion << 10));
-    bytes_[3] = duml_crc8(std::span(bytes_).template first<3>());
-    bytes_[4] = command.sender;
-    bytes_[5] = command.set == CommandSet::camera ? 0x01 : 0x04;
-    bytes_[8] = command.type;
-    bytes_[9] = static_cast<std::uint8_t>(command.set);
-    bytes_[10] = command.id;
+    put(bytes_, DumlHeader::start, kDumlStart);
+    put(bytes_, DumlHeader::length, duml_length(kSize));
+    put(bytes_, DumlHeader::check, duml_crc8(std::span(bytes_).template first<3>()));
+    put(bytes_, DumlHeader::sender, command.sender);
+    put(bytes_, DumlHeader::receiver, command.set == CommandSet::camera ? 0x01 : 0x04);
+    put(bytes_, DumlHeader::type, command.type);
+    put(bytes_, DumlHeader::set, static_cast<std::uint8_t>(command.set));
+    put(bytes_, DumlHeader::id, command.id);
     std::copy(payload.begin(), payload.end(), bytes_.begin() + kDumlHeaderSize);
   }
 
@@ -134,7 +149,7 @@ template <std::size_t payload_size>
   auto bytes = frame.bytes();
   const std::uint16_t sequence = duml_sequence;
   duml_sequence = static_cast<std::uint16_t>(sequence + 1);
-  store_le(bytes, kDumlSequenceOffset, sequence);
+  put(bytes, DumlHeader::sequence, sequence);
   std::copy(payload.begin(), payload.end(), bytes.begin() + kDumlHeaderSize);
   constexpr std::size_t kChecked = payload_size + kDumlHeaderSize;
   store_le(bytes, kChecked, duml_crc16(std::span(bytes).template first<kChecked>()));

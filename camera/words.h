@@ -20,7 +20,6 @@ inline constexpr std::array<Word<std::uint8_t>, 2> kAspectRatios{{{"4:3", 0}, {"
 inline constexpr std::array<Word<std::uint8_t>, 2> kAntiFlickers{{{"50", 1}, {"60", 2}}};
 inline constexpr std::array<Word<std::uint8_t>, 3> kShotModes{{{"raw", 0}, {"jpg", 1}, {"jpg+raw", 2}}};
 inline constexpr std::array<Word<std::uint8_t>, 2> kFocusTypes{{{"afc", 2}, {"afs", 1}}};
-
 // clang-format on
 
 /// The white balances that have a word, with the rows that say what is sent.

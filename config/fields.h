@@ -54,24 +54,47 @@ SharedTextRef text_of(Config& config) {
 
 constexpr ConfigField flag(std::string_view key, Shared<std::uint8_t> Config::*member,
                            std::string_view fresh, std::string_view comment) {
-  return {key, FieldKind::flag, 0, 1, fresh, comment, member};
+  return {.key = key,
+          .kind = FieldKind::flag,
+          .least = 0,
+          .most = 1,
+          .fresh = fresh,
+          .comment = comment,
+          .byte = member};
 }
 
 constexpr ConfigField byte(std::string_view key, Shared<std::uint8_t> Config::*member,
                            std::string_view fresh, std::string_view comment) {
-  return {key, FieldKind::byte, 0, UINT8_MAX, fresh, comment, member};
+  return {.key = key,
+          .kind = FieldKind::byte,
+          .least = 0,
+          .most = UINT8_MAX,
+          .fresh = fresh,
+          .comment = comment,
+          .byte = member};
 }
 
 constexpr ConfigField number(std::string_view key, Shared<std::int32_t> Config::*member,
                              std::string_view fresh, std::string_view comment) {
-  return {key, FieldKind::number, INT32_MIN, INT32_MAX, fresh, comment, nullptr, member};
+  return {.key = key,
+          .kind = FieldKind::number,
+          .least = INT32_MIN,
+          .most = INT32_MAX,
+          .fresh = fresh,
+          .comment = comment,
+          .number = member};
 }
 
 template <auto Member>
 constexpr ConfigField text(std::string_view key, FieldKind kind, std::string_view fresh,
                            std::string_view comment) {
-  constexpr std::size_t kCapacity = capacity_of(Member);
-  return {key, kind, 0, kCapacity - 1, fresh, comment, nullptr, nullptr, text_of<Member>};
+  return {.key = key,
+          .kind = kind,
+          .least = 0,
+          .most = capacity_of(Member) - 1,
+          .fresh = fresh,
+          .comment = comment,
+          .text = text_of<Member>};
 }
 
 }  // namespace detail

@@ -1,23 +1,8 @@
 #include "config/interface_codes.h"
 
 #include <algorithm>
-#include <array>
 
 namespace nimbus {
-namespace {
-
-struct InterfaceCode {
-  const char* code;
-  const char* name;
-};
-
-constexpr std::array<InterfaceCode, 3> kInterfaceCodes{{
-    {kNoInterfaceCode, ""},
-    {"1", "wifi0"},
-    {"2", "wlan0"},
-}};
-
-}  // namespace
 
 const char* interface_name(std::string_view code) noexcept {
   const auto* const found = std::find_if(kInterfaceCodes.begin(), kInterfaceCodes.end(),

@@ -15,8 +15,8 @@ namespace nimbus {
 namespace {
 
 constexpr const char* kFileName = "tervado.conf";
-constexpr const char* kEmptyMap = ",,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,";
-static_assert(std::string_view(kEmptyMap).size() == 31);
+constexpr std::string_view kEmptyMap = (*ConfigKey("rc_input_map")).fresh;
+static_assert(kEmptyMap.size() == 31);
 
 }  // namespace
 

@@ -29,7 +29,6 @@ namespace {
 
 // --- Policy ------------------------------------------------------------------------------------
 constexpr useconds_t kPauseUs = 20'000;
-constexpr std::uint8_t kReceiverLive = 6;
 
 constexpr double kSwitchOn = 0.5;      // record and shot switches, either way
 constexpr double kLeverOn = 0.3;       // steps, positions and two-position switches
@@ -40,9 +39,6 @@ constexpr double kFocusPerPercent = 0.0005;  // of the picture, each cycle
 // The camera takes longer to get ready for a photo than for a recording.
 constexpr useconds_t kIntoVideoUs = 200'000;
 constexpr useconds_t kIntoPhotoUs = 500'000;
-
-constexpr std::uint8_t kPhotoMode = 0;
-constexpr std::uint8_t kVideoMode = 1;
 
 // --- What one cycle sees -----------------------------------------------------------------------
 

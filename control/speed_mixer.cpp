@@ -5,6 +5,7 @@
 #include "base/shared.h"
 #include "camera/gimbal.h"
 #include "config/config.h"
+#include "net/messages.h"
 
 namespace nimbus {
 namespace {
@@ -62,9 +63,8 @@ void set(SharedSpeed& source, const Speed& speed) {
 }  // namespace
 
 void set_viewer_speed(int mode, int pan, int tilt, int roll) noexcept {
-  constexpr int kSetSpeed = 1;
   constexpr double kUnit = 0.00025;
-  if (mode != kSetSpeed) return;
+  if (mode != SpeedMessage::kSets) return;
   set(mixer.viewer, {pan * kUnit, tilt * kUnit, roll * kUnit});
 }
 

@@ -128,9 +128,7 @@ void decode_recording_timer(ByteView frame, DisplayRegion& display) {
   display.recording_state = state;
   display.recording_reset = reset ? 1 : 0;
   if (reset) {
-    display.timer_state = 0;
-    display.timer_start_ms = 0;
-    display.timer_elapsed_ms = 0;
+    display.reset_timer();
     send_triple(ToViewer::recording_timer, state, 1, 0);
     return;
   }
@@ -348,10 +346,11 @@ bool is_intact(std::span<const std::uint8_t> frame) {
 void decode_camera_frame(std::span<const std::uint8_t> frame) noexcept {
   DisplayRegion* const display = display_region();
   if (display == nullptr) return;
+  const ByteView view(frame);
   for (const Decoder& kind : kDecoders) {
     if (kind.length != frame.size()) continue;
-    if (kind.command_set != kAnySet && kind.command_set != frame[kDumlSetOffset]) continue;
-    kind.decode(ByteView(frame), *display);
+    if (kind.command_set != kAnySet && kind.command_set != view[DumlHeader::set]) continue;
+    kind.decode(view, *display);
   }
 }
 

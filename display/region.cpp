@@ -12,7 +12,6 @@
 namespace nimbus {
 namespace {
 
-constexpr const char* kName = "/hud_mem";
 constexpr off_t kSize = sizeof(DisplayRegion);
 
 // Together 100 ms: more than any process takes from one call to the next.
@@ -22,7 +21,7 @@ constexpr useconds_t kPauseUs = 5000;
 DisplayRegion* region = nullptr;
 
 DisplayRegion* refuse(const char* reason) {
-  log_text("Cannot map shared memory %s: %s\n", kName, reason);
+  log_text("Cannot map shared memory %s: %s\n", kDisplayRegionName, reason);
   return nullptr;
 }
 
@@ -39,7 +38,7 @@ off_t settled_size(const UniqueFd& fd) {
 
 DisplayRegion* map_region() {
   bool created = false;
-  const UniqueFd fd = open_shared_memory(kName, created);
+  const UniqueFd fd = open_shared_memory(kDisplayRegionName, created);
   if (!fd) return refuse(std::strerror(errno));
   if (created) {
     if (ftruncate(fd.get(), sizeof(DisplayRegion)) != 0) return refuse(std::strerror(errno));
@@ -48,8 +47,8 @@ DisplayRegion* map_region() {
     if (size == -1) return refuse(std::strerror(errno));
     // Touching a page that the object does not have would end the process with a bus error.
     if (size < kSize) {
-      log_text("Cannot map shared memory %s: it has %lld bytes, expected at least %zu\n", kName,
-               static_cast<long long>(size), sizeof(DisplayRegion));
+      log_text("Cannot map shared memory %s: it has %lld bytes, expected at least %zu\n",
+               kDisplayRegionName, static_cast<long long>(size), sizeof(DisplayRegion));
       return nullptr;
     }
   }

@@ -116,7 +116,7 @@ struct DisplayRegion {
   // RC receiver. The RC reader process writes here; the service writes the channel map and whether
   // the channels are shown, and clears the state when a setting ends the reader.
   std::array<std::byte, 127> reserved_1048;
-  Shared<std::uint8_t> rc_status;      // 1175: receiver state; 6: values are live
+  Shared<std::uint8_t> rc_status;      // 1175: receiver state; 6: values are live (kReceiverLive)
   Shared<std::uint8_t> show_channels;  // 1176: 1: the display shows the channels
   std::array<std::byte, 1> reserved_1177;
   std::array<Shared<std::uint16_t>, 32> rc_channel_values;  // 1178: raw channel values
@@ -131,7 +131,23 @@ struct DisplayRegion {
   std::array<std::byte, 1> reserved_1857;
   CommandMailbox command_mailbox;  // 1858: one pending command text from a viewer
   std::array<std::byte, 302> reserved_2370;
+
+  /// Sets the camera timer back to where none is known.
+  void reset_timer() noexcept {
+    timer_state = 0;
+    timer_start_ms = 0;
+    timer_elapsed_ms = 0;
+  }
 };
+
+/// The name of the shared-memory object.
+inline constexpr const char* kDisplayRegionName = "/hud_mem";
+
+/// Of rc_status.
+inline constexpr std::uint8_t kReceiverLive = 6;
+
+inline constexpr std::size_t kRcChannels =
+    std::tuple_size_v<decltype(DisplayRegion::rc_channel_values)>;
 
 static_assert(offsetof(DisplayRegion, product_name) == 0);
 static_assert(offsetof(DisplayRegion, version_text) == 286);
@@ -223,7 +239,7 @@ static_assert(offsetof(DisplayRegion, command_mailbox) == 1858);
 static_assert(sizeof(DisplayRegion) == 2672);
 static_assert(std::is_trivially_default_constructible_v<DisplayRegion>);
 
-/// Maps "/hud_mem". A new region is zero-filled with mode 0600; an existing one is taken as it is,
+/// Maps the object. A new region is zero-filled with mode 0600; an existing one is taken as it is,
 /// neither resized nor cleared. Never unmapped nor unlinked: the region outlives the process.
 /// Returns null after one line on standard error when the region cannot be had or is too short to
 /// hold the layout. Main thread, once.

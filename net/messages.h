@@ -13,12 +13,22 @@
 
 namespace nimbus {
 
-/// A frame to or from a viewer is a header of so many bytes, the first of them the magic, and the
-/// payload. The header's 32-bit word at kFrameNumberOffset numbers the broadcasts.
-inline constexpr std::size_t kFrameHeaderSize = 12;
+/// The service's UDP port; viewers have any.
+inline constexpr std::uint16_t kViewerPort = 4242;
+
+// --- The frame, in both directions -------------------------------------------------------------
+//   0  u8   0x42
+//   1  u8   to viewers: 1 for relayed video, else 0; from viewers: ignored
+//   2  u16  0
+//   4  u32  to viewers: the broadcast's number; from viewers: ignored
+//   8  u16  reserved, sent as 0, ignored
+//  10  u16  0
+//  12       payload
+
 inline constexpr std::uint8_t kFrameMagic = 0x42;
 inline constexpr std::size_t kFrameKindOffset = 1;
 inline constexpr std::size_t kFrameNumberOffset = 4;
+inline constexpr std::size_t kFrameHeaderSize = 12;
 
 /// The byte of the frame header that tells relayed video from everything else.
 enum class FrameKind : std::uint8_t { data = 0, video = 1 };
@@ -59,12 +69,15 @@ enum class ToViewer : std::uint8_t {
 // --- From viewers ------------------------------------------------------------------------------
 
 struct RegisterMessage {
-  static constexpr WireField<std::uint8_t> mode{1, "mode"};  // 1: data-only
+  static constexpr std::uint8_t kDataOnly = 1;
+  static constexpr WireField<std::uint8_t> mode{1, "mode"};  // kDataOnly, or anything else
   static constexpr std::array<WireItem, 1> kItems{mode};
 };
 
-/// 4000 is 1.0. Only mode 1 sets a speed.
+/// 4000 is 1.0.
 struct SpeedMessage {
+  static constexpr std::size_t kSize = 8;
+  static constexpr std::uint8_t kSets = 1;  // the only mode that sets a speed
   static constexpr WireField<std::uint8_t> mode{1, "mode"};
   static constexpr WireField<std::int16_t> pan{2, "pan"};
   static constexpr WireField<std::int16_t> tilt{4, "tilt"};
@@ -77,8 +90,11 @@ struct SpeedMessage {
 inline constexpr std::size_t kShortMessageSize = 7;
 
 struct ConnectionMessage {
-  static constexpr WireField<std::uint8_t> source{1, "source"};  // 0: camera data, 1: video
-  static constexpr WireField<std::uint8_t> state{2, "state"};    // 2: connected, 0: not
+  static constexpr std::uint8_t kCameraData = 0;
+  static constexpr std::uint8_t kVideo = 1;
+  static constexpr std::uint8_t kConnected = 2;
+  static constexpr WireField<std::uint8_t> source{1, "source"};  // kCameraData or kVideo
+  static constexpr WireField<std::uint8_t> state{2, "state"};    // kConnected, or 0
   static constexpr std::array<WireItem, 2> kItems{source, state};
 };
 

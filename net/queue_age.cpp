@@ -4,20 +4,13 @@
 
 #include <algorithm>
 
+#include "base/clock.h"
+
 namespace nimbus {
-namespace {
-
-std::int64_t nanoseconds_of(clockid_t clock) noexcept {
-  timespec now{};
-  clock_gettime(clock, &now);
-  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
-
-}  // namespace
 
 Clocks read_clocks() noexcept {
-  const std::int64_t monotonic = nanoseconds_of(CLOCK_MONOTONIC);
-  return {.wall = nanoseconds_of(CLOCK_REALTIME), .monotonic = monotonic};
+  const std::int64_t monotonic = clock_ns(CLOCK_MONOTONIC);
+  return {.wall = clock_ns(CLOCK_REALTIME), .monotonic = monotonic};
 }
 
 std::int64_t QueueAge::waited(std::int64_t stamp, Clocks now) noexcept {

@@ -26,26 +26,20 @@ void set_data_connected(std::uint8_t connected) {
   config->data_connected = connected;
 }
 
-void reset_camera_timer() {
-  display->timer_state = 0;
-  display->timer_start_ms = 0;
-  display->timer_elapsed_ms = 0;
-}
-
 void data_found() {
   log_text("Data found\n");
   set_data_connected(1);
   display->telemetry_status_text.clear();
   display->product_name.clear();
   display->version_text.clear();
-  reset_camera_timer();
+  display->reset_timer();
 }
 
 void data_lost() {
   log_text("Data lost\n");
   set_data_connected(0);
   display->telemetry_status_text.assign("telemetry disconnected");
-  reset_camera_timer();
+  display->reset_timer();
 }
 
 void data_packet(const Datagram& datagram) {

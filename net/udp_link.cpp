@@ -28,7 +28,7 @@ std::optional<std::int64_t> stamp_of(msghdr& message) noexcept {
   if (item == nullptr || item->cmsg_type != SCM_TIMESTAMPNS) return {};
   timespec stamp{};
   std::memcpy(&stamp, CMSG_DATA(item), sizeof(stamp));
-  return std::int64_t{stamp.tv_sec} * 1'000'000'000 + stamp.tv_nsec;
+  return nanoseconds_of(stamp);
 }
 
 }  // namespace
@@ -144,7 +144,7 @@ bool UdpLink::is_too_old(const Receipt& receipt) noexcept {
 
 void UdpLink::count_dropped() noexcept {
   ++dropped_;
-  const auto now = static_cast<std::uint32_t>(read_clocks().monotonic / 1'000'000'000);
+  const auto now = static_cast<std::uint32_t>(read_clocks().monotonic / kNsPerSecond);
   const std::uint32_t told = drops_told_s;
   // Of whole seconds, one more: told at the end of one, it was told a moment before the next.
   if (told != 0 && now - told <= kDropReportPeriod.count()) return;

@@ -101,14 +101,15 @@ class UdpLink {
   void notice_silence() noexcept;
 
  private:
-  static void* run(void* link) noexcept;
-  [[noreturn]] void receive_loop() noexcept;
   /// What one call has received: how many bytes, from whom, stamped when.
   struct Receipt {
     std::ptrdiff_t length;
     Endpoint sender;
     std::optional<std::int64_t> stamp;  // nanoseconds of the kernel's wall clock
   };
+
+  static void* run(void* link) noexcept;
+  [[noreturn]] void receive_loop() noexcept;
   Receipt receive() noexcept;
   void note(Endpoint sender) noexcept;
   bool is_too_old(const Receipt& receipt) noexcept;

@@ -18,18 +18,8 @@
 namespace nimbus {
 namespace {
 
-// --- The frame, in both directions -------------------------------------------------------------
-//   0  u8   0x42
-//   1  u8   outbound: 1 for relayed video, else 0; inbound: ignored
-//   2  u16  0
-//   4  u32  outbound: the broadcast's number; inbound: ignored
-//   8  u16  reserved, sent as 0, ignored
-//  10  u16  0
-//  12       payload
-
-// --- What viewers say --------------------------------------------------------------------------
-constexpr std::uint8_t kDataOnlyMode = 1;
-constexpr std::size_t kLongestFixedPayload = 8;
+// The longest of what viewers say, but for texts.
+constexpr std::size_t kLongestFixedPayload = SpeedMessage::kSize;
 constexpr std::size_t kHeadSize = kFrameHeaderSize + kLongestFixedPayload;
 
 // --- Policy ------------------------------------------------------------------------------------
@@ -90,7 +80,7 @@ bool open_sockets() {
 std::array<std::uint8_t, kFrameHeaderSize> frame_header(FrameKind kind, std::uint32_t number) {
   std::array<std::uint8_t, kFrameHeaderSize> header{};
   header[0] = kFrameMagic;
-  header[1] = static_cast<std::uint8_t>(kind);
+  header[kFrameKindOffset] = static_cast<std::uint8_t>(kind);
   store_le(header, kFrameNumberOffset, number);
   return header;
 }
@@ -168,7 +158,8 @@ void handle_viewer_datagram(const Datagram& datagram) noexcept {
   const ByteView payload(std::span<const std::uint8_t>(head).subspan(kFrameHeaderSize));
   switch (static_cast<FromViewer>(head[kFrameHeaderSize])) {
     case FromViewer::register_viewer:
-      handle_register(datagram.sender, payload[RegisterMessage::mode] == kDataOnlyMode);
+      handle_register(datagram.sender,
+                      payload[RegisterMessage::mode] == RegisterMessage::kDataOnly);
       break;
     case FromViewer::leave:
       handle_leave(datagram.sender);

@@ -17,7 +17,6 @@
 
 namespace nimbus {
 
-inline constexpr std::uint16_t kViewerPort = 4242;
 inline constexpr std::size_t kMaxViewers = 10;
 
 /// A viewer that has not registered again for longer than this is lost.

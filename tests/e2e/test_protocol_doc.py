@@ -212,7 +212,7 @@ def test_configuration_commands():
 def test_interface_codes():
     described = {(word(row["Code"]), "".join(words(row["Interface"])))
                  for row in table("Configuration commands", 1)}
-    text = block("config/interface_codes.cpp", "kInterfaceCodes").replace("kNoInterfaceCode", '"0"')
+    text = block("config/interface_codes.h", "kInterfaceCodes").replace("kNoInterfaceCode", '"0"')
     assert described == set(re.findall(r'\{"(\w+)", "(\w*)"\}', text))
 
 
@@ -302,7 +302,7 @@ def test_types_from_viewers():
 
 def test_limits():
     code = {
-        "viewer port": constant("net/viewers.h", "kViewerPort"),
+        "viewer port": constant("net/messages.h", "kViewerPort"),
         "camera data port": constant("net/sources.h", "kDataPort"),
         "video port": constant("net/sources.h", "kVideoPort"),
         "viewers": constant("net/viewers.h", "kMaxViewers"),

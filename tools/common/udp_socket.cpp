@@ -69,6 +69,11 @@ std::optional<std::span<std::uint8_t>> UdpSocket::receive(std::span<std::uint8_t
   return buffer.first(static_cast<std::size_t>(size));
 }
 
+void UdpSocket::hold_bursts() {
+  constexpr int kQueueBytes = 4 * 1024 * 1024;
+  setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &kQueueBytes, sizeof(kQueueBytes));
+}
+
 Endpoint UdpSocket::local() const { return endpoint(getsockname, socket_.get()); }
 Endpoint UdpSocket::peer() const { return endpoint(getpeername, socket_.get()); }
 

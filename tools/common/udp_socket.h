@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -15,6 +16,9 @@ struct Endpoint {
   std::uint32_t address = 0;
   std::uint16_t port = 0;
 };
+
+/// Room for whatever one receive may bring.
+inline constexpr std::size_t kLargestDatagram = 65'536;
 
 /// An IPv4 address in host byte order, as in "192.168.1.5".
 [[nodiscard]] std::string dotted(std::uint32_t address);
@@ -35,6 +39,9 @@ class UdpSocket {
   /// ones are cut. Nothing when the time is over or a signal came.
   std::optional<std::span<std::uint8_t>> receive(std::span<std::uint8_t> buffer,
                                                  std::chrono::milliseconds wait);
+
+  /// Makes room for bursts of video before they are received, as far as the system allows.
+  void hold_bursts();
 
   /// Both ends, as the system has them; zeros when it does not tell.
   [[nodiscard]] Endpoint local() const;

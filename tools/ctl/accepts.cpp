@@ -6,6 +6,7 @@
 #include "camera/codes.h"
 #include "config/interface_codes.h"
 #include "control/rc_map.h"
+#include "display/region.h"
 #include "tools/common/numbers.h"
 #include "tools/ctl/value.h"
 
@@ -82,11 +83,9 @@ std::string expected_colour() {
   return list;
 }
 
-constexpr int kChannels = 32;
-
 std::optional<std::string> convert_rc_map(std::string_view text) {
   std::string_view rest = text;
-  for (int channel = 0; channel < kChannels; ++channel) {
+  for (std::size_t channel = 0; channel < kRcChannels; ++channel) {
     const auto comma = rest.find(',');
     const std::string_view word = rest.substr(0, comma);
     if (!word.empty() && find_word(kRcFunctionWords, word) == nullptr) return std::nullopt;
@@ -97,7 +96,8 @@ std::optional<std::string> convert_rc_map(std::string_view text) {
 }
 
 std::string expected_rc_map() {
-  return "up to 32 words, with commas between and nothing for a free channel, of " +
+  return "up to " + std::to_string(kRcChannels) +
+         " words, with commas between and nothing for a free channel, of " +
          kWordsOf<kRcFunctionWords>.expected();
 }
 
@@ -109,7 +109,7 @@ std::optional<std::string> convert_interface(std::string_view text) {
   return code;
 }
 
-std::string expected_interface() { return "none, wifi0, wlan0"; }
+std::string expected_interface() { return "none, " + interface_names(", "); }
 
 /// A list for people as a choice.
 Shape listed(const std::string& list) {
@@ -139,11 +139,21 @@ constexpr Accepts kColour{convert_colour, expected_colour,
 constexpr Accepts kRcMap{convert_rc_map, expected_rc_map, [] {
                            Shape shape = choice_of(kRcFunctionWords);
                            shape.kind = "words";
-                           shape.most = kChannels;
+                           shape.most = kRcChannels;
                            return shape;
                          }};
 constexpr Accepts kInterfaceName{convert_interface, expected_interface,
                                  [] { return listed(expected_interface()); }};
+
+std::string interface_names(std::string_view between) {
+  std::string list;
+  for (const InterfaceCode& row : kInterfaceCodes) {
+    if (*row.name == '\0') continue;
+    if (!list.empty()) list += between;
+    list += row.name;
+  }
+  return list;
+}
 
 void append_word(std::string& list, std::string_view word) {
   if (!list.empty()) list += ", ";

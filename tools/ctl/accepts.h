@@ -40,6 +40,9 @@ template <typename Table>
 /// Appends a word to a list for people.
 void append_word(std::string& list, std::string_view word);
 
+/// The interfaces that have a code, by their names.
+[[nodiscard]] std::string interface_names(std::string_view between);
+
 /// Exactly the words of a table: any range of Word.
 template <const auto& table>
 inline constexpr Accepts kWordsOf{[](std::string_view text) -> std::optional<std::string> {

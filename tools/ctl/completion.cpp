@@ -5,6 +5,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "config/interface_codes.h"
 #include "tools/ctl/commands.h"
 #include "tools/ctl/settings.h"
 
@@ -31,6 +32,14 @@ bool begin_alike(Words words, std::span<const std::string_view> others) {
   return std::ranges::equal(words.first(both), others.first(both));
 }
 
+Choices interfaces() {
+  Choices choices;
+  for (const InterfaceCode& row : kInterfaceCodes) {
+    if (*row.name != '\0') choices.emplace_back(row.name);
+  }
+  return choices;
+}
+
 Choices behind_config_set(Words words) {
   Choices choices;
   if (words.empty()) {
@@ -53,7 +62,7 @@ std::vector<std::string> choices_behind(std::span<const std::string> words) {
   if (words.size() >= 2 && words[0] == "config" && words[1] == "set") {
     return behind_config_set(words.subspan(2));
   }
-  if (words.size() == 2 && words[0] == "wifi" && words[1] == "scan") return {"wifi0", "wlan0"};
+  if (words.size() == 2 && words[0] == "wifi" && words[1] == "scan") return interfaces();
   Choices choices;
   for (const Command& command : all_commands()) {
     const auto own = words_of(command.words);

@@ -23,7 +23,6 @@
 namespace nimbus::ctl {
 namespace {
 
-constexpr const char* kName = "/hud_mem";
 constexpr std::chrono::milliseconds kFollowPeriod{50};
 
 // --- The region --------------------------------------------------------------------------------
@@ -36,12 +35,12 @@ struct Unmap {
 using Mapping = std::unique_ptr<const DisplayRegion, Unmap>;
 
 [[noreturn]] void refuse(const std::string& reason) {
-  throw tools::Failure("cannot read the display region " + std::string(kName) + ": " + reason +
-                       "; expected a board on which the service has run");
+  throw tools::Failure("cannot read the display region " + std::string(kDisplayRegionName) + ": " +
+                       reason + "; expected a board on which the service has run");
 }
 
 Mapping map_region() {
-  const UniqueFd fd(shm_open(kName, O_RDONLY, 0));
+  const UniqueFd fd(shm_open(kDisplayRegionName, O_RDONLY, 0));
   struct stat status {};
   if (!fd || fstat(fd.get(), &status) != 0) refuse(std::strerror(errno));
   if (status.st_size < static_cast<off_t>(sizeof(DisplayRegion))) {

@@ -15,6 +15,7 @@
 #include "tools/common/failure.h"
 #include "tools/common/numbers.h"
 #include "tools/common/version.h"
+#include "tools/ctl/accepts.h"
 #include "tools/ctl/capture.h"
 #include "tools/ctl/commands.h"
 #include "tools/ctl/completion.h"
@@ -287,7 +288,7 @@ class CommandLine {
     wifi->footer(example("wifi scan wlan0"));
     auto* const command = wifi->add_subcommand("scan", "List the networks that an interface hears");
     options_.name = "wlan0";
-    command->add_option("IFACE", options_.name, "wifi0 or wlan0")->default_str("wlan0");
+    command->add_option("IFACE", options_.name, interface_names(" or "))->default_str("wlan0");
     command->footer(example("wifi scan wlan0"));
     on(command, [this] { scan_wifi(options_.connection, options_.name); });
     on(wifi, [] { throw tools::Failure("wifi needs a word; expected scan"); });

@@ -56,12 +56,11 @@ Field named(ByteView payload, const WireField<std::uint8_t>& field, const Table&
 
 Fields connection(ByteView payload) {
   using M = ConnectionMessage;
-  constexpr std::uint8_t kConnected = 2;
   const std::uint8_t source = payload[M::source];
-  return {{"source", source == 0   ? std::string("camera data")
-                     : source == 1 ? std::string("video")
-                                   : "source " + std::to_string(source)},
-          {"connected", payload[M::state] == kConnected}};
+  return {{"source", source == M::kCameraData ? std::string("camera data")
+                     : source == M::kVideo    ? std::string("video")
+                                              : "source " + std::to_string(source)},
+          {"connected", payload[M::state] == M::kConnected}};
 }
 
 Fields flags(ByteView payload) {
@@ -182,7 +181,7 @@ Fields histogram(ByteView payload) {
 
 Fields rc_channels(ByteView payload) {
   using M = RcChannelsMessage;
-  constexpr std::size_t kMost = 32;
+  constexpr std::size_t kMost = WireItem(M::channels).count;
   std::vector<int> channels(std::min<std::size_t>(payload[M::count], kMost));
   for (std::size_t i = 0; i < channels.size(); ++i) channels[i] = payload[M::channels.word(i)];
   return {whole(payload, M::rc_status), {M::channels.name, std::move(channels)}};

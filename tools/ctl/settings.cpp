@@ -188,7 +188,8 @@ bool is_stored(std::string_view name) {
 std::string json_for_scan(std::string_view interface) {
   const auto code = kInterfaceName.convert(interface);
   if (!code || *code == kNoInterfaceCode) {
-    throw tools::Failure("no interface '" + std::string(interface) + "'; expected wifi0 or wlan0");
+    throw tools::Failure("no interface '" + std::string(interface) + "'; expected " +
+                         interface_names(" or "));
   }
   const Json json = empty_object();
   add_text(json.get(), "cmd", "wlan");

@@ -1,12 +1,9 @@
 #include "tools/ctl/viewer_link.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
 
 #include "base/wire.h"
 #include "display/command_mailbox.h"
-#include "net/viewers.h"
 #include "tools/common/failure.h"
 #include "tools/common/text.h"
 #include "tools/ctl/interrupt.h"
@@ -15,11 +12,6 @@ namespace nimbus::ctl {
 namespace {
 
 using std::chrono::milliseconds;
-
-constexpr std::uint8_t kSpeedMode = 1;
-
-constexpr std::size_t kLargestDatagram = 65'536;
-constexpr int kReceiveBuffer = 4 * 1024 * 1024;  // bursts of video, as far as the system allows
 
 // The service forgets a viewer after five seconds.
 constexpr milliseconds kRegistrationPeriod{1000};
@@ -55,11 +47,12 @@ std::vector<std::uint8_t> encode_frame(std::span<const std::uint8_t> payload) {
   return frame;
 }
 
-std::array<std::uint8_t, 8> speed_payload(const std::array<std::int16_t, 3>& pan_tilt_roll) {
-  std::array<std::uint8_t, 8> payload{type_of(FromViewer::speed), kSpeedMode};
-  for (std::size_t i = 0; i < pan_tilt_roll.size(); ++i) {
-    store_le(payload, 2 + 2 * i, pan_tilt_roll[i]);
-  }
+SpeedPayload speed_payload(const std::array<std::int16_t, 3>& pan_tilt_roll) {
+  SpeedPayload payload{type_of(FromViewer::speed)};
+  put(payload, SpeedMessage::mode, SpeedMessage::kSets);
+  put(payload, SpeedMessage::pan, pan_tilt_roll[0]);
+  put(payload, SpeedMessage::tilt, pan_tilt_roll[1]);
+  put(payload, SpeedMessage::roll, pan_tilt_roll[2]);
   return payload;
 }
 
@@ -73,7 +66,9 @@ std::span<const std::uint8_t> command_payload(std::string_view text) {
 }
 
 ViewerLink::ViewerLink(const Connection& connection, Tap tap)
-    : socket_(connection.host, connection.port), tap_(std::move(tap)), buffer_(kLargestDatagram) {
+    : socket_(connection.host, connection.port),
+      tap_(std::move(tap)),
+      buffer_(tools::kLargestDatagram) {
   if (reach(connection.timeout)) return;
   Place place{connection.host, connection.port};
   if (connection.elsewhere != nullptr) {
@@ -91,7 +86,7 @@ ViewerLink::ViewerLink(const Connection& connection, Tap tap)
 
 /// Whether somebody answers in time; or the tool shall end.
 bool ViewerLink::reach(double seconds) {
-  setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
+  socket_.hold_bursts();
   first_ = receive_next(end_after(seconds), kKnockPeriod);
   if (first_ || interrupted()) return true;
   leave();  // a late service shall not keep a place for nobody

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "net/messages.h"
 #include "tools/common/udp_socket.h"
 
 namespace nimbus::ctl {
@@ -29,7 +30,7 @@ struct Place {
 /// Where the service is, and how long it may take to answer.
 struct Connection {
   std::string host = "127.0.0.1";
-  std::uint16_t port = 4242;
+  std::uint16_t port = kViewerPort;
   double timeout = 1.2;  ///< seconds; a registered viewer hears something once a second
   /// Where else it may be, when nobody answers there; null: nowhere. May throw.
   std::optional<Place> (*elsewhere)() = nullptr;
@@ -56,11 +57,10 @@ using Tap = std::function<void(const Passing&)>;
 [[nodiscard]] std::vector<std::uint8_t> encode_frame(std::span<const std::uint8_t> payload);
 
 /// What a viewer says, as payloads: 4000 is full speed.
-using ShortPayload = std::array<std::uint8_t, 2>;
-inline constexpr ShortPayload kRegistration{0, 0};
+inline constexpr std::array<std::uint8_t, 2> kRegistration{0, 0};
 inline constexpr std::array<std::uint8_t, 1> kLeave{1};
-[[nodiscard]] std::array<std::uint8_t, 8> speed_payload(
-    const std::array<std::int16_t, 3>& pan_tilt_roll);
+using SpeedPayload = std::array<std::uint8_t, SpeedMessage::kSize>;
+[[nodiscard]] SpeedPayload speed_payload(const std::array<std::int16_t, 3>& pan_tilt_roll);
 
 /// The text of a command as a payload. Throws Failure when it does not fit the service's mailbox.
 [[nodiscard]] std::span<const std::uint8_t> command_payload(std::string_view text);

@@ -14,9 +14,6 @@
 
 namespace nimbus::sim {
 
-inline constexpr std::uint8_t kPhotoMode = 0;
-inline constexpr std::uint8_t kVideoMode = 1;
-
 /// What a reset sets back. Codes as on the wire.
 struct Settings {
   std::uint8_t mode = kVideoMode;

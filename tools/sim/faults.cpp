@@ -44,7 +44,7 @@ FaultRates parse_fault_rates(std::string_view text) {
     if (!value || *value < 0 || *value > 1) {
       throw Failure("'" + std::string(item) + "' has no rate; expected a number from 0 to 1");
     }
-    rates.** rate = *value;
+    rates.*(*rate) = *value;
     if (comma == std::string_view::npos) return rates;
     text.remove_prefix(comma + 1);
   }

@@ -18,25 +18,27 @@ std::variant<Frame, std::string> check_frame(Bytes datagram) {
                        unsigned{kDumlStart});
   }
   constexpr unsigned kLengthBits = 0x3FF;
-  const std::size_t length = load_le<std::uint16_t>(datagram, 1) & kLengthBits;
+  const std::size_t length = ByteView(datagram)[DumlHeader::length] & kLengthBits;
   if (length != datagram.size()) {
     return format_text("says that it has %zu bytes, but has %zu", length, datagram.size());
   }
-  const std::uint8_t crc8 = duml_crc8(datagram.first(3));
-  if (datagram[3] != crc8) {
-    return format_text("header check %02x, expected %02x", unsigned{datagram[3]}, unsigned{crc8});
+  const ByteView header(datagram);
+  const std::uint8_t crc8 = duml_crc8(datagram.first(DumlHeader::check.at));
+  if (header[DumlHeader::check] != crc8) {
+    return format_text("header check %02x, expected %02x", unsigned{header[DumlHeader::check]},
+                       unsigned{crc8});
   }
   const std::size_t checked = length - 2;
   const std::uint16_t crc16 = duml_crc16(datagram.first(checked));
   if (const auto found = load_le<std::uint16_t>(datagram, checked); found != crc16) {
     return format_text("frame check %04x, expected %04x", unsigned{found}, unsigned{crc16});
   }
-  return Frame{.sender = datagram[4],
-               .receiver = datagram[5],
-               .sequence = load_le<std::uint16_t>(datagram, kDumlSequenceOffset),
-               .type = datagram[8],
-               .set = datagram[9],
-               .id = datagram[10],
+  return Frame{.sender = header[DumlHeader::sender],
+               .receiver = header[DumlHeader::receiver],
+               .sequence = header[DumlHeader::sequence],
+               .type = header[DumlHeader::type],
+               .set = header[DumlHeader::set],
+               .id = header[DumlHeader::id],
                .payload = datagram.subspan(kDumlHeaderSize, length - kDumlOverhead)};
 }
 

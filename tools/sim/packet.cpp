@@ -110,6 +110,7 @@ UdpReader::Pending& UdpReader::pending(const Name& name) {
   const auto found = std::find_if(pending_.begin(), pending_.end(),
                                   [&name](const Pending& one) { return one.name == name; });
   if (found != pending_.end()) return *found;
+  // By a name of its own: the row's goes with the row.
   if (pending_.size() == kMost) give_up(Name(pending_.front().name));
   pending_.push_back({name, {}, 0, {}});
   return pending_.back();

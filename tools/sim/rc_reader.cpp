@@ -24,7 +24,7 @@ bool is_published(const DisplayRegion& display) {
 FunctionValues function_values(const RcReceiver& receiver, const DisplayRegion& display) {
   FunctionValues values;
   if (is_published(display)) {
-    for (std::size_t channel = 0; channel < RcReceiver::kChannels; ++channel) {
+    for (std::size_t channel = 0; channel < kRcChannels; ++channel) {
       const std::uint8_t code = display.rc_channel_map[channel];
       const auto& raw = receiver.channels[channel];
       if (code < values.size() && raw) values[code] = centred(*raw);
@@ -39,10 +39,10 @@ FunctionValues function_values(const RcReceiver& receiver, const DisplayRegion& 
 }  // namespace
 
 void write_receiver(const RcReceiver& receiver, DisplayRegion& display) {
-  for (std::size_t channel = 0; channel < RcReceiver::kChannels; ++channel) {
+  for (std::size_t channel = 0; channel < kRcChannels; ++channel) {
     display.rc_channel_values[channel] = receiver.channels[channel].value_or(0);
   }
-  const bool live = receiver.state == RcReceiver::kLive;
+  const bool live = receiver.state == kReceiverLive;
   const FunctionValues values = function_values(receiver, display);
   for (std::size_t code = 0; code < values.size(); ++code) {
     const double value = values[code].value_or(0);

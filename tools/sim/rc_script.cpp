@@ -138,7 +138,7 @@ class Parser {
   void channel(const Words& words) {
     constexpr unsigned kHighest = 65535;
     expect_assignment(words, 4, "channel NUMBER = VALUE");
-    const auto number = parse_whole(words[1], 1, RcReceiver::kChannels);
+    const auto number = parse_whole(words[1], 1, kRcChannels);
     if (!number) fail(quoted(words[1]) + " is no channel; expected a number from 1 to 32");
     RcStep step{.what = RcStep::What::channel, .index = *number - 1};
     if (words[3] != "off") {

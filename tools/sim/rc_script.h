@@ -17,17 +17,17 @@
 #include <utility>
 #include <vector>
 
+#include "display/region.h"
+
 namespace nimbus::sim {
 
 /// What a receiver says at one moment.
 struct RcReceiver {
-  static constexpr std::size_t kChannels = 32;
   static constexpr std::size_t kFunctions = 32;
-  static constexpr std::uint8_t kLive = 6;
 
-  std::uint8_t state = kLive;
+  std::uint8_t state = kReceiverLive;
   /// Raw values, 1500 in the middle; none: the receiver has no such channel.
-  std::array<std::optional<std::uint16_t>, kChannels> channels;
+  std::array<std::optional<std::uint16_t>, kRcChannels> channels;
   /// Centred values (-1.0 to 1.0) by function code, whatever the channels say; none: they decide.
   std::array<std::optional<double>, kFunctions> functions;
 };

@@ -3,8 +3,8 @@
 #include <cinttypes>
 #include <utility>
 
+#include "net/messages.h"
 #include "net/sources.h"
-#include "net/viewers.h"
 #include "tools/common/failure.h"
 #include "tools/common/text.h"
 
@@ -20,7 +20,7 @@ constexpr double kBetweenRounds = 0.04;
 bool is_video_frame(const UdpDatagram& udp) {
   constexpr auto kVideo = static_cast<std::uint8_t>(FrameKind::video);
   return udp.source_port == kViewerPort && udp.payload.size() > kFrameHeaderSize &&
-         udp.payload[0] == kFrameMagic && udp.payload[1] == kVideo;
+         udp.payload[0] == kFrameMagic && udp.payload[kFrameKindOffset] == kVideo;
 }
 
 }  // namespace

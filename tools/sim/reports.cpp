@@ -155,16 +155,15 @@ constexpr std::array<Report, kReportKinds.size()> kReports{{
 std::span<const Report> reports() { return kReports; }
 
 std::vector<std::uint8_t> ReportEncoder::encode(const Report& report, CameraModel& camera) {
-  constexpr unsigned kVersion = 1;
   std::vector<std::uint8_t> frame(report.length);
-  frame[0] = kDumlStart;
-  store_le(FrameBytes(frame), 1, static_cast<std::uint16_t>(report.length | kVersion << 10));
-  frame[3] = duml_crc8(std::span(frame).first(3));
-  frame[4] = report.sender;
-  frame[5] = kService;
-  store_le(FrameBytes(frame), kDumlSequenceOffset, sequence_++);
-  frame[kDumlSetOffset] = report.set;
-  frame[10] = report.id;
+  put(frame, DumlHeader::start, kDumlStart);
+  put(frame, DumlHeader::length, duml_length(report.length));
+  put(frame, DumlHeader::check, duml_crc8(std::span(frame).first(DumlHeader::check.at)));
+  put(frame, DumlHeader::sender, report.sender);
+  put(frame, DumlHeader::receiver, kService);
+  put(frame, DumlHeader::sequence, sequence_++);
+  put(frame, DumlHeader::set, report.set);
+  put(frame, DumlHeader::id, report.id);
   report.fill(camera, frame);
   const std::size_t checked = frame.size() - 2;
   store_le(FrameBytes(frame), checked, duml_crc16(std::span(frame).first(checked)));

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "camera/words.h"
+
 namespace nimbus::sim {
 namespace {
 
@@ -55,7 +57,7 @@ double focal_length() {
 
 // --- Exposure and colour -----------------------------------------------------------------------
 
-constexpr std::uint8_t kManual = 4;
+constexpr std::uint8_t kManual = *find_word(kExposureModes, "manual");
 
 double shutter_seconds(const ShutterCode& code) {
   constexpr unsigned kFraction = 0x80;

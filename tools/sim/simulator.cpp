@@ -23,6 +23,10 @@ using tools::format_text;
 /// Seconds between two steps at the most.
 constexpr double kStep = 0.005;
 
+/// Datagrams that a step sends or takes of a kind at the most: no more than a socket holds. What is
+/// late goes with the next one.
+constexpr int kAtOnce = 256;
+
 constexpr std::string_view kStandardInput = "-";
 
 RcScript read_script(const std::string& path) {
@@ -186,8 +190,6 @@ void Simulator::send_sign_of_life() {
 
 void Simulator::send_video_file() {
   if (!file_) return;
-  // A step sends no more than a socket holds; what is late goes with the next one.
-  constexpr int kAtOnce = 256;
   for (int n = 0; n < kAtOnce; ++n) {
     const auto datagram = file_->next(at_);
     if (!datagram) return;
@@ -233,8 +235,6 @@ void Simulator::look_for_refusal(short events, int socket) {
 }
 
 void Simulator::send_replay() {
-  // As with a file: a step sends no more than a socket holds.
-  constexpr int kAtOnce = 256;
   for (int n = 0; n < kAtOnce && replay_->due() && *replay_->due() <= at_; ++n) {
     const ReplayDatagram datagram = replay_->take();
     if (datagram.link == Link::video) {
@@ -249,7 +249,6 @@ void Simulator::send_replay() {
 /// The stream as it comes from the coder.
 void Simulator::send_picture() {
   picture_->pass(at_, camera_);
-  constexpr int kAtOnce = 256;
   for (int n = 0; n < kAtOnce; ++n) {
     const auto piece = picture_->read(options_.datagram);
     if (piece.empty()) return;
@@ -266,7 +265,6 @@ void Simulator::show_progress() {
 // --- What the camera is sent -------------------------------------------------------------------
 
 void Simulator::take_frames() {
-  constexpr int kAtOnce = 256;
   std::array<std::uint8_t, 2048> buffer;
   for (int n = 0; n < kAtOnce; ++n) {
     const auto datagram = data_.receive(buffer, std::chrono::milliseconds(0));

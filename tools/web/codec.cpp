@@ -17,6 +17,14 @@ void append_all(Buffer& out, const Sets& sets) {
   for (const auto& [id, set] : sets) append_unit(out, set);
 }
 
+/// What samples are like, in the low bits of three bytes.
+template <typename Sps>
+void append_samples(Buffer& box, const Sps& sps) {
+  box.push_back(static_cast<std::uint8_t>(0xFC | sps.chroma_format));
+  box.push_back(static_cast<std::uint8_t>(0xF8 | (sps.luma_depth - 8)));
+  box.push_back(static_cast<std::uint8_t>(0xF8 | (sps.chroma_depth - 8)));
+}
+
 // --- H.264 -------------------------------------------------------------------------------------
 
 class H264 final : public Codec {
@@ -133,9 +141,7 @@ void H264::describe(Epoch& epoch) const {
   box.push_back(static_cast<std::uint8_t>(pps_.size()));
   append_sets(box, pps_);
   if (sps.profile == 100 || sps.profile == 110 || sps.profile == 122 || sps.profile == 144) {
-    box.push_back(static_cast<std::uint8_t>(0xFC | sps.chroma_format));
-    box.push_back(static_cast<std::uint8_t>(0xF8 | (sps.luma_depth - 8)));
-    box.push_back(static_cast<std::uint8_t>(0xF8 | (sps.chroma_depth - 8)));
+    append_samples(box, sps);
     box.push_back(0);
   }
   epoch.initialisation = mp4::initialisation(entry);
@@ -212,9 +218,7 @@ void H265::describe(Epoch& epoch) const {
   append(box, sps.profile);
   mp4::append_16(box, 0xF000);  // nothing said of segmentation
   box.push_back(0xFC);          // nor of parallelism
-  box.push_back(static_cast<std::uint8_t>(0xFC | sps.chroma_format));
-  box.push_back(static_cast<std::uint8_t>(0xF8 | (sps.luma_depth - 8)));
-  box.push_back(static_cast<std::uint8_t>(0xF8 | (sps.chroma_depth - 8)));
+  append_samples(box, sps);
   mp4::append_16(box, 0);  // nor of the rate
   constexpr unsigned kLengthsOfFourBytes = 3;
   box.push_back(

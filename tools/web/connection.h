@@ -32,10 +32,4 @@ struct ConnectionContext {
   std::shared_ptr<const std::string> place;  ///< the address of the other side; given back with it
 };
 
-/// How far a TCP connection has come: changes as long as its other side takes bytes.
-[[nodiscard]] std::uint64_t tcp_progress(int fd);
-
-/// Sets what a connection needs so that little of it hides in the system.
-void tune_tcp(int fd);
-
 }  // namespace nimbus::web

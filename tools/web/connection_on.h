@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "tools/web/connection.h"
+#include "tools/web/tcp.h"
 
 namespace nimbus::web {
 

@@ -5,6 +5,7 @@
 
 #include "net/messages.h"
 #include "tools/common/failure.h"
+#include "tools/ctl/messages.h"
 #include "tools/ctl/settings.h"
 #include "tools/web/json_text.h"
 #include "tools/web/orders.h"
@@ -51,12 +52,11 @@ void Hub::take(const ctl::Frame& frame, Time now) {
 
 /// Answers let the next command go.
 void Hub::take_text(Bytes payload, Time now) {
-  const std::string text(payload.begin(), payload.end());
-  ctl::Json json = ctl::parse_object(text);
+  const ctl::Message message = ctl::decode_message(payload);
   // A name with a quote in it makes any of them unreadable: such a text is an answer, too.
-  const bool scan = json != nullptr && ctl::member_text(json.get(), "cmd") == "wlanscan";
-  const bool report = json != nullptr && ctl::member_text(json.get(), "app") == "nimbus";
-  if (report) report_ = std::move(json);
+  const bool scan = message.name == "wifi_scan";
+  const bool report = message.name == "report";
+  if (report) report_ = ctl::parse_object(message.json);
   if (!scan) queue_.replied(Reply::report, now);
   if (!report) queue_.replied(Reply::scan, now);
   deadline_moved();

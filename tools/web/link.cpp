@@ -7,16 +7,14 @@
 namespace nimbus::web {
 namespace {
 
-constexpr std::size_t kLargestDatagram = 65'536;
-constexpr int kReceiveBuffer = 4 * 1024 * 1024;  // bursts of video, as far as the system allows
-constexpr std::chrono::seconds kPatience{3};     // a registered viewer hears something every second
-constexpr int kMostAtOnce = 256;                 // the rest waits for its turn
+constexpr std::chrono::seconds kPatience{3};  // a registered viewer hears something every second
+constexpr int kMostAtOnce = 256;              // the rest waits for its turn
 
 }  // namespace
 
 Link::Link(const std::string& host, std::uint16_t port)
-    : socket_(host, port), buffer_(kLargestDatagram) {
-  setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer));
+    : socket_(host, port), buffer_(tools::kLargestDatagram) {
+  socket_.hold_bursts();
 }
 
 Link::~Link() {
@@ -39,7 +37,7 @@ void Link::receive(const Handler& handler) {
   }
 }
 
-void Link::keep_registered(Time /*now*/) { send(ctl::kRegistration); }
+void Link::keep_registered() { send(ctl::kRegistration); }
 
 bool Link::heard(Time now) const { return heard_ && now - *heard_ < kPatience; }
 

@@ -26,7 +26,7 @@ class Link {
   void receive(const Handler& handler);
 
   /// Keeps the registration: to be called at least once a second.
-  void keep_registered(Time now);
+  void keep_registered();
 
   /// Whether the service has been heard lately.
   [[nodiscard]] bool heard(Time now) const;

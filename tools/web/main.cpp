@@ -9,6 +9,7 @@
 #include <iostream>
 #include <optional>
 
+#include "net/messages.h"
 #include "tools/common/failure.h"
 #include "tools/common/version.h"
 #include "tools/web/passwords.h"
@@ -84,7 +85,7 @@ constexpr const char* kFolder = "/var/lib/nimbus-web";
 
 /// What the command line says beside the server's options.
 struct Words {
-  std::string service = "127.0.0.1:4242";
+  std::string service = "127.0.0.1:" + std::to_string(kViewerPort);
   std::string state = kFolder;
   std::string role;
   std::string rtp;

@@ -36,6 +36,9 @@ enum class Form : std::uint8_t { fmp4, raw };
 
 using SharedBytes = std::shared_ptr<const Buffer>;
 
+/// Microseconds from one picture to the next; a pause that is longer is a hole.
+inline constexpr std::uint64_t kLongestPause = 60'000'000;
+
 /// One picture.
 class Picture {
  public:

@@ -4,11 +4,6 @@
 #include <utility>
 
 namespace nimbus::web {
-namespace {
-
-constexpr std::uint64_t kLongest = 60'000'000;  // microseconds; a pause that is longer is a hole
-
-}  // namespace
 
 Message text_message(const std::string& text) {
   return {.text = true, .head = {text.begin(), text.end()}, .body = nullptr};
@@ -99,7 +94,7 @@ Message Reader::initialisation_message(const SharedPicture& before) const {
 
 /// The time of a picture for this browser, which may not have got the one before it.
 mp4::Span Reader::span_for(const Picture& picture) const {
-  if (end_ == 0 || picture.span.start == end_ || picture.end() > end_ + kLongest ||
+  if (end_ == 0 || picture.span.start == end_ || picture.end() > end_ + kLongestPause ||
       picture.end() <= end_) {
     return picture.span;
   }

@@ -80,7 +80,7 @@ void take_recording(State& state, const ctl::Message& message) {
 }
 
 void set_member(State& state, std::string_view group, std::string_view name, const cJSON* object) {
-  const cJSON* const item = cJSON_GetObjectItemCaseSensitive(object, std::string(name).c_str());
+  const cJSON* const item = ctl::member(object, std::string(name).c_str());
   if (item != nullptr) state.set(group, name, ctl::line_of(item));
 }
 

@@ -23,6 +23,7 @@
 #include "tools/web/own_names.h"
 #include "tools/web/rtp_link.h"
 #include "tools/web/site.h"
+#include "tools/web/tcp.h"
 #include "tools/web/verifier.h"
 
 namespace nimbus::web {
@@ -315,7 +316,7 @@ void Server::watch_deadline() {
 
 void Server::on_second() {
   const Time now = Clock::now();
-  link_.keep_registered(now);
+  link_.keep_registered();
   hub_.each_second(link_.heard(now), now);
   look_after_guests(now);
   second_.expires_after(kSecond);

@@ -28,7 +28,6 @@ class State {
 
   /// What has changed since the last call, as a JSON merge patch; empty when nothing has.
   [[nodiscard]] std::string take_changes();
-  [[nodiscard]] bool changed() const { return changed_; }
 
  private:
   struct Member {

@@ -22,10 +22,9 @@ constexpr std::size_t kSurelyPackets = std::size_t{3} * 188;
 constexpr std::size_t kMostPictures = 600;
 constexpr std::size_t kMostBytes = std::size_t{4} * 1024 * 1024;
 
-// Microseconds. Browsers do not show what is shorter; a pause that is longer is a hole.
+// Microseconds. Browsers do not show what is shorter.
 constexpr std::uint64_t kShortest = 1'000;
 constexpr std::uint64_t kUsual = 40'000;
-constexpr std::uint64_t kLongest = 60'000'000;
 
 }  // namespace
 
@@ -156,7 +155,7 @@ void Stream::tell(Waiting reason) {
 /// nothing waits for its successor and no pause leaves a hole.
 mp4::Span Stream::next_span(Time first) const {
   const std::uint64_t arrival = micros_of(first);
-  if (end_ == 0 || arrival > end_ + kLongest) return {arrival - kUsual, kUsual};
+  if (end_ == 0 || arrival > end_ + kLongestPause) return {arrival - kUsual, kUsual};
   return {end_, static_cast<std::uint32_t>(std::max(arrival, end_ + kShortest) - end_)};
 }
 

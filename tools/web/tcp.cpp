@@ -1,8 +1,8 @@
+#include "tools/web/tcp.h"
+
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-
-#include "tools/web/connection.h"
 
 namespace nimbus::web {
 namespace {

@@ -108,7 +108,7 @@ std::string messages() {
   text += "  },\n  from_viewers = {\n";
   text += row(from(FromViewer::register_viewer), "register", 2, RegisterMessage::kItems);
   text += row(from(FromViewer::leave), "leave", 1, {});
-  text += row(from(FromViewer::speed), "speed", 8, SpeedMessage::kItems);
+  text += row(from(FromViewer::speed), "speed", SpeedMessage::kSize, SpeedMessage::kItems);
   return text + format_text("  },\n  text = %u,\n", unsigned{type_of(ToViewer::text)});
 }
 
@@ -144,7 +144,8 @@ std::string tables() {
                      kFrameHeaderSize, unsigned{kFrameMagic}, kFrameKindOffset,
                      kFrameNumberOffset) +
          format_text("  duml = {start = %u, header = %zu, sequence = %zu, set = %zu},\n",
-                     unsigned{kDumlStart}, kDumlHeaderSize, kDumlSequenceOffset, kDumlSetOffset) +
+                     unsigned{kDumlStart}, kDumlHeaderSize, DumlHeader::sequence.at,
+                     DumlHeader::set.at) +
          all_codes() + messages() + reports() + commands() + "}\n";
 }
 
