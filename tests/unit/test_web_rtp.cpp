@@ -2,13 +2,19 @@
 #include "tools/web/rtp.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <string>
+#include <thread>
 
 #include "tests/unit/web_streams.h"
 #include "tools/web/annex_b.h"
+#include "tools/web/rtp_link.h"
 #include "tools/web/sdp.h"
 
 namespace nimbus::web {
@@ -227,6 +233,28 @@ TEST(RtpOutput, TellsOfParameterSetsSeldom) {
   begin(output, Kind::h265, sets[2]);
   show(output, true, 10, 60 * kSecond);
   EXPECT_EQ(told.size(), 3U);
+}
+
+/// A card that takes its time is a pipe that nobody reads yet.
+TEST(RtpLink, PicturesDoNotWaitForTheFile) {
+  const std::string path = testing::TempDir() + "camera.sdp";
+  RtpLink link("127.0.0.1", 9, path);
+  std::filesystem::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  std::atomic<bool> ready = false;
+  std::string told;
+  std::thread card([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ready = true;
+    std::ifstream file(path);
+    std::getline(file, told, '\0');
+  });
+  begin(link.output(), Kind::h264, {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E});
+  show(link.output(), true, 10);
+  EXPECT_FALSE(ready) << "the picture has waited for the file";
+  card.join();
+  EXPECT_NE(told.find(";profile-level-id=42C01E;"), std::string::npos) << told;
+  std::filesystem::remove(path);
 }
 
 TEST(RtpOutput, ParameterSetsBeforeEachKeyPicture) {

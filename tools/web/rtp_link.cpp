@@ -3,12 +3,9 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <random>
 #include <utility>
 
-#include "base/whole_file.h"
-#include "tools/common/failure.h"
 #include "tools/web/sdp.h"
 
 namespace nimbus::web {
@@ -31,24 +28,13 @@ RtpLink::RtpLink(const std::string& host, std::uint16_t port, std::string sdp)
       sdp_(std::move(sdp)),
       output_(
           random_begin(), [this](Bytes packet) { return send(packet); },
-          [this](Bytes sets) { describe_again(sets); }) {
+          [this](Bytes sets) { sdp_.write_beside(description(sets)); }) {
   setsockopt(socket_.fd(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof(kSendBuffer));
-  describe({});
+  sdp_.write(description({}));
 }
 
-void RtpLink::describe(Bytes sets) const {
-  if (sdp_.empty()) return;
-  const std::string text = session_description(tools::dotted(socket_.peer().address), port_, sets);
-  if (replace_file(sdp_.c_str(), text) == Replaced::whole) return;
-  throw tools::Failure("cannot write '" + sdp_ + "'; expected a file to write for --sdp");
-}
-
-void RtpLink::describe_again(Bytes sets) const {
-  try {
-    describe(sets);
-  } catch (const tools::Failure& failure) {
-    std::fprintf(stderr, "nimbus-web: %s\n", failure.what());
-  }
+std::string RtpLink::description(Bytes sets) const {
+  return session_description(tools::dotted(socket_.peer().address), port_, sets);
 }
 
 /// A receiver that is not there yet refuses packets; that an earlier one was refused fails the send

@@ -6,6 +6,7 @@
 
 #include "tools/common/udp_socket.h"
 #include "tools/web/rtp.h"
+#include "tools/web/sdp_file.h"
 
 namespace nimbus::web {
 
@@ -23,12 +24,11 @@ class RtpLink {
 
  private:
   [[nodiscard]] bool send(Bytes packet);
-  void describe(Bytes sets) const;
-  void describe_again(Bytes sets) const;
+  [[nodiscard]] std::string description(Bytes sets) const;
 
   tools::UdpSocket socket_;
   std::uint16_t port_;
-  std::string sdp_;  // the file; empty: none
+  SdpFile sdp_;
   RtpOutput output_;
 };
 
