@@ -6,9 +6,10 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -241,17 +242,17 @@ TEST(RtpLink, PicturesDoNotWaitForTheFile) {
   RtpLink link("127.0.0.1", 9, path);
   std::filesystem::remove(path);
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  std::atomic<bool> ready = false;
+  std::promise<void> shown;
   std::string told;
   std::thread card([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    ready = true;
+    EXPECT_EQ(shown.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready)
+        << "the picture has waited for the file";
     std::ifstream file(path);
     std::getline(file, told, '\0');
   });
   begin(link.output(), Kind::h264, {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E});
   show(link.output(), true, 10);
-  EXPECT_FALSE(ready) << "the picture has waited for the file";
+  shown.set_value();
   card.join();
   EXPECT_NE(told.find(";profile-level-id=42C01E;"), std::string::npos) << told;
   std::filesystem::remove(path);
