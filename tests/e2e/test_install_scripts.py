@@ -622,7 +622,8 @@ def test_mode_of_the_file_is_kept():
     ("scripts/hdmi-mode.sh", "3", "4"), ("scripts/hdmi-mode.sh", "1", "0"),
     ("scripts/hdmi-mode.sh", "1", "1000"), ("scripts/hdmi-mode.sh", "1", "4x"),
     ("scripts/hdmi-mode.sh", "1", "4", "5"), ("scripts/hdmi-mode.sh", "", ""),
-    ("scripts/system-rules.sh", "a", "b"), ("bin/wlanstatus",), ("bin/wlanstatus", ""), ("bin/wlanstatus", "nosuch0"),
+    ("scripts/system-rules.sh", "a", "b"),
+    ("bin/wlanstatus",), ("bin/wlanstatus", ""), ("bin/wlanstatus", "nosuch0"),
     ("bin/wlanstatus", "../lo"), ("bin/wlanstatus", "lo", "lo"), ("bin/wlanstatus", "-i")])
 def test_bad_arguments(command):
     CONFIG_TXT.write_bytes(SAMPLE)
