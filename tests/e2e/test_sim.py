@@ -688,8 +688,9 @@ def test_coder_that_ends(sim, tmp_path):
     (tmp_path / "ffmpeg").chmod(0o755)
     one = sim("--scene", env={**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}"})
     assert one.wait_end() == 1
-    assert one.err.text() == ("nimbus-sim: ffmpeg made no panorama; expected one with its own "
-                              "sources\n")
+    # A slow machine says before that nobody listens.
+    assert one.err.text().endswith("nimbus-sim: ffmpeg made no panorama; expected one with its own "
+                                   "sources\n")
 
 
 def test_help_and_manual(sim):

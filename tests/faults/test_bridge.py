@@ -4,7 +4,7 @@ import json
 import time
 
 from harness.bridge import Bridge
-from harness.console import events
+from harness.console import connected, events
 from harness.duml import camera, command, parse
 from harness.region import DisplayRegion
 from harness.timing import limit, wait_until
@@ -71,6 +71,8 @@ def test_bridge_comes_and_goes(start, clock, region, viewers, times):
     service = start(env=clock.env)
     clock.hurry()
     viewer = viewers()
+    viewer.register()
+    service.err.wait(connected(viewer))
     begin = time.monotonic()
     for number in range(1, rounds + 1):
         viewer.register()  # or it would be lost, too
