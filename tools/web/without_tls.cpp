@@ -24,9 +24,12 @@ Tls::Tls(const CertificateFiles& /*files*/) { refuse(); }
 
 Tls::~Tls() = default;
 
+// As it is declared for who takes the context over.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 std::shared_ptr<Connection> connect_tls(boost::asio::ip::tcp::socket /*socket*/, Tls& /*tls*/,
                                         ConnectionContext /*context*/) {
   return nullptr;
 }
+// NOLINTEND(performance-unnecessary-value-param)
 
 }  // namespace nimbus::web
