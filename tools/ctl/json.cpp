@@ -24,7 +24,7 @@ const cJSON* member(const cJSON* object, const char* name) {
 }
 
 std::string member_text(const cJSON* object, std::string_view name) {
-  const cJSON* const item = cJSON_GetObjectItemCaseSensitive(object, std::string(name).c_str());
+  const cJSON* const item = member(object, std::string(name).c_str());
   if (item == nullptr) return {};
   return cJSON_IsString(item) != 0 ? item->valuestring : line_of(item);
 }
