@@ -317,6 +317,7 @@ def lost_texts(station):
             [f"{kind} lost\n" for kind in TELEMETRY]]
 
 
+@pytest.mark.timing
 @pytest.mark.parametrize("kind, other", [tuple(TELEMETRY), tuple(TELEMETRY)[::-1]])
 def test_telemetry_that_stops_is_reported_once(station, kind, other):
     """3 seconds after its last report, at the status loop's next pass; one that goes on is not."""
@@ -346,6 +347,7 @@ def test_telemetry_that_stops_is_reported_once(station, kind, other):
     assert lost_texts(station) == [f"{other} lost\n"]
 
 
+@pytest.mark.timing
 @pytest.mark.parametrize("kind", TELEMETRY)
 @pytest.mark.parametrize("age_ms", [-60_000, 60_000, 2 ** 31])
 def test_an_old_stamp_is_reported_at_the_next_check(station, kind, age_ms):

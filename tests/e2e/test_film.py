@@ -74,6 +74,7 @@ def test_film(build, camera, tmp_path):
         f"{path.stat().st_size} bytes")
 
 
+@pytest.mark.timing
 def test_times_are_true(build, service, stream, tmp_path):
     """A pause of the camera is one in the film: the picture before it stays."""
     path = tmp_path / "film.mp4"

@@ -149,6 +149,7 @@ def test_wait_for_the_camera_mode(cockpit, mode, value, expected, wait):
     assert wait <= acted.time - changed.time < wait + limit(0.15)
 
 
+@pytest.mark.timing
 def test_no_wait_in_the_right_mode(cockpit):
     """The next switch of the cycle acts right behind the recording."""
     cockpit.camera_mode(VIDEO)

@@ -57,6 +57,7 @@ def test_access_units_as_they_come(web, film):
     assert all((b"\0\0\0\1\x67" in data) == bool(flags & 1) for flags, _, data in got)
 
 
+@pytest.mark.timing
 def test_who_joins_sees_a_picture_at_once(web, film):
     with web.video() as first:
         first.pictures(10)
@@ -176,6 +177,7 @@ def test_a_driver_that_vanishes_stops_the_gimbal(web, data, service):
     assert until_still(data)[-1][0] - gone < 0.4 * TIME_SCALE
 
 
+@pytest.mark.timing
 @pytest.mark.parametrize("end", [signal.SIGTERM, signal.SIGINT])
 def test_its_own_end_stops_the_gimbal(web, data, service, end):
     with driving(web, data, service):
@@ -185,6 +187,7 @@ def test_its_own_end_stops_the_gimbal(web, data, service, end):
         web.stop()
 
 
+@pytest.mark.timing
 def test_one_that_was_killed_is_made_up_for_by_the_next(web, serve, data, service):
     """It cannot stop the gimbal any more: the one that systemd starts in its place does."""
     with driving(web, data, service):

@@ -8,7 +8,7 @@ import threading
 import time
 
 from harness.bridge import Bridge
-from harness.timing import limit
+from harness.timing import limit, patience
 from harness.udp import DATA_PORT, udp_socket
 
 
@@ -80,13 +80,12 @@ class Camera(Bridge):
 
     def wait(self, condition, seconds=5, what="the event", start=0):
         """Waits until condition(events from index `start` on) is true and returns its value."""
-        deadline = time.monotonic() + limit(seconds)
         with self._condition:
-            while not (value := condition(self._events[start:])):
-                rest = deadline - time.monotonic()
-                assert rest > 0, f"{what} did not come within {limit(seconds)} s"
-                self._condition.wait(rest)
-        return value
+            for step in patience(seconds):
+                if value := condition(self._events[start:]):
+                    return value
+                self._condition.wait(step)
+        raise AssertionError(f"{what} did not come within {limit(seconds)} s")
 
     def wait_text(self, text, seconds=5, start=0):
         """Waits until exactly that text has been written on the console."""

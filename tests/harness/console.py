@@ -4,7 +4,7 @@ import os
 import threading
 import time
 
-from harness.timing import limit
+from harness.timing import limit, patience
 
 BANNER = b"\x1b[1;37mTervado Nimbus v.0.3.7\x1b[0m\n"
 READY = "Init control\n"
@@ -49,15 +49,15 @@ class Console:
 
     def wait(self, text, seconds=5, count=1):
         """Waits until the text has been written `count` times; returns everything so far."""
-        deadline = time.monotonic() + limit(seconds)
         with self._condition:
-            while True:
+            for step in patience(seconds):
                 so_far = b"".join(data for _, data in self.pieces).decode("utf-8", "replace")
                 if so_far.count(text) >= count:
                     return so_far
-                rest = deadline - time.monotonic()
-                assert rest > 0 and not self._closed, f"no {text!r} (x{count}) in {so_far!r}"
-                self._condition.wait(rest)
+                if self._closed:
+                    break
+                self._condition.wait(step)
+        raise AssertionError(f"no {text!r} (x{count}) in {so_far!r}")
 
     def wait_closed(self, seconds=5):
         self._thread.join(limit(seconds))

@@ -6,7 +6,7 @@ import struct
 import threading
 import time
 
-from harness.timing import limit, wait_until
+from harness.timing import limit, patience, wait_until
 from harness.udp import VIEWER_PORT, udp_socket
 
 
@@ -93,15 +93,13 @@ class Viewer:
 
     def wait(self, condition, seconds=5, what="the frame", start=0):
         """Waits for the first frame, from index `start` on, that fulfils the condition."""
-        deadline = time.monotonic() + limit(seconds)
         with self._condition:
-            while True:
+            for step in patience(seconds):
                 for frame in self.frames[start:]:
                     if condition(frame):
                         return frame
-                rest = deadline - time.monotonic()
-                assert rest > 0, f"{what} did not arrive within {limit(seconds)} s"
-                self._condition.wait(rest)
+                self._condition.wait(step)
+        raise AssertionError(f"{what} did not arrive within {limit(seconds)} s")
 
     def wait_count(self, condition, count, seconds=5):
         """Waits until `count` frames fulfil the condition; returns all that do."""
