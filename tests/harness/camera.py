@@ -5,7 +5,6 @@ import os
 import socket
 import struct
 import threading
-import time
 
 from harness.bridge import Bridge
 from harness.timing import limit, patience
