@@ -342,6 +342,7 @@ class Flood:
     def __init__(self, send):
         self._stop = threading.Event()
         self._send = send
+        self._done = 0
         self._thread = threading.Thread(target=self._run)
 
     def _run(self):
@@ -349,6 +350,12 @@ class Flood:
             if self._stop.is_set():
                 return
             self._send(number)
+            self._done = number + 1
+
+    def wait_round(self):
+        """Waits for one that begins and ends from now on."""
+        done = self._done
+        wait_until(lambda: self._done > done + 1, 5, "a round of the flood")
 
     def __enter__(self):
         self._thread.start()
@@ -400,12 +407,13 @@ def test_speeds_and_commands_that_come_during_the_start(start, viewers):
 
     for _ in range(20):
         refused = datagrams_refused()
-        with Flood(send):
+        with Flood(send) as flood:
             camera = Camera()
             service = start(wait_ready=False, preexec_fn=camera.take_console)
             camera.wait_text("Init control\n", 10)
             camera.introduce()
             camera.wait_frames(1)
+            flood.wait_round()  # what came while the ports were being opened is lost
         if datagrams_refused() > refused:  # the last ones may be among them
             wait_until(lambda: socket_queue(VIEWER_PORT)[0] == 0, 10, "an empty queue")
             send(1)

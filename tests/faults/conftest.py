@@ -11,8 +11,6 @@ pytest_plugins = ["harness.fixtures", "harness.configuring", "harness.commanding
 
 
 def pytest_addoption(parser):
-    parser.addoption("--soak-seconds", type=float, default=15,
-                     help="how long the soak lasts (default: 15)")
     parser.addoption("--soak-viewers", type=int, default=10,
                      help="how many viewers the soak has (default: 10)")
 

@@ -74,6 +74,9 @@ class Link:
         """The far end goes down, and the carrier here with it."""
         self._there_do("ip", "link", "set", self._there, "down")
 
+    def mend(self):
+        self._there_do("ip", "link", "set", self._there, "up")
+
     def register_ghost(self, host, port):
         """Registers a viewer at an address of this network that nobody has: nobody answers there
         when the service asks for it."""

@@ -190,20 +190,24 @@ class Operator:
     ]
     SETTING = "video_bitrate"
 
-    def __init__(self, audience, region):
+    def __init__(self, audience, region, number=0, save_each=150):
+        """The viewer of that number. One command of so many is a save; none, if 0."""
         self._audience, self._region = audience, region
+        self._number, self._save_each = number, save_each
         self._commands = itertools.cycle(self.COMMANDS)
         self.sent = 0
         self.asked = 0
+        self.saved = []  # the values that were given to SETTING
 
     def step(self):
         if self._region.u8(self._region.COMMAND_MAILBOX[0]) != 0:
             return
         what = next(self._commands)
-        if self.sent % 150 == 149:  # a save, every quarter of a minute or so
-            what = {"cmd": "updateparam", "name": self.SETTING, "value": str(1000 + self.sent)}
+        if self._save_each and (self.sent + 1) % self._save_each == 0:
+            self.saved.append(1000 + self.sent)
+            what = {"cmd": "updateparam", "name": self.SETTING, "value": str(self.saved[-1])}
         self.asked += what.get("cmd") == "configrequest"
-        self._audience.send(0, json.dumps(what).encode())
+        self._audience.send(self._number, json.dumps(what).encode())
         self.sent += 1
 
 

@@ -15,6 +15,8 @@ def pytest_addoption(parser):
                      help="folder of the build to test (default: build/release)")
     parser.addoption("--long", action="store_true",
                      help="faults and floods last for minutes instead of seconds")
+    parser.addoption("--soak-seconds", type=float, default=15,
+                     help="how long a soak lasts (default: 15)")
     parser.addoption("--failures", help="file for the names of the tests that fail, each behind the"
                                         " word timing, if it is marked so, or firm")
 
@@ -34,9 +36,9 @@ def pytest_configure(config):
 
 
 # Files whose tests hold periods, rates and time-outs of the service against the clock.
-MEASURING = ("test_control", "test_floods", "test_rc_", "test_relay", "test_sim", "test_sources",
-             "test_speed", "test_startup", "test_status", "test_console", "test_guests",
-             "test_wall_clock", "test_soak")
+MEASURING = ("test_control", "test_floods", "test_overload", "test_rc_", "test_relay", "test_sim",
+             "test_slow_viewers", "test_sources", "test_speed", "test_startup", "test_status",
+             "test_console", "test_guests", "test_wall_clock", "test_soak")
 
 
 # Files of what a processor could change: bytes on the wire and in the regions, numbers, the

@@ -10,7 +10,7 @@ import subprocess
 import time
 
 from harness.console import READY, Console
-from harness.timing import limit, wait_until
+from harness.timing import limit, patience, wait_until
 from harness.udp import PORTS, VIDEO_PORT, bound_ports
 
 # What runs a binary of another processor.
@@ -26,12 +26,22 @@ def write_settings(folder, conf):
         (folder / "tervado.conf").write_bytes(conf if isinstance(conf, bytes) else conf.encode())
 
 
+def wait_for_ports():
+    """What a service before was about to run when it was killed has its ports until it runs."""
+    for _ in patience(5):
+        if not bound_ports() & set(PORTS):
+            return
+        time.sleep(0.002)
+
+
 class Service:
     """One run of the service. `folder` is its working directory, `wrapper` a command that runs the
     command behind it."""
 
     def __init__(self, binary, folder, conf=None, env=None, wrapper=(), wait_ready=True, **popen):
         write_settings(folder, conf)
+        if wait_ready:
+            wait_for_ports()
         self.started = time.monotonic()
         self.process = subprocess.Popen(
             [*wrapper, *EMULATOR, str(binary)], cwd=folder, env={**os.environ, **(env or {})},
@@ -72,6 +82,8 @@ class BareService(Service):
 
     def __init__(self, binary, folder, conf="", env=None, wrapper=(), wait_ready=True, **popen):
         write_settings(folder, conf)
+        if wait_ready:
+            wait_for_ports()
         streams = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.DEVNULL)
         self.process = subprocess.Popen([*wrapper, *EMULATOR, str(binary)], cwd=folder,
                                         env={**os.environ, **(env or {})}, **{**streams, **popen})

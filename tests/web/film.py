@@ -83,7 +83,8 @@ class Film:
     """Makes the film live, encodes it with x264 or x265 and hands each piece of the stream to
     `take`. The next picture shows whether `lamp` is on."""
 
-    def __init__(self, take, rate=25, keys=25, scale=None, codec="h264"):
+    def __init__(self, take, rate=25, keys=25, scale=None, codec="h264",
+                 bits="600k"):
         self.rate = rate
         self.lamp = False
         self._stop = threading.Event()
@@ -92,7 +93,7 @@ class Film:
             ["ffmpeg", "-v", "error", "-fflags", "nobuffer", "-probesize", "32", "-f", "rawvideo",
              "-pix_fmt", "yuv420p", "-s", f"{WIDTH}x{HEIGHT}", "-framerate", str(rate), "-i", "-",
              *resize, *ENCODERS[codec], "-tune", "zerolatency",
-             "-b:v", "600k", "-maxrate", "600k", "-bufsize", "300k", "-g", str(keys),
+             "-b:v", bits, "-maxrate", bits, "-bufsize", "300k", "-g", str(keys),
              "-flush_packets", "1", "-f", codec, "-"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self._threads = [threading.Thread(target=self._make, daemon=True),
