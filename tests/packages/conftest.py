@@ -17,6 +17,13 @@ def pytest_addoption(parser):
                      help="folder of the packages (default: build/package)")
     parser.addoption("--roots", default=str(ROOT / "build" / "roots"),
                      help="folder in which roots are kept (default: build/roots)")
+    parser.addoption("--long", action="store_true", help="hundreds of rounds instead of a few")
+
+
+@pytest.fixture(scope="session")
+def times(pytestconfig):
+    """times(short, long): how often."""
+    return lambda short, long: long if pytestconfig.getoption("--long") else short
 
 
 class Packages:

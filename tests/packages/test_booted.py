@@ -5,6 +5,7 @@ the hardware."""
 import os
 import pathlib
 import re
+import time
 
 import pytest
 
@@ -48,6 +49,57 @@ def test_regions_are_made_by_the_start_of_the_board(board):
     board.succeed("systemctl", "start", "nimbus")
     board.running()
     assert regions(board) == REGIONS
+
+
+SOON = 5  # seconds
+
+
+def shown(board, what):
+    return int(board.succeed("systemctl", "show", "-p", what, "--value", "nimbus"))
+
+
+def time_back(board, end):
+    """How long it takes from the moment that end(process) tells until systemd has heard of the next
+    service that it is ready, in seconds: its pause, the filter and the start step are parts."""
+    before = shown(board, "MainPID")
+    began = end(before)
+    board.wait(lambda: shown(board, "MainPID") not in (0, before), "other service")
+    board.running()
+    return shown(board, "ActiveEnterTimestampMonotonic") / 1e6 - began
+
+
+def test_back_soon_after_each_kill(board, times):
+    def kill(process):
+        began = time.monotonic()
+        board.succeed("sh", "-c", f"kill -9 {process}")
+        return began
+
+    board.running()
+    back = sorted(time_back(board, kill) for _ in range(times(10, 300)))
+    print(f"killed {len(back)} times, back within {back[0]:.2f} to {back[-1]:.2f} s, in the middle"
+          f" {back[len(back) // 2]:.2f} s")
+    assert back[-1] < SOON, back
+    assert board.filtering()
+
+
+def test_back_soon_after_the_watchdogs_bite(board):
+    """How long a service may stand still until systemd ends it is not counted."""
+    board.running()
+    folder = board.root.path / "run/systemd/system/nimbus.service.d"
+    folder.mkdir(parents=True)
+    (folder / "watchdog.conf").write_text("[Service]\nWatchdogSec=3\n")
+    board.succeed("systemctl", "daemon-reload")
+    board.succeed("systemctl", "restart", "nimbus")
+    board.running()
+
+    def stop(process):
+        board.succeed("sh", "-c", f"kill -STOP {process}")
+        board.wait(lambda: shown(board, "ExecMainExitTimestampMonotonic"), "end by the watchdog")
+        result = board.succeed("systemctl", "show", "-p", "Result", "--value", "nimbus")
+        assert result == "watchdog\n"
+        return shown(board, "ExecMainExitTimestampMonotonic") / 1e6
+
+    assert 0 < time_back(board, stop) < SOON
 
 
 def test_filter_stays_through_restarts(board):
