@@ -150,6 +150,10 @@ TEST(SceneView, ExposureByHandAndOtherwise) {
   EXPECT_NEAR(view_of(camera).stops, 2, 0.01);
   apply(camera, "shutter", {1, 200, 0x80, 0});
   EXPECT_NEAR(view_of(camera).stops, 0, 0.01);
+  apply(camera, "shutter", {1, 6, 0x80, 25});  // 1/6.25 s
+  EXPECT_NEAR(view_of(camera).stops, 5, 0.01);
+  apply(camera, "shutter", {1, 1, 0, 6});  // 1.6 s
+  EXPECT_NEAR(view_of(camera).stops, 8.32, 0.01);
 }
 
 TEST(SceneView, ATrackedSubjectIsTheBall) {

@@ -256,7 +256,7 @@ constexpr auto no_words = nullptr;
 constexpr bool streamed = true;
 using S = Settings;
 
-constexpr std::array<CameraCommand, 32> kCommands{{
+constexpr auto kCommands = std::to_array<CameraCommand>({
     // clang-format off
     // receiver, set, id, size, and the byte to tell it by; its name, arguments in words, what it does
     {4, 4, 0x0C,  7, 0, any,  "gimbal speed", speed, turn, streamed},
@@ -292,7 +292,7 @@ constexpr std::array<CameraCommand, 32> kCommands{{
     {1, 2, 0xA6, 21, 0, any,  "tracking", tracking, track},
     {1, 2, 0xAF,  2, 0, any,  "video format", video_format, take_video_format},
     // clang-format on
-}};
+});
 
 bool is(const CameraCommand& command, const Frame& frame) {
   return command.receiver == frame.receiver && command.set == frame.set && command.id == frame.id &&

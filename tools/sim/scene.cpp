@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "base/wire.h"
 #include "camera/words.h"
 
 namespace nimbus::sim {
@@ -60,9 +61,10 @@ double focal_length() {
 constexpr std::uint8_t kManual = *find_word(kExposureModes, "manual");
 
 double shutter_seconds(const ShutterCode& code) {
-  constexpr unsigned kFraction = 0x80;
-  const double number = code[0] + 256.0 * (code[1] & 0x7FU) + code[2] / 10.0;
-  return (code[1] & kFraction) != 0 ? 1 / std::max(number, 1.0) : number;
+  const ShutterTime time = shutter_time(load_le<std::uint32_t, 3>(code, 0));
+  const double parts = time.decimals < 10 ? 10 : 100;  // one digit behind the point, or two
+  const double number = time.whole + time.decimals / parts;
+  return time.fraction ? 1 / std::max(number, 1.0) : number;
 }
 
 /// By hand, the light on the sensor counts; otherwise the camera sees to it, but for what it is
