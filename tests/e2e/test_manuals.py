@@ -53,13 +53,34 @@ def test_options(name, helps):
     assert options(page(name)) - options(helps[name]) - others == set()
 
 
+@pytest.mark.parametrize("file", sorted(MAN.iterdir()), ids=lambda file: file.name)
+def test_title(file):
+    """Its own name and section, and the version of this build."""
+    header = (MAN.parents[1] / "app/version.h").read_text()
+    version = ".".join(re.findall(r"kVersion\w+ = (\d+);", header))
+    name, section = file.name.rsplit(".", 1)
+    title = re.search(r'^\.TH (\S+) (\d) \d{4}-\d\d-\d\d "Tervado Nimbus ([^"]+)" "',
+                      file.read_text(), re.MULTILINE)
+    assert title is not None
+    assert title.groups() == (name.upper().replace("-", "\\-"), section, version)
+
+
+def test_neighbours():
+    """A page that another names is there, but for those of the system."""
+    pages = {file.name for file in MAN.iterdir()}
+    of_the_system = {"avahi-daemon.8", "ffmpeg.1", "journalctl.1", "nft.8", "systemd.1",
+                     "tcpdump.8"}
+    named = {f"{name}.{section}" for file in MAN.iterdir() for name, section in
+             re.findall(r"^\.BR (\S+) \((\d)\)", page(file.stem), re.MULTILINE)}
+    assert named - pages - of_the_system == set()
+    assert pages - named == set()
+
+
 def test_commands(build):
     """Each has its place in the page: at the head of a paragraph, or in a list of them."""
     listed = commands(helped(build, "nimbusctl"))
     assert len(listed) > 30
     text = page("nimbusctl")
-    heads = " ".join(re.findall(r"^\.(?:B|BI|BR|RB) (.*)|^\.TP\n(?:\.\w+ )?(.*)", text, re.MULTILINE)
-                     and [a or b for a, b in
-                          re.findall(r"^\.(?:B|BI|BR|RB) (.*)|^\.TP\n(?:\.\w+ )?(.*)", text,
-                                     re.MULTILINE)])
+    heads = " ".join(bold or tagged for bold, tagged in
+                     re.findall(r"^\.(?:B|BI|BR|RB) (.*)|^\.TP\n(?:\.\w+ )?(.*)", text, re.MULTILINE))
     assert [word for word in listed if not re.search(rf"(?<![\w-]){word}(?![\w-])", heads)] == []
