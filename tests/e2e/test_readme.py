@@ -15,8 +15,11 @@ from harness.timing import limit
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 README = (ROOT / "README.md").read_text()
+OPERATIONS = (ROOT / "docs" / "operations.md").read_text()
 
 MARK = "-- end of a step --"
+
+MANUALS = {page.stem: page.name for page in sorted((ROOT / "docs" / "man").iterdir())}
 
 
 def steps():
@@ -58,9 +61,10 @@ def test_tour(live):
     assert len(tour) > 10
     run = live("--shell")
     script = "".join(f"{command}\necho '{MARK}'\n" for command, _ in tour)
-    output, _ = run.communicate(script, timeout=limit(60))
-    outputs = output.split(MARK)[:-1]
+    output, _ = run.communicate(script + f"man -w {' '.join(MANUALS)}\n", timeout=limit(60))
+    *outputs, manuals = output.split(MARK)
     assert run.returncode == 0 and len(outputs) == len(tour), output
+    assert [pathlib.Path(page).name for page in manuals.split()] == list(MANUALS.values())
     for (command, promised), output in zip(tour, outputs):
         lines = iter(output.splitlines())
         for line in promised:
@@ -135,6 +139,23 @@ def test_commands():
     assert known - named == {"clean"}
 
 
+def test_every_line_of_the_console():
+    """Operations has them all, and what they mean: each begins like one of them."""
+    section = OPERATIONS.partition("## What the console says\n")[2].partition("\n## ")[0]
+    told = [text.partition("...")[0].rstrip("\n") for text in re.findall(r"`([^`]+)`", section)]
+    said = []
+    for room in ("app", "base", "camera", "config", "control", "display", "net"):
+        for file in (ROOT / room).glob("*.cpp"):
+            for call in re.findall(r"\b(?:log_text|log_parts|print_parts|expire)\((.*?)\);",
+                                   file.read_text(), re.DOTALL):
+                said += re.findall(r'(?:^\{?|\? |: |, )"(?:\\n)?([A-Za-z][^"%\\]+)', call)
+    assert len(said) > 60
+    words = {"done", "failed", "fail", "photo", "video", "lock", "unlock", "enable", "disable"}
+    missing = [text for text in said if text.strip() not in words and not any(
+        text.startswith(one) or one.startswith(text) for one in told)]
+    assert missing == []
+
+
 def test_every_test_has_its_row():
     """tests/README.md lists every file of tests from outside, and every module of the harness."""
     text = (ROOT / "tests" / "README.md").read_text()
@@ -145,6 +166,19 @@ def test_every_test_has_its_row():
     rows = re.findall(r"^\| (.*?) \|", text.partition("## Harness")[2], re.MULTILINE)
     modules = {file.stem for file in (ROOT / "tests" / "harness").glob("*.py")} - {"__init__"}
     assert set(re.findall(r"`(\w+)`", " ".join(rows))) == modules
+
+
+def test_every_file_has_its_place():
+    """In the architecture: the files of a room in the room's row, nimbus-web's among its own."""
+    text = (ROOT / "docs" / "architecture.md").read_text()
+    places = dict(re.findall(r"^\| `(\w+)/` \| (.*?) \|", text, re.MULTILINE))
+    del places["base"]  # what has nothing to do with cameras
+    web = re.search(r"^`nimbus-web` \(`tools/web/`\)(.*?)\n\n", text, re.MULTILINE | re.DOTALL)
+    places["tools/web"] = web[1]
+    for folder, told in places.items():
+        files = {file.stem for file in (ROOT / folder).iterdir() if file.suffix in (".cpp", ".h")}
+        named = set(re.findall(r"[a-z]\w+", told))
+        assert files - {"bytes", "main", "without_tls"} - named == set(), folder
 
 
 def test_recipes_name_files():
