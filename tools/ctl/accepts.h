@@ -12,7 +12,7 @@
 
 namespace nimbus::ctl {
 
-/// The same for a program that offers them.
+/// Which texts a value may have, for a program that offers them.
 struct Shape {
   std::string_view kind = "text";  ///< "choice", "switch", "integer", "number", "text" or "words"
   std::vector<std::string> choices = {};  ///< of a choice; of words with commas between
@@ -20,7 +20,7 @@ struct Shape {
   std::optional<double> most = {};  ///< of a text: bytes; of words: how many
 };
 
-/// Which texts a value may have.
+/// Which texts a value may have, for the program that takes them.
 struct Accepts {
   /// What the command carries for that text; nothing when the text is not accepted.
   std::optional<std::string> (*convert)(std::string_view text);

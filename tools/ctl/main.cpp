@@ -58,7 +58,7 @@ struct Task {
   bool ends_by_interrupt = false;
 };
 
-/// Seconds: a number, with "s", "ms" or "min" behind it if need be.
+/// Makes seconds of a number, with its unit behind it if need be; gives what is wrong with it.
 std::string to_seconds(std::string& text) {
   static const std::map<std::string, double> kUnits{{"", 1},     {"s", 1},  {"ms", 0.001},
                                                     {"min", 60}, {"m", 60}, {"h", 3600}};
