@@ -107,9 +107,37 @@ def test_one_that_stalls_does_not_bother_the_others(web, video):
             other.pictures(5)
             numbers = [number for _, number, _ in other.pictures(200, 20)]
             assert numbers == list(range(numbers[0], numbers[0] + 200))
-            wait_until(lambda: web.state()["viewers"]["browsers"] == 1, 10, "the end of one")
+            # Eight seconds have passed; after ten the system itself would give it up.
+            wait_until(lambda: web.state()["viewers"]["browsers"] == 1, 1, "the end of one")
     finally:
         film.close()
+
+
+TRANSPORTS = pytest.mark.parametrize("options", [[], ["--tls"]], ids=["plain", "tls"])
+
+
+@TRANSPORTS
+def test_one_that_takes_little_stays(serve, service, video, tmp_path, options):
+    """A picture may be on its way for longer than those five seconds, as long as it gets on."""
+    web = serve(*options, "--state", tmp_path)
+    service.err.wait("New client connected")
+    with web.video("raw", receive_buffer=4096) as browser:
+        Film(video).close()  # sends one picture
+        browser.pictures(1)
+        Film(video, padding=200_000).close()
+        end = time.monotonic() + 8
+        while time.monotonic() < end:
+            browser.buffer += browser.socket.recv(1000)
+            time.sleep(0.1)
+        assert len(browser.buffer) < 120_000, "it was not slow"
+        assert len(browser.pictures(1)[-1][2]) > 200_000
+
+
+def test_a_service_that_is_gone_is_noticed(web, service):
+    service.kill()
+    wait_until(lambda: not web.state()["service"]["linked"], 6, "its loss")
+    status, _, body = web.request("POST", "/api/command", b'{"words":["wb","sunny"]}')
+    assert (status, json.loads(body)["text"]) == (400, "the service does not answer")
 
 
 # --- State and orders ----------------------------------------------------------------------------
@@ -276,16 +304,29 @@ def test_bad_requests(web, data, status):
     assert web.get("/healthz")[0] == 200
 
 
-def test_slow_requests_are_given_up(web):
+@pytest.mark.parametrize("options, data", [
+    ([], b"GET / HTTP/1.1\r\n"), (["--tls"], b"\x16\x03\x01")], ids=["plain", "tls"])
+def test_slow_requests_are_given_up(serve, tmp_path, options, data):
+    web = serve(*options, "--state", tmp_path)
     started = time.monotonic()
     with web.connect() as connection:
         connection.settimeout(limit(15))
-        connection.sendall(b"GET / HTTP/1.1\r\n")
+        connection.sendall(data)
         try:
             assert connection.recv(100) == b""
         except ConnectionResetError:
             pass
     assert 8 < time.monotonic() - started < limit(14)
+
+
+def test_who_says_nothing_is_asked_by_the_system(web):
+    """Where nothing is sent either, a guest that has lost its network is found out that way."""
+    def timers():
+        return subprocess.run(["ss", "-Hnto", "state", "established", "sport", "=", f":{web.port}"],
+                              check=True, capture_output=True, text=True).stdout
+
+    with web.connect():
+        wait_until(lambda: "timer:(keepalive," in timers(), 5, "the question")
 
 
 def test_no_more_than_twenty_of_one_address(web):

@@ -28,6 +28,7 @@ class Web:
     def __init__(self, build, *options, port=8080, env=None):
         self.killed = False
         self.port = port
+        self.secure = "--tls" in options
         self.host = f"127.0.0.1:{port}"
         self.process = subprocess.Popen(
             [*EMULATOR, build / "nimbus-web", "--listen", self.host, *options],
@@ -114,6 +115,8 @@ class WebSocket:
         self.socket.bind((source, 0))
         self.socket.settimeout(limit(5))
         self.socket.connect(("127.0.0.1", web.port))
+        if web.secure:
+            self.socket = ssl._create_unverified_context().wrap_socket(self.socket)
         lines = {"Host": web.host, "Upgrade": "websocket", "Connection": "Upgrade",
                  "Sec-WebSocket-Version": "13",
                  "Sec-WebSocket-Key": base64.b64encode(os.urandom(16)).decode(), **(headers or {})}

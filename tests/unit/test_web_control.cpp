@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/wire.h"
+#include "tests/unit/web_streams.h"
 #include "tools/common/failure.h"
 #include "tools/ctl/json.h"
 #include "tools/web/hub.h"
@@ -158,9 +159,11 @@ TEST(WebCommandQueue, AnswersAreWaitedForButNotForEver) {
   mailbox.queue.pass_time(kStart + seconds(2));
   EXPECT_EQ(mailbox.texts.back(), "ask");
   mailbox.queue.replied(Reply::scan, kStart + seconds(2));
+  mailbox.queue.pass_time(kStart + seconds(3));
+  EXPECT_EQ(mailbox.texts.back(), "ask") << "that was another's answer";
+  mailbox.queue.replied(Reply::report, kStart + seconds(3));
   EXPECT_EQ(mailbox.texts.back(), "ask");
-  mailbox.queue.replied(Reply::report, kStart + seconds(2));
-  mailbox.queue.pass_time(kStart + seconds(2) + milliseconds(55));
+  mailbox.queue.pass_time(kStart + seconds(3) + milliseconds(55));
   EXPECT_EQ(mailbox.texts.back(), "next");
 
   Mailbox silent;
@@ -202,6 +205,16 @@ TEST(WebOrders, NimbusctlsWords) {
   EXPECT_EQ(order_text(R"({"interface":"wlan0"})"), R"({"cmd":"wlan","param":"scan","value":"2"})");
 }
 
+/// What takes the service a while is known to the queue.
+TEST(WebOrders, TheServiceIsBusyForAWhile) {
+  const auto busy = [](const std::string& order) {
+    const ctl::Json json = ctl::parse_object(order);
+    return orders_of(json.get(), nullptr).front().busy;
+  };
+  EXPECT_EQ(busy(R"({"words":["iso","400"]})"), milliseconds(0));
+  EXPECT_GT(busy(R"({"words":["exposure","center"]})"), milliseconds(0));
+}
+
 TEST(WebOrders, WhatIsWrongIsSaid) {
   const std::map<std::string, std::string> rows{
       {R"({})", "no order; expected words, name and values, or interface"},
@@ -240,12 +253,14 @@ struct House {
   House() { hub.each_second(true, Clock::now()); }
 
   void message(std::vector<std::uint8_t> payload) {
-    hub.take({.video = false, .number = number_++, .payload = payload}, Clock::now());
+    hub.take({.video = false, .number = number++, .payload = payload}, Clock::now());
   }
   void text(const std::string& text) { message({text.begin(), text.end()}); }
+  void video(const Buffer& payload) {
+    hub.take({.video = true, .number = number++, .payload = payload}, Clock::now());
+  }
 
- private:
-  std::uint32_t number_ = 0;
+  std::uint32_t number = 0;  ///< of the next frame
 };
 
 /// Everything that waits for a browser, by type; the last of each.
@@ -317,6 +332,15 @@ TEST(WebHub, WhoMayOnlyWatchTakesNothing) {
   EXPECT_NE(house.hub.state(Clock::now()).find(R"("holder":null)"), std::string::npos);
 }
 
+TEST(WebHub, WhoMayOnlyWatchIsGivenNothing) {
+  House house;
+  const auto one = house.hub.open_control({"10.0.0.1", true});
+  const auto two = house.hub.open_control({"10.0.0.2", false});
+  one->received(R"({"type":"take"})");
+  one->received(R"({"type":"grant","to":"b2"})");
+  EXPECT_NE(house.hub.state(Clock::now()).find(R"("holder":"b1")"), std::string::npos);
+}
+
 TEST(WebHub, ADriverThatLeavesStopsTheGimbal) {
   House house;
   auto peer = house.hub.open_control({"10.0.0.9", true});
@@ -384,6 +408,54 @@ TEST(WebHub, ABrowserThatDoesNotKeepUpGetsTheWholeLater) {
   }
   EXPECT_LT(bytes, 80'000U);
   EXPECT_NE(last.find("histogram"), std::string::npos);  // the whole
+}
+
+/// One that asks and asks, and reads no answer, costs no more.
+TEST(WebHub, AnswersThatNobodyReadsHaveAnEnd) {
+  House house;
+  const auto peer = house.hub.open_control({"10.0.0.9", true});
+  for (int i = 0; i < 5000; ++i) peer->received(R"({"type":"ping","echo":7})");
+  std::size_t bytes = 0;
+  while (const auto message = peer->next()) bytes += message->size();
+  EXPECT_LT(bytes, 80'000U);
+}
+
+TEST(WebHub, PicturesThatASlowBrowserMissesAreCounted) {
+  House house;
+  const auto peer = house.hub.open_video({"10.0.0.9", true}, Form::raw);
+  const auto pictures = access_units(recorded("zerolatency.h264"), Coding::h264);
+  for (int i = 0; i < 3; ++i) {
+    for (const Buffer& picture : pictures) house.video(picture);
+  }
+  const std::string metrics = house.hub.metrics(1, Clock::now());
+  EXPECT_EQ(metrics.find("\nnimbus_web_pictures_dropped_total 0\n"), std::string::npos) << metrics;
+}
+
+TEST(WebHub, AServiceThatComesBackIsAskedAndCountedAnew) {
+  House house;
+  house.number = 500;
+  const auto peer = house.hub.open_control({"10.0.0.9", true});
+  house.text(R"({"app":"nimbus","version":"0.3.7"})");
+  ASSERT_EQ(house.commands.size(), 1U);
+  house.hub.each_second(false, Clock::now());
+  house.number = 100;
+  house.message({8, 1, 0, 0, 0, 0, 0});
+  house.hub.pass_time(Clock::now() + seconds(1));
+  EXPECT_EQ(house.commands.size(), 2U);
+  ++house.number;  // that one did not come
+  house.message({8, 1, 0, 0, 0, 0, 0});
+  EXPECT_NE(house.hub.metrics(1, Clock::now()).find("\nnimbus_frames_missing_total 1\n"),
+            std::string::npos);
+}
+
+/// Both come between two looks at them.
+TEST(WebHub, AReportAndAScanAreKeptBeside) {
+  House house;
+  house.text(R"({"app":"nimbus","ap_ssid":"x","version":"0.3.7","ifaces":[]})");
+  house.text(R"({"cmd":"wlanscan","param":"1","value":"a,b"})");
+  const std::string state = house.hub.state(Clock::now());
+  EXPECT_NE(state.find(R"("ap_ssid":"x")"), std::string::npos);
+  EXPECT_NE(state.find(R"("networks":["a","b"])"), std::string::npos);
 }
 
 TEST(WebHub, ProgramsOrderWhenNobodyDrives) {

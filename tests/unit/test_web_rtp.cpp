@@ -258,6 +258,41 @@ TEST(RtpLink, PicturesDoNotWaitForTheFile) {
   std::filesystem::remove(path);
 }
 
+/// Whoever has written a file ends soon; a sanitizer may have a thread of its own, which stays.
+void wait_for_threads() {
+  const auto others = [] {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks)) - 1;
+  };
+  for (int i = 0; i < 200 && others() > 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+/// One description after the other, each when the one before it is written.
+TEST(RtpLink, TheFileFollowsTheStream) {
+  constexpr std::uint64_t kLater = 20'000'000;
+  const std::string path = testing::TempDir() + "another.sdp";
+  RtpLink link("127.0.0.1", 9, path);
+  const auto tells = [&path](const std::string& profile) {
+    for (int i = 0; i < 10'000; ++i) {
+      std::ifstream file(path);
+      const std::string text{std::istreambuf_iterator<char>(file), {}};
+      if (text.find(";profile-level-id=" + profile) != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+  };
+  begin(link.output(), Kind::h264, {0, 0, 0, 1, 0x67, 0x42, 0xC0, 0x1E});
+  show(link.output(), true, 10);
+  ASSERT_TRUE(tells("42C01E"));
+  wait_for_threads();
+  begin(link.output(), Kind::h264, {0, 0, 0, 1, 0x67, 0x4D, 0x40, 0x28});
+  show(link.output(), true, 10, kLater);
+  EXPECT_TRUE(tells("4D4028"));
+  std::filesystem::remove(path);
+}
+
 TEST(RtpOutput, ParameterSetsBeforeEachKeyPicture) {
   Packets packets;
   RtpOutput output({}, into(packets), nullptr);

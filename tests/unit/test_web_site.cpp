@@ -1,12 +1,16 @@
 // Paths, hosts, origins, passwords, log-ins.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 
 #include "tools/common/failure.h"
+#include "tools/web/own_names.h"
 #include "tools/web/site.h"
 
 namespace nimbus::web {
@@ -106,12 +110,26 @@ TEST(WebSite, NamesOfOthersAreNotServed) {
        }) {
     Request request;
     request.host = row.host;
-    EXPECT_EQ(console.get("/", request).status, row.status) << row.host;
+    const Response answer = console.get("/", request);
+    EXPECT_EQ(answer.status, row.status) << row.host;
+    // What is allowed to be reached does not name them, either.
+    const std::string policy = header(answer, "Content-Security-Policy");
+    const bool named = policy.find(std::string(" ws://") + row.host) != std::string::npos;
+    EXPECT_EQ(named, row.status == 200) << policy;
   }
   Request none;
   none.method = "GET";
   none.target = "/";
   EXPECT_EQ(console.site.answer(none).response.status, 421U);
+}
+
+TEST(WebSite, ThisMachinesNames) {
+  std::array<char, 256> own{};
+  ASSERT_EQ(gethostname(own.data(), own.size() - 1), 0);
+  const auto names = own_names();
+  for (const std::string& name : {std::string(own.data()), own.data() + std::string(".local")}) {
+    EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
+  }
 }
 
 TEST(WebSite, PagesOfOthersOpenAndPostNothing) {
@@ -131,6 +149,8 @@ TEST(WebSite, PagesOfOthersOpenAndPostNothing) {
   EXPECT_TRUE(console.opens("/ws/control", request));
   EXPECT_TRUE(console.opens("/ws/video?form=raw", request));
   EXPECT_FALSE(console.opens("/ws/video?form=other", request));
+  EXPECT_TRUE(console.opens("/ws/video?a=b&form=raw", request));
+  EXPECT_FALSE(console.opens("/ws/video?a=b&form=other", request));
   EXPECT_FALSE(console.opens("/ws/nosuch", request));
   EXPECT_EQ(console.post("/api/command", R"({"words":["shot"]})", request).status, 200U);
   request.secure = true;
@@ -476,6 +496,21 @@ TEST(WebPasswords, TheirFileIsForItsOwnerOnly) {
   std::ofstream(path) << "captain x\n";
   EXPECT_THROW(static_cast<void>(Passwords::read(path)), tools::Failure);
   std::filesystem::remove(path);
+}
+
+/// Root sets it for the account that runs the program, whose folder it is.
+TEST(WebPasswords, TheirFileBelongsToWhomItsFolderBelongs) {
+  const std::string folder = testing::TempDir() + "/folder";
+  std::filesystem::create_directories(folder);
+  if (chown(folder.c_str(), 1000, 1001) != 0) GTEST_SKIP() << "only root can give files away";
+  Passwords passwords;
+  passwords.set(Role::operates, "x");
+  passwords.write(folder + "/passwords");
+  struct stat status {};
+  ASSERT_EQ(stat((folder + "/passwords").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 1000U);
+  EXPECT_EQ(status.st_gid, 1001U);
+  std::filesystem::remove_all(folder);
 }
 
 TEST(WebPasswords, Forms) {

@@ -7,6 +7,7 @@
 
 #include "tests/unit/web_streams.h"
 #include "tools/web/annex_b.h"
+#include "tools/web/rate.h"
 #include "tools/web/reader.h"
 
 namespace nimbus::web {
@@ -146,6 +147,9 @@ TEST(WebStream, WhatIsNoPictureIsNotKept) {
   for (std::uint32_t i = 1; i < 400; ++i) stream.video(nothing, i, bridge.now_);
   stream.pass_time(bridge.now_ + seconds(1));
   EXPECT_LE(listener.pictures.size(), 2U);
+  for (const SharedPicture& picture : listener.pictures) {
+    EXPECT_LE(picture->units.size(), Assembler::kLongest);
+  }
 }
 
 // --- What kind of stream it is -----------------------------------------------------------------
@@ -236,11 +240,31 @@ TEST(WebStream, LossesDiscardUpToTheNextKeyPicture) {
   EXPECT_GT(bridge.stream.counts().discarded, 0U);
   EXPECT_GT(pictures.size(), 150U);
   // Each group comes from its key picture on, without a hole: its bytes are the recorded ones.
-  std::size_t at = 0;
+  Bridge lossless("zerolatency.h264");
+  lossless.send(30);
+  const auto& whole = lossless.listener.pictures;
+  const auto is_like = [](const SharedPicture& one) {
+    return [&one](const SharedPicture& other) { return one->units == other->units; };
+  };
+  auto before = whole.begin();
   for (const SharedPicture& picture : pictures) {
-    at = picture->key ? 0 : at + 1;
-    EXPECT_LT(at, 5U);
+    const auto found = std::find_if(whole.begin(), whole.end(), is_like(picture));
+    ASSERT_NE(found, whole.end()) << picture->number << " is torn";
+    EXPECT_TRUE(picture->key || found == before + 1) << picture->number;
+    before = found;
   }
+}
+
+/// What is kept for who joins has an end where key pictures have none.
+TEST(WebStream, NoMoreIsKeptThanABrowserCanCatchUpWith) {
+  Bridge bridge("zerolatency.h264");
+  bridge.send(2);
+  bridge.pictures_ = {bridge.pictures_[1]};
+  bridge.send(590);
+  EXPECT_GT(bridge.stream.group().size(), 580U);
+  bridge.send(20);
+  EXPECT_TRUE(bridge.stream.group().empty());
+  EXPECT_GT(bridge.listener.pictures.size(), 600U) << "who is there already gets all of them";
 }
 
 TEST(WebStream, ALossOfSomethingElseCostsNothing) {
@@ -263,6 +287,19 @@ TEST(WebStream, NumbersUsedTwiceAreNoLoss) {
   EXPECT_EQ(numbers.take(13), 0U);
   EXPECT_EQ(numbers.take(15), 0U);
   EXPECT_EQ(numbers.take(20), 4U);
+  EXPECT_EQ(numbers.take(20), 0U);
+  for (std::uint32_t number = 21; number < 26; ++number) EXPECT_EQ(numbers.take(number), 0U);
+  EXPECT_EQ(numbers.take(27), 1U) << "the one that came twice is long ago";
+}
+
+TEST(WebStream, RatesAreThoseOfWholeSeconds) {
+  Rate<2> rate;
+  const auto at = [](int ms) { return Time{} + milliseconds(ms); };
+  for (int ms = 100'000; ms < 103'500; ms += 100) rate.add(1, at(ms));
+  EXPECT_EQ(rate.sum(at(103'900)), 20U);
+  EXPECT_EQ(rate.sum(at(104'000)), 15U);
+  EXPECT_EQ(rate.sum(at(105'999)), 5U);
+  EXPECT_EQ(rate.sum(at(200'000)), 0U);
 }
 
 TEST(WebStream, ARestartOfTheServiceIsALoss) {
@@ -366,6 +403,23 @@ TEST(WebReader, WhoIsSlowGoesOnWithTheNextKeyPicture) {
   for (std::size_t i = 1; i < got.numbers.size(); ++i) {
     EXPECT_EQ(got.numbers[i], got.numbers[i - 1] + 1);
   }
+}
+
+/// Large pictures fill it, too, few as they are.
+TEST(WebReader, WhatWaitsIsLimitedInBytes) {
+  Bridge bridge("zerolatency.h264");
+  bridge.send(11);
+  Reader reader(Form::raw, bridge.stream);
+  read_all(reader);
+  for (std::uint32_t i = 0; i < Reader::kMostPictures; ++i) {
+    auto picture = std::make_shared<Picture>();
+    picture->number = 100 + i;
+    picture->key = true;
+    picture->units.resize(Reader::kMostBytes / 2);
+    reader.on_picture(picture);
+    EXPECT_LE(reader.depth(), 2U);
+  }
+  EXPECT_EQ(reader.dropped(), Reader::kMostPictures - reader.depth());
 }
 
 TEST(WebReader, WhoWaitsIsToldWhy) {

@@ -108,8 +108,18 @@ void write_usage(BitWriter& out, bool restricted) {
   for (const std::uint32_t value : {2U, 1U, 10U, 10U, 2U, 4U}) out.ue(value);
 }
 
+/// Of eight scaling lists one, which stands for the usual one: its first step leads to zero.
+void write_scaling_lists(BitWriter& out, bool there) {
+  constexpr std::uint32_t kFromEightToZero = 16;
+  out.flag(there);
+  if (!there) return;
+  out.flag(true);
+  out.ue(kFromEightToZero);
+  out.bits(0, 7);
+}
+
 /// One such as encoders in hardware write: cropped, and mostly without usage information.
-Buffer hardware_sps(std::uint8_t profile = 100, Usage usage = Usage::none) {
+Buffer hardware_sps(std::uint8_t profile = 100, Usage usage = Usage::none, bool scales = false) {
   BitWriter out;
   out.bits(0x67, 8);
   out.bits(profile, 8);
@@ -120,7 +130,8 @@ Buffer hardware_sps(std::uint8_t profile = 100, Usage usage = Usage::none) {
     out.ue(1);
     out.ue(0);
     out.ue(0);
-    out.bits(0, 2);
+    out.flag(false);
+    write_scaling_lists(out, scales);
   }
   out.ue(4);  // frame numbers of 8 bits
   out.ue(0);  // order type
@@ -151,6 +162,13 @@ TEST(WebH264, AParameterSetOfAnEncoderInHardware) {
     EXPECT_FALSE(sps->reordered);
   }
   EXPECT_EQ(h264::codec_of(*h264::parse_sps(hardware_sps())), "avc1.640028");
+}
+
+TEST(WebH264, ScalingListsAreSkipped) {
+  const auto sps = h264::parse_sps(hardware_sps(100, Usage::none, true));
+  ASSERT_TRUE(sps);
+  EXPECT_EQ(sps->width, 1920U);
+  EXPECT_EQ(sps->height, 1080U);
 }
 
 /// The first bits of both are the same.
@@ -247,12 +265,10 @@ TEST(WebH264, RecordedSets) {
 TEST(WebH264, BPicturesAreLeftInOrder) {
   const auto codec = make_h264();
   const auto pictures = access_units(recorded("b_pictures.h264"), Coding::h264);
-  Buffer sets;
-  for (int round = 0; round < 2; ++round) {
-    for (const Buffer& picture : pictures) {
-      if (codec->look(picture).key) sets = codec->parameter_sets();
-    }
-  }
+  for (const Buffer& picture : pictures) static_cast<void>(codec->look(picture));
+  static_cast<void>(codec->look(pictures[1]));  // before a key picture may stand one that is none
+  ASSERT_TRUE(codec->look(pictures[0]).key);
+  const Buffer sets = codec->parameter_sets();
   bool any = false;
   for (const Bytes unit : units_of(sets)) {
     if (h264::unit_of(unit) != h264::Unit::sps) continue;
@@ -295,6 +311,46 @@ TEST(WebH265, RecordedSets) {
     return;
   }
   FAIL() << "no set";
+}
+
+/// Its last rows are cut off: they are counted by two, as its colours have them.
+TEST(WebH265, ASetOfAHighDefinitionPicture) {
+  BitWriter out;
+  out.bits(0x4201, 16);
+  out.bits(1, 8);  // one layer, nested
+  for (int i = 0; i < 12; ++i) out.bits(1, 8);
+  for (const std::uint32_t code : {0, 1, 1920, 1088}) out.ue(code);  // id, colours, size
+  out.flag(true);
+  for (const std::uint32_t code : {0, 0, 0, 4, 0, 0}) out.ue(code);  // what is cut off, depths
+  const auto sps = h265::parse_sps(escaped(out.finish()));
+  ASSERT_TRUE(sps);
+  EXPECT_EQ(sps->width, 1920U);
+  EXPECT_EQ(sps->height, 1080U);
+}
+
+/// A picture of one slice, which has that number of eight bits.
+Buffer picture_with_number(std::uint8_t header, std::uint32_t type, std::uint32_t number) {
+  BitWriter out;
+  out.bits(header, 8);
+  for (const std::uint32_t code : {0U, type, 0U}) out.ue(code);
+  out.bits(number, 8);
+  out.bits(0, 16);
+  Buffer picture;
+  append_unit(picture, escaped(out.finish()));
+  return picture;
+}
+
+TEST(WebCodec, FrameNumbersGoRound) {
+  constexpr std::uint32_t kP = 0;
+  constexpr std::uint32_t kI = 2;
+  const auto codec = make_h264();
+  Buffer first;
+  append_unit(first, hardware_sps());
+  append(first, picture_with_number(0x65, kI, 0));
+  EXPECT_TRUE(codec->look(first).key);
+  EXPECT_TRUE(codec->look(picture_with_number(0x41, kP, 1)).follows);
+  EXPECT_FALSE(codec->look(picture_with_number(0x41, kP, 255)).follows);
+  EXPECT_TRUE(codec->look(picture_with_number(0x41, kP, 0)).follows);
 }
 
 TEST(WebCodec, KeyPicturesAndOthers) {
@@ -341,7 +397,21 @@ TEST(WebMp4, BoxesAreWhole) {
   fragment.resize(fragment.size() + 5);
   expect_boxes(fragment, {"moof", "mdat"});
   // Where the data is, from the start of the fragment.
-  EXPECT_EQ(number_at(fragment, 8 + 16 + 8 + 16 + 20 + 16), fragment.size() - 5);
+  constexpr std::size_t kRun = 8 + 16 + 8 + 16 + 20;
+  EXPECT_EQ(number_at(fragment, kRun + 16), fragment.size() - 5);
+  // When it begins, in more than 32 bits.
+  EXPECT_EQ(number_at(fragment, kRun - 8), 1'000'000'000'000U >> 32U);
+  EXPECT_EQ(number_at(fragment, kRun - 4), 1'000'000'000'000U & 0xFFFF'FFFFU);
+}
+
+/// What a player may begin with, and what it may not.
+TEST(WebMp4, KeyPicturesSayThatTheyAre) {
+  constexpr std::size_t kFromTheEnd = 4 + 8;  // the head of the data stands behind them
+  for (const auto& [key, flags] : {std::pair{true, 0x0200'0000U}, std::pair{false, 0x0101'0000U}}) {
+    Buffer fragment;
+    mp4::append_fragment_head(fragment, 1, {0, 40'000}, key, 5);
+    EXPECT_EQ(number_at(fragment, fragment.size() - kFromTheEnd), flags);
+  }
 }
 
 TEST(WebPicture, LengthsStandInPlaceOfStartCodes) {

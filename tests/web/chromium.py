@@ -33,6 +33,17 @@ PREFERENCES = {"credentials_enable_service": False, "profile": {"password_manage
 HOST = "127.0.0.1"
 
 
+# Notes what the page says to the server.
+HEARING = """
+const send = WebSocket.prototype.send;
+window.said = [];
+WebSocket.prototype.send = function (text) {
+  window.said.push(JSON.parse(text));
+  return send.call(this, text);
+};
+"""
+
+
 class Driver(Service):
     """Chromedriver."""
 
@@ -124,6 +135,14 @@ class Chromium:
                   what="the first picture")
         player = self.run("return document.querySelector('#stage').dataset.player")
         return {"mse": "#video", "webcodecs": "#canvas"}[player]
+
+    def hear(self):
+        """From now on said() tells what the page says to the server."""
+        self.run(HEARING)
+
+    def said(self, kind):
+        """The messages of that type, in their order."""
+        return self.run("return window.said.filter(({ type }) => type === arguments[0])", kind)
 
     def ages(self, selector, times):
         """How old what is shown is, in ms, at so many moments."""

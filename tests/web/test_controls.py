@@ -257,6 +257,12 @@ def test_channel_map(page):
              "document.querySelector('[aria-label=\"Channel 3 drives\"]').value = 'record'")
     page.button("Save the channels", "dialog").click()
     page.wait("return document.querySelector('#toasts').textContent.includes('Channels: saved')")
+    close_dialog(page)
+    page.find("#settings").click()
+    page.wait("return document.querySelector('dialog[open] .channels')")
+    assert page.run("return [2, 3, 4].map((n) =>"
+                    " document.querySelector(`[aria-label=\"Channel ${n} drives\"]`).value)") == \
+        ["", "record", ""]
 
 
 def test_scan(page, standins):
@@ -279,9 +285,11 @@ def test_pass_phrases_are_write_only(page):
     field = page.find("[aria-label='Wi-Fi: Pass phrase']")
     assert field.get_attribute("type") == "password" and field.get_attribute("value") == ""
     field.send_keys("a secret of the house")
+    page.hear()
     page.button("Save the networks", "dialog").click()
     page.button("Change", "dialog[role=alertdialog]").click()
     page.wait("return document.querySelector('#toasts').textContent.includes('Networks: sent')")
+    assert page.said("set")[-1]["values"] == ["lan_psk=a secret of the house"]
     assert "a secret" not in page.run(
         "return fetch('/api/state').then((answer) => answer.text())")
 

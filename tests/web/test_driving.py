@@ -6,6 +6,7 @@ import threading
 import time
 
 import pytest
+from selenium.webdriver.common.keys import Keys
 
 from harness.bridge import Bridge
 from harness.timing import limit, wait_until
@@ -104,6 +105,32 @@ def test_release(page, gimbal):
     page.actions.release().perform()
     gimbal.wait_rest(noted(page, "pointerup"))
     assert page.run("return document.querySelector('#who').textContent") == "You drive"
+
+
+def test_rest_is_said(page, gimbal):
+    """By the page itself, at once, and three times: the server need not miss it first."""
+    page.hear()
+    page.actions.key_down(Keys.ARROW_RIGHT).perform()
+    gimbal.wait_moves()
+    at_once = page.run("document.body.dispatchEvent(new KeyboardEvent('keyup',"
+                       " { key: 'ArrowRight', bubbles: true })); return window.said.at(-1)")
+    assert (at_once["type"], at_once["pan"]) == ("speed", 0)
+    page.actions.key_up(Keys.ARROW_RIGHT).perform()
+
+    def rests():
+        last = [(one["pan"], one["tilt"], one["roll"]) for one in page.said("speed")[-3:]]
+        return last == [(0, 0, 0)] * 3
+
+    wait_until(rests, 5, "three words of rest")
+
+
+def test_escape(page, gimbal):
+    """It stops the gimbal while a key is still held."""
+    page.actions.key_down(Keys.ARROW_RIGHT).perform()
+    gimbal.wait_moves()
+    page.keys(Keys.ESCAPE)
+    gimbal.wait_rest(time.time())
+    page.actions.key_up(Keys.ARROW_RIGHT).perform()
 
 
 def test_up_is_up_and_roll_is_roll(page, gimbal):
@@ -223,7 +250,6 @@ def test_pulled_cable(page, gimbal, plain_host):
 
 def test_arrow_keys(page, gimbal):
     """For as long as they are down; two at a time are a diagonal."""
-    from selenium.webdriver.common.keys import Keys
     page.run(NOTES)
     page.actions.key_down(Keys.ARROW_LEFT).key_down(Keys.ARROW_UP).perform()
     gimbal.wait_moves()
@@ -238,7 +264,8 @@ def test_arrow_keys(page, gimbal):
 PAD = """
 window.pad = { index: 0, connected: true, axes: [0, 0, 0, 0], buttons: [], timestamp: 1,
   mapping: "standard", id: "pad" };
-navigator.getGamepads = () => [window.pad];
+window.looks = 0;
+navigator.getGamepads = () => { window.looks += 1; return [window.pad]; };
 const event = new Event("gamepadconnected");
 event.gamepad = window.pad;
 dispatchEvent(event);
@@ -247,9 +274,16 @@ window.tremble = setInterval(() => { if (!window.frozen) pad.timestamp += 1; }, 
 """
 
 
+def looked_at(page):
+    """Waits until the page, which has the focus, has seen where the pad's sticks are."""
+    page.cdp("Page.bringToFront")
+    before = page.run("return window.looks")
+    page.wait("return window.looks > arguments[0] + 1", before, what="a look at the pad")
+
+
 def test_gamepad(page, gimbal):
     page.run(PAD)
-    time.sleep(0.2)
+    looked_at(page)
     page.run("push(0.8, 0)")
     gimbal.wait_moves()
     let_go = time.time()
@@ -261,10 +295,11 @@ def test_gamepad_that_froze(page, gimbal):
     """After a lost radio link browsers go on with the last axes: nothing moves by them before the
     stick was at rest."""
     page.run(PAD.replace("axes: [0, 0, 0, 0]", "axes: [0.9, 0, 0, 0]"))
+    looked_at(page)
     time.sleep(0.5)
     assert not gimbal.moves()
     page.run("push(0, 0)")
-    time.sleep(0.2)
+    looked_at(page)
     page.run("push(0.6, 0)")
     gimbal.wait_moves()
     page.run("window.frozen = true")
@@ -273,7 +308,9 @@ def test_gamepad_that_froze(page, gimbal):
 
 def test_maximum_and_curve(page, gimbal):
     """The operator's maximum holds at the gimbal, and is remembered by the browser."""
-    page.run("localStorage.setItem('nimbus.feel', '{\"most\":0.2,\"curve\":0}')")
+    page.find("#help").click()
+    page.run("const fastest = document.querySelector('dialog [aria-label=\"Fastest speed\"]');"
+             "fastest.value = 20; fastest.dispatchEvent(new Event('input'))")
     page.driver.refresh()
     page.wait("return !document.querySelector('#take').disabled")
     hold_stick(page, right=90)
@@ -307,6 +344,17 @@ def test_two_browsers_and_one_lease(page, gimbal, web, chromiums):
     gimbal.wait_moves()
     other.actions.release().perform()
     gimbal.wait_rest(noted(other, "pointerup"))
+
+
+def test_whoever_drives_may_rest(page, gimbal):
+    """A driver that does nothing for longer than 3 s is asked before another one gets the lease."""
+    page.run("window.other = new WebSocket(`ws://${location.host}/ws/control`)")
+    page.find("#take").click()
+    page.wait("return document.body.dataset.driver === 'me'")
+    time.sleep(3.5)
+    page.run("other.send('{\"type\":\"take\"}')")
+    assert page.button("Hand over", "dialog")
+    assert page.run("return document.body.dataset.driver") == "me"
 
 
 # What two people do who both want it: they take, drive, and let go, on and on.

@@ -42,6 +42,31 @@ def test_merge_patch(module):
     assert found == [row[2] for row in MERGES]
 
 
+def test_clock(module):
+    """As cameras show how long they record."""
+    found = module("bar", "return given[0].map(m.clock);", [-1, 0, 59.9, 60, 3599, 3600, 36061])
+    assert found == ["00:00", "00:00", "00:59", "01:00", "59:59", "1:00:00", "10:01:01"]
+
+
+def test_what_stays_is_not_written_again(module):
+    """Screen readers would speak it."""
+    body = """
+      const line = document.createElement("p");
+      const watcher = new MutationObserver(() => {});
+      watcher.observe(line, { childList: true });
+      const writes = (text) => { m.say(line, text); return watcher.takeRecords().length > 0; };
+      return given[0].map(writes);
+    """
+    assert module("dom", body, ["a", "a", "b", "b", "a"]) == [True, False, True, False, True]
+
+
+def test_few_lines_at_a_time(module):
+    """Many refusals at once do not cover the picture."""
+    body = ("given[0].forEach(m.warn); return [...document.querySelector('#alerts').children]"
+            ".map((one) => one.textContent);")
+    assert module("toast", body, ["1", "2", "3", "4", "5"]) == ["3", "4", "5"]
+
+
 def test_curve(module):
     """The sticks' curve keeps the sign, the rest and the maximum, and never exceeds it."""
     shaped = ("return given[0].map(([x, curve, most]) => m.shaped(x, { curve, most }));", [

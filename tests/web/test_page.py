@@ -2,6 +2,7 @@
 nothing lies outside of a screen or over something else."""
 
 import re
+import signal
 import time
 import urllib.request
 
@@ -174,6 +175,30 @@ def test_no_board_is_said(browser, web, film, size):
         assert stage[least] <= text[least] and text[most] <= stage[most], (text, stage)
     web.start()
     browser.wait("return document.querySelector('#stale').textContent === ''", seconds=20)
+
+
+def test_a_board_that_falls_silent_is_given_up(browser, web, film):
+    """Its connection stands, and nothing comes any more: a new one is tried."""
+    browser.open(web.address())
+    browser.picture()
+    browser.run("const { close } = WebSocket.prototype; WebSocket.prototype.close = function () {"
+                " window.gaveUp = true; close.call(this); }")
+    web.process.send_signal(signal.SIGSTOP)
+    try:
+        browser.wait("return window.gaveUp")
+    finally:
+        web.process.send_signal(signal.SIGCONT)
+    browser.wait("return document.querySelector('#stale').textContent === ''", seconds=20)
+
+
+def test_nothing_of_before_is_shown(page, camera, web):
+    """A nimbus-web that starts anew has not heard of the camera that was there."""
+    camera.kill()
+    camera.wait()
+    web.close()
+    web.start()
+    page.wait("return [...document.querySelectorAll('#values .value')].every((one) => one.hidden)",
+              seconds=20)
 
 
 def test_old_reports_are_dimmed(page, camera):

@@ -38,8 +38,23 @@ def test_chromium_on_plain_http(browser, web, film):
     assert browser.run("return document.querySelector('#video').readyState") >= 2
 
 
+# Counts how often a method of the browser's is called, in window.calls.
+COUNTING = """
+const { [arguments[1]]: method } = window[arguments[0]].prototype;
+const name = arguments[1];
+window.calls = 0;
+window[arguments[0]].prototype[name] = function (...given) {
+  window.calls += 1;
+  return method.apply(this, given);
+};
+"""
+
+
 def test_chromium_in_a_secure_context(browser, web, film):
+    """The decoder, which may have few pictures, gets each of them back."""
     plays(browser, web, SECURE_HOST, "webcodecs")
+    browser.run(COUNTING, "VideoFrame", "close")
+    browser.wait("return window.calls > 10")
 
 
 # What iPhones have in place of Media Source Extensions, made of these.
@@ -68,6 +83,25 @@ def test_managed_media_source(browser, web, film):
             assert -1 not in ages and 0 <= min(ages) and max(ages) < limit(4000), ages
         assert statistics.median(ages) < limit(1000), ages
         assert browser.errors() == []
+    finally:
+        browser.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=script["identifier"])
+
+
+def test_managed_media_source_that_wants_nothing(browser, web, films):
+    """Up to the next key picture it gets nothing."""
+    films(keys=1000)
+    script = browser.cdp("Page.addScriptToEvaluateOnNewDocument", source=MANAGED)
+    try:
+        browser.open(web.address())
+        browser.picture()
+        browser.run(COUNTING, "SourceBuffer", "appendBuffer")
+        browser.wait("return window.calls > 10")
+        browser.run("managed.dispatchEvent(new Event('endstreaming'))")
+        browser.wait("return !managed.sourceBuffers[0].updating")
+        time.sleep(0.1)
+        calls = browser.run("return window.calls")
+        time.sleep(0.5)
+        assert browser.run("return window.calls") == calls
     finally:
         browser.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=script["identifier"])
 
