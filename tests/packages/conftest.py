@@ -18,12 +18,14 @@ def pytest_addoption(parser):
     parser.addoption("--roots", default=str(ROOT / "build" / "roots"),
                      help="folder in which roots are kept (default: build/roots)")
     parser.addoption("--long", action="store_true", help="hundreds of rounds instead of a few")
+    parser.addoption("--times", type=int, help="how often, instead of what each test says")
 
 
 @pytest.fixture(scope="session")
 def times(pytestconfig):
     """times(short, long): how often."""
-    return lambda short, long: long if pytestconfig.getoption("--long") else short
+    option = pytestconfig.getoption
+    return lambda short, long: option("--times") or (long if option("--long") else short)
 
 
 class Packages:
