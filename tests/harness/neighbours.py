@@ -181,12 +181,12 @@ class Operator:
 
     COMMANDS = [
         {"cmd": "record", "param": "start"}, {"cmd": "iso", "param": "400"},
-        {"cmd": "shutter", "param": "1/50"}, {"cmd": "ev", "param": "-0.3"},
+        {"cmd": "shutter", "param": "50"}, {"cmd": "ev", "param": "-0.3"},
         {"cmd": "wb", "param": "sunny"}, {"cmd": "aperture", "param": "2.8"},
         {"cmd": "gimbal", "param": "mode", "value1": "follow"}, {"cmd": "shot"},
         {"cmd": "orientation", "param": "lock"}, {"cmd": "record", "param": "stop"},
         {"cmd": "color", "param": "art"}, {"cmd": "orientation", "param": "unlock"},
-        {"cmd": "configrequest"}, {"cmd": "hystogram", "param": "enable"}, {"no": "command"},
+        {"cmd": "configrequest"}, {"cmd": "hystogram", "param": "1"}, {"no": "command"},
     ]
     SETTING = "video_bitrate"
 

@@ -138,7 +138,7 @@ class Stalling:
     somebody does who sees nothing."""
 
     def __init__(self, port, count):
-        self._place = types.SimpleNamespace(port=port, host=f"127.0.0.1:{port}")
+        self._place = types.SimpleNamespace(port=port, host=f"127.0.0.1:{port}", secure=False)
         self._count = count
         self._sockets = []
 

@@ -29,8 +29,8 @@ from film import Film
 ON_THIS_MACHINE, SLOW, VANISHING = 7, 1, 2
 SCRIPTED, DRIVING, STALLING, REAL = 37, 2, 10, 3
 RTP_PORT = 5004
-RATE, BITS = 15, "350k"  # pictures and bits a second: with the reports, what ten can be given
-LINK = "130kbit"  # a third of the picture, with what it is wrapped in
+RATE, BITS = 15, "250k"  # pictures and bits a second: with the reports, what ten can be given
+LINK = "95kbit"  # a third of the picture, with what it is wrapped in
 LIFE = 600.0  # seconds, after which the service is killed
 IN_HAND = 2.0  # seconds, for which what it is killed with may have waited at the most
 BACK = 6.0  # seconds, after which everybody has his picture again
@@ -220,7 +220,7 @@ def check(house, gained, begin, took):
     """What the service gave."""
     lives = house.lives
     missed = house.audience.missed_outside([(0.0, begin), *lives.gaps])
-    missing = sum(round((after - before) / SPEED_PERIOD) - 1
+    missing = sum(max(0, round((after - before) / SPEED_PERIOD) - 1)
                   for before, after in itertools.pairwise(house.camera.speeds[-gained["stream"]:])
                   if not lives.in_gaps(before, after))
     print(f"""
@@ -239,8 +239,8 @@ memory     the service {max(lives.growth) // 1024:+} KiB in a life, at the most"
     assert max(missed) <= MISSED * gained["video"]
     assert min(gained["slow"], gained["vanishing"]) > 0.15 * gained["video"]
     assert house.vanishing.vanished >= took // house.vanishing.PERIOD
-    # Those on their way at its end, of either operator.
-    assert gained["answers"] >= gained["asked"] - 4 * len(lives.back)
+    # One command waits at a time: when both operators have one, the later is not taken.
+    assert gained["answers"] > 0.8 * gained["asked"]
     assert missing <= 2 + MISSED * gained["stream"]
     assert max(lives.growth) <= GROWTH_BYTES
 
