@@ -115,6 +115,12 @@ def install(machine, what="/mnt/luggage/nimbus*.deb"):
     return machine.run(f"{APT} install {what}", 300)
 
 
+def start_siblings(machine):
+    """They are there from the boot on, but for one in which the service was not installed yet."""
+    machine.run("systemctl start multi-user.target", 120)
+    machine.run("systemctl is-active board-sibling@usb-receiver")
+
+
 def wait_service(machine, seconds=120):
     """Waits until systemd has heard from the service that it is ready."""
     machine.wait("systemctl is-active nimbus.service", seconds, "the service's READY")

@@ -23,8 +23,10 @@ HOSTS = tuple(f"10.77.0.{n}" for n in range(2, 12))
 # Emulated on a machine that does other work, too, a second lasts; nothing here measures by these.
 TIME_SCALE = float(os.environ.get("NIMBUS_TIME_SCALE", "1"))
 
-# Emulated beside other work, a board may find its card late.
+# Emulated beside other work, a board may find its card late, and the start of its network may take
+# longer than the system bears.
 PATIENCE = ",x-systemd.device-timeout=600s"
+PATIENT_SYSTEM = "systemd.default_timeout_start_sec=600"
 
 KINDS = {
     "amd64": ("qemu-system-x86_64", ["-M", "q35"], "ttyS0"),
@@ -146,7 +148,8 @@ class Machine:
         return [program, *kind, *self.image.processor(), "-smp", "2", "-m", str(memory),
                 "-nodefaults", "-display", "none", "-kernel", self.image.kernel, "-initrd",
                 self.image.initrd, "-append",
-                f"console={terminal} root=/dev/vda rw quiet loglevel=4 no_timer_check {words}"]
+                f"console={terminal} root=/dev/vda rw quiet loglevel=4 no_timer_check "
+                f"{PATIENT_SYSTEM} {words}"]
 
     def _ports(self, agent, qmp, console):
         """Its ways to the outside."""
@@ -184,6 +187,12 @@ class Machine:
 
     def said_by_qemu(self):
         return (self.folder / "qemu.log").read_text(errors="replace")
+
+    def held_up(self):
+        """How long its processors were ready to run while the host's were not free, in seconds."""
+        tasks = pathlib.Path(f"/proc/{self.process.pid}/task")
+        threads = (tasks / str(one["thread-id"]) for one in self.monitor("query-cpus-fast"))
+        return sum(int((one / "schedstat").read_text().split()[1]) for one in threads) / 1e9
 
     # --- The monitor -----------------------------------------------------------------------------
 
