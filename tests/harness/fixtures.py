@@ -61,10 +61,11 @@ def empty(folder):
 @pytest.fixture(autouse=True)
 def clean_board(sandbox):
     """Each test starts on a fresh board: no shared memory, an empty /boot, idle stand-ins, no
-    working copy of the settings, whatever the test before has made in its place."""
+    working copy of the settings, whatever the test before has made in its place, and no word that
+    the card's were not read."""
     for folder in ("/dev/shm", "/boot", os.environ["NIMBUS_STANDINS"]):
         empty(folder)
-    for entry in pathlib.Path("/run").glob("tervado.conf*"):
+    for entry in pathlib.Path("/run").glob("tervado.*"):
         remove(entry)
 
 
