@@ -352,10 +352,10 @@ def test_telemetry_that_stops_is_reported_once(station, kind, other):
 @pytest.mark.parametrize("age_ms", [-60_000, 60_000, 2 ** 31])
 def test_an_old_stamp_is_reported_at_the_next_check(station, kind, age_ms):
     """One from the future is as old as can be."""
-    begin = time.monotonic()
+    begin = time.time()
     stamp(station.region, kind, now_ms() - age_ms)
-    station.camera.wait_text(f"{kind} lost\n")
-    assert time.monotonic() - begin < limit(CHECK_PERIOD + 0.5)
+    lost = station.camera.wait_text(f"{kind} lost\n")
+    assert lost.time - begin < limit(CHECK_PERIOD + 0.5)
     assert station.region.value("I", TELEMETRY[kind]) == 0
     time.sleep(1.2 * CHECK_PERIOD)
     assert lost_texts(station) == [f"{kind} lost\n"]
