@@ -70,6 +70,14 @@ class Sources : public testing::Test {
     check_sources();
   }
 
+  /// Returns when video that came has its time noted, which is behind the text that it was found.
+  void wait_for_video() {
+    while (display().video_connected == 0) std::this_thread::yield();
+    display().video_connected = 0;
+    bridge_.send(kVideoPort, "x");
+    while (display().video_connected == 0) std::this_thread::yield();
+  }
+
   static void expect_timer_reset() {
     EXPECT_EQ(display().timer_state, 0);
     EXPECT_EQ(display().timer_start_ms, 0U);
@@ -129,7 +137,7 @@ TEST_F(Sources, CameraDataThatStopsIsLostOnce) {
 TEST_F(Sources, VideoLeavesTheSplashAndTheTimerAlone) {
   bridge_.send(kVideoPort, "x");
   EXPECT_EQ(console_.wait(1), Texts{"Video found\n"});
-  while (display().video_connected == 0) std::this_thread::yield();
+  wait_for_video();
   EXPECT_EQ(test::bytes_of(display().product_name).substr(0, 8), std::string("product") + '\0');
   EXPECT_EQ(display().timer_state, 3);
   fall_silent();
@@ -143,6 +151,8 @@ TEST_F(Sources, CameraDataIsLostBeforeVideo) {
   bridge_.send(kVideoPort, "x");
   bridge_.send(kDataPort, "x");
   console_.wait(2);
+  while (handed_on != 1) std::this_thread::yield();
+  wait_for_video();
   fall_silent();
   EXPECT_EQ(console_.texts(), (Texts{"Data lost\n", "Video lost\n"}));
 }
