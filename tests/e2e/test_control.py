@@ -355,7 +355,7 @@ def test_an_old_stamp_is_reported_at_the_next_check(station, kind, age_ms):
     begin = time.time()
     stamp(station.region, kind, now_ms() - age_ms)
     lost = station.camera.wait_text(f"{kind} lost\n")
-    assert lost.time - begin < limit(CHECK_PERIOD + 0.5)
+    assert lost.time - begin < limit(2 * CHECK_PERIOD)  # the check itself runs a tool
     assert station.region.value("I", TELEMETRY[kind]) == 0
     time.sleep(1.2 * CHECK_PERIOD)
     assert lost_texts(station) == [f"{kind} lost\n"]
