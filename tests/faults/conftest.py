@@ -1,6 +1,5 @@
 """`./dev test` runs these tests shortly, `./dev test --long` for minutes each (`-k faults` leaves
-out the others), `./dev soak` the soak for as long as it is told. They live on what the end-to-end
-tests know of the service's neighbours."""
+out the others). They live on what the end-to-end tests know of the service's neighbours."""
 
 import mmap
 import time

@@ -11,7 +11,7 @@ import zlib
 from harness.far_network import FarViewer, Link
 from harness.udp import VIEWER_PORT, udp_socket
 from harness.web import WebSocket
-from film import VideoBridge
+from film import DATAGRAM, VideoBridge
 
 
 class CountingBridge(VideoBridge):
@@ -23,8 +23,8 @@ class CountingBridge(VideoBridge):
         self._numbers = {}
 
     def take(self, data):
-        for at in range(0, len(data), 1400):
-            piece = data[at:at + 1400]
+        for at in range(0, len(data), DATAGRAM):
+            piece = data[at:at + DATAGRAM]
             self._numbers[zlib.crc32(piece)] = len(self.times)
             self.times.append(time.monotonic())
             self.socket.sendto(piece, self.address)
@@ -44,7 +44,6 @@ class Audience:
             sock.settimeout(0.2)
         self.next = [None] * count  # the number that comes next, once one has come
         self.missed = [[] for _ in range(count)]
-        self.versions = [0] * count
         self.settings = []  # configuration reports, as the first is told
 
     def __len__(self):
@@ -77,8 +76,6 @@ class Audience:
             self.next[number] = got + 1
         elif payload[:1] == b"{" and number == 0:
             self.settings.append(json.loads(payload))
-        else:
-            self.versions[number] += payload[0] == 11
 
     def missed_outside(self, spans):
         """How many each has missed that were not sent within those times, from one to the next."""
