@@ -11,6 +11,7 @@ import socket
 import statistics
 import struct
 import subprocess
+import sys
 import threading
 import time
 
@@ -197,22 +198,31 @@ def test_buffers_without_privilege(launch, video, viewers):
 # --- Pace and order ------------------------------------------------------------------------------
 
 
+# A process that does nothing but pause: how long ten of them take this machine at the moment, in ns.
+TEN_PAUSES = """import time
+ends = [(time.sleep(0.001), time.monotonic_ns())[1] for _ in range(400)]
+print(min(end - begin for begin, end in zip(ends, ends[10:])))"""
+
+
 def test_pace(held, stamped, video):
     """A pause of a millisecond after every send, including the last viewer's; ten viewers take
     10 ms and little more."""
     everybody = stamped(held, MAX_VIEWERS)
     rounds = 40
-    for n in range(rounds):
-        video.send(numbered(n, 1400))
-    for viewer in everybody:
-        wait_video(viewer, rounds)
+    with subprocess.Popen([sys.executable, "-c", TEN_PAUSES], stdout=subprocess.PIPE) as beside:
+        for n in range(rounds):
+            video.send(numbered(n, 1400))
+        for viewer in everybody:
+            wait_video(viewer, rounds)
+        pauses = int(beside.stdout.read())
     sends = [video_of(viewer)[n].time for n in range(rounds) for viewer in everybody]
     # The pause is measured by another clock than the times are.
     gaps = [after - before for before, after in itertools.pairwise(sends)]
     assert min(gaps) >= 0.999 * PAUSE_NS
     # The machine may be busy: the fastest ten in a row tell what the service itself makes of it.
     fastest = min(sends[n + MAX_VIEWERS] - sends[n] for n in range(len(sends) - MAX_VIEWERS))
-    assert fastest < (1.1 + 0.1 * (TIME_SCALE - 1)) * MAX_VIEWERS * PAUSE_NS
+    alone = (1.1 + 0.1 * (TIME_SCALE - 1)) * MAX_VIEWERS * PAUSE_NS
+    assert fastest < max(alone, 1.05 * pauses)
 
 
 @pytest.mark.skipif(bool(EMULATOR), reason="the emulator has a timer slack of its own")

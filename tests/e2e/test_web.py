@@ -541,6 +541,7 @@ def test_tls(serve, service, tmp_path):
 @pytest.mark.parametrize("options, problem", [
     (["--listen", "8080"], "cannot listen on '8080'; expected ADDRESS:PORT such as 0.0.0.0:8080 or [::]:8080"),
     (["--service", "127.0.0.1:http"], "no port in '127.0.0.1:http'; expected HOST or HOST:PORT"),
+    (["--service", "127.0.0.1:0"], "no port in '127.0.0.1:0'; expected HOST or HOST:PORT"),
     (["--service", "no.such.host.invalid"],
      "no host 'no.such.host.invalid'; expected a name or an IPv4 address"),
     (["--tls-cert", "x"], "--tls-cert and --tls-key go together; expected both or none"),
