@@ -55,7 +55,7 @@ def asked_for_nobody(machine):
 
 
 @pytest.mark.long
-@pytest.mark.parametrize("layout", ["firmware-uid", "boot"])
+@pytest.mark.parametrize("layout", ["firmware-uid", "boot", "boot-ro", "boot-uid"])
 def test_layouts(boot, card, viewer, layout):
     """Each starts with the card's settings, and saves there."""
     machine = boot(layout, card)
@@ -122,6 +122,20 @@ def test_card_full_and_without_settings(boot, work):
     machine = boot("firmware", card)
     assert bench.bitrate_after_start(machine) == 2000000
     assert "cannot be written" in bench.journal(machine)
+
+
+@pytest.mark.long
+def test_card_full_and_a_save(boot, card, viewer):
+    """The old settings stay whole on the card."""
+    fill(card)
+    machine = boot("firmware", card)
+    assert bench.bitrate_after_start(machine) == 1111
+    viewer.join().command(bench.setting("video_bitrate", 2222))
+    machine.wait("journalctl -o cat -b -u nimbus | grep 'Save config' && sleep 1")
+    assert viewer.settings()["vbitrate"] == 2222
+    machine.switch_off()
+    assert bench.bitrate_on(card) == 1111
+    assert card.read("config.txt") == bench.CARD_FILES[0][1]
 
 
 def test_card_broken(boot, card):

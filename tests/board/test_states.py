@@ -65,6 +65,13 @@ def save(board, viewer):
     change_bitrate(board, viewer, 2222)
 
 
+def recalibrate(board, viewer):
+    by_hand(board, "echo calibration >rcin.cal")
+    board.begin()
+    viewer.join().command('{"cmd":"rc","name":"recalibrate"}')
+    board.machine.wait("! [ -e /boot/rcin.cal ] && mountpoint -q /boot")
+
+
 def change_hdmi(board, viewer):
     viewer.join().command(bench.setting("hdmi_enabled", 1))
     board.machine.wait("grep -q hdmi_force_hotplug=1 /boot/config.txt /boot/firmware/config.txt"
@@ -88,10 +95,10 @@ def next_start(board, viewer):
 
 ACTS = {"save": save, "HDMI change": change_hdmi, "first start": first_start,
         "next start": next_start}
-CASES = [("save", "firmware"),
-         *(pytest.param(*case, marks=pytest.mark.long) for case in (
-             ("HDMI change", "firmware"), ("first start", "firmware"), ("next start", "firmware"),
-             ("save", "boot"), ("HDMI change", "boot")))]
+
+
+CASES = [pytest.param(what, layout, marks=[pytest.mark.long] * (what != "save"))
+         for layout in LAYOUTS for what in ACTS]
 
 
 @pytest.mark.parametrize("what, layout", CASES)
@@ -105,3 +112,14 @@ def test_every_state_of_a_cut(logged, viewer, figures, layout, what):
     assert wear["flushes"] and wear["bytes written"]
     figures[f"every state of a cut, {what}, {layout}"] = {**states.check(LAYOUTS[layout][0]),
                                                           **wear}
+
+
+@pytest.mark.long
+def test_every_state_of_a_cut_in_a_recalibration(logged, viewer, figures):
+    """It takes a file off the card where that is mounted at /boot; in the other layout the file is
+    on the root."""
+    board = logged("boot")
+    recalibrate(board, viewer)
+    states = board.states()
+    figures["every state of a cut, recalibration, boot"] = {**states.check("/boot"),
+                                                            **states.wear()}

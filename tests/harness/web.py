@@ -25,6 +25,8 @@ STREAMS = pathlib.Path(__file__).parents[1] / "unit/streams"
 class Web:
     """A running nimbus-web on a port of its own."""
 
+    address = "127.0.0.1"
+
     def __init__(self, build, *options, port=8080, env=None):
         self.killed = False
         self.port = port
@@ -114,7 +116,7 @@ class WebSocket:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         self.socket.bind((source, 0))
         self.socket.settimeout(limit(5))
-        self.socket.connect(("127.0.0.1", web.port))
+        self.socket.connect((web.address, web.port))
         if web.secure:
             self.socket = ssl._create_unverified_context().wrap_socket(self.socket)
         lines = {"Host": web.host, "Upgrade": "websocket", "Connection": "Upgrade",
