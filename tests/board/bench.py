@@ -9,10 +9,7 @@ import subprocess
 
 from harness.udp import VIEWER_PORT
 from harness.viewer import Viewer
-from card import Card
-from machine import BOARD, HOSTS, TIME_SCALE, make_tap, wait_until
-
-__all__ = ["Card", "TIME_SCALE"]  # for the tests
+from machine import BOARD, HOSTS, make_tap, wait_until
 
 NAME = "tervado-nimbus.conf"
 # What the installation may leave beside it: a new content on its way, and the last good copy.
@@ -33,17 +30,27 @@ def without_cr(data):
     return data.replace(b"\r\n", b"\n")
 
 
-def bitrate_on(card):
-    """The bit rate in the settings on a card, which are whole."""
-    settings = without_cr(card.read(NAME))
+def bitrate_in(settings):
+    """The bit rate in a file of settings, which is whole."""
+    settings = without_cr(settings)
     assert settings.rstrip().endswith(b"internal_camera_fullscreen=0"), settings
     return int(re.search(rb"^video_bitrate=(\d+)$", settings, re.MULTILINE)[1])
+
+
+def bitrate_on(card):
+    return bitrate_in(card.read(NAME))
 
 
 def bitrate_after_start(machine, seconds=200):
     """The bit rate that the service has been started with."""
     wait_service(machine, seconds)
     return int(machine.run("sed -n 's/^video_bitrate=//p' /run/tervado.conf"))
+
+
+def asked_for_nobody(machine):
+    """Whether the boot needs nobody who types something."""
+    return machine.ask("systemctl is-active emergency.service rescue.service")[1].split() == \
+        ["inactive", "inactive"]
 
 
 def setting(name, value):

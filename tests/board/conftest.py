@@ -32,8 +32,12 @@ def pytest_addoption(parser):
     parser.addoption("--times", type=int, help="how often, instead of what each test says")
 
 
+FIGURES = pytest.StashKey()
+
+
 def pytest_configure(config):
     config.addinivalue_line("markers", "long: with --long only")
+    config.stash[FIGURES] = {}
 
 
 def pytest_collection_modifyitems(config, items):
@@ -44,8 +48,11 @@ def pytest_collection_modifyitems(config, items):
     config.hook.pytest_deselected(items=long)
 
 
-def pytest_terminal_summary(terminalreporter):
-    """How long each test took, and the boards that were made for it."""
+def pytest_terminal_summary(terminalreporter, config):
+    """What was tried and found, and how long each test took, and the boards that were made for
+    it."""
+    if config.stash[FIGURES]:
+        terminalreporter.write_line(json.dumps(config.stash[FIGURES], indent=1))
     reports = [report for some in terminalreporter.stats.values() for report in some
                if isinstance(report, pytest.TestReport)]
     rows = collections.Counter()
@@ -107,15 +114,11 @@ def installed(image, luggage, work):
     fresh = make_disk(image.root, work / "installing.qcow2")
     card = Card(work / "installing.img").create(files=bench.CARD_FILES)
     machine = Machine(image, fresh, work / "installing", card=card, luggage=luggage)
-    try:
+    with machine.until_a_failure():
         machine.wait_agent()
         bench.install(machine)
         bench.wait_service(machine)
-    except BaseException:
-        print(machine.console()[-3000:])
-        machine.kill()
-        raise
-    machine.switch_off()
+        machine.switch_off()
     return fresh.rename(disk)
 
 
@@ -140,14 +143,14 @@ def viewer(viewers):
 
 @pytest.fixture(scope="session")
 def figures(request):
-    """What was tried and found, for docs/reliability.md: a dictionary, printed at the end."""
-    found = {}
+    """What was tried and found, for docs/reliability.md: a dictionary, which the run shows at its
+    end. The folder of the boards' disks keeps it, with what other tests have found before."""
+    found = request.config.stash[FIGURES]
     yield found
-    if found:
-        text = json.dumps(found, indent=1)
-        kind = request.config.getoption("--kind")
-        (request.config.getoption("--images") / f"figures-{kind}.json").write_text(text + "\n")
-        print(f"\n{text}")
+    kind = request.config.getoption("--kind")
+    file = request.config.getoption("--images") / f"figures-{kind}.json"
+    before = json.loads(file.read_text()) if file.exists() else {}
+    file.write_text(json.dumps({**before, **found}, indent=1) + "\n")
 
 
 @pytest.fixture(scope="session")
@@ -203,6 +206,26 @@ def boot(held, switched_on):
         if not hold:
             switched_on[-1].go()
         return switched_on[-1]
+
+    return make
+
+
+# Layouts of `running`, and how `held` has them.
+NEXT = {"firmware": "firmware", "boot": "boot-ro"}
+
+
+@pytest.fixture
+def next_boot(boot):
+    """next_boot(layout, card) boots a board with a card that was cut off: the bit rate with which
+    the service starts. The boot needs nobody, and the card is in order afterwards."""
+
+    def make(layout, card):
+        machine = boot(NEXT[layout], card)
+        rate = bench.bitrate_after_start(machine)
+        assert bench.asked_for_nobody(machine)
+        machine.switch_off()
+        assert card.check()[0] == 0
+        return rate
 
     return make
 

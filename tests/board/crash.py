@@ -48,6 +48,12 @@ class Partition:
         tool("cp", self.file, file)
         return Partition(file)
 
+    def card(self, like, file):
+        """A copy of that card which has this partition."""
+        card = like.copy(file)
+        tool("dd", f"if={self.file}", f"of={file}", f"bs={SECTOR}", f"seek={START}", "conv=notrunc")
+        return card
+
     def apply(self, writes):
         with self.file.open("r+b") as image:
             for write in writes:
@@ -73,15 +79,16 @@ class Promise:
     """What may be on the card after a cut: of each file what it was before, or afterwards."""
 
     def __init__(self, before, after):
+        self._old = set(before)
         self.files = {name: {before.get(name), after.get(name)} for name in before | after}
         self.settings = {bench.without_cr(content) for content in self.files[bench.NAME]
                          if content is not None}
 
     def hold(self, what, found):
         """Each file is what it was before or afterwards; but for copies, of which there is another,
-        and files that were not there, which may be empty."""
+        and files that were not there before, which may be empty."""
         for name, contents in self.files.items():
-            if name in COPIES or (None in contents and found.get(name) == b""):
+            if name in COPIES or (name not in self._old and found.get(name) == b""):
                 continue
             assert found.get(name) in contents, f"{what}: {name} of {brief(found)}"
         left = {name for name in found.keys() - self.files.keys() - bench.BESIDE
@@ -94,7 +101,9 @@ class StartStep:
 
     def __init__(self, mount, folder):
         self._mount = pathlib.Path(mount)
-        self._environment = {**os.environ, "PATH": f"{folder}:{os.environ['PATH']}"}
+        # What this machine itself mounts is no board's.
+        self._environment = {**os.environ, "PATH": f"{folder}:{os.environ['PATH']}",
+                             "LIBMOUNT_FSTAB": "/dev/null"}
         if mount != "/boot":
             self._let_boot_be_a_folder(folder)
             self._mount.mkdir(exist_ok=True)
@@ -110,15 +119,19 @@ class StartStep:
         program.chmod(0o755)
 
     def close(self):
+        self._clear()
         if str(self._mount) != "/boot":
             tool("/usr/bin/umount", self._mount)
             pathlib.Path("/boot", bench.NAME).unlink(missing_ok=True)
             self._mount.rmdir()
 
-    def run(self, files):
-        """Runs it on a card with those files: (the settings for the service, the card's files)."""
+    def _clear(self):
         for file in [*self._mount.iterdir(), *pathlib.Path("/run").glob("tervado.*")]:
             file.unlink()
+
+    def run(self, files):
+        """Runs it on a card with those files: (the settings for the service, the card's files)."""
+        self._clear()
         for name, content in files.items():
             (self._mount / name).write_bytes(content)
         subprocess.run([START_STEP], env=self._environment, check=True, capture_output=True)
@@ -133,7 +146,7 @@ class States:
         self._work = pathlib.Path("/run/states")
         shutil.rmtree(self._work, ignore_errors=True)
         self._work.mkdir()
-        self._events = events
+        self._events, self._card = events, before
         self._before = Partition.of(before, self._work / "before")
         after = Partition.of(after, self._work / "after")
         self._promise = Promise(*(one.files(self._work / "files")
@@ -146,19 +159,24 @@ class States:
                 "sectors written": len({write.sector for write in single_sectors(writes)}),
                 "flushes": sum(event is None for event in self._events)}
 
-    def _each(self):
-        """Each state as a partition, in the same file one after the other."""
-        for number, writes in enumerate(crash_states(self._events)):
-            state = self._before.copy(self._work / "state")
-            state.apply(writes)
-            yield f"state {number}", state
+    def _state(self, writes):
+        state = self._before.copy(self._work / "state")
+        state.apply(writes)
+        return state
 
-    def check(self, mount):
-        """Holds every state to what was promised: the counts of them."""
+    def _boot(self, writes, boot):
+        """Boots a card in that state: it starts with settings that were promised."""
+        rate = boot(self._state(writes).card(self._card, self._work / "card"))
+        assert rate in map(bench.bitrate_in, self._promise.settings), rate
+
+    def check(self, mount, boot=None):
+        """Holds every state to what was promised: the counts of them. Of each kind of cards one is
+        booted, too, by boot(card), which returns the bit rate of the service then."""
         step = StartStep(mount, self._work / "bin")
         found, gone_over = collections.Counter(), set()
         try:
-            for what, state in self._each():
+            for number, writes in enumerate(crash_states(self._events)):
+                what, state, kinds = f"state {number}", self._state(writes), len(gone_over)
                 found["states"] += 1
                 # A board may be without the check, too, which sees to what cannot be read.
                 unrepaired = state.files(self._work / "files")
@@ -173,6 +191,9 @@ class States:
                     if kind not in gone_over:
                         gone_over.add(kind)
                         self._start(what, step, files)
+                if boot and len(gone_over) > kinds:
+                    self._boot(writes, boot)
+                    found["booted"] += 1
         finally:
             step.close()
         return {**found, "gone over by the start step": len(gone_over)}

@@ -5,8 +5,9 @@ import bench
 from card import Card
 from machine import Machine, make_disk
 
-# The boot goes on without the card, up to the service; what is left then is the card's own.
-NOFAIL = ",nofail,x-systemd.device-timeout=600s,x-systemd.before=nimbus.service"
+# The boot goes on without the card, up to the service, which waits for it; what is left then is the
+# card's own.
+NOFAIL = ",nofail,x-systemd.device-timeout=600s"
 LAYOUTS = {
     "firmware": ("/boot/firmware", "defaults"),
     "firmware-ro": ("/boot/firmware", "defaults,ro"),
@@ -25,9 +26,9 @@ class Held:
         self._folder = folder
         self._kept = {}
 
-    def _keep(self, layout, extra):
+    def _keep(self, layout):
         """Boots a board of that layout, and keeps it: (the file of its memory, its disk)."""
-        folder = self._folder / f"held-{layout}{'-' * bool(extra)}"
+        folder = self._folder / f"held-{layout}"
         if (folder / "memory").exists():
             return folder / "memory", folder / "disk.qcow2"
         folder.mkdir(exist_ok=True)
@@ -35,23 +36,24 @@ class Held:
         card = Card(folder / "card.img").create(files=bench.CARD_FILES)
         mount, options = LAYOUTS[layout]
         machine = Machine(self._image, disk, folder, card=card, luggage=self._luggage, hold=True,
-                          mount=mount, options=options + extra, log=folder / "log")
-        machine.wait_agent()
-        # Nothing else is on its way any more.
-        machine.wait("systemctl list-jobs --no-legend | grep -v waiting >/run/jobs;"
-                     " grep -q board-hold /run/jobs && ! grep -vq board-hold /run/jobs", 300)
-        machine.save_state(folder / "saving")
+                          mount=mount, options=options + NOFAIL, log=folder / "log")
+        with machine.until_a_failure():
+            machine.wait_agent()
+            # Nothing else is on its way any more.
+            machine.wait("systemctl list-jobs --no-legend | grep -v waiting >/run/jobs;"
+                         " grep -q board-hold /run/jobs && ! grep -vq board-hold /run/jobs", 300)
+            machine.save_state(folder / "saving")
         (folder / "saving").rename(folder / "memory")
         return folder / "memory", disk
 
-    def boot(self, layout, card, extra=NOFAIL):
+    def boot(self, layout, card):
         """A board of that layout that stands before its card; go() lets it go on."""
-        if (layout, extra) not in self._kept:
-            self._kept[layout, extra] = self._keep(layout, extra)
-        memory, disk = self._kept[layout, extra]
+        if layout not in self._kept:
+            self._kept[layout] = self._keep(layout)
+        memory, disk = self._kept[layout]
         folder = self._folder / "restored"
         folder.mkdir(exist_ok=True)
         own = make_disk(disk, folder / "disk.qcow2")
         mount, options = LAYOUTS[layout]
         return Machine(self._image, own, folder, card=card, hold=True, luggage=self._luggage,
-                       mount=mount, options=options + extra, state=memory, log=folder / "log")
+                       mount=mount, options=options + NOFAIL, state=memory, log=folder / "log")

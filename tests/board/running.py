@@ -33,10 +33,11 @@ class Running:
         card = Card(folder / "card.img").create(
             files=[*bench.CARD_FILES, (bench.NAME, bench.OLD)])
         machine = self._machine(layout, folder, disk, card, log=folder / "log")
-        machine.wait_agent()
-        bench.wait_service(machine, 300)
-        machine.run("sync; sleep 1; sync")
-        machine.save_state(folder / "saving")
+        with machine.until_a_failure():
+            machine.wait_agent()
+            bench.wait_service(machine, 300)
+            machine.run("sync; sleep 1; sync")
+            machine.save_state(folder / "saving")
         (folder / "saving").rename(folder / "memory")
         return folder
 

@@ -8,7 +8,7 @@ import time
 
 from machine import BOARD, HOSTS
 
-PORTS = (4242, 5000, 5001)
+VIEWERS, BRIDGE = (4242,), (5000, 5001)
 
 
 def ipv4(source, target, payload, fragment=0, number=0, protocol=17):
@@ -24,14 +24,29 @@ def udp(source_port, port, payload):
 
 
 MORE = 0x2000
+REPORT = b"\x55" * 100
+REGISTER = b"\x42" + bytes(13)
+OUTSIDE = "203.0.113.7"  # of a network that no viewer is in
 
 
 class Strangers:
-    """Send empty datagrams to every port of the board, what a camera would say to those of the
-    bridge, the same in fragments, and the same under the board's own addresses, again and again."""
+    """Try each of these ways again and again."""
 
-    def __init__(self, period=0.004):
+    # Which ports a way is tried at, and what it brings about on a board without a filter, whose
+    # kernel itself refuses its own addresses from outside.
+    WAYS = {
+        "empty": (VIEWERS + BRIDGE, "UDP read failed"),
+        "report": (BRIDGE, "Data found"),
+        "forged": (BRIDGE, "Data found"),
+        "fragments": (BRIDGE, "Data found"),
+        "outside": (VIEWERS, f"New client connected from {OUTSIDE}"),
+        "own": (VIEWERS + BRIDGE, None),
+    }
+
+    def __init__(self, ways, period=0.004):
         self.sent = 0
+        self._tries = [(getattr(self, f"_{way}"), port) for way in ways
+                       for port in self.WAYS[way][0]]
         self._period = period
         self._plain = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self._plain.bind((HOSTS[-1], 0))
@@ -40,22 +55,29 @@ class Strangers:
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
 
-    def _attempts(self):
-        for port in PORTS:
-            yield lambda port=port: self._plain.sendto(b"", (BOARD, port))
-            for source in (BOARD, "127.0.0.1", HOSTS[5]):
-                yield lambda port=port, source=source: self._raw.sendto(
-                    ipv4(source, BOARD, udp(port, port, b"")), (BOARD, 0))
-        for port in PORTS[1:]:
-            report = b"\x55" * 100
-            yield lambda port=port: self._plain.sendto(report, (BOARD, port))
-            for source in (BOARD, "127.0.0.1"):
-                yield lambda port=port, source=source: self._raw.sendto(
-                    ipv4(source, BOARD, udp(5000, port, report)), (BOARD, 0))
-            yield lambda port=port: self._in_fragments(port, report)
+    def _from(self, source, port, payload):
+        self._raw.sendto(ipv4(source, BOARD, udp(5000, port, payload)), (BOARD, 0))
 
-    def _in_fragments(self, port, payload):
-        whole = udp(5000, port, payload)
+    def _empty(self, port):
+        self._plain.sendto(b"", (BOARD, port))
+
+    def _report(self, port):
+        self._plain.sendto(REPORT, (BOARD, port))
+
+    def _forged(self, port):
+        self._from(HOSTS[5], port, b"")
+        self._from(HOSTS[5], port, REPORT)
+
+    def _own(self, port):
+        for source in (BOARD, "127.0.0.1"):
+            self._from(source, port, b"")
+            self._from(source, port, REPORT)
+
+    def _outside(self, port):
+        self._from(OUTSIDE, port, REGISTER)
+
+    def _fragments(self, port):
+        whole = udp(5000, port, REPORT)
         for place in range(0, len(whole), 8):
             more = MORE if place + 8 < len(whole) else 0
             self._raw.sendto(ipv4(HOSTS[6], BOARD, whole[place:place + 8], more | place // 8,
@@ -63,9 +85,9 @@ class Strangers:
 
     def _run(self):
         while not self._stop.is_set():
-            for attempt in self._attempts():
+            for way, port in self._tries:
                 with contextlib.suppress(OSError):  # the board is off at the moment
-                    attempt()
+                    way(port)
                     self.sent += 1
                 time.sleep(self._period)
 
@@ -77,9 +99,19 @@ class Strangers:
 
 
 @contextlib.contextmanager
-def strangers():
-    some = Strangers()
+def strangers(*ways):
+    """Strangers who try those ways, or all."""
+    some = Strangers(ways or Strangers.WAYS)
     try:
         yield some
     finally:
         some.stop()
+
+
+# What only a stranger can have brought about: the end of the service, a camera, a viewer.
+TRACES = ("UDP read failed", "Data found", "Video found", f"connected from {OUTSIDE}", "status=3")
+
+
+def let_through(said):
+    """Those traces in what the service has said."""
+    return [text for text in TRACES if text in said]

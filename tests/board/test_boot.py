@@ -4,6 +4,8 @@ import time
 
 import bench
 import pytest
+from card import Card
+from held import LAYOUTS
 
 # What has happened by when: a name, the unit, and the property that has the board's time.
 STAMPS = (
@@ -39,6 +41,7 @@ def test_from_power_on_to_the_first_picture(boards, disk, card, viewer, figures)
     assert min(parts.values()) > -1
     assert viewer.join().settings()["vbitrate"] == 1111
     # The board learns the time.
+    assert int(machine.run("date +%Y")) < 2026
     before = bench.service_pid(machine)
     machine.run("date -s 2026-11-21")
     viewer.keep_alive()
@@ -49,19 +52,17 @@ def test_from_power_on_to_the_first_picture(boards, disk, card, viewer, figures)
 # --- The card ------------------------------------------------------------------------------------
 
 
-def asked_for_nobody(machine):
-    return machine.ask("systemctl is-active emergency.service rescue.service")[1].split() == \
-        ["inactive", "inactive"]
-
-
 @pytest.mark.long
 @pytest.mark.parametrize("layout", ["firmware-uid", "boot", "boot-ro", "boot-uid"])
 def test_layouts(boot, card, viewer, layout):
-    """Each starts with the card's settings, and saves there."""
+    """Each starts with the card's settings, saves there, and has the card mounted as before."""
     machine = boot(layout, card)
     assert bench.bitrate_after_start(machine) == 1111
+    mounted = f"findmnt -no OPTIONS {LAYOUTS[layout][0]}"
+    before = machine.run(mounted).strip()
     viewer.join().command(bench.setting("video_bitrate", 2222))
     machine.wait("grep -q video_bitrate=2222 /run/tervado.conf")
+    machine.wait(f"[ $({mounted}) = {before} ]")
     machine.switch_off()
     assert bench.bitrate_on(card) == 2222
     assert card.check()[0] == 0
@@ -103,7 +104,7 @@ def test_card_absent_and_late(boot, card):
     machine.go()
     assert bench.bitrate_after_start(machine) == 2000000
     assert "the card cannot be mounted" in bench.journal(machine)
-    assert asked_for_nobody(machine)
+    assert bench.asked_for_nobody(machine)
     put_in(machine)
     machine.run("systemctl restart nimbus.service", 120)
     assert bench.bitrate_after_start(machine) == 1111
@@ -117,7 +118,7 @@ def fill(card):
 
 @pytest.mark.long
 def test_card_full_and_without_settings(boot, work):
-    card = bench.Card(work / "full.img").create(files=bench.CARD_FILES)
+    card = Card(work / "full.img").create(files=bench.CARD_FILES)
     fill(card)
     machine = boot("firmware", card)
     assert bench.bitrate_after_start(machine) == 2000000
@@ -136,6 +137,8 @@ def test_card_full_and_a_save(boot, card, viewer):
     machine.switch_off()
     assert bench.bitrate_on(card) == 1111
     assert card.read("config.txt") == bench.CARD_FILES[0][1]
+    assert set(card.names()) <= bench.BESIDE | {"filler"}
+    assert card.check()[0] == 0
 
 
 def test_card_broken(boot, card):
@@ -143,7 +146,7 @@ def test_card_broken(boot, card):
     card.spoil(range(2000))
     machine = boot("firmware", card)
     assert bench.bitrate_after_start(machine) == 2000000
-    assert asked_for_nobody(machine)
+    assert bench.asked_for_nobody(machine)
 
 
 @pytest.mark.long
@@ -154,7 +157,7 @@ def test_card_repaired_in_the_boot(boot, card):
     assert card.check()[0] != 0
     machine = boot("firmware", card)
     assert bench.bitrate_after_start(machine) == 1111
-    assert asked_for_nobody(machine)
+    assert bench.asked_for_nobody(machine)
     machine.switch_off()
     assert card.check()[0] == 0
 

@@ -69,7 +69,8 @@ def test_killed(image, machine, viewer, times, figures):
                          "not held up": len(calm), "s of those": calm and summary(calm)}
     assert viewer.join().settings()["vbitrate"] == 1111
     soon = SOON if image.runs_by_kvm() else EMULATED_SOON
-    assert max((one["all"] for one in calm), default=0) < soon, returns
+    assert max(one["all"] for one in calm or [min(returns, key=lambda one: one["all"])]) < soon, \
+        returns
 
 
 @pytest.mark.long
@@ -80,9 +81,12 @@ def test_stopped(machine, viewer, figures):
                 " systemctl daemon-reload; systemctl restart nimbus", 60)
     bench.wait_service(machine)
     before = bench.service_pid(machine)
+    held_up = machine.held_up()
     machine.run(f"kill -STOP {before}")
     bench.wait_restarted(machine, before)
-    figures["stopped, back in s"] = round(time_away(machine), 1)
+    away, held_up = time_away(machine), machine.held_up() - held_up
+    figures["stopped, ended by the watchdog and back in s"] = round(away, 1)
+    assert away < EMULATED_SOON + held_up
     assert "Watchdog timeout" in bench.journal(machine)
     assert viewer.join().settings()["vbitrate"] == 1111
 
@@ -92,7 +96,7 @@ def test_out_of_memory(machine, viewer):
     """The greedy one is ended, not the service."""
     viewer.join()
     before = bench.service_pid(machine)
-    machine.ask("systemd-run --wait -q -p OOMScoreAdjust=500 perl -e "
+    machine.ask("systemd-run --wait -q perl -e "
                 "'my @a; while (1) { push @a, \"x\" x 10_000_000 }'", 200)
     assert "out of memory: killed process" in machine.run("journalctl -k -b -o cat").lower()
     assert bench.service_pid(machine) == before
@@ -114,6 +118,7 @@ def test_full_run(machine, viewer):
     room again, those of the card."""
     machine.run("dd if=/dev/zero of=/run/filler bs=64k 2>/dev/null;"
                 " dd if=/dev/zero of=/run/filler2 bs=512 2>/dev/null; true", 120)
+    assert machine.run("df --output=avail /run | tail -n 1").strip() == "0"
     before = bench.service_pid(machine)
     viewer.join().command(bench.setting("video_bitrate", 2222))
     machine.wait("grep -q video_bitrate=2222 /boot/firmware/tervado-nimbus.conf && sleep 1")

@@ -1,6 +1,8 @@
 """Every state in which a cut of the power can leave the card, made from the log of what a board has
 written to it, and gone over by the start step. test_plug.py pulls the plug in earnest."""
 
+import functools
+
 import bench
 import crash
 import pytest
@@ -14,7 +16,6 @@ class Logged:
     def __init__(self, running, work, layout):
         self._work, self._log = work, work / "logged.log"
         self.machine, self._card = running.go_on(layout, work / "logged.img", self._log)
-        self.begin()
 
     def settle(self):
         """Waits until nothing more is written by itself."""
@@ -39,6 +40,7 @@ def logged(running, work):
 
     def make(layout):
         made.append(Logged(running, work, layout))
+        made[-1].begin()
         return made[-1]
 
     yield make
@@ -95,31 +97,38 @@ def next_start(board, viewer):
 
 ACTS = {"save": save, "HDMI change": change_hdmi, "first start": first_start,
         "next start": next_start}
-
-
 CASES = [pytest.param(what, layout, marks=[pytest.mark.long] * (what != "save"))
          for layout in LAYOUTS for what in ACTS]
 
 
+@pytest.fixture
+def hold(next_boot, times, figures):
+    """hold(what, layout, states) holds the states to what was promised, and notes what was found
+    and what they cost the card. With --long it boots one of each kind, too."""
+
+    def make(what, layout, states):
+        wear = states.wear()
+        assert wear["flushes"] and wear["bytes written"]
+        boot = functools.partial(next_boot, layout) if times(0, 1) else None
+        figures[f"every state of a cut, {what}, {layout}"] = {
+            **states.check(LAYOUTS[layout][0], boot), **wear}
+
+    return make
+
+
 @pytest.mark.parametrize("what, layout", CASES)
-def test_every_state_of_a_cut(logged, viewer, figures, layout, what):
+def test_every_state_of_a_cut(logged, viewer, hold, layout, what):
     """The settings are the old or the new ones, whole, and so is the firmware's file; the FAT needs
     no repair that loses a file."""
     board = logged(layout)
     ACTS[what](board, viewer)
-    states = board.states()
-    wear = states.wear()
-    assert wear["flushes"] and wear["bytes written"]
-    figures[f"every state of a cut, {what}, {layout}"] = {**states.check(LAYOUTS[layout][0]),
-                                                          **wear}
+    hold(what, layout, board.states())
 
 
 @pytest.mark.long
-def test_every_state_of_a_cut_in_a_recalibration(logged, viewer, figures):
+def test_every_state_of_a_cut_in_a_recalibration(logged, viewer, hold):
     """It takes a file off the card where that is mounted at /boot; in the other layout the file is
     on the root."""
     board = logged("boot")
     recalibrate(board, viewer)
-    states = board.states()
-    figures["every state of a cut, recalibration, boot"] = {**states.check("/boot"),
-                                                            **states.wear()}
+    hold("recalibration", "boot", board.states())

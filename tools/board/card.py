@@ -135,8 +135,7 @@ def read_log(file):
                 break
             events.append(Write(sector * size // SECTOR, data[place:place + sectors * size]))
             place += sectors * size
-        if flags & FUA:
-            events.append(None)
+        assert not flags & FUA, "a write that is flushed alone, which no virtual disk is asked for"
     return events
 
 
@@ -163,7 +162,8 @@ def cut(events, chance):
     groups = epochs(events)
     lasting = [write for group in groups[:-1] for write in group]
     pending = single_sectors(groups[-1])
-    kept = [write for write in pending if chance.random() < chance.choice((0.1, 0.5, 0.9))]
+    share = chance.choice((0.0, 0.1, 0.5, 0.9, 1.0))
+    kept = [write for write in pending if chance.random() < share]
     return lasting + kept
 
 

@@ -6,6 +6,7 @@ such an entry already, nothing is added.
 usage: tools/board/emulated.py ARCHITECTURE COMMAND [ARGUMENT...]
 """
 
+import contextlib
 import ctypes
 import os
 import pathlib
@@ -27,7 +28,8 @@ def register(name):
         fail(f"there is no {file}; install the package qemu-user-static")
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.mount(b"none", bytes(ENTRIES), b"binfmt_misc", 0, None) != 0:
-        fail(f"cannot mount {ENTRIES}: {os.strerror(ctypes.get_errno())}")
+        fail(f"cannot mount {ENTRIES}: {os.strerror(ctypes.get_errno())}; expected Linux 6.7, or a"
+             " system that runs such programs (package binfmt-support)")
     (ENTRIES / "register").write_text(file.read_text())
 
 
@@ -39,13 +41,17 @@ def in_namespace_of_its_own():
         if ctypes.CDLL(None, use_errno=True).unshare(NEW_USER | NEW_MOUNTS) != 0:
             fail(f"cannot make a namespace: {os.strerror(ctypes.get_errno())}")
         os.write(outside[1], b"x")
-        os.read(inside[0], 1)
+        os.close(inside[1])
+        if not os.read(inside[0], 1):
+            fail("the namespace has no users: run as root")
         return
     os.close(outside[1])
     if os.read(outside[0], 1):
-        for users in ("uid_map", "gid_map"):
-            pathlib.Path(f"/proc/{child}/{users}").write_text("0 0 65536\n")
-        os.write(inside[1], b"x")
+        with contextlib.suppress(PermissionError):
+            for users in ("uid_map", "gid_map"):
+                pathlib.Path(f"/proc/{child}/{users}").write_text("0 0 65536\n")
+            os.write(inside[1], b"x")
+    os.close(inside[1])
     sys.exit(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
 
 

@@ -106,8 +106,7 @@ class Machine:
     """
 
     def __init__(self, image, disk, folder, card=None, log=None, luggage=None,
-                 mount="/boot/firmware", options="defaults", hold=False, state=None, memory=512,
-                 words="", clock=None, console=None):
+                 mount="/boot/firmware", options="defaults", hold=False, state=None, clock=None):
         self.image, self.folder = image, pathlib.Path(folder)
         self.folder.mkdir(parents=True, exist_ok=True)
         self.began = time.monotonic()
@@ -121,9 +120,8 @@ class Machine:
         if "device-timeout" not in options:
             options += PATIENCE
         command = [
-            *self._computer(memory, f"{words} board.mount={mount} board.options={options}" +
-                            " board.hold" * hold),
-            *self._ports(agent, qmp, console), *self._disks(disk, card, log, luggage)]
+            *self._computer(f"board.mount={mount} board.options={options}" + " board.hold" * hold),
+            *self._ports(agent, qmp), *self._disks(disk, card, log, luggage)]
         if clock is not None:
             command += ["-rtc", f"base={clock}"]
         if state is not None:
@@ -131,10 +129,17 @@ class Machine:
         self._errors = (self.folder / "qemu.log").open("wb")
         make_tap()
         self.process = subprocess.Popen([str(word) for word in command], pass_fds=(
-            agent.fileno(), qmp.fileno()), stdin=None if console else subprocess.DEVNULL,
-            stderr=self._errors)
+            agent.fileno(), qmp.fileno()), stdin=subprocess.DEVNULL, stderr=self._errors)
         agent.close()
         qmp.close()
+        try:
+            self._begin(state)
+        except BaseException:
+            self.kill()
+            raise
+
+    def _begin(self, state):
+        """Waits until the machine runs."""
         self._qmp_line()
         self.monitor("qmp_capabilities")
         if state is not None:
@@ -142,18 +147,18 @@ class Machine:
                        "the machine's memory")
             self.monitor("cont")
 
-    def _computer(self, memory, words):
+    def _computer(self, words):
         """What runs, and what its kernel is told."""
         program, kind, terminal = KINDS[self.image.architecture]
-        return [program, *kind, *self.image.processor(), "-smp", "2", "-m", str(memory),
+        return [program, *kind, *self.image.processor(), "-smp", "2", "-m", "512",
                 "-nodefaults", "-display", "none", "-kernel", self.image.kernel, "-initrd",
                 self.image.initrd, "-append",
                 f"console={terminal} root=/dev/vda rw quiet loglevel=4 no_timer_check "
                 f"{PATIENT_SYSTEM} {words}"]
 
-    def _ports(self, agent, qmp, console):
+    def _ports(self, agent, qmp):
         """Its ways to the outside."""
-        return ["-device", "virtio-rng-pci", "-serial", console or f"file:{self.console_file}",
+        return ["-device", "virtio-rng-pci", "-serial", f"file:{self.console_file}",
                 "-netdev", "tap,id=net,ifname=board,script=no,downscript=no",
                 "-device", "virtio-net-pci,netdev=net,mac=52:54:00:10:77:01,romfile=",
                 "-device", "virtio-serial-pci", "-chardev",
@@ -193,6 +198,16 @@ class Machine:
         tasks = pathlib.Path(f"/proc/{self.process.pid}/task")
         threads = (tasks / str(one["thread-id"]) for one in self.monitor("query-cpus-fast"))
         return sum(int((one / "schedstat").read_text().split()[1]) for one in threads) / 1e9
+
+    @contextlib.contextmanager
+    def until_a_failure(self):
+        """A machine that fails in there is off behind it, and shows what it has said."""
+        try:
+            yield
+        except BaseException:
+            print(self.console()[-3000:])
+            self.kill()
+            raise
 
     # --- The monitor -----------------------------------------------------------------------------
 
@@ -307,8 +322,8 @@ def make_tap():
     """The interface of the sandbox by which the board is reached, if it is not there yet."""
     if os.environ.get("NIMBUS_SANDBOX") != "1":
         raise RuntimeError("a board runs in the sandbox only: use ./dev board")
-    if pathlib.Path("/sys/class/net/board").exists() or re.search(
-            r"^\s*board:", pathlib.Path("/proc/net/dev").read_text(), re.MULTILINE):
+    # In the sandbox /sys shows another network's interfaces.
+    if re.search(r"^\s*board:", pathlib.Path("/proc/net/dev").read_text(), re.MULTILINE):
         return
     run = lambda text: subprocess.run(text.split(), check=True)  # noqa: E731
     run("ip tuntap add dev board mode tap")
