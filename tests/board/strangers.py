@@ -37,7 +37,7 @@ class Strangers:
     WAYS = {
         "empty": (VIEWERS + BRIDGE, "UDP read failed"),
         "report": (BRIDGE, "Data found"),
-        "forged": (BRIDGE, "Data found"),
+        "forged": (BRIDGE, "UDP read failed"),
         "fragments": (BRIDGE, "Data found"),
         "outside": (VIEWERS, f"New client connected from {OUTSIDE}"),
         "own": (VIEWERS + BRIDGE, None),
