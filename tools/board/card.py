@@ -118,8 +118,8 @@ FLUSH, FUA, DISCARD = 1, 2, 4
 def read_log(file):
     """What a machine did to its card, in order: a list of Writes, and None for each flush."""
     data = pathlib.Path(file).read_bytes()
-    if not data:
-        return []  # nothing was written
+    if not any(data[:SECTOR]):
+        return []  # nothing was written, or what was written first has not been counted yet
     magic, version, count, size = struct.unpack_from("<QQQI", data)
     assert (magic, version) == (MAGIC, VERSION), f"{file} is no log of writes"
     place, events = size, []
