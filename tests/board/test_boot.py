@@ -40,10 +40,10 @@ def test_from_power_on_to_the_first_picture(boards, disk, card, viewer, figures)
                                                         for name, value in parts.items()}
     assert min(parts.values()) > -1
     assert viewer.join().settings()["vbitrate"] == 1111
-    # The board learns the time.
-    assert int(machine.run("date +%Y")) < 2026
+    # The board, whose systemd began with the day of its own making, learns the time.
+    assert int(machine.run("date +%s")) < time.time() - 3600
     before = bench.service_pid(machine)
-    machine.run("date -s 2026-11-21")
+    machine.run(f"date -s @{time.time():.0f}")
     viewer.keep_alive()
     viewer.wait_video(20)
     assert bench.service_pid(machine) == before
