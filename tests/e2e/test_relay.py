@@ -198,7 +198,8 @@ def test_buffers_without_privilege(launch, video, viewers):
 # --- Pace and order ------------------------------------------------------------------------------
 
 
-# A process that does nothing but pause: how long ten of them take this machine at the moment, in ns.
+# A process that does nothing but pause: how long ten pauses take this machine at the moment, in
+# nanoseconds.
 TEN_PAUSES = """import time
 ends = [(time.sleep(0.001), time.monotonic_ns())[1] for _ in range(400)]
 print(min(end - begin for begin, end in zip(ends, ends[10:])))"""
