@@ -79,16 +79,15 @@ class Promise:
     """What may be on the card after a cut: of each file what it was before, or afterwards."""
 
     def __init__(self, before, after):
-        self._old = set(before)
         self.files = {name: {before.get(name), after.get(name)} for name in before | after}
         self.settings = {bench.without_cr(content) for content in self.files[bench.NAME]
                          if content is not None}
 
     def hold(self, what, found):
         """Each file is what it was before or afterwards; but for copies, of which there is another,
-        and files that were not there before, which may be empty."""
+        and for files that come or go, which may be empty."""
         for name, contents in self.files.items():
-            if name in COPIES or (name not in self._old and found.get(name) == b""):
+            if name in COPIES or (None in contents and found.get(name) == b""):
                 continue
             assert found.get(name) in contents, f"{what}: {name} of {brief(found)}"
         left = {name for name in found.keys() - self.files.keys() - bench.BESIDE
