@@ -68,16 +68,20 @@ def test_layouts(boot, card, viewer, layout):
     assert card.check()[0] == 0
 
 
-@pytest.mark.long
-def test_card_that_cannot_be_written(boot, card, viewer):
-    """At /boot/firmware nobody makes it writable: the change holds until the next start."""
-    machine = boot("firmware-ro", card)
+def save_in_vain(machine, viewer, card):
+    """A save that the card does not take: the change holds until the next start."""
     assert bench.bitrate_after_start(machine) == 1111
     viewer.join().command(bench.setting("video_bitrate", 2222))
     machine.wait("journalctl -o cat -b -u nimbus | grep 'Save config' && sleep 1")
     assert viewer.settings()["vbitrate"] == 2222
     machine.switch_off()
     assert bench.bitrate_on(card) == 1111
+
+
+@pytest.mark.long
+def test_card_that_cannot_be_written(boot, card, viewer):
+    """At /boot/firmware nobody makes it writable."""
+    save_in_vain(boot("firmware-ro", card), viewer, card)
 
 
 CARD_DRIVER = """card=$(basename $(readlink -f /sys/block/vdb/device))
@@ -129,13 +133,7 @@ def test_card_full_and_without_settings(boot, work):
 def test_card_full_and_a_save(boot, card, viewer):
     """The old settings stay whole on the card."""
     fill(card)
-    machine = boot("firmware", card)
-    assert bench.bitrate_after_start(machine) == 1111
-    viewer.join().command(bench.setting("video_bitrate", 2222))
-    machine.wait("journalctl -o cat -b -u nimbus | grep 'Save config' && sleep 1")
-    assert viewer.settings()["vbitrate"] == 2222
-    machine.switch_off()
-    assert bench.bitrate_on(card) == 1111
+    save_in_vain(boot("firmware", card), viewer, card)
     assert card.read("config.txt") == bench.CARD_FILES[0][1]
     assert set(card.names()) <= bench.BESIDE | {"filler"}
     assert card.check()[0] == 0
