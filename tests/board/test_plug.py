@@ -76,7 +76,7 @@ def repaired(card, work):
 def test_pulled_in_a_save(running, next_boot, work, viewer, times, figures, layout):
     """The settings on the card are the old or the new ones, whole, before its file system has been
     repaired and afterwards, and no other file is lost. Some of the cards are then booted."""
-    rounds, booted = times(20, 500), times(10, 20)
+    rounds = times(20, 500)
     chance = random.Random(f"{layout} {rounds}")
     with contextlib.closing(Plug(running, work, layout, viewer)) as plug:
         plug.start()
@@ -97,7 +97,7 @@ def test_pulled_in_a_save(running, next_boot, work, viewer, times, figures, layo
                 assert all(name in bench.BESIDE or name.endswith(".REC") for name in files)
             found["new settings" if settings == new else "old settings"] += 1
             found["marked as not unmounted"] += DIRTY in card.check()[1]
-            if number % booted == 0:
+            if number % max(10, rounds // 25) == 0:
                 assert next_boot(layout, card) == bench.bitrate_in(settings)
                 found["booted"] += 1
     figures[f"plug pulled in a save, {layout}"] = dict(found)
