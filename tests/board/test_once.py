@@ -8,7 +8,7 @@ import time
 import bench
 import pytest
 from card import Card
-from harness.web import BINARY, WebSocket
+from harness.web import BINARY, Place, WebSocket
 from machine import BOARD, HOSTS, make_disk
 
 
@@ -62,18 +62,11 @@ GAP = 10  # seconds without a picture, at most
 PROCESSES = ("nimbus", "nimbus-web")
 
 
-class BoardWeb:
-    """The board's nimbus-web."""
-
-    address, port, secure = BOARD, 8080, False
-    host = f"{BOARD}:8080"
-
-
 class Browser(WebSocket):
     """Watches the board's picture."""
 
     def __init__(self, source):
-        super().__init__(BoardWeb, "/ws/video?form=fmp4", source=source)
+        super().__init__(Place(8080, BOARD), "/ws/video?form=fmp4", source=source)
         assert self.status == 101
 
     def read_all(self):

@@ -22,16 +22,22 @@ TEXT, BINARY, CLOSE = 1, 2, 8
 STREAMS = pathlib.Path(__file__).parents[1] / "unit/streams"
 
 
-class Web:
+class Place:
+    """Where some nimbus-web answers, for those who have not started it."""
+
+    def __init__(self, port, address="127.0.0.1", secure=False):
+        self.port = port
+        self.address = address
+        self.secure = secure
+        self.host = f"{address}:{port}"
+
+
+class Web(Place):
     """A running nimbus-web on a port of its own."""
 
-    address = "127.0.0.1"
-
     def __init__(self, build, *options, port=8080, env=None):
+        super().__init__(port, secure="--tls" in options)
         self.killed = False
-        self.port = port
-        self.secure = "--tls" in options
-        self.host = f"127.0.0.1:{port}"
         self.process = subprocess.Popen(
             [*EMULATOR, build / "nimbus-web", "--listen", self.host, *options],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -110,16 +116,16 @@ class Web:
 class WebSocket:
     """A browser's end."""
 
-    def __init__(self, web, path, source="127.0.0.1", headers=None, receive_buffer=None):
+    def __init__(self, place, path, source="127.0.0.1", headers=None, receive_buffer=None):
         self.socket = socket.socket()
         if receive_buffer:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         self.socket.bind((source, 0))
         self.socket.settimeout(limit(5))
-        self.socket.connect((web.address, web.port))
-        if web.secure:
+        self.socket.connect((place.address, place.port))
+        if place.secure:
             self.socket = ssl._create_unverified_context().wrap_socket(self.socket)
-        lines = {"Host": web.host, "Upgrade": "websocket", "Connection": "Upgrade",
+        lines = {"Host": place.host, "Upgrade": "websocket", "Connection": "Upgrade",
                  "Sec-WebSocket-Version": "13",
                  "Sec-WebSocket-Key": base64.b64encode(os.urandom(16)).decode(), **(headers or {})}
         self.socket.sendall((f"GET {path} HTTP/1.1\r\n" + "".join(

@@ -5,12 +5,11 @@ import contextlib
 import json
 import struct
 import time
-import types
 import zlib
 
 from harness.far_network import FarViewer, Link
 from harness.udp import VIEWER_PORT, udp_socket
-from harness.web import WebSocket
+from harness.web import Place, WebSocket
 from film import DATAGRAM, VideoBridge
 
 
@@ -135,7 +134,7 @@ class Stalling:
     somebody does who sees nothing."""
 
     def __init__(self, port, count):
-        self._place = types.SimpleNamespace(port=port, host=f"127.0.0.1:{port}", secure=False)
+        self._place = Place(port)
         self._count = count
         self._sockets = []
 
