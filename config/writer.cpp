@@ -28,8 +28,19 @@ constexpr const char* kCardUnread = "/run/tervado.card-unread";
 // What the card had then, behind the name of its file.
 constexpr const char* kKeptSuffix = ".kept";
 
-// Comments, keys and the longest value of every field together are half of this.
 constexpr std::size_t kFileSize = 16'384;
+
+/// At most: as if every character of a comment were a line end, which becomes two.
+constexpr std::size_t longest_file() {
+  std::size_t length = 64;  // the first lines
+  for (const ConfigField& field : kConfigFields) {
+    constexpr std::size_t kNumber = 11, kQuotesAndLineEnds = 6, kSign = 1;
+    const auto value = field.number != nullptr ? kNumber : static_cast<std::size_t>(field.most);
+    length += 2 * field.comment.size() + field.key.size() + kSign + value + kQuotesAndLineEnds;
+  }
+  return length;
+}
+static_assert(longest_file() <= kFileSize);
 
 /// Adds lines that end with LF here; in the file they end with CR LF.
 void add_lines(TextBuilder& file, std::string_view lines) {
@@ -80,14 +91,15 @@ bool keep_unread_settings() {
   return keep_copy(CARD_FILE, kKeptSuffix);
 }
 
-/// False when the file cannot be opened. That there is no room for it is not noticed: there is
-/// nobody to tell, the former settings stay, and the next save tries again.
+/// False when the file cannot be opened, or there is neither one nor room for it. That there is no
+/// room for the text is not noticed: there is nobody to tell, the former settings stay, and the
+/// next save tries again.
 bool write_card_file(std::string_view text) {
   if (!keep_unread_settings()) return access(CARD_FILE, W_OK) == 0;
   const Replaced replaced = replace_file(CARD_FILE, text);
-  if (replaced != Replaced::whole) return replaced != Replaced::refused;
-  saved_length = text.copy(saved.data(), saved.size());
-  return true;
+  if (replaced == Replaced::whole) saved_length = text.copy(saved.data(), saved.size());
+  return replaced == Replaced::whole ||
+         (replaced == Replaced::failed && access(CARD_FILE, F_OK) == 0);
 }
 
 }  // namespace

@@ -4,10 +4,11 @@
 namespace nimbus {
 
 /// Replaces "/boot/tervado-nimbus.conf", whole or not at all, and makes the working copy
-/// "/run/tervado.conf" from it, with the boot partition remounted read-write for the write. A text
-/// is written up to its first line end. Returns the status of the last shell command, or -1 when
-/// the file cannot be opened; nothing else is done then. Commands that fail and a card that is full
-/// go unnoticed; the former settings stay then. Control thread, RC thread; one waits for the other.
+/// "/run/tervado.conf" from it, the boot partition being writable meanwhile. A text is written up
+/// to its first line end. Returns the last shell command's status, or -1 when there is no file that
+/// can be written, nor room for one; the working copy stays then. Commands that fail and a card
+/// that is full go unnoticed; the former settings stay then. Control thread, RC thread; one waits
+/// for the other.
 int config_save() noexcept;
 
 /// To be said when the record was not loaded: what the card has is not replaced before a copy of it

@@ -87,7 +87,7 @@ FAULTS = {
     "boot is read-only": (
         "/boot", lambda _: remount("/boot", "ro"), lambda file: (None, FORMER)),
     "boot is full": (
-        "/boot", lambda _: fill("/boot"), lambda file: (None, b"")),
+        "/boot", lambda _: fill("/boot"), lambda file: (None, FORMER)),
     "boot is full, with settings on it": (
         "/boot", lambda _: fill_beside_settings(0), lambda file: (OLD, without_cr(OLD))),
     "boot has just the room for a new file": (
