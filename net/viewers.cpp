@@ -231,9 +231,11 @@ void check_viewer_timeouts() noexcept {
     const std::uint32_t tenancy = slot.tenancy.load_acquire();
     const Endpoint viewer = slot.viewer();
     // Port 0: the receive thread is filling the slot at this moment.
-    if (viewer.port != 0 && age_ms(slot.last_seen_ms) > kViewerTimeoutMs && slot.release(tenancy)) {
-      log_text("Client %s:%d lost\n", address_text(viewer.address).data(), viewer.port);
-      continue;
+    if (viewer.port != 0 && age_ms(slot.last_seen_ms) > kViewerTimeoutMs) {
+      if (slot.release(tenancy)) {
+        log_text("Client %s:%d lost\n", address_text(viewer.address).data(), viewer.port);
+      }
+      if (is_free(slot)) continue;
     }
     ++count;
   }
