@@ -198,6 +198,16 @@ def test_scan(board, standins, code, iface):
     assert board.calls() == [["iwlist", *([iface] if iface else []), "scan"]]
 
 
+def test_scan_is_said_before_it_runs(board, standins):
+    """It takes seconds, and somebody looks at the console meanwhile."""
+    go = standins.folder / "go"
+    standins.answer("iwlist", f"until [ -e {go} ]; do sleep 0.01; done")
+    board.post({"cmd": "wlan", "param": "scan", "value": "1"})
+    board.service.err.wait("scan Wi-Fi on wifi0\n")
+    go.touch()
+    board.service.err.wait(f"scan results: {scan_reply('1', '')}\n")
+
+
 def test_scan_code_is_not_escaped(board):
     code = 'a"b\\%n'
     assert board.request({"cmd": "wlan", "param": "scan", "value": code}) == \
@@ -302,10 +312,16 @@ def test_restart_leaves_a_whole_output_file(launch, viewers, tmp_path):
         BANNER + b'config_parse_command {"cmd":"restart"}\n'
 
 
-def test_recalibration(board):
+def test_recalibration(board, standins):
+    """The file goes while the card is writable: behind the first mount and before umount."""
     mark = pathlib.Path("/boot/rcin.cal")
     mark.write_text("")
-    board.send({"cmd": "rc", "name": "recalibrate"})
+    standins.answer("mount", f"""case $* in
+      *remount*) [ -e {mark} ] || echo too early >&2 ;;
+    esac""")
+    standins.answer("umount", f"[ ! -e {mark} ] || echo too late >&2")
+    said = board.send({"cmd": "rc", "name": "recalibrate"})
+    assert "too" not in "".join(said)
     assert board.calls() == [*SAVE, ["killall", "-q", "rcin"]]
     assert not mark.exists()
 

@@ -1,4 +1,4 @@
-"""Oddities that two parts of the service make together. The others are tested with their parts."""
+"""Oddities that two modules make together. The others are tested with theirs."""
 
 import struct
 
@@ -8,7 +8,6 @@ from harness.reports import TRACKING
 from harness.timing import wait_until
 
 pytest_plugins = ["harness.commanding", "harness.reporting"]
-
 
 
 def test_centred_sticks_stop_beside_the_orientation_lock(stations):

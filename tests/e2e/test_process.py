@@ -206,6 +206,16 @@ def test_receive_failure(launch, tmp_path, passes, port):
     assert errors.read_bytes() == b"".join(START_TEXTS[1:]) + b"UDP read failed\n"
 
 
+@pytest.mark.parametrize("port", PORTS)
+def test_receive_that_fails(start, preload, passes, port):
+    """By an error of the system, not by an empty datagram."""
+    service = start(env={**preload("fail_receives"), "FAIL_RECEIVE": "no memory"})
+    passes(1)
+    send(port, b"no memory")
+    service.err.wait("UDP read failed\n")
+    assert service.process.wait(limit(5)) == 3
+
+
 @contextlib.contextmanager
 def traffic():
     """All ports are kept busy."""

@@ -135,6 +135,19 @@ def test_record_and_record_shot_up_record_once(cockpit):
     assert "Record stop\n" not in cockpit.camera.console()
 
 
+def test_record_comes_before_record_shot(cockpits):
+    """Of both switches up in photo mode, the first takes a picture, and the second, whose latch is
+    the same, does not change the mode."""
+    cockpit = cockpits(STEERED, state=0)
+    cockpit.camera_mode(PHOTO)
+    cockpit.rc.hold("record-shot", 1.0)
+    cockpit.rc.hold("record", 1.0)
+    cockpit.rc.assign("record-shot", "record")
+    cockpit.rc.state(6)
+    cockpit.check(SHOT)
+    cockpit.check(NOTHING)
+
+
 # Into video the camera gets 200 ms, into photo 500 ms.
 WAITS = {"video": (PHOTO, 1.0, TO_VIDEO + START, 0.2), "photo": (VIDEO, -1.0, TO_PHOTO + SHOT, 0.5)}
 

@@ -190,10 +190,11 @@ HDMI_MODES = {
 
 
 @pytest.mark.parametrize("name", HDMI_MODES)
-def test_hdmi_mode(board, name):
+def test_hdmi_mode(board, standins, name):
     group, mode = HDMI_MODES[name]
+    standins.answer("tvservice", "echo it runs >&2")
     _, error = board.update("hdmimode", name, "1")
-    assert error == f"set HDMI mode to {group} {mode}\n"
+    assert error == f"set HDMI mode to {group} {mode}\nit runs\n"
     boot_group = {"CEA": "1", "DMT": "2"}[group]
     assert board.calls() == [["tvservice", "-e", f"{group} {mode}"],
                              ["hdmi-mode.sh", boot_group, str(mode)], END_PICTURES]
@@ -219,9 +220,10 @@ def test_hdmi_mode_settles_before_the_pictures_end(board, standins, name):
 @pytest.mark.parametrize("name", ["default", "", "1280X720@60p CEA", "1280x720@60p  CEA",
                                   "$(reboot)", "'; reboot; '"])
 @pytest.mark.parametrize("at_boot", ["0", "true"])
-def test_default_hdmi_mode(board, name, at_boot):
+def test_default_hdmi_mode(board, standins, name, at_boot):
+    standins.answer("tvservice", "echo it runs >&2")
     _, error = board.update("hdmimode", name, at_boot)
-    assert error == "set default HDMI mode\n"
+    assert error == "set default HDMI mode\nit runs\n"
     script = [["hdmi-mode.sh"]] if at_boot == "true" else []
     assert board.calls() == [["tvservice", "-p"], *script, END_PICTURES]
     assert not CARD_FILE.exists()
@@ -235,7 +237,11 @@ WIFI = {"value": "1", "value2": "cam ssid", "value3": "cam psk",
         "value10": "5", "value11": "36", "value12": "US"}
 
 
-def test_wifi(saved):
+def test_wifi(saved, standins):
+    """Whoever waits for the mark finds the new settings."""
+    mark = pathlib.Path("/run/wlan.update")
+    mark.unlink(missing_ok=True)
+    standins.answer("mount", f"[ ! -e {mark} ] || echo too early >&2")
     before = settings()
     out, error = saved.send({"cmd": "updateparam", "name": "wifi", **WIFI})
     assert out == ("Need to update param wifi to 1, cam ssid\n"
@@ -243,7 +249,7 @@ def test_wifi(saved):
                    "AP iface 2 ssid ap ssid pass ap psk mode 5 channel 36 country US\n\n")
     assert error == "Save config\n"
     assert saved.calls() == SAVE
-    assert pathlib.Path("/run/wlan.update").exists()
+    assert mark.exists()
     assert changes(before, settings()) == {
         "camera_iface": "wifi0", "camera_ssid": '"cam ssid"', "camera_psk": '"cam psk"',
         "wifi_iface": "wlan0", "wifi_ssid": '"net ssid"', "wifi_psk": '"net psk"',

@@ -220,6 +220,16 @@ def test_steady_source_beside_a_silent_one(steady, source, other):
         assert events(steady) == f"{silent_name} found\n{name} found\n{silent_name} lost\n"
 
 
+def test_flag_of_camera_data_outlasts_the_video(steady, counted, data, video):
+    viewer = counted()
+    video.send(b"x")
+    with steady_traffic(data, 0.2):
+        steady.err.wait("Data found\n")
+        steady.err.wait("Video lost\n", LOSS_SECONDS)
+        next_round(viewer)
+        assert next_round(viewer) == status_messages(True, False)
+
+
 def test_data_is_reported_lost_before_video(steady, standins, data, video):
     """When one round finds both silent, whichever fell silent first."""
     wait_round(standins)

@@ -1,5 +1,6 @@
 """Start-up as a person at the console and the sibling processes see it."""
 
+import os
 import select
 import signal
 import socket
@@ -7,7 +8,7 @@ import socket
 import pytest
 
 from harness.console import BANNER, START_TEXTS, connected, removed
-from harness.timing import limit
+from harness.timing import limit, wait_until
 from harness.udp import DATA_PORT, VIDEO_PORT, VIEWER_PORT, occupied
 
 PORTS = {VIEWER_PORT: b"Init network... ",
@@ -146,6 +147,21 @@ def test_banner_of_a_failed_start(launch, tmp_path, port):
 def test_splash(service, region):
     assert region.text(*region.PRODUCT_NAME) == "Tervado Nimbus"
     assert region.text(*region.VERSION_TEXT) == "v.0.3.7"
+
+
+def test_splash_comes_before_the_settings(launch, region, tmp_path):
+    """The display has something to show while they are being read."""
+    region.create(BEFORE * region.SIZE)
+    settings = tmp_path / "tervado.conf"
+    os.mkfifo(settings)
+    service = launch(conf=None, wait_ready=False)
+    version, _ = region.VERSION_TEXT
+    wait_until(lambda: region.bytes(version, 8) == b"v.0.3.7\0", 5, "the splash")
+    assert region.text(*region.PRODUCT_NAME) == "Tervado Nimbus"
+    assert region.u8(region.OSD_ENABLED) == BEFORE[0]
+    settings.write_text("osd_enabled=1\n")
+    wait_until(lambda: region.u8(region.OSD_ENABLED) == 1, 5, "the settings")
+    assert service.running()
 
 
 def test_sources_are_lost_at_the_start(start, region):
