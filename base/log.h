@@ -1,4 +1,5 @@
-// Console texts. A console that is gone, full or not read loses texts; it holds nobody up.
+// Console texts. A console that is gone, full or not read loses texts; only the first that it does
+// not take is waited for, 100 ms.
 #pragma once
 
 #include <initializer_list>

@@ -111,7 +111,8 @@ std::int32_t camera_set_shutter(const char* text) noexcept {
 std::int32_t camera_set_aperture(double f_number) noexcept {
   log_text("Camera set aperture %1.2f\n", f_number);
   // f-numbers come in single precision, and the float nearest to a decimal number may lie below it:
-  // taken one step further from zero, 2.8 is 280 hundredths and not 279.
+  // taken one step further from zero, 2.8 is 280 hundredths and not 279. No f-number is so large
+  // that the step reaches the next hundredth.
   const auto single = static_cast<float>(f_number);
   const double hundredths =
       double{std::nextafter(single, std::copysign(HUGE_VALF, single))} * 100.0;

@@ -158,7 +158,7 @@ struct ShutterTime {
   std::int32_t decimals;  ///< the digits behind the point, as a number
   bool fraction;          ///< of a second
 
-  /// Whether it is a time: no other camera code has whole seconds above 255.
+  /// Whether it is a time: none has whole seconds above 255.
   [[nodiscard]] constexpr bool known() const noexcept { return fraction || whole <= 0xFF; }
 };
 [[nodiscard]] constexpr ShutterTime shutter_time(std::uint32_t code) noexcept {

@@ -89,7 +89,7 @@ static_assert(kCrc16Table[1] == 0x1189 && kCrc16Table[2] == 0x2312 && kCrc16Tabl
 /// Whom a frame is for. The command set has the same meaning and decides the receiver.
 enum class CommandSet : std::uint8_t { camera = 0x02, gimbal = 0x04 };
 
-/// What a frame is. Sender and type are the usual ones but for three frames, which say why.
+/// What a frame is. Sender and type are the usual ones but for two frames, which say why.
 struct DumlCommand {
   CommandSet set;
   std::uint8_t id;
@@ -134,7 +134,7 @@ class DumlTemplate {
 };
 
 /// The number that the next frame will carry, one for all threads. Loaded and stored without a
-/// lock: two frames built at the same moment may carry the same number.
+/// lock: threads that build one at a time may give both the same.
 extern Shared<std::uint16_t> duml_sequence;
 
 /// Sends a finished frame to the camera through the bridge; its length is cut to 16 bits. Returns

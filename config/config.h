@@ -1,4 +1,4 @@
-// The configuration record: every user setting, and a few runtime flags.
+// The configuration record: what the user has set, and what the threads tell each other beside it.
 #pragma once
 
 #include <array>

@@ -7,8 +7,8 @@
 
 namespace nimbus {
 
-/// Appends {"name":..,"addr":..} for each interface that has an IPv4 address, but for "lo", in the
-/// system's order, comma-separated. An item that does not fit whole is left out.
+/// Appends {"name":..,"addr":..} for each IPv4 address of each interface but "lo", in the system's
+/// order, comma-separated. An item that does not fit whole is left out, and all behind it.
 void iface_list_json(TextBuilder& list) noexcept;
 
 // Nobody in the service calls this one: it is for setting up the networks, see config/wireless.h.

@@ -1,4 +1,4 @@
-// The file is one key=value a line, as inih reads it by default: lines up to 200 bytes, ";" and "#"
+// The file is one key=value a line, as inih reads it by default: lines up to 199 bytes, ";" and "#"
 // comments, indented continuation lines (each stores its key again), sections in square brackets,
 // which the service ignores. Nothing is range-checked: a percentage of 150 is stored as it stands.
 #include "config/loader.h"

@@ -1,5 +1,6 @@
-// What the board's Wi-Fi tools tell. They run while the caller waits. For a name with anything but
-// letters, digits, ".", "-" and "_", which is no interface's, no tool is started. Control thread.
+// What the board's Wi-Fi tools tell. They run while the caller waits. For a name that is no
+// interface's (16 characters or more, or anything but letters, digits, ".", "-" and "_"), no tool
+// is started. Control thread.
 #pragma once
 
 #include <cstdint>

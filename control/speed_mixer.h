@@ -1,9 +1,9 @@
 // The gimbal's speed: the sum of what viewers and commands ask for, streamed to the gimbal.
 //
 // Speeds may be set by any thread at any rate; only the stream sends them, every 30 ms while their
-// sum is not zero. A sum that becomes zero is sent once, by whoever set it. What is promised: the
-// last frame after that is a zero one, never a stale speed, and a sum that is not zero is always
-// streamed.
+// sum is not zero. A sum of zero is sent once by whoever set it, each time that he sets it. What is
+// promised: the last frame after that is a zero one, never a stale speed, and a sum that is not
+// zero is always streamed.
 #pragma once
 
 namespace nimbus {

@@ -3,7 +3,7 @@
 // The command mailbox alone cannot hand it over: any process may write there, and a text posted
 // between the copying and the clearing would be gone, or half of it. So the two threads take turns
 // at the mailbox, and the service keeps what it has posted. What is promised: a viewer's command is
-// acted upon whole, or replaced by a later one.
+// acted upon whole, or replaced by a later one, unless another process writes at the same moment.
 #pragma once
 
 #include <algorithm>

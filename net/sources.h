@@ -11,7 +11,8 @@ namespace nimbus {
 inline constexpr std::uint16_t kDataPort = 5000;
 inline constexpr std::uint16_t kVideoPort = 5001;
 
-/// Called with every datagram of camera data, never empty. Data link's receive thread.
+/// Called with every datagram of camera data that is not too old, never empty. Data link's receive
+/// thread.
 using CameraDataHandler = void (*)(std::span<const std::uint8_t> bytes);
 
 /// Marks both sources lost, then opens the data and the video link. The handler of camera data may

@@ -4,7 +4,7 @@
 // the frames of two broadcasts do not interleave, and the pause after each send holds for all. When
 // video waits, its turn is the next; then it is the turn of who has waited longest among the
 // others. So video waits for the one broadcast that is under way, and nobody is left out. The turn
-// is advisory: a stuck sender must not stop the others, and nothing depends on it.
+// is advisory, and nothing depends on it: no sender waits for ever for one that is stuck.
 #pragma once
 
 #include <chrono>

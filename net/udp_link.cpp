@@ -146,7 +146,7 @@ void UdpLink::count_dropped() noexcept {
   ++dropped_;
   const auto now = static_cast<std::uint32_t>(read_clocks().monotonic / kNsPerSecond);
   const std::uint32_t told = drops_told_s;
-  // Of whole seconds, one more: told at the end of one, it was told a moment before the next.
+  // In whole seconds, more than so many: two of them may be no further apart than a moment.
   if (told != 0 && now - told <= kDropReportPeriod.count()) return;
   if (!drops_told_s.replace(told, now)) return;
   sockaddr_in own{};

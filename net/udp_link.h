@@ -1,4 +1,4 @@
-// One bound UDP socket with its receive thread.
+// A UDP port of the service, and the thread that reads it.
 //
 // Anything may arrive, from anybody: each datagram is handed on alone, whole, with its sender. The
 // sender of the last one is the link's peer, and the time of the last one tells whether the link is
@@ -73,7 +73,7 @@ struct LinkCallbacks {
 struct LinkPort {
   std::uint16_t number;
   int queue_bytes;     ///< asked for; the kernel doubles it, and counts its own bookkeeping
-  bool joins = false;  ///< the group that has it, whose last member it is to be
+  bool joins = false;  ///< it joins the group that has the port, as its last member
 };
 
 /// A UDP link. All of them are static objects that live as long as the process; there is no close.
