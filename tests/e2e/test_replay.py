@@ -66,13 +66,12 @@ class Listener:
     def __init__(self, host="127.0.0.1"):
         self.heard = []  # (time, port, payload)
         self._sockets = [udp_socket(host, port) for port in (DATA, VIDEO)]
-        self._threads = [threading.Thread(target=self._receive, args=(one,), daemon=True)
-                         for one in self._sockets]
+        self._threads = [threading.Thread(target=self._receive, args=link, daemon=True)
+                         for link in zip(self._sockets, (DATA, VIDEO))]
         for thread in self._threads:
             thread.start()
 
-    def _receive(self, one):
-        port = one.getsockname()[1]
+    def _receive(self, one, port):
         while True:
             try:
                 payload = one.recv(65536)

@@ -227,11 +227,12 @@ def join(viewers):
 def orphans():
     """The processes whose parents have ended, by what they are."""
     found = {}
-    for status in pathlib.Path("/proc").glob("[0-9]*/stat"):
-        with contextlib.suppress(OSError):
-            name, rest = status.read_text().split("(", 1)[1].rsplit(")", 1)
+    for process in filter(str.isdigit, os.listdir("/proc")):
+        with contextlib.suppress(OSError):  # it has ended meanwhile
+            status = pathlib.Path("/proc", process, "stat").read_text()
+            name, rest = status.split("(", 1)[1].rsplit(")", 1)
             if rest.split()[1] == "1":
-                found[int(status.parent.name)] = name
+                found[int(process)] = name
     return found
 
 
