@@ -309,6 +309,7 @@ def test_gamepad_that_froze(page, gimbal):
 def test_maximum_and_curve(page, gimbal):
     """The operator's maximum holds at the gimbal, and is remembered by the browser."""
     page.find("#help").click()
+    page.wait("return document.querySelector('dialog [aria-label=\"Fastest speed\"]')")
     page.run("const fastest = document.querySelector('dialog [aria-label=\"Fastest speed\"]');"
              "fastest.value = 20; fastest.dispatchEvent(new Event('input'))")
     page.driver.refresh()
