@@ -109,14 +109,17 @@ AWAKE = ["--disable-backgrounding-occluded-windows", "--disable-renderer-backgro
 
 class Pages:
     """So many windows of one browser, each with the page by an address of its own: the system takes
-    that for the connection's other end, too, so that the server sees as many machines."""
+    that for the connection's other end, too, so that the server sees as many machines. A browser
+    gives up what it loads when an address comes or goes: they are there before it is."""
 
-    def __init__(self, browser, port, count):
-        self.browser = browser
-        self.windows = [self._open(f"10.66.1.{number}", port) for number in range(1, count + 1)]
+    def __init__(self, start, port, count):
+        hosts = [f"10.66.1.{number}" for number in range(1, count + 1)]
+        for host in hosts:
+            subprocess.run(["ip", "address", "replace", f"{host}/32", "dev", "lo"], check=True)
+        self.browser = start(flags=AWAKE)
+        self.windows = [self._open(host, port) for host in hosts]
 
     def _open(self, host, port):
-        subprocess.run(["ip", "address", "replace", f"{host}/32", "dev", "lo"], check=True)
         self.browser.driver.switch_to.new_window("window")
         self.browser.show((360, 640))
         self.browser.cdp("Emulation.setFocusEmulationEnabled", enabled=True)

@@ -116,11 +116,12 @@ class Vanishing(Far):
 
     def __init__(self, number):
         super().__init__(number)
-        self._begin = time.monotonic()
+        self._begin = None
         self._here = True
         self.vanished = 0
 
     def step(self):
+        self._begin = self._begin or time.monotonic()
         here = (time.monotonic() - self._begin) % self.PERIOD < self.PERIOD / 2
         if here != self._here:
             (self.link.mend if here else self.link.break_off)()

@@ -9,7 +9,7 @@ import threading
 import time
 
 from harness.timing import limit, wait_until
-from crowd import AWAKE, SHOWN, Pages, Scripted, memory, run_all
+from crowd import SHOWN, Pages, Scripted, memory, run_all
 
 MOST_MEMORY = 40 * 1024  # KiB
 RATE = 5  # pictures a second: all the browsers are one machine's
@@ -43,7 +43,7 @@ def test_crowd_of_pages(chromiums, web, data, films, times):
     count, seconds = times((3, 10), (20, 600))
     data.keep_sending(b"\0", 0.2)
     films(rate=RATE, keys=RATE)
-    pages = Pages(chromiums(flags=AWAKE), web.port, count)
+    pages = Pages(chromiums, web.port, count)
     first, begun = pages.each(SHOWN), time.monotonic()
     time.sleep(seconds)
     last, watched = pages.each(SHOWN), time.monotonic() - begun

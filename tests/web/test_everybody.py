@@ -22,7 +22,7 @@ from harness.neighbours import CONFIGURATION, SPEED_PERIOD, CameraEnd, Neighbour
 from harness.region import DisplayRegion
 from harness.timing import limit, wait_until
 from harness.udp import PORTS, socket_queue
-from crowd import AWAKE, SHOWN, Pages, Scripted, memory, run_all
+from crowd import SHOWN, Pages, Scripted, memory, run_all
 from everybody import Audience, CountingBridge, Far, Receiver, Stalling, Vanishing
 from film import Film
 
@@ -128,17 +128,19 @@ class House:
         self._ends.callback(lambda: [neighbour.end() for neighbour in self._busy])
         wait_until(lambda: None not in self.audience.next, 10, "the picture")
         self._browsers()
+        # Last, as a browser gives up what it loads when a link of its machine goes down.
+        self._busy.append(Neighbour(self.vanishing.step, 1))
 
     def _steps(self):
         stalling = self._moves_in(Stalling(self.web.port, STALLING))
         return [*((self.audience.listener(number), 0) for number in range(ON_THIS_MACHINE)),
-                (self.audience.register, 1), (self.slow.step, 1), (self.vanishing.step, 1),
+                (self.audience.register, 1), (self.slow.step, 1),
                 (self.receiver.step, 0), (self.camera.send_reports, 0.04),
                 (self.camera.take_frame, 0), (self.lives.steer, 0.02), (stalling.step, 30),
                 *((operator.step, 0.15) for operator in self.operators)]
 
     def _browsers(self):
-        self.pages = Pages(self._chromiums(flags=AWAKE), self.web.port, REAL)
+        self.pages = Pages(self._chromiums, self.web.port, REAL)
         self.scripted = [Scripted(seed, math.inf) for seed in range(SCRIPTED)]
         thread = threading.Thread(target=lambda: asyncio.run(
             run_all(self.scripted, self.scripted[:DRIVING])), daemon=True)
