@@ -1,6 +1,7 @@
 """The page itself: its size, its first moment, what screen readers are told, contrast, and that
 nothing lies outside of a screen or over something else."""
 
+import contextlib
 import re
 import signal
 import time
@@ -94,6 +95,38 @@ def test_first_moment(browser, web, camera, film):
     elsewhere = browser.run("return performance.getEntriesByType('resource').map((one) => one.name)"
                             ".filter((name) => !name.startsWith(location.origin))")
     assert elsewhere == []
+
+
+@pytest.fixture
+def without(browser, web, camera, film):
+    """without(name) opens the page while the browser does not get that file, to the end of it."""
+
+    @contextlib.contextmanager
+    def opened(name):
+        browser.cdp("Network.enable")
+        browser.cdp("Network.setBlockedURLs", urls=[f"*/page/{name}"])
+        browser.open(web.address())
+        yield browser
+        browser.cdp("Network.setBlockedURLs", urls=[])
+
+    return opened
+
+
+@pytest.mark.parametrize("missing", ["toast.js", "main.js"])
+def test_module_that_does_not_come(without, missing):
+    """The page says so, and lives as soon as it can, without anybody's help."""
+    with without(missing) as browser:
+        browser.wait("return document.querySelector('#stale')?.textContent ==="
+                     " 'Part of this page is missing: loading again'")
+    browser.picture()
+    browser.wait("return document.querySelector('#stale').textContent === ''")
+
+
+def test_style_that_does_not_come(without):
+    laid_out = "return getComputedStyle(document.querySelector('main')).display === 'grid'"
+    with without("layout.css") as browser:
+        assert not browser.run(laid_out)
+    browser.wait(laid_out)
 
 
 def test_nothing_unreported_is_shown(browser, service, web):
