@@ -1,10 +1,10 @@
 // Values that threads and sibling processes share without locks.
 //
 // The display region and the configuration record are read and written at any moment by several
-// threads, and the region by several processes. Nobody waits, and fields of two
-// cycles may be read side by side, for the length of a cycle. A plain field used that way is
-// undefined behaviour, so every shared field is one of the types below. They keep the size and the
-// layout of what they hold; a struct of them is still a byte-exact format.
+// threads, and the region by several processes. Nobody waits, and fields of two cycles may be read
+// side by side, for the length of a cycle. A plain field used that way is undefined behaviour, so
+// every shared field is one of the types below. They keep the size and the layout of what they
+// hold; a struct of them is still a byte-exact format.
 #pragma once
 
 #include <array>

@@ -134,7 +134,7 @@ class DumlTemplate {
 };
 
 /// The number that the next frame will carry, one for all threads. Loaded and stored without a
-/// lock: threads that build one at a time may give both the same.
+/// lock: two threads that build frames at the same moment may give both the same number.
 extern Shared<std::uint16_t> duml_sequence;
 
 /// Sends a finished frame to the camera through the bridge; its length is cut to 16 bits. Returns

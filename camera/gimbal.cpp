@@ -22,8 +22,9 @@ constexpr DumlTemplate<4>  kTiltLock(gimbal(0x50), {0x00, 0x04, 0x01});
 constexpr DumlTemplate<4>  kFollowSpeed(gimbal(0x50), {0x00, 0x05, 0x01});
 constexpr DumlTemplate<1>  kCalibrate1(gimbal(0x07));
 // The gimbal takes this one step from another sender and as another type only.
-constexpr DumlTemplate<8>  kCalibrate2({.set = CommandSet::gimbal, .id = 0x01, .sender = 0x09, .type = 0x20},
-                                       {0x00, 0x04, 0x00, 0x04, 0x00, 0x04, 0x80, 0x00});
+constexpr DumlTemplate<8>  kCalibrate2(
+    {.set = CommandSet::gimbal, .id = 0x01, .sender = 0x09, .type = 0x20},
+    {0x00, 0x04, 0x00, 0x04, 0x00, 0x04, 0x80, 0x00});
 constexpr DumlTemplate<0>  kCalibrate3(gimbal(0x08));
 // Tracking is the camera's work, but it steers the gimbal.
 constexpr DumlTemplate<21> kTrackingStop({CommandSet::camera, 0xA6});

@@ -2,6 +2,7 @@
 // working copy, which the loader reads at the next start, has plain line ends.
 #include "config/writer.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -40,7 +41,7 @@ constexpr std::size_t longest_file() {
   }
   return length;
 }
-static_assert(longest_file() <= kFileSize);
+static_assert(longest_file() < kFileSize);
 
 /// Adds lines that end with LF here; in the file they end with CR LF.
 void add_lines(TextBuilder& file, std::string_view lines) {
@@ -91,15 +92,21 @@ bool keep_unread_settings() {
   return keep_copy(CARD_FILE, kKeptSuffix);
 }
 
-/// False when the file cannot be opened, or there is neither one nor room for it. That there is no
-/// room for the text is not noticed: there is nobody to tell, the former settings stay, and the
+/// Refused: the file cannot be opened. Failed: there was no room for the text, or for a copy of
+/// what is there; that is not noticed: there is nobody to tell, the former settings stay, and the
 /// next save tries again.
-bool write_card_file(std::string_view text) {
-  if (!keep_unread_settings()) return access(CARD_FILE, W_OK) == 0;
+Replaced write_card_file(std::string_view text) {
+  if (!keep_unread_settings()) {
+    return access(CARD_FILE, W_OK) == 0 ? Replaced::failed : Replaced::refused;
+  }
   const Replaced replaced = replace_file(CARD_FILE, text);
   if (replaced == Replaced::whole) saved_length = text.copy(saved.data(), saved.size());
-  return replaced == Replaced::whole ||
-         (replaced == Replaced::failed && access(CARD_FILE, F_OK) == 0);
+  return replaced;
+}
+
+bool card_has_settings() {
+  struct stat file {};
+  return stat(CARD_FILE, &file) == 0 && file.st_size > 0;
 }
 
 }  // namespace
@@ -113,8 +120,12 @@ int config_save() noexcept {
   std::array<char, kFileSize> buffer;
   TextBuilder file(buffer);
   build_file(file, *config_get());
-  if (!write_card_file(file.view())) return -1;
+  const Replaced replaced = write_card_file(file.view());
+  if (replaced == Replaced::refused) return -1;
+  // A full card without settings has none for the working copy either.
+  const bool has_settings = replaced == Replaced::whole || card_has_settings();
   mount_afresh(card);
+  if (!has_settings) return -1;
   return run_shell("cat " CARD_FILE " | sed 's/\\r$//' > " WORKING_COPY);
 }
 

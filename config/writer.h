@@ -5,10 +5,10 @@ namespace nimbus {
 
 /// Replaces "/boot/tervado-nimbus.conf", whole or not at all, and makes the working copy
 /// "/run/tervado.conf" from it, the boot partition being writable meanwhile. A text is written up
-/// to its first line end. Returns the last shell command's status, or -1 when there is no file that
-/// can be written, nor room for one; the working copy stays then. Commands that fail and a card
-/// that is full go unnoticed; the former settings stay then. Control thread, RC thread; one waits
-/// for the other.
+/// to its first line end. Returns the last shell command's status, or -1 when the card's file
+/// cannot be opened, or there is none and no room for one; the working copy stays then. Commands
+/// that fail and a card that is full go unnoticed; the former settings stay then. Control thread,
+/// RC thread; one waits for the other.
 int config_save() noexcept;
 
 /// To be said when the record was not loaded: what the card has is not replaced before a copy of it

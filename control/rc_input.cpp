@@ -1,8 +1,8 @@
 // The RC reader process gives, for each control function that is assigned to a live channel, a
 // centred value (-1.0 to 1.0) and a position (0.0 to 1.0). Sticks act in proportion; switches act
 // once per movement, which their latches see to. Anything may stand in the region: NaN moves no
-// stick and pushes no switch but "osd", which it has up; it is the first step of "ev", and a focus
-// point at the edge of the picture.
+// stick and pushes no switch, but it hides the OSD, chooses the first step of "ev", and puts a
+// focus point at the edge of the picture.
 #include "control/rc_input.h"
 
 #include <unistd.h>

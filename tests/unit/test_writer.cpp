@@ -298,6 +298,20 @@ TEST_F(Writer, FullPartitionKeepsTheFormerSettings) {
   expect_full_texts(config);
 }
 
+TEST_F(Writer, FullPartitionWithoutSettingsLeavesTheWorkingCopy) {
+  ASSERT_EQ(std::system("/bin/mount -t tmpfs -o size=4k test /boot"), 0);
+  write_file("/boot/filler", std::string(4096, 'x'));
+  for (const bool empty_file : {false, true}) {
+    if (empty_file) write_file(kCardFile, "");
+    write_file(kWorkingCopy, "former");
+    EXPECT_EQ(config_save(), -1);
+    EXPECT_EQ(read_file(kWorkingCopy), "former");
+    EXPECT_EQ(names_on_card(),
+              empty_file ? (Names{"filler", "tervado-nimbus.conf"}) : Names{"filler"});
+  }
+  ASSERT_EQ(std::system("/bin/umount /boot"), 0);
+}
+
 TEST_F(Writer, ALinkStaysOne) {
   fs::create_directory(kCardFile.parent_path() / "firmware");
   fs::create_symlink("firmware/tervado-nimbus.conf", kCardFile);

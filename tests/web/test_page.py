@@ -105,9 +105,12 @@ def without(browser, web, camera, film):
     def opened(name):
         browser.cdp("Network.enable")
         browser.cdp("Network.setBlockedURLs", urls=[f"*/page/{name}"])
-        browser.open(web.address())
-        yield browser
-        browser.cdp("Network.setBlockedURLs", urls=[])
+        try:
+            browser.open(web.address())
+            yield browser
+        finally:
+            browser.cdp("Network.setBlockedURLs", urls=[])
+            browser.cdp("Network.disable")
 
     return opened
 
@@ -120,6 +123,15 @@ def test_module_that_does_not_come(without, missing):
                      " 'Part of this page is missing: loading again'")
     browser.picture()
     browser.wait("return document.querySelector('#stale').textContent === ''")
+
+
+def test_what_others_put_into_the_page(page):
+    """As a browser's extensions do: that it does not come is nothing to the page."""
+    page.run("window.same = true; for (const [kind, where] of [['script', 'src'], ['link', 'href']])"
+             " document.head.append(Object.assign(document.createElement(kind),"
+             " { rel: 'stylesheet', [where]: '/none/of/ours' }))")
+    time.sleep(4)
+    assert page.run("return window.same")
 
 
 def test_style_that_does_not_come(without):

@@ -1,6 +1,5 @@
 // Before anything is painted: dark or light, as the person chose, or else as the system has it.
-(() => {
-  "use strict";
+{
   const light = matchMedia("(prefers-color-scheme: light)");
   let chosen = null;
   try {
@@ -13,4 +12,4 @@
   };
   light.addEventListener("change", show);
   show();
-})();
+}

@@ -1,8 +1,8 @@
 // A part that does not come, as between networks, leaves the page without life.
 addEventListener("error", ({ target }) => {
-  if (!target.matches?.("script,link")) return;
-  const again = () => fetch("/favicon.svg", { cache: "no-store" })
-    .then(() => location.reload(), () => setTimeout(again, 1000));
+  if (!target.matches?.("[src^='/page/'],[href^='/page/']")) return;
+  const wait = () => setTimeout(() => fetch(target.src || target.href, { cache: "no-store" })
+    .then(({ ok }) => (ok ? location.reload() : wait()), wait), 3000);
   document.getElementById("stale")?.replaceChildren("Part of this page is missing: loading again");
-  setTimeout(again, 1000);
+  wait();
 }, true);
