@@ -33,11 +33,12 @@ constexpr std::size_t kFileSize = 16'384;
 
 /// At most: as if every character of a comment were a line end, which becomes two.
 constexpr std::size_t longest_file() {
-  std::size_t length = 64;  // the first lines
+  constexpr std::size_t kNumber = 11;
+  constexpr std::size_t kAround = 7;  // "=", quotes, two line ends
+  std::size_t length = 64;            // the first lines
   for (const ConfigField& field : kConfigFields) {
-    constexpr std::size_t kNumber = 11, kQuotesAndLineEnds = 6, kSign = 1;
     const auto value = field.number != nullptr ? kNumber : static_cast<std::size_t>(field.most);
-    length += 2 * field.comment.size() + field.key.size() + kSign + value + kQuotesAndLineEnds;
+    length += 2 * field.comment.size() + field.key.size() + value + kAround;
   }
   return length;
 }
