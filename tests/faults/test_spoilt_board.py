@@ -8,7 +8,7 @@ import subprocess
 import pytest
 
 from harness.config_file import CARD_FILE, QUOTED, WORKING_COPY, default_file, without_cr
-from harness.configuring import Board
+from harness.configuring import SAVE, Board
 
 FORMER = b"former copy"
 STANDINS = os.environ.get("NIMBUS_STANDINS", "")
@@ -128,6 +128,16 @@ def test_save_does_what_it_can(boards, standins, times, where, spoil, files):
     assert (content(CARD_FILE), content(WORKING_COPY)) == (saved(4000), without_cr(saved(4000)))
     assert board.report() == {**before, "vbitrate": 4000}
     print(f"\nspoilt board: {rounds} saves, the record as it should be after each")
+
+
+def test_full_card_without_settings_is_mounted_again(boards):
+    """Whatever came of the save, the card does not stay writable."""
+    board = boards()
+    board.calls()
+    with small("/boot"):
+        fill("/boot")
+        board.update("video_bitrate", "1")
+    assert board.calls()[:len(SAVE)] == SAVE
 
 
 # The system without that one folder.

@@ -125,6 +125,15 @@ def test_module_that_does_not_come(without, missing):
     browser.wait("return document.querySelector('#stale').textContent === ''")
 
 
+def test_page_waits_for_what_does_not_come(without):
+    with without("main.js") as browser:
+        browser.wait("return document.querySelector('#stale')?.textContent !== ''")
+        browser.run("window.same = true")
+        time.sleep(4)
+        assert browser.run("return window.same")
+    browser.picture()
+
+
 def test_what_others_put_into_the_page(page):
     """As a browser's extensions do: that it does not come is nothing to the page."""
     page.run("window.same = true; for (const [kind, where] of [['script', 'src'], ['link', 'href']])"
