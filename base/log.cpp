@@ -5,11 +5,12 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <mutex>
+#include <type_traits>
 
 namespace nimbus {
 namespace {
@@ -41,6 +42,8 @@ class Stream {
  private:
   /// Whether it went out: a pipe or a socket that says it is writable takes PIPE_BUF bytes at once.
   bool write_piece(std::string_view piece) noexcept {
+    // The room that one writer was told of is not another's.
+    const std::lock_guard turn(turn_);
     pollfd writable{fd_, POLLOUT, 0};
     // Only the first text that is not taken is waited for: those behind it would add up.
     const bool taken = poll(&writable, 1, is_stuck_ ? 0 : kPatienceMs) != 0;
@@ -49,9 +52,11 @@ class Stream {
   }
 
   int fd_;
-  std::atomic<bool> is_stuck_{false};
+  std::mutex turn_;
+  bool is_stuck_ = false;
 };
 
+static_assert(std::is_trivially_destructible_v<Stream>);
 constinit Stream output{STDOUT_FILENO};
 constinit Stream errors{STDERR_FILENO};
 

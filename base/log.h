@@ -1,5 +1,6 @@
 // Console texts. A console that is gone, full or not read loses texts; only the first that it does
-// not take is waited for, 100 ms.
+// not take is waited for, 100 ms: unless a tool, which writes there as well, takes the room between
+// the look and the write.
 #pragma once
 
 #include <initializer_list>

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <latch>
 #include <map>
 #include <string>
 #include <string_view>
@@ -143,6 +144,12 @@ class FullPipe {
     fcntl(writer_.get(), F_SETFL, 0);
   }
 
+  /// Takes one piece out of it.
+  void make_room() {
+    std::array<char, PIPE_BUF> taken;
+    EXPECT_EQ(read(reader_.get(), taken.data(), taken.size()), PIPE_BUF);
+  }
+
   /// As much as is written at once.
   static std::string piece() { return std::string(PIPE_BUF, '#'); }
 
@@ -176,6 +183,33 @@ TEST(Log, SurvivesAConsoleThatIsNotRead) {
   EXPECT_EQ(console.drain().find_first_not_of('#'), std::string::npos);
   log_text("seen again\n");
   EXPECT_EQ(console.drain(), "seen again\n");
+}
+
+/// Who does not get the last room does not wait for a reader.
+TEST(Log, TheLastRoomIsForOneOfSeveralThreads) {
+  constexpr int kThreads = 8;
+  for (int round = 0; round < 20 && !HasFailure(); ++round) {
+    FullPipe console;
+    console.make_room();
+    std::latch begin(kThreads);
+    std::latch end(kThreads);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&] {
+        begin.arrive_and_wait();
+        log_parts({FullPipe::piece()});
+        end.count_down();
+      });
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!end.try_wait() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_TRUE(end.try_wait()) << "in round " << round;
+    while (!end.try_wait()) console.drain();
+    console.drain();
+    log_text("The next one is waited for again.\n");
+  }
 }
 
 /// One that reads on soon enough misses nothing.
