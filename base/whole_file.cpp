@@ -130,7 +130,7 @@ Replaced rewrite(const char* path, std::string_view content) {
   if (!fd) return Replaced::refused;
   const bool whole = write_all(fd.get(), content);
   fsync(fd.get());
-  return whole ? Replaced::whole : Replaced::failed;
+  return whole ? Replaced::whole : Replaced::torn;
 }
 
 bool can_be_written(const Path& file) {
@@ -156,7 +156,8 @@ bool keep_copy(const char* path, std::string_view suffix) noexcept {
   Path file;
   Path copy;
   struct stat status {};
-  if (!follow_links(path, file) || stat(file.data(), &status) != 0) return true;
+  if (!follow_links(path, file)) return true;
+  if (stat(file.data(), &status) != 0) return errno == ENOENT;
   if (!S_ISREG(status.st_mode) || status.st_size == 0) return true;
   const UniqueFd from(open(file.data(), O_RDONLY | O_CLOEXEC));
   if (!from || !join(file.data(), suffix, copy)) return false;
@@ -170,6 +171,14 @@ bool keep_copy(const char* path, std::string_view suffix) noexcept {
     length += static_cast<off_t>(piece.size());
   }
   return length == status.st_size && fresh.sync() && fresh.take_its_place();
+}
+
+bool has_copy(const char* path, std::string_view suffix) noexcept {
+  Path file;
+  Path copy;
+  struct stat status {};
+  return follow_links(path, file) && join(file.data(), suffix, copy) &&
+         stat(copy.data(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
 }
 
 bool file_holds(const char* path, std::string_view content) noexcept {

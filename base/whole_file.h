@@ -13,6 +13,7 @@ namespace nimbus {
 enum class Replaced : std::uint8_t {
   whole,    ///< the new content is there, and on the disk
   failed,   ///< no room, or an error of the disk: the former content stays
+  torn,     ///< the same in a file that can only be rewritten in place: what is left is anything
   refused,  ///< it cannot be opened for writing, and nothing was done
 };
 
@@ -25,6 +26,9 @@ enum class Replaced : std::uint8_t {
 /// copy. True also when there is nothing to copy: no file, or an empty one. Any thread; one at a
 /// time for each file.
 [[nodiscard]] bool keep_copy(const char* path, std::string_view suffix) noexcept;
+
+/// Whether there is such a copy: a file with something in it. Any thread.
+[[nodiscard]] bool has_copy(const char* path, std::string_view suffix) noexcept;
 
 /// Whether a file can be read and holds exactly that. Any thread.
 [[nodiscard]] bool file_holds(const char* path, std::string_view content) noexcept;

@@ -26,8 +26,9 @@ namespace {
 
 // There as long as the start step has not taken the settings from the card.
 constexpr const char* kCardUnread = "/run/tervado.card-unread";
-// What the card had then, behind the name of its file.
-constexpr const char* kKeptSuffix = ".kept";
+// What the card had then, behind the name of its file: the first and the last of them.
+constexpr const char* kFirstKeptSuffix = ".kept";
+constexpr const char* kLastKeptSuffix = ".kept.last";
 
 constexpr std::size_t kFileSize = 16'384;
 
@@ -90,12 +91,13 @@ std::size_t saved_length = 0;
 bool keep_unread_settings() {
   if (!config_unread && access(kCardUnread, F_OK) != 0) return true;
   if (saved_length > 0 && file_holds(CARD_FILE, {saved.data(), saved_length})) return true;
-  return keep_copy(CARD_FILE, kKeptSuffix);
+  return keep_copy(CARD_FILE, has_copy(CARD_FILE, kFirstKeptSuffix) ? kLastKeptSuffix
+                                                                    : kFirstKeptSuffix);
 }
 
-/// Refused: the file cannot be opened. Failed: there was no room for the text, or for a copy of
-/// what is there; that is not noticed: there is nobody to tell, the former settings stay, and the
-/// next save tries again.
+/// Refused: the file cannot be opened. Failed or torn: there was no room for the text, or for a
+/// copy of what is there; that is not noticed: there is nobody to tell, the former settings stay
+/// (of a torn file those of the working copy), and the next save tries again.
 Replaced write_card_file(std::string_view text) {
   if (!keep_unread_settings()) {
     return access(CARD_FILE, W_OK) == 0 ? Replaced::failed : Replaced::refused;
@@ -123,8 +125,9 @@ int config_save() noexcept {
   build_file(file, *config_get());
   const Replaced replaced = write_card_file(file.view());
   if (replaced == Replaced::refused) return -1;
-  // A full card without settings has none for the working copy either.
-  const bool has_settings = replaced == Replaced::whole || card_has_settings();
+  // A full card without settings has none for the working copy either, nor has a torn file.
+  const bool has_settings =
+      replaced == Replaced::whole || (replaced == Replaced::failed && card_has_settings());
   mount_afresh(card);
   if (!has_settings) return -1;
   return run_shell("cat " CARD_FILE " | sed 's/\\r$//' > " WORKING_COPY);

@@ -12,7 +12,8 @@ namespace nimbus {
 int config_save() noexcept;
 
 /// To be said when the record was not loaded: what the card has is not replaced before a copy of it
-/// is on the card, too, as "tervado-nimbus.conf.kept". Main thread, before any other thread runs.
+/// is on the card, too, as "tervado-nimbus.conf.kept", or with ".last" behind that if there is one.
+/// Main thread, before any other thread runs.
 void config_is_not_the_cards() noexcept;
 
 }  // namespace nimbus

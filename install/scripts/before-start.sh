@@ -94,7 +94,7 @@ keep_good_copy() {
 
 # Empty files and zeros are nobody's settings; any other that was not read may be.
 mark_card() {
-  if [ "$card" = mounted ] && { [ "$source" = "$file" ] || [ "$fault" = "is empty" ] ||
+  if [ "$card" = mounted ] && [ "$copied" = yes ] && { [ "$source" = "$file" ] || [ "$fault" = "is empty" ] ||
     [ "$fault" = "holds zeros" ]; }; then
     rm -f "$card_unread"
   else
@@ -119,8 +119,10 @@ fi
 good_copy=$file.good
 umask 077  # pass phrases; saves write into the same file
 find_source
-if [ -n "$source" ]; then
-  replace "$working_copy" without_cr || say "cannot write $working_copy"
+copied=yes
+if [ -n "$source" ] && ! replace "$working_copy" without_cr; then
+  copied=no
+  say "cannot write $working_copy"
 fi
 if [ "$card" = mounted ]; then keep_good_copy; fi
 mark_card 2>/dev/null

@@ -7,6 +7,7 @@ import subprocess
 
 import pytest
 
+from harness.config_file import without_cr
 from harness.timing import wait_until
 
 INSTALL = pathlib.Path(__file__).resolve().parents[2] / "install"
@@ -42,10 +43,6 @@ def board(clean_board, standins):
                              '  remount,*) exec /usr/bin/mount -o "remount,bind,${2#*,}" "$3" ;;\n'
                              '  *) exec /usr/bin/mount "$@" ;;\n'
                              'esac')
-    if WORKING_COPY.is_dir():
-        WORKING_COPY.rmdir()
-    WORKING_COPY.unlink(missing_ok=True)
-    CARD_UNREAD.unlink(missing_ok=True)
 
 
 @pytest.fixture
@@ -90,10 +87,6 @@ def fstab(tmp_path):
 
 def is_read_only(folder):
     return bool(os.statvfs(folder).f_flag & os.ST_RDONLY)
-
-
-def without_cr(data):
-    return data.replace(b"\r\n", b"\n")
 
 
 def leftovers():
@@ -231,7 +224,9 @@ def test_no_boot_at_all(tmp_path):
 def test_working_copy_that_cannot_be_made():
     CARD_FILE.write_bytes(b"osd_enabled=0\r\n")
     WORKING_COPY.mkdir()
+    CARD_UNREAD.touch()
     assert_one_line(before_start())
+    assert CARD_UNREAD.exists()
 
 
 def test_card_that_a_save_left_unmounted(fstab):

@@ -155,7 +155,7 @@ TEST_F(WholeFile, ADeviceIsWrittenTo) {
   EXPECT_TRUE(fs::is_character_file("/dev/null"));
   fs::remove(file_);
   fs::create_symlink("/dev/full", file_);
-  EXPECT_EQ(replace("x"), Replaced::failed);
+  EXPECT_EQ(replace("x"), Replaced::torn);
 }
 
 /// The content stays, and nothing is left that takes up room.
@@ -196,6 +196,27 @@ TEST_F(WholeFile, ACopyIsKeptBesideIt) {
     EXPECT_TRUE(keep_copy(file_.c_str(), ".kept"));
     EXPECT_EQ(content(), (Content{{"file", text}, {"file.kept", text}}));
   }
+}
+
+/// One with something in it, where a link leads.
+TEST_F(WholeFile, TellsWhetherThereIsACopy) {
+  fs::create_directory(folder_ / "a");
+  fs::create_symlink("a/real", file_);
+  const auto has = [&] { return has_copy(file_.c_str(), ".kept"); };
+  EXPECT_FALSE(has());
+  write_file(folder_ / "a" / "real.kept", "");
+  EXPECT_FALSE(has());
+  write_file(folder_ / "a" / "real.kept", "text");
+  EXPECT_TRUE(has());
+  fs::remove(folder_ / "a" / "real.kept");
+  fs::create_directory(folder_ / "a" / "real.kept");
+  EXPECT_FALSE(has());
+}
+
+/// Whether there is something to keep is not known then.
+TEST_F(WholeFile, WhatCannotBeSeenIsNotKept) {
+  write_file(folder_ / "no folder", "");
+  EXPECT_FALSE(keep_copy((folder_ / "no folder" / "file").c_str(), ".kept"));
 }
 
 TEST_F(WholeFile, ACopyIsKeptWhereALinkLeads) {

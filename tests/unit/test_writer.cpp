@@ -312,6 +312,23 @@ TEST_F(Writer, FullPartitionWithoutSettingsLeavesTheWorkingCopy) {
   ASSERT_EQ(std::system("/bin/umount /boot"), 0);
 }
 
+/// A file that is a mount point can only be rewritten where it is: what did not fit is gone.
+TEST_F(Writer, ATornFileIsNotTakenForTheWorkingCopy) {
+  const fs::path card = fs::temp_directory_path() / "nimbus_torn_card";
+  fs::create_directory(card);
+  const std::string where = card.string();
+  ASSERT_EQ(std::system(("/bin/mount -t tmpfs -o size=4k test " + where).c_str()), 0);
+  write_file(card / "file", "former");
+  write_file(kCardFile, "");
+  ASSERT_EQ(std::system(("/bin/mount --bind " + where + "/file " + kCardFile.string()).c_str()), 0);
+  write_file(kWorkingCopy, "former");
+  fill_texts(config);
+  EXPECT_EQ(config_save(), -1);
+  EXPECT_EQ(fs::file_size(kCardFile), 4096U);
+  EXPECT_EQ(read_file(kWorkingCopy), "former");
+  ASSERT_EQ(std::system(("/bin/umount " + kCardFile.string() + " " + where).c_str()), 0);
+}
+
 TEST_F(Writer, ALinkStaysOne) {
   fs::create_directory(kCardFile.parent_path() / "firmware");
   fs::create_symlink("firmware/tervado-nimbus.conf", kCardFile);
@@ -352,6 +369,16 @@ TEST_F(UnreadCard, KeepsItsSettingsAsACopy) {
               "video_bitrate=" + std::to_string(rate));
     EXPECT_EQ(read_file(kept), "wifi_ssid=\"home\"\r\n") << "not the service's own of before";
   }
+}
+
+/// Nobody knows which of them somebody will miss: the first stays, and the last.
+TEST_F(UnreadCard, WhatWasKeptFirstStays) {
+  for (const char* const found : {"home", "away", "elsewhere"}) {
+    write_file(kCardFile, found);
+    EXPECT_EQ(config_save(), 0);
+    EXPECT_EQ(read_file(kept), "home");
+  }
+  EXPECT_EQ(read_file(kept.string() + ".last"), "elsewhere");
 }
 
 /// A first save may have gone to the folder below the mount point.
