@@ -144,8 +144,8 @@ bool UdpLink::is_too_old(const Receipt& receipt) noexcept {
 
 void UdpLink::count_dropped() noexcept {
   ++dropped_;
+  const std::uint32_t told = drops_told_s;  // before the clock: another link may set it meanwhile
   const auto now = static_cast<std::uint32_t>(read_clocks().monotonic / kNsPerSecond);
-  const std::uint32_t told = drops_told_s;
   // In whole seconds, more than so many: two of them may be no further apart than a moment.
   if (told != 0 && now - told <= kDropReportPeriod.count()) return;
   if (!drops_told_s.replace(told, now)) return;
