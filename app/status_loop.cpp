@@ -44,7 +44,7 @@ void probe_access_point(Config& config) {
 
 }  // namespace
 
-void status_round(const DisplayRegion& display, Config& config) {
+void status_round(const DisplayRegion& display, Config& config) noexcept {
   check_viewer_timeouts();
   check_sources();
   check_telemetry_timeouts();
@@ -56,7 +56,7 @@ void status_round(const DisplayRegion& display, Config& config) {
   tell_alive();
 }
 
-void run_status_loop(const DisplayRegion& display, Config& config) {
+void run_status_loop(const DisplayRegion& display, Config& config) noexcept {
   for (;;) {
     status_round(display, config);
     sleep(kPauseS);

@@ -118,7 +118,7 @@ inline constexpr std::array<WhiteBalance, 7> kWhiteBalances{{
     {"custom", 6, 0},  // with a colour temperature instead
 }};
 
-// What the camera's reports call things; its commands have other words for them.
+// What the camera's reports call things; some of its commands have other words for them.
 inline constexpr std::array<Code<std::string_view>, 3> kCameraModeNames{{
     {"photo", 0},
     {"video", 1},

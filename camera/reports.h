@@ -93,7 +93,7 @@ struct StatusReport {
   static constexpr WireField<std::uint32_t> status_804{28, "status_804"};
   static constexpr WireField<std::uint16_t> status_808{40, "status_808"};
   static constexpr WireField<std::uint8_t> status_793{42, "status_793"};
-  static constexpr WireField<std::uint8_t> last_byte{44, "last_byte"};
+  static constexpr WireField<std::uint8_t> last_byte{44, "last_byte"};  // of the message
   static constexpr std::array<WireItem, 9> kItems{status_792, status_794, camera_mode,
                                                   status_796, status_800, status_804,
                                                   status_808, status_793, last_byte};

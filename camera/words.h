@@ -15,7 +15,9 @@ namespace nimbus {
 inline constexpr std::array<Word<std::uint8_t>, 4> kExposureModes{{
     {"auto", 1}, {"shutter", 2}, {"aperture", 3}, {"manual", 4},
 }};
-inline constexpr std::array<Word<std::uint8_t>, 2> kCameraModes{{{"photo", 0}, {"video", 1}}};
+inline constexpr std::array<Word<std::uint8_t>, 2> kCameraModes{{
+    {"photo", kPhotoMode}, {"video", kVideoMode},
+}};
 inline constexpr std::array<Word<std::uint8_t>, 2> kAspectRatios{{{"4:3", 0}, {"16:9", 1}}};
 inline constexpr std::array<Word<std::uint8_t>, 2> kAntiFlickers{{{"50", 1}, {"60", 2}}};
 inline constexpr std::array<Word<std::uint8_t>, 3> kShotModes{{{"raw", 0}, {"jpg", 1}, {"jpg+raw", 2}}};

@@ -196,7 +196,6 @@ struct Setting {
 
 constexpr auto kYesOrNo = Reads::yes_or_no;
 
-constexpr const char* kEndCamera = "killall -q raspivid";
 constexpr const char* kEndHud = "killall -q hud";
 constexpr const char* kEndTranscoding =
     "killall -q rtsp-server gst-launch-1.0 wireless-receiver usb-receiver";

@@ -7,6 +7,9 @@
 
 namespace nimbus {
 
+/// Ends the board's own camera; its supervisor starts it again, with the settings of then.
+inline constexpr const char* kEndCamera = "killall -q raspivid";
+
 /// What the commands need of the rest of the service.
 struct ConfigCommandHooks {
   PublishChannelMap publish_channel_map;

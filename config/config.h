@@ -12,9 +12,10 @@
 namespace nimbus {
 
 /// The settings, named like their keys in the configuration file. Zero or empty is the default of
-/// every field. The layout is shared with the sibling processes (see config/region.h):
-/// little-endian, fixed offsets, flags one byte of 0 or 1, texts NUL-terminated. Fields are read
-/// and written in place by any thread, without locks; see Shared.
+/// every field but the map of the receiver's channels (config_load). The layout is shared with the
+/// sibling processes (see config/region.h): little-endian, fixed offsets (each remark begins with
+/// its field's), flags one byte of 0 or 1, texts NUL-terminated. Fields are read and written in
+/// place by any thread, without locks; see Shared.
 struct Config {
   Shared<std::uint8_t> hdmi_enabled;             // 0: 1: video out on HDMI, 0: TV-out
   Shared<std::uint8_t> video_transcode_enabled;  // 1: 1: the viewer stream is transcoded

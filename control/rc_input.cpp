@@ -1,8 +1,8 @@
 // The RC reader process gives, for each control function that is assigned to a live channel, a
 // centred value (-1.0 to 1.0) and a position (0.0 to 1.0). Sticks act in proportion; switches act
-// once per movement, which their latches see to. Anything may stand in the region: NaN moves no
-// stick and pushes no switch, but it hides the OSD, chooses the first step of "ev", and puts a
-// focus point at the edge of the picture.
+// once per movement, which their latches see to. Anything may stand in the region: NaN pushes no
+// switch, but it stops its axis of the gimbal for everybody, hides the OSD, chooses the first step
+// of "ev", and puts a focus point at the edge of the picture.
 #include "control/rc_input.h"
 
 #include <unistd.h>
@@ -18,6 +18,7 @@
 #include "camera/codes.h"
 #include "camera/gimbal.h"
 #include "camera/words.h"
+#include "config/commands.h"
 #include "config/config.h"
 #include "config/writer.h"
 #include "control/control.h"
@@ -248,8 +249,7 @@ void switch_internal_camera(const Receiver& rc, std::uint8_t fullscreen) {
   rc.config.internal_camera_fullscreen = fullscreen;
   rc.display.internal_camera_fullscreen = fullscreen;
   config_save();
-  // Its supervisor starts it again, with the new layout.
-  run_shell("killall -q raspivid");
+  run_shell(kEndCamera);
 }
 
 void lock_orientation(const Receiver& rc, std::uint8_t lock) {

@@ -1,6 +1,7 @@
 // The block of shared memory through which the service, the display process and the RC reader
 // exchange state. Its layout is a format of its own: little-endian, fixed offsets, texts
-// NUL-terminated in fixed fields, flags one byte of 0 or 1.
+// NUL-terminated in fixed fields, flags one byte of 0 or 1. Each remark begins with its field's
+// offset.
 #pragma once
 
 #include <array>

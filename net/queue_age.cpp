@@ -19,7 +19,7 @@ std::int64_t QueueAge::waited(std::int64_t stamp, Clocks now) noexcept {
   least_ = std::min(least_, distance);
   const std::int64_t by_monotonic = distance - least_;
   const std::int64_t by_wall = now.wall - stamp;
-  // Before it was stamped (or after, if by_wall is less than nothing), the clock was not set back.
+  // The clock was not set back before the stamp; it was since, if by_wall is less than nothing.
   if (by_wall < 0 || by_wall >= by_monotonic) return by_monotonic;
   least_ = distance - by_wall;
   return by_wall;

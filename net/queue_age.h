@@ -24,8 +24,8 @@ class QueueAge {
  public:
   /// For how many nanoseconds the datagram with that stamp has waited, the queue's datagrams being
   /// asked for one after the other. When the wall clock was set meanwhile, this may be too little
-  /// by what the shortest wait so far was; too much for one datagram, or for those between two
-  /// steps of the clock to and fro.
+  /// by what the shortest wait so far was, or by a step back that is shorter than the wait; too
+  /// much for one datagram, or for those between two steps of the clock to and fro.
   [[nodiscard]] std::int64_t waited(std::int64_t stamp, Clocks now) noexcept;
 
  private:

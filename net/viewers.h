@@ -22,8 +22,8 @@ inline constexpr std::size_t kMaxViewers = 10;
 /// A viewer that has not registered again for longer than this is lost.
 inline constexpr std::uint32_t kViewerTimeoutMs = 5000;
 
-/// One slot of the viewer table. `address` is the slot's ownership, written first when it fills and
-/// last when it empties; `tenancy` is its visibility to broadcasts, written last when it fills and
+/// One slot of the viewer table. `address` is the slot's ownership, written before `tenancy` when it
+/// fills (and both behind the rest) and last when it empties; `tenancy` is its visibility to broadcasts, written last when it fills and
 /// first when it empties. No two of 65,536 tenancies in a row are equal, so that whoever looked at
 /// one viewer cannot empty the slot of the next, be it one with the same port.
 struct ViewerClient {
