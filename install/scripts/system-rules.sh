@@ -9,12 +9,18 @@ system() {
   if [ $# -gt 0 ]; then echo "include \"$1\""; else echo "flush ruleset"; fi
 }
 
+# The rules are there even when their unit is not: it has failed if it was restarted with a spoilt
+# file. And the unit is there without them when somebody has taken all rules away by hand.
+were_there() {
+  nft list table ip nimbus >/dev/null 2>&1 || systemctl -q is-active nimbus-filter
+}
+
 of_the_file() {
-  if systemctl -q is-active nimbus-filter; then echo 'include "/etc/nimbus/filter.nft"'; fi
+  if were_there; then echo 'include "/etc/nimbus/filter.nft"'; fi
 }
 
 as_they_are() {
-  if systemctl -q is-active nimbus-filter; then nft list table ip nimbus; fi
+  if were_there; then nft list table ip nimbus; fi
 }
 
 [ $# -le 1 ] || {

@@ -306,3 +306,42 @@ def test_loading_again_and_unloading(filtering):
     assert run("nft -s list table ip nimbus") == once
     run(command_of_unit("ExecStop"))
     assert run("nft list tables").split("\n") == ["table ip another", ""]
+
+
+@pytest.fixture
+def system_rules(tmp_path):
+    """system_rules(RULES, FILE...) runs the script of nftables.service where /etc/nimbus/filter.nft
+    has those rules, and the filter's unit does not run."""
+    script, rules, own = tmp_path / "system-rules", tmp_path / "filter.nft", tmp_path / "bin"
+    text = (INSTALL / "scripts/system-rules.sh").read_text()
+    assert "/etc/nimbus/filter.nft" in text
+    script.write_text(text.replace("/etc/nimbus/filter.nft", str(rules)))
+    own.mkdir()
+    (own / "systemctl").write_text("#!/bin/sh\nexit 3\n")
+    (own / "systemctl").chmod(0o755)
+
+    def start(text, *files):
+        rules.write_text(text)
+        subprocess.run(["sh", script, *files], check=True, capture_output=True,
+                       env={**os.environ, "PATH": f"{own}:{os.environ['PATH']}"})
+
+    return start
+
+
+@pytest.mark.parametrize("rules", [(INSTALL / "filter.nft").read_text(), "table ip nimbus {\n"],
+                         ids=["mended", "spoilt"])
+def test_rules_whose_unit_has_failed(filtering, system_rules, tmp_path, rules):
+    """They come back with the system's own, and without them."""
+    system = tmp_path / "nftables.conf"
+    system.write_text("flush ruleset\ntable inet system\n")
+    once = run("nft -s list table ip nimbus")
+    for files, others in (([system], {"table inet system"}), ([], set())):
+        system_rules(rules, *files)
+        assert run("nft -s list table ip nimbus") == once
+        assert set(run("nft list tables").splitlines()) == {"table ip nimbus"} | others
+
+
+def test_rules_that_were_taken_away_on_purpose(filtering, system_rules):
+    run(command_of_unit("ExecStop"))
+    system_rules((INSTALL / "filter.nft").read_text())
+    assert run("nft list tables") == ""

@@ -119,22 +119,39 @@ def test_filter_stays_through_what_the_systems_own_does(board):
         assert board.active("nimbus-filter") == "active"
     # And its rules are there as well.
     assert "table inet filter" in board.succeed("nft", "list", "ruleset")
+    board.succeed("nft", "flush", "ruleset")
+    board.succeed("systemctl", "restart", "nftables")
+    assert board.filtering()
 
 
 def test_filter_stays_with_a_mistake_in_its_file(board):
-    """Its rules are those of before, and nobody is kept from the system's own."""
+    """Its rules are those of before, and nobody is kept from the system's own; also when its unit has
+    failed."""
     board.running()
-    (board.root.path / "etc/nimbus/filter.nft").write_text("table ip nimbus {\n")
+    file = board.root.path / "etc/nimbus/filter.nft"
+    whole = file.read_text()
+    file.write_text("table ip nimbus {\n")
     board.succeed("nft", "add", "element", "ip", "nimbus", "viewers",
                   "{ 10.99.1.2 limit rate 200/second burst 200 packets }")
     before = rules(board)
-    for action in ("restart", "reload", "stop", "start"):
-        board.succeed("systemctl", action, "nftables")
-        assert rules(board) == before, action
-        assert ("table inet filter" in board.succeed("nft", "list", "ruleset")) == (action != "stop")
+
+    def stay():
+        for action in ("restart", "reload", "stop", "start"):
+            board.succeed("systemctl", action, "nftables")
+            assert rules(board) == before, action
+            assert ("table inet filter" in board.succeed("nft", "list", "ruleset")) == (
+                action != "stop")
+
+    stay()
     board.succeed("systemctl", "restart", "nimbus")
     board.running()
+    assert board.active("nimbus-filter") == "failed"
     assert rules(board) == before
+    stay()
+    # As the manual says.
+    file.write_text(whole)
+    board.succeed("systemctl", "restart", "nimbus-filter")
+    assert board.active("nimbus-filter") == "active" and rules(board) == before
 
 
 def rules(board):
