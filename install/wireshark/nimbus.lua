@@ -2,7 +2,8 @@
 -- camera: UDP ports 4242 (viewers), 5000 (camera data) and 5001 (video).
 --
 -- Anything may arrive on these ports, and captures may be cut: nothing is read before it is known
--- to be there. Every name, offset and code comes from the tables of the service's own code.
+-- to be there. Every name, offset and code of messages, reports and commands comes from the tables
+-- of the service's own code.
 --
 --   nimbus.viewer.type == 21      tracking messages
 --   nimbus.viewer.command         commands of viewers, by name

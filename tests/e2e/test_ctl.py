@@ -263,10 +263,12 @@ def test_speed_for_a_while(live, ctl):
     assert set(payloads) == {moving, still}
 
 
-def test_speed_stops_at_ctrl_c(live, ctl):
+@pytest.mark.parametrize("lasting", [[], ["--for", "9999999999"]], ids=["no end", "ages"])
+def test_speed_stops_at_ctrl_c(live, ctl, lasting):
     start = live.camera.count()
-    tool = ctl.start("speed", "4000", "0", "0")
-    live.camera.wait_frames(3, start=start)
+    tool = ctl.start("speed", "4000", "0", "0", *lasting)
+    frames = live.camera.wait_frames(3, start=start)
+    assert frames[2].data[11:17] == struct.pack("<3h", 1000, 0, 0)
     assert tool.interrupt() == 0
     live.fence()
     assert live.camera.frames(start)[-1].data[11:17] == bytes(6)
@@ -496,6 +498,27 @@ def test_foreign_datagrams_are_no_answer(fake, ctl):
     for data in (b"", b"\x42", b"B" * 11, b"hello, this is not a frame"):
         fake.socket.sendto(data, fake.viewer)
     assert tool.wait() == 1
+
+
+@pytest.mark.parametrize("ages", ["9999999999", f"{'9' * 306}h"], ids=["seconds", "hours"])
+@pytest.mark.parametrize("typed", ["--timeout {} watch", "watch --seconds {}"])
+def test_more_time_than_the_clock_counts(fake, ctl, typed, ages):
+    """It is not over at once."""
+    tool = ctl.start("--port", fake.port, *typed.format(ages).split())
+    assert fake.receive() == b"\x00\x00"
+    for number in range(3):
+        fake.send(number)
+    tool.out.wait("#2 ")
+    assert tool.process.poll() is None
+    assert tool.interrupt() == 0
+
+
+def test_hardly_any_time(fake, ctl):
+    """It is no 0, which would be no end."""
+    tool = ctl.start("--port", fake.port, "watch", "--seconds", "0.0000001")
+    fake.receive()
+    fake.send(0)
+    assert tool.wait() == 0
 
 
 def test_silence(fake, ctl):
@@ -760,6 +783,7 @@ BAD = {
     "watch --seconds": "--seconds",
     "watch --seconds soon": "'soon' is no time; expected such as 2, 2s or 500ms",
     "watch --seconds -1": "is no time",
+    "watch --seconds 0": "'0' is no time",
     "--port 0 watch": "--port: Value 0 not in range 1 to 65535",
     "--port x watch": "--port",
     "--timeout never watch": "'never' is no time",

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/ctl/top_screen.h"
@@ -70,6 +71,28 @@ TEST_F(TopScreenTest, LinksAreFoundAndLost) {
   expect("camera data  found");
   take({5, 0, 1, 0, 0, 0, 0});
   expect("camera data  lost");
+}
+
+TEST_F(TopScreenTest, WhatTheServiceSaysByItselfIsNoCameraData) {
+  std::vector<std::uint8_t> channels(67);
+  channels[0] = 15;
+  const std::string_view text = R"({"app":"nimbus"})";
+  for (int n = 0; n < 3; ++n) {
+    take({5, 0, 0, 0, 0, 0, 0});
+    take({5, 1, 0, 0, 0, 0, 0});
+    take({6, 1, 1, 0, 0, 0, 0});
+    take({11, 0, 3, 7, 2, 0, 0});
+    take(channels);
+    take({text.begin(), text.end()});
+    take({99});
+    now_ += seconds(1);
+  }
+  expect("camera data  lost          0.0/s      0.0 kbit/s  never");
+  expect("frames       21 received, 0 missing");
+  expect_none("silent");
+  take({0, 0, 0, 0, 0, 0, 0});
+  now_ += seconds(1);
+  expect("camera data  lost          1.0/s      0.1 kbit/s  1.0 s ago");
 }
 
 TEST_F(TopScreenTest, ChangesAreTold) {

@@ -14,6 +14,7 @@
 
 #include "tools/common/failure.h"
 #include "tools/common/numbers.h"
+#include "tools/common/text.h"
 #include "tools/common/version.h"
 #include "tools/ctl/accepts.h"
 #include "tools/ctl/capture.h"
@@ -65,10 +66,10 @@ std::string to_seconds(std::string& text) {
   const auto digits = text.find_first_not_of("0123456789.");
   const auto unit = kUnits.find(digits == std::string::npos ? "" : text.substr(digits));
   const auto number = tools::parse_real(std::string_view(text).substr(0, digits));
-  if (unit == kUnits.end() || !number || *number <= 0) {
-    return "'" + text + "' is no time; expected such as 2, 2s or 500ms";
-  }
-  text = std::to_string(*number * unit->second);
+  const double seconds = number && unit != kUnits.end() ? *number * unit->second : 0;
+  if (seconds <= 0) return "'" + text + "' is no time; expected such as 2, 2s or 500ms";
+  // With all of its digits: little becomes no 0, which would be no end.
+  text = tools::format_text("%.17g", seconds);
   return {};
 }
 

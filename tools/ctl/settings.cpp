@@ -119,6 +119,15 @@ const Setting* find_setting(std::string_view name) {
   return found == kSettings.end() ? nullptr : found;
 }
 
+/// Throws Failure that lists the names of settings when it is none.
+void expect_setting(std::string_view name) {
+  if (name == kWifi || find_setting(name) != nullptr) return;
+  std::string list;
+  for (const Setting& setting : kSettings) append_word(list, setting.name);
+  append_word(list, kWifi);
+  throw tools::Failure("no setting '" + std::string(name) + "'; expected " + list);
+}
+
 std::string value_member(std::size_t index) {
   return index == 0 ? "value" : "value" + std::to_string(index + 1);
 }
@@ -171,14 +180,6 @@ std::string json_for_wifi(std::span<const std::string> assignments, bool force,
 std::span<const Setting> all_settings() { return kSettings; }
 
 std::span<const WifiValue> wifi_values() { return kWifiValues; }
-
-void expect_setting(std::string_view name) {
-  if (name == kWifi || find_setting(name) != nullptr) return;
-  std::string list;
-  for (const Setting& setting : kSettings) append_word(list, setting.name);
-  append_word(list, kWifi);
-  throw tools::Failure("no setting '" + std::string(name) + "'; expected " + list);
-}
 
 bool is_stored(std::string_view name) {
   const Setting* const setting = find_setting(name);

@@ -45,9 +45,6 @@ inline constexpr std::string_view kReportRequest = R"({"cmd":"configrequest"})";
 /// is no such interface.
 [[nodiscard]] std::string json_for_scan(std::string_view interface);
 
-/// Throws Failure that lists the names of settings when it is none.
-void expect_setting(std::string_view name);
-
 /// Whether the report shows what the setting does.
 [[nodiscard]] bool is_stored(std::string_view name);
 

@@ -96,9 +96,10 @@ void show_top(const Connection& connection, double seconds) {
   constexpr std::chrono::milliseconds kGlance{100};
   ViewerLink link(connection);
   if (interrupted()) return;
-  TopScreen screen(connection.host + ":" + std::to_string(connection.port), Clock::now());
+  const Place& place = link.place();
+  TopScreen screen(place.host + ":" + std::to_string(place.port), Clock::now());
   std::optional<BoardTap> tap;
-  if (link.is_local()) tap.emplace(connection.port);
+  if (link.is_local()) tap.emplace(place.port);
   const Terminal terminal;
   const auto end = end_after(seconds);
   auto shown = Clock::time_point::min();

@@ -1,6 +1,7 @@
 #include "tools/ctl/top_screen.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <utility>
 #include <variant>
@@ -43,6 +44,14 @@ bool changes_are_told(std::string_view name) {
   return name == "camera_settings" || name == "flags" || name == "orientation";
 }
 
+/// Whether it is known to come of a report of the camera. Without a camera, too, the service tells
+/// of itself and of the RC receiver, and answers viewers with texts.
+bool comes_of_a_report(const Message& message) {
+  constexpr std::array<std::string_view, 5> kOwn{"connection", "flags", "version", "rc_channels",
+                                                 "unknown"};
+  return message.json.empty() && std::ranges::find(kOwn, message.name) == kOwn.end();
+}
+
 /// What a terminal cannot show, or would obey, becomes a question mark. Whether a byte from 0x80 on
 /// is a negative char depends on the processor.
 std::string as_ascii(std::string text) {
@@ -53,14 +62,19 @@ std::string as_ascii(std::string text) {
 
 }  // namespace
 
+void TopScreen::Traffic::add(std::size_t size, Clock::time_point now) {
+  ++frames;
+  bytes += size;
+  last = now;
+}
+
 void TopScreen::take(const Frame& frame, Clock::time_point now) {
   gaps_.take(frame.number);
-  Traffic& traffic = frame.video ? video_ : data_;
-  ++traffic.frames;
-  traffic.bytes += frame.payload.size();
-  traffic.last = now;
-  if (frame.video) return;
+  ++frames_;
+  heard_ = now;
+  if (frame.video) return video_.add(frame.payload.size(), now);
   Message message = decode_message(frame.payload);
+  if (comes_of_a_report(message)) data_.add(frame.payload.size(), now);
   if (message.name == "connection") {
     const Field* const source = find_field(message.fields, "source");
     const Field* const connected = find_field(message.fields, "connected");
@@ -154,7 +168,7 @@ void TopScreen::add_state(std::vector<ScreenLine>& all, Clock::time_point now) c
   };
   all.push_back(link_line("camera data", data_, connected("camera data"), now));
   all.push_back(link_line("video", video_, connected("video"), now));
-  const unsigned long long received = data_.frames + video_.frames;
+  const unsigned long long received = frames_;
   const unsigned long long missing = gaps_.missing();
   all.push_back({format_text("frames       %llu received, %llu missing in %llu gaps, %llu late, "
                              "%llu restarts",
@@ -226,7 +240,7 @@ std::vector<ScreenLine> TopScreen::lines(Clock::time_point now, std::size_t widt
   constexpr std::size_t kHistogram = 6;
   measure(now);
   std::vector<ScreenLine> all;
-  const double silent = seconds_between(std::max({data_.last, video_.last, start_}), now);
+  const double silent = seconds_between(heard_, now);
   all.push_back({"Nimbus " + word("version", "version") + " at " + where_ + "   viewers " +
                      word("flags", "viewers") + "   q: end" +
                      (silent > kSilence ? format_text("   silent for %.0f s", silent) : ""),

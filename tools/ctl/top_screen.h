@@ -27,7 +27,7 @@ struct ScreenLine {
 class TopScreen {
  public:
   TopScreen(std::string where, Clock::time_point start)
-      : where_(std::move(where)), start_(start), second_(start) {}
+      : where_(std::move(where)), heard_(start), second_(start) {}
 
   void take(const Frame& frame, Clock::time_point now);
 
@@ -46,6 +46,8 @@ class TopScreen {
     double frame_rate = 0;  // a second
     double bit_rate = 0;    // a second
     Clock::time_point last{};
+
+    void add(std::size_t size, Clock::time_point now);
   };
 
   void measure(Clock::time_point now);
@@ -72,9 +74,10 @@ class TopScreen {
                          Clock::time_point now);
 
   std::string where_;
-  Clock::time_point start_;
+  std::uint64_t frames_ = 0;  // of every kind
+  Clock::time_point heard_;   // when the last of them came, or the start
   Clock::time_point second_;  // of which rates are measured
-  Traffic data_;
+  Traffic data_;              // what comes of the camera's reports
   Traffic video_;
   Traffic data_before_;
   Traffic video_before_;

@@ -27,9 +27,10 @@ static_assert(kLeave[0] == type_of(FromViewer::leave));
 }  // namespace
 
 Clock::time_point end_after(double seconds) {
-  if (seconds <= 0) return Clock::time_point::max();
-  return Clock::now() +
-         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+  const auto now = Clock::now();
+  const std::chrono::duration<double> time(seconds);
+  if (seconds <= 0 || time >= Clock::time_point::max() - now) return Clock::time_point::max();
+  return now + std::chrono::duration_cast<Clock::duration>(time);
 }
 
 std::optional<Frame> decode_frame(std::span<const std::uint8_t> datagram) {
@@ -66,20 +67,20 @@ std::span<const std::uint8_t> command_payload(std::string_view text) {
 }
 
 ViewerLink::ViewerLink(const Connection& connection, Tap tap)
-    : socket_(connection.host, connection.port),
+    : place_{connection.host, connection.port},
+      socket_(place_.host, place_.port),
       tap_(std::move(tap)),
       buffer_(tools::kLargestDatagram) {
   if (reach(connection.timeout)) return;
-  Place place{connection.host, connection.port};
   if (connection.elsewhere != nullptr) {
     if (auto other = connection.elsewhere()) {
-      place = std::move(*other);
-      socket_ = tools::UdpSocket(place.host, place.port);
+      place_ = std::move(*other);
+      socket_ = tools::UdpSocket(place_.host, place_.port);
       registered_.reset();
       if (reach(connection.timeout)) return;
     }
   }
-  throw tools::Failure("nobody answers at " + place.host + ":" + std::to_string(place.port) +
+  throw tools::Failure("nobody answers at " + place_.host + ":" + std::to_string(place_.port) +
                        " within " + tools::format_text("%g s", connection.timeout) +
                        "; expected a running service with room for one more viewer");
 }

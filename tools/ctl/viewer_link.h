@@ -18,7 +18,7 @@ namespace nimbus::ctl {
 
 using Clock = std::chrono::steady_clock;
 
-/// When so many seconds from now are over; 0 means never.
+/// When so many seconds from now are over; never for 0, and for more than the clock can count.
 [[nodiscard]] Clock::time_point end_after(double seconds);
 
 /// A host (a name or an IPv4 address) and its UDP port, host byte order.
@@ -69,8 +69,8 @@ using SpeedPayload = std::array<std::uint8_t, SpeedMessage::kSize>;
 class ViewerLink {
  public:
   /// Registers and waits for the first frame, which receive() then gives. Throws Failure when none
-  /// comes in time; nothing but registrations has been sent then. The tap is told of every
-  /// datagram, and may throw.
+  /// comes in time; nothing but registrations and leaves has been sent then. The tap is told of
+  /// every datagram, and may throw.
   explicit ViewerLink(const Connection& connection, Tap tap = {});
   ViewerLink(const ViewerLink&) = delete;
   ViewerLink& operator=(const ViewerLink&) = delete;
@@ -81,6 +81,9 @@ class ViewerLink {
 
   /// Drops what comes, for so long or until the tool shall end.
   void pause(std::chrono::milliseconds time);
+
+  /// Where the service has answered: `elsewhere`, if nobody has where it was asked first.
+  [[nodiscard]] const Place& place() const { return place_; }
 
   /// Whether the service runs on this machine.
   [[nodiscard]] bool is_local() const { return socket_.local().address == socket_.peer().address; }
@@ -100,6 +103,7 @@ class ViewerLink {
 
   void pass(bool sent, std::span<const std::uint8_t> datagram) const;
 
+  Place place_;
   tools::UdpSocket socket_;
   Tap tap_;
   std::vector<std::uint8_t> buffer_;

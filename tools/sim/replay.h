@@ -61,10 +61,10 @@ class Replay {
 
   /// Seconds since the start at which the next datagram is due; nothing when all were taken.
   [[nodiscard]] std::optional<double> due() const;
-  /// Takes the datagram that is due. Throws Failure when the recording is damaged behind it: at the
-  /// next call, so that everything before is played.
+  /// Takes the datagram that is due; there must be one. If the recording is damaged behind it,
+  /// nothing more is due, and check() throws: everything before is played.
   [[nodiscard]] ReplayDatagram take();
-  /// Throws what a damaged recording has come to.
+  /// Throws Failure when the recording is damaged where it ended.
   void check() const;
 
   /// Where it is, in words.

@@ -19,7 +19,6 @@
 #include "net/sources.h"
 #include "net/viewers.h"
 #include "tools/common/text.h"
-#include "tools/common/version.h"
 #include "tools/sim/commands.h"
 
 namespace nimbus::wireshark {
@@ -137,7 +136,7 @@ std::string commands() {
 }
 
 std::string tables() {
-  return "local tables = {\n  version = " + quoted(tools::version_text()) + ",\n" +
+  return "local tables = {\n" +
          format_text("  ports = {viewers = %u, data = %u, video = %u},\n", unsigned{kViewerPort},
                      unsigned{kDataPort}, unsigned{kVideoPort}) +
          format_text("  frame = {header = %zu, magic = %u, kind = %zu, number = %zu},\n",
