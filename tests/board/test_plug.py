@@ -54,6 +54,7 @@ class Plug:
         end = time.monotonic() + 10  # a save may have less to write than another
         while self._sent() < sent and time.monotonic() < end:
             time.sleep(0.001)
+        assert sent == 0 or self._sent() > 0, "no save has begun"
 
     def pull(self, chance):
         """What the card has afterwards: what it had flushed, and any of the rest."""

@@ -253,6 +253,7 @@ def test_endless_scan_is_bounded(board, standins):
     assert reply == whole[:59_999]
 
 
+@pytest.mark.timing
 @pytest.mark.parametrize("tool, what", [
     ("iwlist", {"cmd": "wlan", "param": "scan", "value": "1"}),
     ("killall", {"cmd": "updateparam", "name": "hdmimode", "value": "default"})])

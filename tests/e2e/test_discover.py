@@ -2,15 +2,17 @@
 finds, and when it takes the only one."""
 
 import json
+import os
 import pathlib
+import pty
 import shutil
 import subprocess
 import textwrap
 
 import pytest
 
-from harness import far_network
 from harness.console import Console
+from harness.making import making
 from harness.service import EMULATOR, Service
 from harness.timing import limit
 
@@ -39,10 +41,9 @@ exec avahi-daemon --no-drop-root --no-chroot --no-rlimits -f "$2"
 
 
 class FarBoard:
-    """A host at the far end of a link that announces what the package says."""
+    """A host at the far end of link 1, 2, ... that announces what the package says."""
 
-    def __init__(self, number, name, folder):
-        self.link = far_network.Link(number)
+    def __init__(self, number, link, name, folder):
         configuration = folder / f"{name}.conf"
         configuration.write_text(CONFIGURATION.format(name=name))
         services = folder / "services"
@@ -53,26 +54,24 @@ class FarBoard:
             [*self.there, "unshare", "--mount", "sh", "-c", START, "sh", services, configuration],
             stderr=subprocess.PIPE)
         self.console = Console(self.daemon.stderr)
-        self.console.wait("successfully established", 20)
-        self.line = f"{self.link.far}:4242  Tervado Nimbus on {name} ({name}.local)"
+        self.line = f"{link.far}:4242  Tervado Nimbus on {name} ({name}.local)"
 
     def close(self):
         self.daemon.kill()
         self.daemon.wait()
-        self.link.close()
 
 
 @pytest.fixture
-def boards(tmp_path):
-    running = []
+def boards(links, tmp_path):
+    """boards(NUMBER, NAME) makes a FarBoard, which is announced."""
+    with making(FarBoard) as make:
 
-    def announce(number, name):
-        running.append(FarBoard(number, name, tmp_path))
-        return running[-1]
+        def announce(number, name):
+            board = make(number, links(number), name, tmp_path)
+            board.console.wait("successfully established", 20)
+            return board
 
-    yield announce
-    for one in running:
-        one.close()
+        yield announce
 
 
 @pytest.fixture
@@ -119,26 +118,39 @@ def test_takes_the_only_one(build, ctl, boards, tmp_path):
         service.stop()
 
 
+def test_top_names_the_one_that_was_taken(build, boards, tmp_path):
+    board = boards(1, "mast")
+    service = Service(build / "nimbus", tmp_path, "", wrapper=board.there)
+    near, far = pty.openpty()
+    try:
+        subprocess.run([*EMULATOR, build / "nimbusctl", "--timeout", f"{limit(2)}s", "top",
+                        "--seconds", "0.3"], stdin=far, stdout=far, stderr=subprocess.DEVNULL,
+                       env={**os.environ, "TERM": "xterm"}, timeout=limit(20), check=True)
+        shown = os.read(near, 65536)
+        assert b" at 10.7.1.2:4242" in shown and b"127.0.0.1" not in shown
+    finally:
+        service.stop()
+        os.close(near)
+        os.close(far)
+
+
 def test_service_of_this_machine_comes_first(ctl, boards, service):
     boards(1, "mast")
     done = ctl("--timeout", f"{limit(2)}s", "config")
     assert (done.returncode, done.stderr) == (0, "")
 
 
-def test_nobody_there(ctl):
+def test_nobody_there(ctl, links):
     line = ("nimbusctl: no board answers; expected one on this network whose avahi-daemon announces "
             "it\n")
     done = ctl("discover")
     assert (done.returncode, done.stdout, done.stderr) == (1, "", line)
-    link = far_network.Link(1)
-    try:
-        done = ctl("discover", "--seconds", "0.3s")
-        assert (done.returncode, done.stdout, done.stderr) == (1, "", line)
-    finally:
-        link.close()
+    links(1)
+    done = ctl("discover", "--seconds", "0.3s")
+    assert (done.returncode, done.stdout, done.stderr) == (1, "", line)
 
 
-def test_foreign_answers(ctl):
+def test_foreign_answers(ctl, links, processes):
     """Damaged ones, answers to somebody else, from another port: silence. A name cannot steer a
     terminal."""
     script = textwrap.dedent("""
@@ -164,15 +176,10 @@ def test_foreign_answers(ctl):
             s.sendto(b"", asker)
             s.sendto(good, asker)
         """)
-    link = far_network.Link(1)
-    responder = subprocess.Popen(["ip", "netns", "exec", "far1", "python3", "-c", script],
-                                 stderr=subprocess.PIPE)
-    try:
-        Console(responder.stderr).wait("ready", 10)
-        done = ctl("discover", "--seconds", str(limit(0.5)))
-        assert (done.returncode, done.stderr) == (0, "")
-        assert done.stdout == "10.7.1.2:4242  ?[2J?board (pi.local)\n"
-    finally:
-        responder.kill()
-        responder.wait()
-        link.close()
+    links(1)
+    responder = processes(["ip", "netns", "exec", "far1", "python3", "-c", script],
+                          stderr=subprocess.PIPE)
+    Console(responder.stderr).wait("ready", 10)
+    done = ctl("discover", "--seconds", str(limit(0.5)))
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout == "10.7.1.2:4242  ?[2J?board (pi.local)\n"

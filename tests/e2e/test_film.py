@@ -10,10 +10,8 @@ import time
 
 import pytest
 
-from harness.bridge import Bridge
 from harness.service import EMULATOR
 from harness.timing import limit, wait_until
-from harness.udp import VIDEO_PORT
 
 
 @pytest.fixture(scope="module")
@@ -27,25 +25,31 @@ def stream(tmp_path_factory):
 
 
 @pytest.fixture
-def camera(build, service, stream):
-    run = subprocess.Popen([*EMULATOR, build / "nimbus-sim", "--video", stream, "--fps", "10"],
-                           stdout=subprocess.DEVNULL)
+def camera(build, service, stream, processes):
+    processes([*EMULATOR, build / "nimbus-sim", "--video", stream, "--fps", "10"],
+              stdout=subprocess.DEVNULL)
     service.err.wait("Video found")
-    yield run
-    run.kill()
-    run.wait()
 
 
-def start(build, *arguments):
-    return subprocess.Popen([*EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "video",
-                             *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                            text=True)
+@pytest.fixture
+def filming(build, processes):
+    """filming(ARGUMENT...) runs nimbusctl video."""
+    return lambda *arguments, **streams: processes(
+        [*EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "video",
+         *map(str, arguments)], text=True,
+        **(streams or {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE}))
 
 
-def film(build, *arguments):
-    run = start(build, *arguments)
-    out, err = run.communicate(timeout=limit(20))
-    return run.returncode, out, err
+@pytest.fixture
+def film(filming):
+    """film(ARGUMENT...) does so to its end: status, standard output, standard error."""
+
+    def run(*arguments):
+        process = filming(*arguments)
+        out, err = process.communicate(timeout=limit(20))
+        return process.returncode, out, err
+
+    return run
 
 
 def probe(path):
@@ -62,9 +66,9 @@ def probe(path):
     return found["streams"][0], packets
 
 
-def test_film(build, camera, tmp_path):
+def test_film(film, camera, tmp_path):
     path = tmp_path / "film.mp4"
-    status, out, err = film(build, "--mp4", path, "--seconds", 4)
+    status, out, err = film("--mp4", path, "--seconds", 4)
     assert (status, out) == (0, ""), err
     stream, packets = probe(path)
     assert (stream["codec_name"], stream["width"], stream["height"]) == ("h264", 320, 180)
@@ -75,24 +79,22 @@ def test_film(build, camera, tmp_path):
 
 
 @pytest.mark.timing
-def test_times_are_true(build, service, stream, tmp_path):
+def test_times_are_true(filming, service, video, stream, tmp_path):
     """A pause of the camera is one in the film: the picture before it stays."""
     path = tmp_path / "film.mp4"
     start_code = b"\0\0\0\1\x09"  # of the unit that stands before each picture
     pictures = [start_code + part for part in stream.read_bytes().split(start_code)[1:]]
-    bridge = Bridge(VIDEO_PORT)
-    run = start(build, "--mp4", path)
+    run = filming("--mp4", path)
     service.err.wait("New client connected")
     moments = []
     for number, picture in enumerate(pictures[:30]):
         time.sleep(1.2 if number == 15 else 0.05)
         moments.append(time.monotonic())
         for at in range(0, len(picture), 1400):
-            bridge.send(picture[at:at + 1400])
+            video.send(picture[at:at + 1400])
     time.sleep(0.3)
     run.send_signal(signal.SIGINT)
     _, err = run.communicate(timeout=limit(10))
-    bridge.close()
     assert run.returncode == 0, err
     _, packets = probe(path)
     assert len(packets) == 29  # what would tell the end of the last one has not come
@@ -101,9 +103,9 @@ def test_times_are_true(build, service, stream, tmp_path):
     assert 1.15 <= packets[15][0] - packets[14][0] <= 1.2 + limit(0.1)
 
 
-def test_a_killed_writer_leaves_a_film(build, camera, tmp_path):
+def test_a_killed_writer_leaves_a_film(filming, camera, tmp_path):
     path = tmp_path / "film.mp4"
-    run = start(build, "--mp4", path)
+    run = filming("--mp4", path)
     wait_until(lambda: path.exists() and path.stat().st_size > 50_000, 10, "the film")
     run.kill()
     run.wait()
@@ -111,9 +113,9 @@ def test_a_killed_writer_leaves_a_film(build, camera, tmp_path):
     assert len(packets) >= 3
 
 
-def test_split(build, camera, tmp_path):
+def test_split(filming, camera, tmp_path):
     names = ["film.mp4", "film-2.mp4", "film-3.mp4"]
-    run = start(build, "--mp4", tmp_path / "film.mp4", "--split", 1)
+    run = filming("--mp4", tmp_path / "film.mp4", "--split", 1)
     last = tmp_path / names[-1]
     wait_until(lambda: last.exists() and last.stat().st_size > 3000, 15, "the third film")
     run.send_signal(signal.SIGINT)
@@ -126,29 +128,30 @@ def test_split(build, camera, tmp_path):
     assert len(lengths) >= 3 and all(1 <= one <= limit(4) for one in lengths[:2])
 
 
-def test_nothing_is_written_over(build, camera, tmp_path):
+def test_nothing_is_written_over(film, camera, tmp_path):
     path = tmp_path / "film.mp4"
     path.write_text("mine")
-    status, _, err = film(build, "--mp4", path, "--seconds", 5)
+    status, _, err = film("--mp4", path, "--seconds", 5)
     assert status == 1 and path.read_text() == "mine"
     assert err == (f"nimbusctl: cannot make {path}: File exists; expected a new file in a folder that "
                    "can be written\n")
 
 
-def test_a_full_disk(build, camera, tmp_path):
+def test_a_full_disk(film, camera, tmp_path):
     folder = tmp_path / "disk"
     folder.mkdir()
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=12m", "disk", folder], check=True,
                    env={**os.environ, "PATH": "/usr/bin:/bin"})
     try:
-        status, _, err = film(build, "--mp4", folder / "film.mp4", "--seconds", 5)
+        status, _, err = film("--mp4", folder / "film.mp4", "--seconds", 5)
     finally:
-        subprocess.run(["umount", folder], check=True, env={**os.environ, "PATH": "/usr/bin:/bin"})
+        subprocess.run(["umount", "--lazy", folder], check=True,
+                       env={**os.environ, "PATH": "/usr/bin:/bin"})
     assert status == 1 and err.count("\n") == 1
     assert err.startswith("nimbusctl: no space is left for more; expected at least 16 MiB; ")
 
 
-def test_a_disk_that_fills(build, camera, tmp_path):
+def test_a_disk_that_fills(filming, camera, tmp_path):
     """Others fill it meanwhile: the film ends before it is full, and plays."""
     folder = tmp_path / "disk"
     folder.mkdir()
@@ -156,23 +159,23 @@ def test_a_disk_that_fills(build, camera, tmp_path):
                    env={**os.environ, "PATH": "/usr/bin:/bin"})
     path = folder / "film.mp4"
     try:
-        run = start(build, "--mp4", path)
+        run = filming("--mp4", path)
         wait_until(lambda: path.exists() and path.stat().st_size > 50_000, 10, "the film")
         (folder / "other").write_bytes(bytes(10 * 1024 * 1024))
         _, err = run.communicate(timeout=limit(10))
         _, packets = probe(path)
     finally:
-        subprocess.run(["umount", folder], check=True, env={**os.environ, "PATH": "/usr/bin:/bin"})
+        subprocess.run(["umount", "--lazy", folder], check=True,
+                       env={**os.environ, "PATH": "/usr/bin:/bin"})
     assert run.returncode == 1 and len(packets) >= 3
     assert re.fullmatch(r"nimbusctl: no space is left for more; expected at least 16 MiB; "
                         rf"{path}: \d+ pictures, [\d.]+ s, \d+ bytes\n", err)
 
 
-def test_progress_on_a_terminal(build, camera, tmp_path):
+def test_progress_on_a_terminal(filming, camera, tmp_path):
     """One line, written over and over again, with what has been written."""
     ours, theirs = pty.openpty()
-    run = subprocess.Popen([*EMULATOR, build / "nimbusctl", "--timeout", f"{limit(3)}s", "video",
-                            "--mp4", tmp_path / "film.mp4", "--seconds", "3"], stderr=theirs)
+    run = filming("--mp4", tmp_path / "film.mp4", "--seconds", 3, stderr=theirs)
     assert run.wait(limit(20)) == 0
     said = os.read(ours, 65536).decode()
     os.close(ours)
@@ -182,14 +185,14 @@ def test_progress_on_a_terminal(build, camera, tmp_path):
     assert shown == sorted(shown) and shown[-1] > shown[0]
 
 
-def test_no_video(build, service, tmp_path):
+def test_no_video(film, service, tmp_path):
     path = tmp_path / "film.mp4"
-    status, _, err = film(build, "--mp4", path, "--seconds", 0.5)
+    status, _, err = film("--mp4", path, "--seconds", 0.5)
     assert status == 1 and not path.exists()
     assert err == ("nimbusctl: no picture came to begin with; expected a camera that sends video\n")
 
 
-def test_split_needs_a_film(build):
-    status, _, err = film(build, "--split", "10m")
+def test_split_needs_a_film(film):
+    status, _, err = film("--split", "10m")
     assert status == 1
     assert err == "nimbusctl: --split requires --mp4; nimbusctl --help tells what is expected\n"

@@ -181,6 +181,7 @@ def test_frames_go_on_after_the_bridge_was_away(station, cameras):
 # --- How soon ------------------------------------------------------------------------------------
 
 
+@pytest.mark.timing
 def test_command_becomes_frame_within_one_period(station):
     """A command waits for the mailbox to be looked at, every 50 ms, and for nothing else."""
     chance = random.Random(5)

@@ -1,15 +1,14 @@
 """Command texts that nobody means well with, and far too many of them."""
 
 import os
-import pathlib
 import random
-import re
 import threading
 import time
 
 import pytest
 
 from harness.duml import camera, command, gimbal, parse, speed
+from harness.growth import resources
 from harness.timing import limit
 
 pytest_plugins = ["harness.commanding"]
@@ -213,6 +212,7 @@ def assert_answers(station, viewer):
             gimbal(0x01, "00 04 00 04 00 04 80 00", sender=0x09, type=0x20), gimbal(0x08)])])
 
 
+@pytest.mark.timing
 def test_flood_of_commands_and_speeds(station, viewers):
     """A thousand commands and a thousand speeds a second: the commands that are done are done
     whole, every frame is sound, the last speed counts, and all goes on as if nothing was."""
@@ -243,6 +243,7 @@ def test_flood_of_commands_and_speeds(station, viewers):
     assert_answers(station, driver)
 
 
+@pytest.mark.timing
 def test_flood_of_nonsense(station, viewers):
     """A thousand texts a second that are no commands, the longest that there are."""
     chance = random.Random(11)
@@ -254,12 +255,6 @@ def test_flood_of_nonsense(station, viewers):
 
 
 # --- Memory --------------------------------------------------------------------------------------
-
-
-def resident(pid):
-    """The KiB that a process holds in memory."""
-    status = pathlib.Path(f"/proc/{pid}/status").read_text()
-    return int(re.search(r"VmRSS:\s+(\d+) kB", status)[1])
 
 
 def bush(members):
@@ -286,8 +281,8 @@ def test_texts_leave_no_memory_behind(unsanitized, station, text):
     for _ in range(10):
         station.send(text)
     station.fence()
-    before = resident(station.service.pid)
+    before, *_ = resources(station.service)
     for _ in range(40):
         station.send(text)
     station.fence()
-    assert resident(station.service.pid) - before < 300
+    assert resources(station.service)[0] - before < 300 * 1024

@@ -219,7 +219,8 @@ def test_interface_codes():
 def test_settings():
     """Each with the fields that it stores, how it reads them, and what it ends."""
     path = "config/commands.cpp"
-    constants = dict(re.findall(r'const char\* (kEnd\w+) = "([^"]+)"', source(path)))
+    constants = dict(re.findall(r'const char\* (kEnd\w+) = "([^"]+)"',
+                                source("config/commands.h") + source(path)))
     code = {}
     for row in block(path, "kSettings").split("{.name = ")[1:]:
         name, rest = re.match(r'"(\w+)", (.*)', row).groups()

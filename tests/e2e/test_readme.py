@@ -1,6 +1,7 @@
 """The tour of the README, as a reader takes it: each command succeeds and prints what is promised.
 What the README, the tests' own and the recipes name is there."""
 
+import contextlib
 import os
 import pathlib
 import re
@@ -10,8 +11,9 @@ import urllib.request
 
 import pytest
 
+from harness.console import Console
 from harness.service import EMULATOR
-from harness.timing import limit
+from harness.timing import limit, wait_until
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 README = (ROOT / "README.md").read_text()
@@ -41,13 +43,13 @@ def pattern(line):
 
 
 @pytest.fixture
-def live(build):
+def live(build, processes):
     """live(OPTION...) is what `./dev run` runs, in a sandbox in the sandbox."""
     if EMULATOR:
         pytest.skip("the tools are of another processor")
 
     def start(*options, prefix=()):
-        return subprocess.Popen(
+        return processes(
             [*prefix, ROOT / "tools" / "sandbox" / "enter", ROOT / "tools" / "live", *options], text=True,
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
             start_new_session=True, env={**os.environ, "NIMBUS_BUILD": str(build)})
@@ -76,18 +78,19 @@ def test_interrupted(live):
     """Ctrl-C ends all of it at once, the viewer with its figures. What is left behind would be
     noticed: the first process of a sandbox takes all others with it."""
     run = live("--text")
-    for line in run.stdout:
-        if "camera settings" in line:
-            break
+    said = Console(run.stdout)
+    said.wait("camera settings", 20)
     os.killpg(run.pid, signal.SIGINT)
-    output, _ = run.communicate(timeout=limit(5))
-    assert run.returncode == 0 and "frame counter: 0 gap(s)" in output, output
+    assert run.wait(limit(5)) == 0, said.text()
+    said.wait("frame counter: 0 gap(s)")
 
 
 @pytest.mark.parametrize("options, problem", [
     (["--sideways"], "no option '--sideways'; expected --text, --shell, --seconds N or nothing"),
     (["--seconds", "soon"], "'soon' is no time; expected --seconds and a number"),
     (["--seconds"], "'' is no time; expected --seconds and a number"),
+    (["--shell", "--seconds", "5"],
+     "a shell ends when it is left; expected --shell or --seconds N, not both"),
 ])
 def test_bad_options(live, options, problem):
     run = live(*options)
@@ -95,26 +98,43 @@ def test_bad_options(live, options, problem):
     assert (run.returncode, output) == (2, f"live: {problem}\n")
 
 
+def numbers_of(name):
+    """Of the processes that run that program, in this sandbox and in those inside."""
+    found = []
+    for folder in pathlib.Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):
+            if (folder / "comm").read_text().strip() == name:
+                found.append(int(folder.name))
+    return found
+
+
 def test_browsers(live):
     """`./dev run` names the page, which the sandbox serves on a socket from outside."""
     listen = ROOT / "tools" / "listen"
     run = live(prefix=[listen, "127.0.0.1:0"])
-    url = None
-    for line in run.stdout:
-        if line.startswith("open "):
-            url = line.removeprefix("open ").strip()
-            break
-    assert re.fullmatch(r"http://localhost:\d+/", url or "")
-    with urllib.request.urlopen(url.replace("localhost", "127.0.0.1"), timeout=limit(5)) as page:
-        assert b"<title>" in page.read()
+    said = Console(run.stdout)
+    wait_until(lambda: re.search(r"^open .*\n", said.text(), re.MULTILINE), 20, "the page's address")
+    url = re.search(r"^open (http://localhost:\d+/)$", said.text(), re.MULTILINE)[1]
+
+    def open_page():
+        with urllib.request.urlopen(url.replace("localhost", "127.0.0.1"), timeout=limit(5)) as page:
+            assert b"<title>" in page.read()
+
+    open_page()
+    # Who comes when nimbus-web has ended is served by the next.
+    (web,) = numbers_of("nimbus-web")
+    os.kill(web, signal.SIGKILL)
+    wait_until(lambda: web not in numbers_of("nimbus-web"), 5, "the end of nimbus-web")
+    open_page()
     os.killpg(run.pid, signal.SIGINT)
-    run.communicate(timeout=limit(5))
-    assert run.returncode == 0
+    assert run.wait(limit(5)) == 0, said.text()
 
 
 @pytest.mark.parametrize("where, problem", [
     ("somewhere", "cannot listen on 'somewhere'; expected ADDRESS:PORT such as 0.0.0.0:8080"),
     ("127.0.0.1:soon", "cannot listen on '127.0.0.1:soon'; expected ADDRESS:PORT such as 0.0.0.0:8080"),
+    ("127.0.0.1:65536", "cannot listen on '127.0.0.1:65536'; expected ADDRESS:PORT such as 0.0.0.0:8080"),
+    ("127.0.0.1:-1", "cannot listen on '127.0.0.1:-1'; expected ADDRESS:PORT such as 0.0.0.0:8080"),
 ])
 def test_bad_listening(where, problem):
     run = subprocess.run([ROOT / "tools" / "listen", where, "true"], capture_output=True, text=True,

@@ -17,10 +17,10 @@ import time
 import pytest
 
 from harness import captures
-from harness.bridge import Bridge
 from harness.captures import (
     COOKED_1, COOKED_2, DATA, ETHERNET, LIBRARY, RAW, VIDEO, Packet, ip, udp, wrapped)
-from harness.far_network import Link
+from harness.console import Console
+from harness.making import making
 from harness.service import EMULATOR
 from harness.timing import limit, wait_until
 from harness.udp import udp_socket
@@ -97,10 +97,15 @@ class Listener:
 
 
 @pytest.fixture
-def listener():
-    one = Listener()
-    yield one
-    one.close()
+def listeners():
+    """listeners(host="127.0.0.1") makes a Listener that is closed at the end of the test."""
+    with making(Listener) as make:
+        yield make
+
+
+@pytest.fixture
+def listener(listeners):
+    return listeners()
 
 
 def recording(tmp_path, packets, layer=ETHERNET, form=captures.pcap, **options):
@@ -191,40 +196,30 @@ def documented_tcpdump():
     return shlex.split(re.search(r"^sudo (tcpdump .*)$", text, re.MULTILINE)[1])
 
 
-def test_what_tcpdump_has_written(replay, tmp_path):
+def test_what_tcpdump_has_written(replay, links, listeners, processes, tmp_path):
     """The documented line, on a board whose bridge is another machine: large datagrams come in
     pieces, and other traffic does not matter."""
-    link = Link(1)
-    listener = Listener(link.near)
-    with link.inside():
-        bridge = udp_socket(link.far)
-    run = subprocess.Popen(documented_tcpdump(), cwd=tmp_path, stderr=subprocess.PIPE, text=True)
-    try:
-        while "listening on any" not in run.stderr.readline():
-            assert run.poll() is None
-        sent = [bytes([n]) * size for n, size in enumerate((1, 1400, 1500, 9000, 60_000))]
+    link = links(1)
+    listeners(link.near)
+    run = processes(documented_tcpdump(), cwd=tmp_path, stderr=subprocess.PIPE)
+    said = Console(run.stderr)
+    said.wait("listening on any")
+    sent = [bytes([n]) * size for n, size in enumerate((1, 1400, 1500, 9000, 60_000))]
+    with link.inside(), udp_socket(link.far) as bridge:
         for datagram in sent:
             bridge.sendto(datagram, (link.near, VIDEO))
             bridge.sendto(b"report", (link.near, DATA))
             bridge.sendto(b"other", (link.near, 5002))
         bridge.sendto(b"the last report", (link.near, DATA))
-        path = tmp_path / "bridge.pcap"
-        wait_until(lambda: path.exists() and b"the last report" in path.read_bytes(), 5, "all of it")
-        run.send_signal(signal.SIGINT)
-        _, said = run.communicate(timeout=limit(5))
-    finally:
-        run.kill()
-        bridge.close()
-        listener.close()
-        link.close()
-    assert "0 packets dropped by kernel" in said
-    listener = Listener()
-    try:
-        assert replay(path) == (len(sent) + 1, len(sent), 0)
-        assert listener.payloads(len(sent), VIDEO) == sent
-        assert listener.payloads(len(sent) + 1, DATA)[:-1] == [b"report"] * len(sent)
-    finally:
-        listener.close()
+    path = tmp_path / "bridge.pcap"
+    wait_until(lambda: path.exists() and b"the last report" in path.read_bytes(), 5, "all of it")
+    run.send_signal(signal.SIGINT)
+    run.wait(limit(5))
+    said.wait("\n0 packets dropped by kernel\n")
+    listener = listeners()
+    assert replay(path) == (len(sent) + 1, len(sent), 0)
+    assert listener.payloads(len(sent), VIDEO) == sent
+    assert listener.payloads(len(sent) + 1, DATA)[:-1] == [b"report"] * len(sent)
 
 
 def test_cut_packets_are_not_sent(replay, listener, tmp_path):
@@ -235,6 +230,7 @@ def test_cut_packets_are_not_sent(replay, listener, tmp_path):
 # --- Time ----------------------------------------------------------------------------------------
 
 
+@pytest.mark.timing
 @pytest.mark.parametrize("speed", [0.5, 1, 4])
 def test_recorded_timing(speed, replay, listener, tmp_path):
     """Each datagram comes when it did, and a late one makes none behind it late."""
@@ -302,10 +298,10 @@ def test_only_one_link(replay, listener, tmp_path):
     assert replay(path, "--only", "video") == (0, 3, 0)
 
 
-def test_loop(build, listener, tmp_path):
+def test_loop(build, listener, processes, tmp_path):
     path = recording(tmp_path, simple(3))
-    run = subprocess.Popen([*EMULATOR, build / "nimbus-sim", "--replay", path, "--loop"],
-                           stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    run = processes([*EMULATOR, build / "nimbus-sim", "--replay", path, "--loop"],
+                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
     listener.payloads(10, VIDEO)
     run.send_signal(signal.SIGINT)
     out, err = run.communicate(timeout=limit(5))
@@ -325,12 +321,12 @@ def test_progress(replay, listener, tmp_path):
     assert lines[-1] == "0.3 s (100 %), packet 30: 0 data, 30 video"
 
 
-def test_progress_on_a_terminal(replay, listener, tmp_path):
+def test_progress_on_a_terminal(replay, listener, processes, tmp_path):
     """One line, written over and over again."""
     ours, theirs = pty.openpty()
     path = recording(tmp_path, simple(60))
-    run = subprocess.Popen([*EMULATOR, replay.binary, "--replay", path], stderr=theirs,
-                           stdout=subprocess.DEVNULL)
+    run = processes([*EMULATOR, replay.binary, "--replay", path], stderr=theirs,
+                    stdout=subprocess.DEVNULL)
     assert run.wait(limit(10)) == 0
     said = os.read(ours, 65536).decode()
     os.close(ours)
@@ -402,31 +398,27 @@ def capture(build, *arguments):
                            *map(str, arguments)], capture_output=True, timeout=limit(20), check=False)
 
 
-def test_capture_and_replay(build, replay, service, tmp_path):
+def test_capture_and_replay(build, replay, service, video, listeners, processes, tmp_path):
     """The video that a viewer has captured goes to another service as the bridge has sent it."""
     path = tmp_path / "viewer.pcapng"
-    bridge = Bridge(VIDEO)
-    run = subprocess.Popen([*EMULATOR, build / "nimbusctl", "capture", path],
-                           stderr=subprocess.PIPE)
+    run = processes([*EMULATOR, build / "nimbusctl", "capture", path], stderr=subprocess.PIPE)
     service.err.wait("New client connected")
     sent = [bytes([n]) * size for n, size in enumerate((1, 1400, 1401, 9000, 60_000))]
     for datagram in sent:
-        bridge.send(datagram)
+        video.send(datagram)
         time.sleep(0.1)
     wait_until(lambda: path.stat().st_size > sum(map(len, sent)), 5, "the last datagram")
     run.send_signal(signal.SIGINT)
     _, err = run.communicate(timeout=limit(5))
-    bridge.close()
     assert run.returncode == 0
     assert re.fullmatch(rf"\d+ received, \d+ sent, {path.stat().st_size} bytes in {path}\n",
                         err.decode())
     service.err.wait("removed")
     service.kill()
 
-    listener = Listener()
+    listener = listeners()
     assert replay(path, "--speed", 4) == (0, len(sent), 0)
     assert listener.payloads(len(sent), VIDEO) == sent
-    listener.close()
 
 
 def test_capture_is_readable(build, service, tmp_path):

@@ -619,6 +619,7 @@ def test_nothing_to_restore(desk):
     assert desk.frames() == []
 
 
+@pytest.mark.timing
 def test_restore(desk):
     """A subject that has been lost for more than two seconds is tracked again where it was seen
     last, in a small rectangle. Until it is found that is said and done at every report; before two
@@ -652,6 +653,7 @@ def test_restore(desk):
         sequence += 2
 
 
+@pytest.mark.timing
 def test_restore_begins_anew_with_every_sight(desk):
     """Every report of a tracked subject begins the two seconds again, and moves the point; also
     after a restore."""

@@ -14,11 +14,10 @@ import urllib.request
 
 import pytest
 
-from harness.bridge import Bridge
-from harness.far_network import Link, run
+from harness.far_network import run
 from harness.service import EMULATOR
 from harness.timing import limit, wait_until
-from harness.udp import VIDEO_PORT, bound_ports
+from harness.udp import bound_ports
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PICTURES = 30  # of the stream: 10 a second, a key picture each second
@@ -77,10 +76,8 @@ def camera(build, service, stream):
 class Console:
     """nimbus-web with more options."""
 
-    def __init__(self, build, *arguments):
-        self.run = subprocess.Popen(
-            [*EMULATOR, build / "nimbus-web", "--listen", f"127.0.0.1:{WEB_PORT}", *arguments],
-            stderr=subprocess.PIPE)
+    def __init__(self, run):
+        self.run = run
         wait_until(self.answers, 10, "the web console")
 
     @staticmethod
@@ -98,22 +95,13 @@ class Console:
         with urllib.request.urlopen(f"http://127.0.0.1:{WEB_PORT}/metrics", timeout=limit(5)) as one:
             return float(re.search(rf"^{name} (\S+)$", one.read().decode(), re.MULTILINE)[1])
 
-    def close(self):
-        self.run.kill()
-        self.run.wait()
-
 
 @pytest.fixture
-def console(build):
-    running = []
-
-    def start(*arguments):
-        running.append(Console(build, *arguments))
-        return running[-1]
-
-    yield start
-    for one in running:
-        one.close()
+def console(build, processes):
+    """console(OPTION...) is a Console until the end of the test."""
+    return lambda *options: Console(processes(
+        [*EMULATOR, build / "nimbus-web", "--listen", f"127.0.0.1:{WEB_PORT}", *options],
+        stderr=subprocess.PIPE))
 
 
 def listening(port):
@@ -224,10 +212,10 @@ def test_nobody_receives(camera, console):
     assert web.run.poll() is None
 
 
-def test_a_way_that_takes_nothing(camera, console):
+def test_a_way_that_takes_nothing(camera, console, links):
     """Each picture is counted as dropped then, and whoever looks at the page misses none. When the
     way is there again, so are the pictures."""
-    link = Link(1)
+    link = links(1)
     web = console("--rtp", f"{link.far}:{RTP_PORT}")
     camera.start()
     wait_until(lambda: web.metric("nimbus_web_rtp_pictures_total") > GROUP, 10, "pictures")
@@ -238,21 +226,18 @@ def test_a_way_that_takes_nothing(camera, console):
     assert web.metric("nimbus_pictures_discarded_total") == 0
     run("ip", "link", "set", link.here, "up")
     wait_until(lambda: web.metric("nimbus_web_rtp_pictures_total") > sent + GROUP, 10, "more")
-    link.close()
 
 
-def test_h265_is_refused(service, console):
+def test_h265_is_refused(service, video, console):
     """Once, on the console; it says of which video."""
     web = console("--rtp", f"127.0.0.1:{RTP_PORT}")
-    bridge = Bridge(VIDEO_PORT)
     data = (ROOT / "tests/unit/streams/hevc.h265").read_bytes()
     for _ in range(3):
         for at in range(0, len(data), 1000):
-            bridge.send(data[at:at + 1000])
+            video.send(data[at:at + 1000])
             time.sleep(0.01)
     wait_until(lambda: web.state()["video"]["kind"] == "h265", 10, "a stream")
     assert web.metric("nimbus_web_rtp_pictures_total") == 0
-    bridge.close()
     web.run.terminate()
     _, said = web.run.communicate(timeout=limit(10))
     assert said == b"nimbus-web: the video is h265, which is not sent as RTP; expected h264\n"

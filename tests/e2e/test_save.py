@@ -73,14 +73,6 @@ class Saver:
         return self.calls()[before:]
 
 
-@pytest.fixture(autouse=True)
-def no_working_copy(clean_board):
-    """A board that has just started has none."""
-    if WORKING_COPY.is_dir():
-        WORKING_COPY.rmdir()
-    WORKING_COPY.unlink(missing_ok=True)
-
-
 @pytest.fixture
 def tools(tmp_path):
     """The environment in which the ordinary tools of a save are recorded, too, and do their

@@ -322,6 +322,7 @@ def assert_lost_in_time(service, keeper, registered):
     assert {round.counter: round.payload[2] for round in rounds} == present
 
 
+@pytest.mark.timing
 def test_only_registrations_keep_a_viewer(steady, viewers, region):
     """The first round more than 5 s after its last registration loses a viewer, whatever else it
     sends, and the count drops in that round. Others stay."""

@@ -87,12 +87,10 @@ def save_test(start, join, standins, tmp_path):
     standin = BOARD_TOOL
     for tool in ("cat", "sed"):
         (folder / tool).symlink_to(standin)
-    WORKING_COPY.unlink(missing_ok=True)
     test = SaveTest(start, join, standins, tmp_path,
                     {"PATH": f"{folder}:{os.environ['PATH']}"})
     test.answer_copy()
-    yield test
-    WORKING_COPY.unlink(missing_ok=True)
+    return test
 
 
 # --- The service alone ---------------------------------------------------------------------------

@@ -31,7 +31,6 @@ class Board:
         scripts.mkdir()
         for name in ("hdmi-change.sh", "hdmi-mode.sh"):
             os.symlink(os.path.realpath(shutil.which("mount")), scripts / name)
-        WORKING_COPY.unlink(missing_ok=True)
         self.standins = standins
         self.service = start(conf)
         self.viewer = viewer

@@ -13,6 +13,7 @@ import pytest
 from harness.board_tools import AccessPoint, Standins
 from harness.bridge import Bridge
 from harness.console import connected, events, removed
+from harness.far_network import Link
 from harness.making import making
 from harness.region import DisplayRegion
 from harness.service import EMULATOR, BareService, Service
@@ -103,6 +104,26 @@ def service(start):
 def viewers():
     """viewers(host="127.0.0.1", port=0) makes a viewer that is closed at the end of the test."""
     with making(Viewer) as make:
+        yield make
+
+
+@pytest.fixture
+def processes():
+    """processes(COMMAND, ...), as Popen, runs one that is killed at the end of the test, if it has
+    not ended."""
+
+    def end(process):
+        process.kill()
+        process.wait()
+
+    with making(subprocess.Popen, end) as make:
+        yield make
+
+
+@pytest.fixture
+def links():
+    """links(n) makes the n-th network beside this one."""
+    with making(Link) as make:
         yield make
 
 

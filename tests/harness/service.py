@@ -49,7 +49,14 @@ class Service:
         self.out = Console(self.process.stdout)
         self.err = Console(self.process.stderr)
         if wait_ready:
+            self._wait_ready()
+
+    def _wait_ready(self):
+        try:
             self.err.wait(READY, 10)
+        except AssertionError:
+            self.kill()
+            raise
 
     @property
     def pid(self):

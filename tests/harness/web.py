@@ -43,7 +43,11 @@ class Web(Place):
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
             env={**os.environ, **(env or {})})
         self.err = Console(self.process.stderr)
-        wait_until(self.answers, 10, "an answer of nimbus-web")
+        try:
+            wait_until(self.answers, 10, "an answer of nimbus-web")
+        except AssertionError:
+            self.kill()
+            raise
 
     def answers(self):
         assert self.process.poll() is None, self.err.text()

@@ -4,11 +4,11 @@ removed, installed again, purged. Other architectures than the machine's are emu
 import pathlib
 import shutil
 import subprocess
-import time
 
 import pytest
 
 import roots
+from harness.console import Console
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 ARCHITECTURES = [roots.HOST, "arm64", "armhf"]
@@ -35,20 +35,16 @@ def root(fresh_root, architecture):
 
 
 def started(root):
-    """What the installed service says within its first seconds."""
+    """What the installed service says until it is ready."""
     root.succeed("/usr/lib/nimbus/scripts/before-start.sh")
     process = subprocess.Popen(
         ["chroot", root.path, "sh", "-c", "cd /usr/lib/nimbus && exec ./nimbus"],
-        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-    said = []
-    deadline = time.monotonic() + 30
-    for line in process.stderr:
-        said.append(line)
-        if line == "Init control\n" or time.monotonic() > deadline:
-            break
-    process.kill()
-    process.communicate()
-    return "".join(said)
+        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    try:
+        return Console(process.stderr).wait("Init control\n", 30)
+    finally:
+        process.kill()
+        process.wait()
 
 
 def test_life(root, packages, architecture, tmp_path):

@@ -88,6 +88,16 @@ void hammer(Body body, std::chrono::milliseconds time = std::chrono::millisecond
   }
 }
 
+/// Whether an attempt succeeds three times before it fails three times. What must come in time can
+/// be late on a busy machine, but not most of the time.
+template <typename Attempt>
+bool mostly(Attempt attempt) {
+  int good = 0;
+  int bad = 0;
+  while (good < 3 && bad < 3) ++(attempt() ? good : bad);
+  return good == 3;
+}
+
 // --- Memory ------------------------------------------------------------------------------------
 
 /// The bytes of an object, as a sibling process sees them. For objects that no other thread uses.

@@ -1,11 +1,6 @@
 #include "control/control.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/types.h>
 #include <time.h>
 
 #include <array>
@@ -20,13 +15,13 @@
 #include <thread>
 
 #include "base/clock.h"
-#include "base/unique_fd.h"
 #include "base/wire.h"
 #include "config/config.h"
 #include "display/region.h"
 #include "net/viewers.h"
 #include "tests/unit/camera_end.h"
 #include "tests/unit/support.h"
+#include "tests/unit/udp_end.h"
 #include "tests/unit/wall_clock.h"
 
 namespace nimbus {
@@ -249,31 +244,23 @@ class RcReport : public Control {
  protected:
   void SetUp() override {
     Control::SetUp();
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    ASSERT_EQ(bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-    viewer_ = {address.sin_addr.s_addr, ntohs(address.sin_port)};
-    ASSERT_EQ(register_viewer(viewer_, false), 1);
+    ASSERT_EQ(register_viewer(viewer_.endpoint(), false), 1);
   }
 
   void TearDown() override {
     Control::TearDown();
     cycle();
     constexpr std::array<std::uint8_t, 13> kLeave{0x42, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-    handle_viewer_datagram({kLeave, viewer_});
+    handle_viewer_datagram({kLeave, viewer_.endpoint()});
   }
 
   /// What the viewer gets next, behind the header of its frame; empty when nothing comes.
   test::Bytes report(std::chrono::milliseconds patience = std::chrono::seconds(10)) {
-    pollfd readable{socket_.get(), POLLIN, 0};
-    if (poll(&readable, 1, static_cast<int>(patience.count())) != 1) return {};
-    test::Bytes bytes(1024);
-    const ssize_t length = recv(socket_.get(), bytes.data(), bytes.size(), 0);
-    EXPECT_GE(length, 12);
-    return {bytes.begin() + 12, bytes.begin() + length};
+    constexpr std::size_t kHeader = 12;
+    const std::string frame = viewer_.receive(patience);
+    if (frame.empty()) return {};
+    EXPECT_GE(frame.size(), kHeader);
+    return {frame.begin() + kHeader, frame.end()};
   }
 
   /// A moment long after all before it.
@@ -288,8 +275,7 @@ class RcReport : public Control {
   }
 
  private:
-  UniqueFd socket_{socket(AF_INET, SOCK_DGRAM, 0)};
-  Endpoint viewer_;
+  test::UdpEnd viewer_;
 };
 
 TEST_F(RcReport, IsSentForTheRcInputOnly) {

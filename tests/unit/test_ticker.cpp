@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <thread>
 
+#include "tests/unit/support.h"
+
 namespace nimbus {
 namespace {
 
@@ -29,15 +31,6 @@ class StampedTicker {
   Ticker ticker_{kPeriodNs};
 };
 
-/// What must come in time can be late on a busy machine, but not again and again.
-template <typename Attempt>
-bool once_in_ten(Attempt attempt) {
-  for (int i = 0; i < 10; ++i) {
-    if (attempt()) return true;
-  }
-  return false;
-}
-
 TEST(Ticker, NoTickComesEarly) {
   StampedTicker ticker;
   for (int tick = 1; tick <= 20; ++tick) {
@@ -47,7 +40,7 @@ TEST(Ticker, NoTickComesEarly) {
 
 TEST(Ticker, WorkDoesNotLengthenThePeriod) {
   constexpr int kTicks = 10;
-  EXPECT_TRUE(once_in_ten([] {
+  EXPECT_TRUE(test::mostly([] {
     StampedTicker ticker;
     for (int tick = 1; tick < kTicks; ++tick) {
       ticker.wait();
@@ -58,7 +51,7 @@ TEST(Ticker, WorkDoesNotLengthenThePeriod) {
 }
 
 TEST(Ticker, AShortDelayDoesNotMoveTheTicksBehindIt) {
-  EXPECT_TRUE(once_in_ten([] {
+  EXPECT_TRUE(test::mostly([] {
     StampedTicker ticker;
     ticker.wait();
     sleep_for(kPeriod * 3 / 2);
@@ -70,7 +63,7 @@ TEST(Ticker, AShortDelayDoesNotMoveTheTicksBehindIt) {
 
 /// After a stop of the whole board, the gimbal must not get the missed frames in one burst.
 TEST(Ticker, ALongDelayIsNotMadeUpFor) {
-  EXPECT_TRUE(once_in_ten([] {
+  EXPECT_TRUE(test::mostly([] {
     StampedTicker ticker;
     ticker.wait();
     sleep_for(kPeriod * 10);

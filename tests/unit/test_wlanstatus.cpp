@@ -3,29 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <string_view>
 
 #include "config/wireless.h"
+#include "tests/unit/board_tools.h"
 
 namespace nimbus {
 namespace {
 
-namespace fs = std::filesystem;
-
-/// Makes wpa_cli tell of a connection to a network of that name, as it escapes it.
-void connect_to(std::string_view escaped) {
-  const fs::path tool = fs::path(std::getenv("NIMBUS_STANDINS")) / "wpa_cli";
-  std::ofstream(tool) << "#!/bin/sh\ncat <<'TEXT'\nfreq=5180\nssid=" << escaped
-                      << "\nwpa_state=COMPLETED\nRSSI=-60\nTEXT\n";
-  fs::permissions(tool, fs::perms::owner_all);
-}
-
+/// That of a connection to a network of that name, as wpa_cli escapes it.
 WlanStatus status_of(std::string_view escaped) {
-  connect_to(escaped);
+  const test::BoardTools tools;
+  tools.print("wpa_cli",
+              "freq=5180\nssid=" + std::string(escaped) + "\nwpa_state=COMPLETED\nRSSI=-60\n");
   WlanStatus status;
   EXPECT_EQ(wifi_link_status("lo", status), 0);
   return status;

@@ -79,8 +79,7 @@ addEventListener("error", (event) => window.did.wrong.push(event.message));
 addEventListener("unhandledrejection", (event) => window.did.wrong.push(String(event.reason)));
 new MutationObserver(() => { window.did.told += 1; })
   .observe(document.querySelector("#toasts"), { childList: true });
-const button = (text) => [...document.querySelectorAll("dialog button")].find((one) =>
-  one.textContent === text);
+const asked = () => !document.querySelector("#ask").hidden;
 const key = (type, name) => document.body.dispatchEvent(
   new KeyboardEvent(type, { key: name, bubbles: true, cancelable: true }));
 const one = (list) => list[Math.floor(Math.random() * list.length)];
@@ -95,7 +94,7 @@ function drive() {
 (function act() {
   if (window.ended) return;
   const driver = document.body.dataset.driver;
-  if (button("Hand over")) button("Hand over").click();
+  if (asked()) document.querySelector("#grant").click();
   else if (driver === "me") drive();
   else if (driver === "none") document.querySelector("#take").click();
   else if (Math.random() < 0.1) document.querySelector("#take").click();

@@ -5,15 +5,16 @@ import concurrent.futures
 import pathlib
 import re
 import shlex
+import shutil
 import statistics
 import subprocess
 import sysconfig
+import threading
 import time
 import urllib.request
 
 import pytest
 
-from harness import far_network
 from harness.timing import limit, wait_until
 from chromium import Chromium
 from conftest import SECURE_HOST
@@ -38,6 +39,7 @@ def made_at(rows):
 
 
 def age_of(rows):
+    assert len(rows) == WIDTH * ROWS, "the pictures have ended"
     made = made_at(rows)
     assert made is not None
     return (int(time.time() * 1000) - made) % 2**BITS
@@ -71,6 +73,18 @@ def rtp(service, webs):
     return webs("--rtp", "127.0.0.1:5004", "--sdp", SDP)
 
 
+def ages_of(receiver, size):
+    """How old a hundred pictures are, each as soon as a receiver has written it in so many
+    bytes."""
+    watchdog = threading.Timer(limit(60), receiver.kill)
+    watchdog.start()
+    try:
+        pictures = (receiver.stdout.read(size) for _ in range(100))
+        return [age_of(picture[:WIDTH * ROWS]) for picture in pictures]
+    finally:
+        watchdog.cancel()
+
+
 def report(record_property, engine, ages):
     """The median goes into the run's report, and is returned."""
     median = statistics.median(ages)
@@ -94,7 +108,7 @@ def test_ffmpeg(rtp, programs, film, record_property):
     receiver = programs("ffmpeg", "-nostdin", "-v", "error", "-fflags", "nobuffer", "-flags",
                         "low_delay", "-analyzeduration", "0", "-protocol_whitelist",
                         "file,udp,rtp", "-i", SDP, *TOP, stdout=subprocess.PIPE)
-    ages = [age_of(receiver.stdout.read(WIDTH * ROWS)) for _ in range(100)]
+    ages = ages_of(receiver, WIDTH * ROWS)
     # What came while it began is old.
     assert report(record_property, "ffmpeg", ages[50:]) < limit(500)
 
@@ -105,7 +119,7 @@ def test_gstreamer(rtp, programs, film, record_property):
     assert command[-1] == "autovideosink"
     receiver = programs(*command[:1], "-q", *command[1:-1], "video/x-raw,format=I420", "!", "fdsink",
                         "fd=1", stdout=subprocess.PIPE)
-    ages = [age_of(receiver.stdout.read(WIDTH * HEIGHT * 3 // 2)[:WIDTH * ROWS]) for _ in range(100)]
+    ages = ages_of(receiver, WIDTH * HEIGHT * 3 // 2)
     assert report(record_property, "gstreamer", ages[50:]) < limit(500)
 
 
@@ -135,9 +149,16 @@ def read_as_a_player():
     return name, fetch(PLAYLIST.replace("camera.m3u8", name)), time.time()
 
 
-def test_hls(rtp, programs, film, record_property):
+@pytest.fixture
+def hls_folder():
+    """What nginx's unit makes."""
     folder = pathlib.Path("/run/nginx-hls")
     folder.mkdir()
+    yield folder
+    shutil.rmtree(folder)
+
+
+def test_hls(hls_folder, rtp, programs, film, record_property):
     # Of the namespace's users there may be root alone.
     command = [word.replace("/etc/nimbus", str(EXAMPLES)) for word in command_of("nginx-hls.service")]
     programs(*command[:-1], f"{command[-1]} user root;", stderr=subprocess.DEVNULL)
@@ -180,9 +201,9 @@ def tcp_ports():
 
 
 @pytest.fixture
-def janus(programs, tmp_path):
+def janus(links, programs, tmp_path):
     """It wants an interface that is no loopback."""
-    link = far_network.Link(1)
+    link = links(1)
     triplet = sysconfig.get_config_var("MULTIARCH")
     for file in (EXAMPLES / "janus").glob("*.jcfg"):
         text = file.read_text().replace("@TRIPLET@", triplet)
@@ -191,8 +212,7 @@ def janus(programs, tmp_path):
                for word in command_of("nimbus-janus.service")]
     programs(*command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     wait_until(lambda: 8188 in tcp_ports(), 10, "Janus")
-    yield "http://10.7.1.1:8188/janus"
-    link.close()
+    return f"http://{link.near}:8188/janus"
 
 
 def test_janus(rtp, janus, film, record_property):
