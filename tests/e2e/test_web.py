@@ -154,11 +154,11 @@ def test_greeting_and_state(web):
         wait_until(lambda: "vbitrate" in web.state()["settings"], 5, "the settings")
 
 
-def until_still(bridge):
+def until_still(bridge, seconds=5):
     """The speed frames at the bridge up to the one that stops the gimbal, with their times; none
     comes behind it."""
     frames = []
-    deadline = time.monotonic() + limit(5)
+    deadline = time.monotonic() + limit(seconds)
     while time.monotonic() < deadline:
         try:
             data = bridge.receive(0.3 / TIME_SCALE)
@@ -223,6 +223,51 @@ def test_one_that_was_killed_is_made_up_for_by_the_next(web, serve, data, servic
         started = time.monotonic()
         serve(port=8081)
         assert until_still(data)[-1][0] - started < limit(0.4)
+
+
+@contextlib.contextmanager
+def turning(web, data, service):
+    """A browser whose command turns the gimbal, on and on."""
+    data.send(b"\0" * 20)
+    service.err.wait("Data found")
+    with web.control() as browser:
+        drive(browser)
+        browser.send(type="command", id=1, words=["gimbal", "move", "1000", "0"])
+        assert browser.message("result", id=1)["ok"] is True
+        while data.receive()[11:17] == ZERO:
+            pass
+        yield browser
+
+
+def replace(web):
+    """Another browser drives, once the one that does has been silent for long enough."""
+    with web.control() as other:
+        time.sleep(3)
+        drive(other)
+
+
+ENDS = {
+    "the connection ends": lambda web, browser: browser.socket.close(),
+    "the lease is given back": lambda web, browser: browser.send(type="release"),
+    "the lease is lost": lambda web, browser: replace(web),
+    "a speed of zeros": lambda web, browser: browser.send(type="speed", pan=0, tilt=0, roll=0, n=1),
+    "silence": lambda web, browser: None,
+    "the server ends": lambda web, browser: web.stop(),
+}
+
+
+@pytest.mark.parametrize("end", ENDS)
+def test_what_a_command_began_ends(web, data, service, end):
+    with turning(web, data, service) as browser:
+        ENDS[end](web, browser)
+        assert until_still(data, 7)
+
+
+def test_what_a_command_began_is_ended_by_the_next_server(web, serve, data, service):
+    with turning(web, data, service):
+        web.kill()
+        serve(port=8081)
+        assert until_still(data)
 
 
 def test_orders_of_a_browser(web, service):
@@ -536,6 +581,28 @@ def test_tls(serve, service, tmp_path):
     web.process.send_signal(signal.SIGHUP)
     web.err.wait("are read anew", count=2)  # one that is no good is made again
     assert web.get("/healthz", secure=True)[0] == 200
+
+
+def test_a_reload_that_fails_changes_nothing(build, serve, service, tmp_path):
+    """Neither the certificate that is no good nor the password that would be."""
+    serve("--tls", "--state", tmp_path).stop()  # makes a certificate
+    certificate, passwords = tmp_path / "certificate.pem", tmp_path / "passwords"
+    set_password(build, passwords, "boat")
+    web = serve("--passwords", passwords, "--tls-cert", certificate,
+                "--tls-key", tmp_path / "key.pem")
+    _, cookie = log_in(web, "boat", secure=True)
+    set_password(build, passwords, "wave")
+    good = certificate.read_bytes()
+    certificate.write_text("nonsense")
+    web.process.send_signal(signal.SIGHUP)
+    web.err.wait("the old ones stay")
+    assert web.get("/api/state", headers={"Cookie": cookie}, secure=True)[0] == 200
+    assert log_in(web, "wave", secure=True)[0] == 403
+    certificate.write_bytes(good)
+    web.process.send_signal(signal.SIGHUP)
+    web.err.wait("are read anew")
+    assert web.get("/api/state", headers={"Cookie": cookie}, secure=True)[0] == 401
+    assert log_in(web, "wave", secure=True)[0] == 303
 
 
 @pytest.mark.parametrize("options, problem", [

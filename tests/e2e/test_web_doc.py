@@ -87,21 +87,42 @@ def test_metrics(web):
     assert listed == {name: (types[name], what[0].lower() + what[1:]) for name, what in helps.items()}
 
 
+# What the document says, and the lines of the code that make it so.
+LIMITS = {
+    "header of a request": ("8 KiB", [("connection_on.h", "kHeaderLimit = 8 * 1024")]),
+    "body of a request": ("64 KiB", [("connection_on.h", "kBodyLimit = std::uint64_t{64} * 1024")]),
+    "message of a browser": ("4 KiB", [
+        ("connection_on.h", "kMessageLimit = std::size_t{4} * 1024")]),
+    "time for a request": ("10 s", [("connection_on.h", "seconds kRequestTime{10}")]),
+    "rest between two requests of a connection": ("15 s", [
+        ("connection_on.h", "seconds kRestTime{15}")]),
+    "connections": ("200", [("guests.h", "kMost = 200")]),
+    "connections of one address": ("20", [("guests.h", "kMostOfOne = 20")]),
+    "pictures that wait for one browser": ("8, or 256 KiB", [
+        ("reader.h", "kMostPictures = 8"), ("reader.h", "kMostBytes = std::size_t{256} * 1024")]),
+    "pictures that wait for one that has just joined": ("600, or 4 MiB", [
+        ("stream.h", "kMostKept = 600"),
+        ("stream.h", "kMostKeptBytes = std::size_t{4} * 1024 * 1024")]),
+    "no byte accepted by a browser's network": ("5 s", [
+        ("connection_on.h", "seconds kStandstill{5}")]),
+    "state messages": ("10 a second", [("server.cpp", "milliseconds kTellPeriod{100}")]),
+    "commands that wait": ("32, 55 ms apart", [
+        ("command_queue.h", "kMost = 32"), ("command_queue.h", "milliseconds kPeriod{55}")]),
+    "a browser's command waits": ("3 s", [("command_queue.h", "seconds kPatience{3}")]),
+    "a wish for the lease that was denied": ("5 s", [("lease.h", "seconds kDenied{5}")]),
+    "tries of a password": ("5 a minute from one address; of all, 60 first ones and 30 more", [
+        ("sessions.h", "kMostOfOne = 5"), ("sessions.h", "kMostFirst = 60"),
+        ("sessions.h", "kMostAgain = 30"), ("sessions.cpp", "minutes kMinute{1}")]),
+    "rest of a log-in": ("12 h", [("sessions.h", "hours kRest{12}")]),
+}
+
+
 def test_limits():
-    text = "".join(SOURCES.values())
-    for name, value in {"kHeaderLimit": "8 * 1024", "kBodyLimit": "std::uint64_t{64} * 1024", "kMessageLimit": "std::size_t{4} * 1024",
-                        "kRequestTime": "10", "kRestTime": "15", "kStandstill": "5", "kMost": "200",
-                        "kMostOfOne": "20", "kMostFirst": "60", "kMostAgain": "30", "kMostPictures": "8", "kMostBytes": "std::size_t{256} * 1024"}.items():
-        assert re.search(rf"{name}( = |\{{){re.escape(value)}", text), name
+    for what, (_, lines) in LIMITS.items():
+        for file, line in lines:
+            assert re.search(rf"\b{re.escape(line)};", SOURCES[file]), what
     limits = {cells[0]: cells[1] for cells in rows("Limits")[1:]}
-    assert limits == {
-        "header of a request": "8 KiB", "body of a request": "64 KiB", "message of a browser": "4 KiB",
-        "time for a request": "10 s", "rest between two requests of a connection": "15 s",
-        "connections": "200", "connections of one address": "20",
-        "pictures that wait for one browser": "8, or 256 KiB",
-        "no byte accepted by a browser's network": "5 s", "state messages": "10 a second",
-        "commands that wait": "32, 55 ms apart", "tries of a password": "5 a minute from one address; of all, 60 first ones and 30 more",
-        "rest of a log-in": "12 h"}
+    assert limits == {what: said for what, (said, _) in LIMITS.items()}
 
 
 def examples(language):

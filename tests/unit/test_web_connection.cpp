@@ -146,6 +146,46 @@ TEST(WebConnection, AConnectionThatEndsIsForgotten) {
   EXPECT_NE(console.hub.state(Clock::now()).find(R"("browsers":0)"), std::string::npos);
 }
 
+/// A WebSocket that may not stay.
+struct Unwelcome final : Peer {
+  std::optional<Message> next() override { return std::nullopt; }
+  std::optional<std::uint16_t> received(std::string_view /*text*/) override { return std::nullopt; }
+  std::optional<std::uint16_t> over() override { return kLogInAgain; }
+};
+
+struct UnwelcomingSite final : Site {
+  bool asked = false;
+  Answer answer(const Request& /*request*/) override {
+    asked = true;
+    Answer answer;
+    answer.peer = std::make_unique<Unwelcome>();
+    return answer;
+  }
+};
+
+/// The handshake's answer is on its way for a while where the other side reads nothing.
+TEST(WebConnection, GoodbyeIsSaidBehindTheHandshake) {
+  UnwelcomingSite site;
+  Wire wire(site);
+  wire.send_until(upgrade("/ws/control"), [&site] { return site.asked; });
+  ASSERT_TRUE(site.asked);
+  wire.check(Clock::now());
+  EXPECT_TRUE(wire.take().starts_with("HTTP/1.1 101 "));
+  wire.check(Clock::now());
+  EXPECT_NE(wire.take().find("\x88\x02\x0F\xA1"), std::string::npos);
+}
+
+TEST(WebConnection, AHandshakeThatTakesTooLongIsGivenUp) {
+  UnwelcomingSite site;
+  Wire wire(site);
+  wire.send_until(upgrade("/ws/control"), [&site] { return site.asked; });
+  ASSERT_TRUE(site.asked);
+  wire.check(Clock::now() + seconds(11));
+  wire.take();
+  wire.send(frame(0x89, "are you there"));
+  EXPECT_EQ(wire.take(), "");
+}
+
 /// Answers when the test does.
 struct LateSite final : Site {
   Respond respond;

@@ -30,11 +30,31 @@ TEST(WebLease, OneAtATime) {
   EXPECT_FALSE(lease.take("b", kStart + seconds(2)));
   EXPECT_EQ(lease.asked_by(), "b");
   EXPECT_FALSE(lease.grant("b", "b", kStart));
-  EXPECT_TRUE(lease.deny("a"));
+  EXPECT_FALSE(lease.deny("b", kStart));
+  EXPECT_TRUE(lease.deny("a", kStart));
   EXPECT_FALSE(lease.asked_by());
   EXPECT_FALSE(lease.take("b", kStart + seconds(2)));
   EXPECT_TRUE(lease.grant("a", "b", kStart + seconds(2)));
   EXPECT_TRUE(lease.held_by("b"));
+}
+
+/// Nobody is asked again and again; others may ask, and silence loses it all the same.
+TEST(WebLease, WhoWasDeniedIsNotHeardForAWhile) {
+  Lease lease;
+  EXPECT_TRUE(lease.take("a", kStart));
+  EXPECT_FALSE(lease.take("b", kStart));
+  lease.deny("a", kStart);
+  lease.heartbeat("a", kStart + milliseconds(4999));
+  EXPECT_FALSE(lease.take("b", kStart + milliseconds(4999)));
+  EXPECT_FALSE(lease.asked_by());
+  EXPECT_FALSE(lease.take("c", kStart + milliseconds(4999)));
+  EXPECT_EQ(lease.asked_by(), "c");
+  EXPECT_FALSE(lease.take("b", kStart + seconds(5)));
+  EXPECT_EQ(lease.asked_by(), "b");
+  lease.deny("a", kStart + seconds(5));
+  EXPECT_TRUE(lease.take("b", kStart + seconds(8)));
+  EXPECT_FALSE(lease.take("a", kStart + seconds(8)));
+  EXPECT_EQ(lease.asked_by(), "a");
 }
 
 TEST(WebLease, SilenceLosesItToTheNext) {
@@ -63,7 +83,8 @@ TEST(WebLease, WhoAskedGetsItWhenItIsGivenBack) {
 
 struct Gimbal {
   std::vector<Helm::Speeds> frames;
-  Helm helm{[this](const Helm::Speeds& speeds) { frames.push_back(speeds); }};
+  int ends = 0;  ///< of what commands began
+  Helm helm{[this](const Helm::Speeds& speeds) { frames.push_back(speeds); }, [this] { ++ends; }};
 };
 
 TEST(WebHelm, SpeedsArePartsOfFullSpeed) {
@@ -121,6 +142,34 @@ TEST(WebHelm, WhoeverReleasesStops) {
   EXPECT_EQ(gimbal.frames.back()[1], 4000);
 }
 
+/// Once each, by whatever stops the gimbal; what was ended by a command is no more.
+TEST(WebHelm, WhatACommandBeganIsEndedByEveryStop) {
+  Gimbal gimbal;
+  gimbal.helm.steer({0, 0, 0}, 1, kStart);
+  gimbal.helm.release(kStart);
+  EXPECT_EQ(gimbal.ends, 0);
+  gimbal.helm.commanded(true);
+  EXPECT_TRUE(gimbal.helm.moving());
+  gimbal.helm.steer({0, 0, 0}, 1, kStart);
+  EXPECT_EQ(gimbal.ends, 1);
+  EXPECT_FALSE(gimbal.helm.moving());
+  gimbal.helm.steer({0, 0, 0}, 2, kStart);
+  EXPECT_EQ(gimbal.ends, 1);
+  gimbal.helm.commanded(true);
+  gimbal.helm.release(kStart);
+  EXPECT_EQ(gimbal.ends, 2);
+  gimbal.helm.commanded(true);
+  gimbal.helm.pass_time(kStart + seconds(10));
+  EXPECT_EQ(gimbal.ends, 2) << "nobody steers who could fall silent";
+  gimbal.helm.steer({1, 0, 0}, 1, kStart + seconds(10));
+  gimbal.helm.pass_time(kStart + seconds(11));
+  EXPECT_EQ(gimbal.ends, 3);
+  gimbal.helm.commanded(true);
+  gimbal.helm.commanded(false);
+  gimbal.helm.release(kStart + seconds(11));
+  EXPECT_EQ(gimbal.ends, 3);
+}
+
 // --- The queue ---------------------------------------------------------------------------------
 
 struct Mailbox {
@@ -173,6 +222,84 @@ TEST(WebCommandQueue, AnswersAreWaitedForButNotForEver) {
   EXPECT_EQ(silent.texts.back(), "next");
 }
 
+TEST(WebCommandQueue, WhatHasNoTurnInTimeIsDropped) {
+  Mailbox mailbox;
+  std::vector<std::string> told;
+  mailbox.queue.push({.text = "ask", .awaits = Reply::report}, kStart);
+  mailbox.queue.push({.text = "late",
+                      .until = kStart + seconds(3),
+                      .done =
+                          [&told](bool sent, std::string_view text) {
+                            EXPECT_FALSE(sent);
+                            told.emplace_back(text);
+                          }},
+                     kStart);
+  mailbox.queue.push({.text = "about it", .follows = true}, kStart);
+  mailbox.queue.push({.text = "a program's"}, kStart);
+  ASSERT_TRUE(mailbox.queue.deadline());
+  EXPECT_EQ(*mailbox.queue.deadline(), kStart + seconds(3));
+  mailbox.queue.pass_time(kStart + milliseconds(2999));
+  EXPECT_TRUE(told.empty());
+  mailbox.queue.pass_time(kStart + seconds(3));
+  EXPECT_EQ(told, (std::vector<std::string>{
+                      "the service was busy for too long, so this was not done; try again"}));
+  mailbox.queue.pass_time(kStart + seconds(11));
+  EXPECT_EQ(mailbox.texts, (std::vector<std::string>{"ask", "a program's"}));
+  EXPECT_EQ(mailbox.queue.depth(), 0U);
+}
+
+TEST(WebCommandQueue, WhatFollowsACommandThatHasGoneIsNotDropped) {
+  Mailbox mailbox;
+  mailbox.queue.push({.text = "set"}, kStart);
+  mailbox.queue.push({.text = "ask", .awaits = Reply::report, .follows = true}, kStart);
+  mailbox.queue.push({.text = "next"}, kStart);
+  mailbox.queue.drop([](const QueuedCommand&) { return true; }, "");
+  mailbox.queue.pass_time(kStart + milliseconds(55));
+  mailbox.queue.pass_time(kStart + seconds(11));
+  EXPECT_EQ(mailbox.texts, (std::vector<std::string>{"set", "ask"}));
+}
+
+/// It goes before all others, waits for no answer, and is said three times. Nothing goes behind it
+/// into the mailbox of a service that is busy.
+TEST(WebCommandQueue, TheOrderToRestWaitsForNobody) {
+  Mailbox mailbox;
+  std::vector<std::string> expected{"set"};
+  const auto at = [&mailbox](int ms) { mailbox.queue.pass_time(kStart + milliseconds(ms)); };
+  mailbox.queue.push({.text = "set"}, kStart);
+  mailbox.queue.push({.text = "ask", .awaits = Reply::report, .follows = true}, kStart);
+  mailbox.queue.push({.text = "next"}, kStart);
+  mailbox.queue.rest("rest", kStart + milliseconds(10));
+  EXPECT_TRUE(mailbox.queue.rests());
+  EXPECT_EQ(mailbox.texts, expected) << "the one before may not have been taken";
+  for (const auto& [ms, text] :
+       {std::pair{55, "ask"}, {110, "rest"}, {165, "rest"}, {220, "rest"}}) {
+    at(ms - 1);
+    EXPECT_EQ(mailbox.texts, expected) << ms;
+    EXPECT_EQ(*mailbox.queue.deadline(), kStart + milliseconds(ms));
+    at(ms);
+    expected.emplace_back(text);
+    EXPECT_EQ(mailbox.texts, expected) << ms;
+  }
+  EXPECT_FALSE(mailbox.queue.rests());
+  at(1000);
+  EXPECT_EQ(mailbox.texts, expected);
+  mailbox.queue.replied(Reply::report, kStart + seconds(1));
+  at(1055);
+  EXPECT_EQ(mailbox.texts.back(), "next");
+}
+
+TEST(WebCommandQueue, TheOrderToRestReachesAServiceThatComesBack) {
+  Mailbox mailbox;
+  mailbox.there = false;
+  mailbox.queue.rest("rest", kStart);
+  mailbox.queue.pass_time(kStart + seconds(60));
+  EXPECT_TRUE(mailbox.queue.rests());
+  mailbox.there = true;
+  for (int i = 1; i < 10; ++i) mailbox.queue.pass_time(kStart + seconds(60 + i));
+  EXPECT_EQ(mailbox.texts, (std::vector<std::string>(3, "rest")));
+  EXPECT_FALSE(mailbox.queue.deadline());
+}
+
 TEST(WebCommandQueue, ItHasAnEnd) {
   Mailbox mailbox;
   mailbox.queue.push({.text = "first"}, kStart);
@@ -215,6 +342,23 @@ TEST(WebOrders, TheServiceIsBusyForAWhile) {
   EXPECT_GT(busy(R"({"words":["exposure","center"]})"), milliseconds(0));
 }
 
+constexpr const char* kRest =
+    R"({"cmd":"position","param":"speed","value1":"0","value2":"0","value3":"0"})";
+
+TEST(WebOrders, WhatMovesTheGimbalOnAndOnIsKnown) {
+  const auto moves = [](const std::string& order) {
+    const ctl::Json json = ctl::parse_object(order);
+    return orders_of(json.get(), nullptr).front().moves;
+  };
+  EXPECT_EQ(moves(R"({"words":["gimbal","move","0","-500"]})"), true);
+  EXPECT_EQ(moves(R"({"words":["gimbal","move","0","0","1"]})"), true);
+  EXPECT_EQ(moves(R"({"words":["gimbal","move","0","0"]})"), false);
+  EXPECT_EQ(moves(R"({"words":["gimbal","speed","1","0","0"]})"), true);
+  EXPECT_EQ(moves(R"({"words":["gimbal","speed","0","-0","0"]})"), false);
+  EXPECT_EQ(moves(R"({"words":["gimbal","centre"]})"), std::nullopt);
+  EXPECT_EQ(order_to_rest(), kRest);
+}
+
 TEST(WebOrders, WhatIsWrongIsSaid) {
   const std::map<std::string, std::string> rows{
       {R"({})", "no order; expected words, name and values, or interface"},
@@ -252,16 +396,21 @@ struct House {
 
   House() { hub.each_second(true, Clock::now()); }
 
-  void message(std::vector<std::uint8_t> payload) {
-    hub.take({.video = false, .number = number++, .payload = payload}, Clock::now());
+  void message(std::vector<std::uint8_t> payload, Time now = Clock::now()) {
+    hub.take({.video = false, .number = number++, .payload = payload}, now);
   }
   void text(const std::string& text) { message({text.begin(), text.end()}); }
   void video(const Buffer& payload) {
     hub.take({.video = true, .number = number++, .payload = payload}, Clock::now());
   }
 
+  /// Lets the queue go on.
+  void pass(milliseconds time) { hub.pass_time(Clock::now() + time); }
+
   std::uint32_t number = 0;  ///< of the next frame
 };
+
+constexpr const char* kReport = R"({"app":"nimbus","ap_ssid":"x","version":"0.3.7","ifaces":[]})";
 
 /// Everything that waits for a browser, by type; the last of each.
 std::map<std::string, std::string> hear(Peer& peer) {
@@ -352,6 +501,151 @@ TEST(WebHub, ADriverThatLeavesStopsTheGimbal) {
   EXPECT_EQ(house.speeds.back(), (std::array<std::int16_t, 3>{}));
 }
 
+/// A browser that drives, and whose orders go at once.
+std::unique_ptr<Peer> driver(House& house) {
+  auto peer = house.hub.open_control({"10.0.0.9", true});
+  house.text(kReport);
+  peer->received(R"({"type":"take"})");
+  return peer;
+}
+
+constexpr const char* kTurn = R"({"type":"command","id":1,"words":["gimbal","move","1000","0"]})";
+constexpr const char* kTurns =
+    R"({"cmd":"position","param":"moverel","value1":"1000","value2":"0"})";
+constexpr const char* kStop = R"({"type":"speed","pan":0,"tilt":0,"roll":0,"n":1})";
+
+/// The service goes on with it until it is told otherwise, whatever speeds say.
+TEST(WebHub, WhatACommandBeganEndsWithItsDriver) {
+  struct Way {
+    const char* name;
+    void (*end)(House& house, std::unique_ptr<Peer>& peer);
+  };
+  for (const Way& way : {
+           Way{"leaves", [](House&, std::unique_ptr<Peer>&peer) { peer.reset(); }},
+           {"gives back",
+            [](House&, std::unique_ptr<Peer>&peer) { peer->received(R"({"type":"release"})"); }},
+           {"hands over",
+            [](House&house, std::unique_ptr<Peer>&peer) {
+              const auto other = house.hub.open_control({"10.0.0.8", true});
+              peer->received(R"({"type":"grant","to":"b2"})");
+            }},
+           {"stops", [](House&, std::unique_ptr<Peer>&peer) { peer->received(kStop); }},
+           {"is silent",
+            [](House&house, std::unique_ptr<Peer>&) {
+              house.hub.each_second(true, Clock::now() + seconds(4));
+            }},
+       }) {
+    House house;
+    auto peer = driver(house);
+    peer->received(kTurn);
+    house.pass(milliseconds(100));
+    ASSERT_EQ(house.commands.back(), kTurns) << way.name;
+    EXPECT_NE(house.hub.state(Clock::now()).find(R"("moving":true)"), std::string::npos);
+    way.end(house, peer);
+    house.pass(milliseconds(200));
+    EXPECT_EQ(house.commands.back(), kRest) << way.name;
+    EXPECT_NE(house.hub.state(Clock::now()).find(R"("moving":false)"), std::string::npos);
+  }
+}
+
+TEST(WebHub, WhatACommandBeganIsNotEndedWithoutNeed) {
+  House house;
+  auto peer = driver(house);
+  peer->received(R"({"type":"command","id":1,"words":["gimbal","centre"]})");
+  house.pass(milliseconds(100));
+  peer->received(kTurn);
+  house.pass(milliseconds(200));
+  peer->received(R"({"type":"command","id":2,"words":["gimbal","speed","0","0","0"]})");
+  house.pass(milliseconds(300));
+  EXPECT_EQ(house.commands.back(), kRest) << "by itself";
+  const std::size_t before = house.commands.size();
+  peer.reset();
+  house.pass(milliseconds(400));
+  EXPECT_EQ(house.commands.size(), before);
+}
+
+/// Also what a program began, which has no connection to lose.
+TEST(WebHub, WhatACommandBeganEndsWithTheServer) {
+  std::vector<std::string> commands;
+  {
+    Hub hub("board:4242", {[&commands](std::string_view text) {
+                             commands.emplace_back(text);
+                             return true;
+                           },
+                           [](const std::array<std::int16_t, 3>&) { return true; }});
+    hub.each_second(true, Clock::now());
+    EXPECT_TRUE(hub.order(R"({"words":["gimbal","move","1000","0"]})", Clock::now()).ok);
+    hub.each_second(true, Clock::now() + seconds(60));
+    EXPECT_EQ(commands, std::vector<std::string>{kTurns});
+  }
+  EXPECT_EQ(commands.back(), kRest);
+}
+
+TEST(WebHub, WhoeverTakesControlFindsTheGimbalAtRest) {
+  House house;
+  EXPECT_TRUE(house.hub.order(R"({"words":["gimbal","move","1000","0"]})", Clock::now()).ok);
+  const auto peer = house.hub.open_control({"10.0.0.9", true});
+  house.text(kReport);
+  house.pass(milliseconds(100));
+  EXPECT_NE(house.commands.back(), kRest);
+  peer->received(R"({"type":"take"})");
+  house.pass(milliseconds(200));
+  EXPECT_EQ(house.commands.back(), kRest);
+}
+
+/// A browser that drives, and whose move waits because the service has not answered yet.
+std::unique_ptr<Peer> waiting_driver(House& house) {
+  auto peer = house.hub.open_control({"10.0.0.9", true});
+  peer->received(R"({"type":"take"})");
+  hear(*peer);
+  peer->received(kTurn);
+  house.pass(milliseconds(100));
+  EXPECT_EQ(hear(*peer).count("result"), 0U);
+  return peer;
+}
+
+TEST(WebHub, WhatWaitsIsNotDoneForWhoHasLeft) {
+  for (const bool stays : {true, false}) {
+    House house;
+    auto peer = waiting_driver(house);
+    if (stays) {
+      peer->received(R"({"type":"release"})");
+      EXPECT_EQ(hear(*peer).at("result"),
+                R"({"type":"result","id":1,"ok":false,"text":"you no longer drive"})");
+    } else {
+      peer.reset();
+    }
+    house.text(kReport);
+    house.pass(seconds(1));
+    EXPECT_EQ(house.commands, (std::vector<std::string>{R"({"cmd":"configrequest"})"}));
+  }
+}
+
+TEST(WebHub, AStopIsForTheMoveThatWaits) {
+  House house;
+  const auto peer = waiting_driver(house);
+  peer->received(kStop);
+  EXPECT_EQ(hear(*peer).at("result"),
+            R"({"type":"result","id":1,"ok":false,"text":"the gimbal was told to stop"})");
+  house.text(kReport);
+  house.pass(seconds(1));
+  EXPECT_EQ(house.commands.size(), 1U);
+}
+
+/// A second later the page says so by itself.
+TEST(WebHub, WhatTheServiceHasNoTimeForIsRefused) {
+  House house;
+  const auto peer = waiting_driver(house);
+  house.pass(seconds(3));
+  EXPECT_NE(hear(*peer).at("result").find(R"("ok":false,"text":"the service was busy)"),
+            std::string::npos);
+  house.text(kReport);
+  house.pass(seconds(1));
+  EXPECT_EQ(house.commands.size(), 1U);
+  EXPECT_NE(house.hub.metrics(1, Clock::now()).find("\nnimbus_web_commands_refused_total 1\n"),
+            std::string::npos);
+}
+
 TEST(WebHub, TheLeaseGoesByConsent) {
   House house;
   const auto one = house.hub.open_control({"10.0.0.1", true});
@@ -364,6 +658,8 @@ TEST(WebHub, TheLeaseGoesByConsent) {
   one->received(R"({"type":"deny"})");
   EXPECT_NE(hear(*two).at("notice").find("keeps"), std::string::npos);
   two->received(R"({"type":"take"})");
+  EXPECT_NE(hear(*two).at("notice").find("has just kept"), std::string::npos);
+  EXPECT_NE(hear(*one).at("lease").find(R"("asked_by":null,"asked_name":"")"), std::string::npos);
   one->received(R"({"type":"grant","to":"b2"})");
   EXPECT_NE(hear(*two).at("lease").find(R"("holder":"b2","name":"10.0.0.2")"), std::string::npos);
   // The one who drove does not move the gimbal any more.
@@ -448,6 +744,50 @@ TEST(WebHub, AServiceThatComesBackIsAskedAndCountedAnew) {
             std::string::npos);
 }
 
+/// The question, or its answer, may get lost.
+TEST(WebHub, SettingsAreAskedForUntilTheyCome) {
+  House house;
+  const auto peer = house.hub.open_control({"10.0.0.9", true});
+  house.hub.each_second(true, Clock::now() + seconds(5));
+  EXPECT_EQ(house.commands.size(), 1U);
+  house.hub.each_second(true, Clock::now() + seconds(11));
+  EXPECT_EQ(house.commands,
+            (std::vector<std::string>{R"({"cmd":"configrequest"})", R"({"cmd":"configrequest"})"}));
+  EXPECT_TRUE(house.hub.order(R"({"words":["shot"]})", Clock::now()).ok);
+  house.pass(seconds(12));
+  EXPECT_EQ(house.commands.back(), R"({"cmd":"shot"})") << "nobody waits for it again";
+  house.text(kReport);
+  house.hub.each_second(true, Clock::now() + seconds(30));
+  EXPECT_EQ(house.commands.size(), 3U);
+}
+
+TEST(WebHub, WhatASettingHasBecomeIsAskedForUntilItComes) {
+  House house;
+  const auto peer = driver(house);
+  peer->received(R"({"type":"set","id":1,"name":"osd_enabled","values":["on"]})");
+  house.pass(milliseconds(100));
+  house.pass(milliseconds(200));
+  EXPECT_EQ(house.commands.size(), 3U);
+  peer->received(R"({"type":"heartbeat"})");
+  house.hub.each_second(true, Clock::now() + seconds(12));
+  EXPECT_EQ(house.commands.size(), 4U);
+  EXPECT_EQ(house.commands.back(), R"({"cmd":"configrequest"})");
+}
+
+/// No browser is open, which would have asked.
+TEST(WebHub, AProgramChangesNetworksAtItsSecondTry) {
+  House house;
+  const std::string order = R"({"name":"wifi","values":["ap_ssid=boat"]})";
+  const auto refused = house.hub.order(order, Clock::now());
+  EXPECT_FALSE(refused.ok);
+  EXPECT_EQ(refused.text, "the networks are not known yet; try again in a moment");
+  EXPECT_EQ(house.commands, (std::vector<std::string>{R"({"cmd":"configrequest"})"}));
+  house.text(kReport);
+  EXPECT_TRUE(house.hub.order(order, Clock::now()).ok);
+  house.pass(milliseconds(100));
+  EXPECT_NE(house.commands.back().find("boat"), std::string::npos);
+}
+
 /// Both come between two looks at them.
 TEST(WebHub, AReportAndAScanAreKeptBeside) {
   House house;
@@ -485,6 +825,30 @@ TEST(WebHub, RecordingsThatWereSeenToBeginHaveATime) {
   const std::string state = house.hub.state(Clock::now());
   EXPECT_NE(state.find(R"("on":true)"), std::string::npos);
   EXPECT_EQ(state.find(R"("since":null)"), std::string::npos);
+}
+
+/// Whoever looks later sees the same.
+TEST(WebHub, RecordingsBeginWhileNobodyLooks) {
+  House house;
+  const Time start = Clock::now();
+  const auto since = [&house](Time now) {
+    const ctl::Json state = ctl::parse_object(house.hub.state(now));
+    const cJSON* const at = ctl::member(ctl::member(state.get(), "recording"), "since");
+    return cJSON_IsNumber(at) != 0 ? static_cast<std::uint64_t>(at->valuedouble) : 0;
+  };
+  const std::vector<std::uint8_t> rests{19, 1, 0, 0, 0, 0, 0};
+  const std::vector<std::uint8_t> records{19, 2, 0, 0, 0, 0, 0};
+  house.message(rests, start);
+  house.message(records, start + seconds(1));
+  house.message(records, start + seconds(2));
+  EXPECT_EQ(since(start + seconds(1800)), millis_of(start + seconds(1)));
+  // Another one, between two looks.
+  house.message(rests, start + seconds(3));
+  house.message(records, start + seconds(4));
+  EXPECT_EQ(since(start + seconds(1800)), millis_of(start + seconds(4)));
+  // Nobody knows what was in the pause.
+  house.message(records, start + seconds(7));
+  EXPECT_EQ(since(start + seconds(1800)), 0U);
 }
 
 // --- JSON --------------------------------------------------------------------------------------

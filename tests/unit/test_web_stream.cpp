@@ -422,6 +422,25 @@ TEST(WebReader, WhatWaitsIsLimitedInBytes) {
   EXPECT_EQ(reader.dropped(), Reader::kMostPictures - reader.depth());
 }
 
+/// One that joins and hardly reads must not keep everything where no key picture comes.
+TEST(WebReader, WhoNeverCatchesUpIsGivenUp) {
+  Bridge bridge("zerolatency.h264");
+  bridge.send(2);
+  for (const std::size_t size : {std::size_t{100}, std::size_t{1'000'000}}) {
+    Reader reader(Form::raw, bridge.stream);
+    ASSERT_GT(reader.depth(), 0U);
+    auto picture = std::make_shared<Picture>();
+    picture->units.resize(size);
+    for (int i = 0; i < 1000; ++i) {
+      reader.on_picture(picture);
+      ASSERT_LE(reader.depth(), Stream::kMostKept);
+      ASSERT_LE(reader.depth() * size, Stream::kMostKeptBytes + 4 * size);
+    }
+    EXPECT_GT(reader.dropped(), 0U);
+    EXPECT_EQ(reader.depth(), 0U) << "it waits for a key picture";
+  }
+}
+
 TEST(WebReader, WhoWaitsIsToldWhy) {
   Listener listener;
   Stream stream(listener);

@@ -1,6 +1,7 @@
 // Bits, units, parameter sets, fragments.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 
 #include "tests/unit/web_streams.h"
@@ -119,13 +120,14 @@ void write_scaling_lists(BitWriter& out, bool there) {
 }
 
 /// One such as encoders in hardware write: cropped, and mostly without usage information.
-Buffer hardware_sps(std::uint8_t profile = 100, Usage usage = Usage::none, bool scales = false) {
+Buffer hardware_sps(std::uint8_t profile = 100, Usage usage = Usage::none, bool scales = false,
+                    std::uint32_t id = 0) {
   BitWriter out;
   out.bits(0x67, 8);
   out.bits(profile, 8);
   out.bits(0, 8);
   out.bits(40, 8);
-  out.ue(0);  // id
+  out.ue(id);
   if (profile == 100) {
     out.ue(1);
     out.ue(0);
@@ -289,6 +291,68 @@ TEST(WebH264, CutSetsAreNoSets) {
   EXPECT_FALSE(h264::parse_sps(sps));
 }
 
+/// A picture parameter set, as long as it is wanted.
+Buffer pps(std::uint32_t id, std::size_t size = 0) {
+  BitWriter out;
+  out.bits(0x68, 8);
+  out.ue(id);
+  out.ue(0);
+  Buffer unit = escaped(out.finish());
+  unit.resize(std::max(unit.size(), size), 0x55);
+  return unit;
+}
+
+/// How many sets a configuration counts from there on; `at` is behind them then.
+std::size_t count_sets(const Buffer& box, std::size_t& at, unsigned mask) {
+  const std::size_t count = box.at(at++) & mask;
+  for (std::size_t i = 0; i < count; ++i) at += 2U + 256U * box.at(at) + box.at(at + 1);
+  return count;
+}
+
+/// More cannot be counted in a browser's configuration.
+TEST(WebH264, SetsAreAsManyAsCanBeCounted) {
+  Buffer sets;
+  for (std::uint32_t id = 0; id < 32; ++id) {
+    append_unit(sets, hardware_sps(66, Usage::none, false, id));
+  }
+  for (std::uint32_t id = 0; id < 256; ++id) append_unit(sets, pps(id));
+  const auto codec = make_h264();
+  static_cast<void>(codec->look(sets));
+  Epoch epoch;
+  codec->describe(epoch);
+  const Buffer& all = epoch.initialisation;
+  constexpr std::array<std::uint8_t, 4> kName{'a', 'v', 'c', 'C'};
+  const auto box = std::search(all.begin(), all.end(), kName.begin(), kName.end());
+  ASSERT_NE(box, all.end());
+  auto at = static_cast<std::size_t>(box - all.begin());
+  const std::size_t end = at - 4 + 256U * all[at - 2] + all[at - 1];
+  at += 4 + 5;
+  EXPECT_EQ(count_sets(all, at, 0x1F), 31U);
+  EXPECT_EQ(count_sets(all, at, 0xFF), 255U);
+  EXPECT_EQ(at, end);
+}
+
+TEST(WebH264, SetsThatAreTooLongAreLeftOut) {
+  Buffer sps = hardware_sps(66);
+  Buffer sets;
+  append_unit(sets, sps);
+  append_unit(sets, pps(0));
+  append_unit(sets, pps(1, 4096));
+  const auto codec = make_h264();
+  static_cast<void>(codec->look(sets));
+  const Buffer before = codec->parameter_sets();
+  EXPECT_GT(before.size(), 4096U);
+  sps.resize(4097, 0x55);
+  sets.clear();
+  append_unit(sets, sps);
+  append_unit(sets, pps(1, 4097));
+  append_unit(sets, pps(2, 4'000'000));
+  const Look look = codec->look(sets);
+  EXPECT_TRUE(look.units.empty());
+  EXPECT_FALSE(look.has_sets);
+  EXPECT_EQ(codec->parameter_sets(), before);
+}
+
 TEST(WebH264, RecoveryPoints) {
   EXPECT_TRUE(h264::has_recovery_point(Buffer{6, 6, 1, 0xC4, 0x80}));
   EXPECT_TRUE(h264::has_recovery_point(Buffer{6, 5, 2, 1, 1, 6, 1, 0xC4, 0x80}));
@@ -311,6 +375,22 @@ TEST(WebH265, RecordedSets) {
     return;
   }
   FAIL() << "no set";
+}
+
+TEST(WebH265, SetsThatAreTooLongAreLeftOut) {
+  const Buffer stream = recorded("hevc.h265");
+  const auto codec = make_h265();
+  static_cast<void>(codec->look(stream));
+  const Buffer before = codec->parameter_sets();
+  ASSERT_FALSE(before.empty());
+  Buffer sets;
+  for (const Bytes unit : units_of(before)) {
+    Buffer long_one(unit.begin(), unit.end());
+    long_one.resize(4097, 0x55);
+    append_unit(sets, long_one);
+  }
+  EXPECT_TRUE(codec->look(sets).units.empty());
+  EXPECT_EQ(codec->parameter_sets(), before);
 }
 
 /// Its last rows are cut off: they are counted by two, as its colours have them.

@@ -45,6 +45,16 @@ class Wire {
     run();
   }
 
+  /// Does no more than is needed until `enough`: the rest waits for the next call.
+  template <typename Enough>
+  void send_until(std::string_view bytes, Enough enough) {
+    beast::error_code ignored;
+    far_.write_some(boost::asio::buffer(bytes), ignored);
+    loop_.restart();
+    while (!enough() && loop_.poll_one() > 0) {
+    }
+  }
+
   /// Does all there is to do.
   void run() {
     loop_.restart();

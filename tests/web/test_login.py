@@ -6,8 +6,8 @@ import pytest
 from selenium.webdriver.common.keys import Keys
 
 
-WRONG = ("that is not the password: try again, or set a new one on the board with nimbus-web"
-         " --set-password.")
+WRONG = ("that is not the password: try again, or set a new one on the board with sudo nimbus-web"
+         " --set-password and sudo systemctl reload nimbus-web.")
 
 
 @pytest.fixture

@@ -13,6 +13,21 @@ namespace {
 
 using Sets = std::map<std::uint32_t, Buffer>;
 
+// Of those that cameras write, sets with all scaling lists are the longest: 480 numbers of up to 17
+// bits in H.264, 992 in H.265. What is longer is nobody's, and left out.
+constexpr std::size_t kLongestSet = 4096;
+
+// What a browser's configuration can count.
+constexpr std::size_t kMostSps = 31;
+constexpr std::size_t kMostPps = 255;
+
+/// Keeps a set, unless there are too many.
+bool keep(Sets& sets, std::uint32_t id, Bytes set, std::size_t most) {
+  if (sets.size() >= most && !sets.contains(id)) return false;
+  sets[id].assign(set.begin(), set.end());
+  return true;
+}
+
 void append_all(Buffer& out, const Sets& sets) {
   for (const auto& [id, set] : sets) append_unit(out, set);
 }
@@ -52,6 +67,8 @@ class H264 final : public Codec {
   bool reorders_ = false;                        // there have been B pictures
 };
 
+bool is_set(h264::Unit type) { return type == h264::Unit::sps || type == h264::Unit::pps; }
+
 Look H264::look(Bytes access_unit) {
   using h264::Unit;
   Look look;
@@ -60,12 +77,14 @@ Look H264::look(Bytes access_unit) {
   for (const Bytes unit : units_of(access_unit)) {
     const Unit type = h264::unit_of(unit);
     if (type == Unit::delimiter || type == Unit::filler) continue;
+    if (is_set(type) && unit.size() > kLongestSet) continue;
     if (type == Unit::sps) {
       take_sps(unit, look);
       continue;
     }
     if (type == Unit::pps) {
-      if (const auto id = h264::pps_id(unit)) pps_[*id].assign(unit.begin(), unit.end());
+      const auto id = h264::pps_id(unit);
+      if (id && !keep(pps_, *id, unit, kMostPps)) continue;
     } else if (type == Unit::sei) {
       slices.recovery = slices.recovery || h264::has_recovery_point(unit);
     } else if (h264::is_slice(type)) {
@@ -82,11 +101,12 @@ Look H264::look(Bytes access_unit) {
 void H264::take_sps(Bytes unit, Look& look) {
   const auto sps = h264::parse_sps(unit);
   if (!sps) return;
+  const Buffer known =
+      reorders_ ? Buffer(unit.begin(), unit.end()) : h264::without_reordering(unit, *sps);
+  if (!keep(sps_, sps->id, known, kMostSps)) return;
   active_ = sps;
   look.has_sets = true;
-  Buffer& kept = sps_[sps->id];
-  kept = reorders_ ? Buffer(unit.begin(), unit.end()) : h264::without_reordering(unit, *sps);
-  append_unit(look.units, kept);
+  append_unit(look.units, known);
 }
 
 void H264::take_slice(Bytes unit, Slices& slices, Look& look) {
@@ -164,12 +184,17 @@ class H265 final : public Codec {
   std::optional<h265::Sps> active_;
 };
 
+bool is_set(h265::Unit type) {
+  return type == h265::Unit::vps || type == h265::Unit::sps || type == h265::Unit::pps;
+}
+
 Look H265::look(Bytes access_unit) {
   Look look;
   look.units.reserve(access_unit.size() + 64);
   for (const Bytes unit : units_of(access_unit)) {
     const h265::Unit type = h265::unit_of(unit);
     if (type == h265::Unit::delimiter || type == h265::Unit::filler) continue;
+    if (is_set(type) && unit.size() > kLongestSet) continue;
     look.has_sets = take_set(type, unit) || look.has_sets;
     look.picture = look.picture || h265::is_slice(type);
     look.key = look.key || h265::is_key(type);

@@ -2,18 +2,20 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 namespace nimbus::web {
 namespace {
 
+constexpr int kRests = 3;
+
 /// How long an answer is waited for.
 std::chrono::milliseconds patience(Reply reply) {
-  using std::chrono::seconds;
   switch (reply) {
     case Reply::report:
-      return seconds(10);  // a save remounts the card
+      return CommandQueue::kReportPatience;
     case Reply::scan:
-      return seconds(30);  // a scan listens on every channel
+      return CommandQueue::kScanPatience;
     case Reply::none:
       break;
   }
@@ -27,6 +29,30 @@ void CommandQueue::push(QueuedCommand command, Time now) {
   pass_time(now);
 }
 
+void CommandQueue::rest(std::string order, Time now) {
+  rest_ = std::move(order);
+  rests_left_ = kRests;
+  pass_time(now);
+}
+
+void CommandQueue::drop(const std::function<bool(const QueuedCommand&)>& such,
+                        std::string_view why) {
+  std::vector<QueuedCommand> dropped;
+  bool drops = false;
+  for (auto one = waiting_.begin(); one != waiting_.end();) {
+    drops = one->follows ? drops : such(*one);
+    if (!drops) {
+      ++one;
+      continue;
+    }
+    dropped.push_back(std::move(*one));
+    one = waiting_.erase(one);
+  }
+  for (const QueuedCommand& one : dropped) {
+    if (one.done) one.done(false, why);
+  }
+}
+
 void CommandQueue::replied(Reply reply, Time now) {
   if (reply == Reply::none || reply != awaited_) return;
   awaited_ = Reply::none;
@@ -34,20 +60,41 @@ void CommandQueue::replied(Reply reply, Time now) {
   pass_time(now);
 }
 
+/// What follows belongs to a command that has gone, and with which the service may be busy.
+bool CommandQueue::rest_is_next() const {
+  return rests_left_ > 0 && (waiting_.empty() || !waiting_.front().follows);
+}
+
 std::optional<Time> CommandQueue::deadline() const {
-  if (waiting_.empty()) return std::nullopt;
-  return free_;
+  if (waiting_.empty() && !rest_is_next()) return std::nullopt;
+  Time first = rest_is_next() ? taken_ : free_;
+  for (const QueuedCommand& one : waiting_) first = std::min(first, one.until.value_or(first));
+  return first;
 }
 
 void CommandQueue::pass_time(Time now) {
-  if (waiting_.empty() || now < free_) return;
+  drop([now](const QueuedCommand& one) { return one.until && now >= *one.until; },
+       "the service was busy for too long, so this was not done; try again");
+  if (rest_is_next()) return send_rest(now);
+  if (!waiting_.empty() && now >= free_) send_front(now);
+}
+
+void CommandQueue::send_rest(Time now) {
+  if (now < taken_) return;
+  if (send_(rest_)) --rests_left_;
+  taken_ = now + kPeriod;
+  free_ = std::max(free_, taken_);
+}
+
+void CommandQueue::send_front(Time now) {
   const QueuedCommand command = std::move(waiting_.front());
   waiting_.pop_front();
   const bool sent = send_(command.text);
   if (sent) ++sent_;
   awaited_ = command.awaits;
-  free_ = now + kPeriod + command.busy + patience(command.awaits);
-  if (command.done) command.done(sent);
+  taken_ = now + kPeriod + command.busy;
+  free_ = taken_ + patience(command.awaits);
+  if (command.done) command.done(sent, sent ? "sent" : "the service does not answer");
 }
 
 }  // namespace nimbus::web

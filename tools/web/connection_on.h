@@ -53,7 +53,8 @@ class ConnectionOn final : public Connection,
 
   void check(Time now) override {
     if (deadline_ && now >= *deadline_) return close();
-    if (peer_ != nullptr) {
+    // Goodbye can be said once the handshake is over.
+    if (peer_ != nullptr && !parser_) {
       if (const auto code = peer_->over()) return end(*code);
     }
     if (!writing_) return;
@@ -216,7 +217,8 @@ class ConnectionOn final : public Connection,
 
   void on_accepted(beast::error_code error) {
     deadline_.reset();
-    if (error) return close();
+    // Its time may have been over while the answer was on its way.
+    if (error || peer_ == nullptr) return close();
     parser_.reset();
     buffer_.consume(buffer_.size());
     peer_->on_ready([this] { pump(); });

@@ -22,7 +22,7 @@ void Helm::steer(const std::array<double, 3>& parts, std::uint64_t count, Time n
   last_count_ = count;
   const Speeds speeds{speed_of(parts[0]), speed_of(parts[1]), speed_of(parts[2])};
   if (speeds == Speeds{}) {
-    if (moving_) stop(now);
+    if (moving()) stop(now);
     return;
   }
   moving_ = true;
@@ -33,7 +33,7 @@ void Helm::steer(const std::array<double, 3>& parts, std::uint64_t count, Time n
 
 void Helm::release(Time now) {
   last_count_ = 0;
-  if (moving_) stop(now);
+  if (moving()) stop(now);
 }
 
 void Helm::stop(Time now) {
@@ -41,6 +41,7 @@ void Helm::stop(Time now) {
   send_({});
   stops_left_ = kStops - 1;
   next_stop_ = now + kStopPeriod;
+  if (std::exchange(commanded_, false)) end_command_();
 }
 
 std::optional<Time> Helm::deadline() const {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "net/messages.h"
 #include "tools/common/failure.h"
@@ -14,6 +15,12 @@
 namespace nimbus::web {
 namespace {
 
+// Who orders without a connection.
+constexpr const char* kProgram = "program";
+
+// The camera tells of its recording several times a second: what it does in such a pause is unseen.
+constexpr std::chrono::seconds kUnseen{3};
+
 std::string quoted_or_null(const std::optional<std::string>& text) {
   return text ? quoted(*text) : "null";
 }
@@ -24,12 +31,17 @@ Hub::Hub(const std::string& host, ToService to_service)
     : to_service_(std::move(to_service)),
       stream_(*this),
       queue_([this](const std::string& text) { return linked_ && to_service_.command(text); }),
-      helm_([this](const Helm::Speeds& speeds) { to_service_.speed(speeds); }) {
+      helm_([this](const Helm::Speeds& speeds) { to_service_.speed(speeds); },
+            [this] { queue_.rest(order_to_rest(), Clock::now()); }) {
   state_.set("service", "host", quoted(host));
   state_.set("service", "linked", "false");
 }
 
-Hub::~Hub() { helm_.release(Clock::now()); }
+Hub::~Hub() {
+  helm_.release(Clock::now());
+  // There is no turn to wait for any more.
+  if (queue_.rests()) to_service_.command(order_to_rest());
+}
 
 // --- From the service --------------------------------------------------------------------------
 
@@ -43,6 +55,7 @@ void Hub::take(const ctl::Frame& frame, Time now) {
   } else {
     stream_.other(frame.number);
     reports_.take(frame.payload, now);
+    take_recording(frame.payload, now);
     const bool text = !frame.payload.empty() && frame.payload[0] == type_of(ToViewer::text);
     if (text) take_text(frame.payload, now);
   }
@@ -57,9 +70,22 @@ void Hub::take_text(Bytes payload, Time now) {
   const bool scan = message.name == "wifi_scan";
   const bool report = message.name == "report";
   if (report) report_ = ctl::parse_object(message.json);
+  if (!scan) settings_known_ = true;
   if (!scan) queue_.replied(Reply::report, now);
   if (!report) queue_.replied(Reply::scan, now);
   deadline_moved();
+}
+
+/// Since when the camera records, as far as it was seen to begin, whether or not anybody looks.
+void Hub::take_recording(Bytes payload, Time now) {
+  const auto records = web::records(payload);
+  if (!records) return;
+  if (now - std::exchange(recording_told_, now) >= kUnseen) records_.reset();
+  if (records_ != records) {
+    const bool seen = *records && records_;
+    state_.set("recording", "since", seen ? std::to_string(millis_of(now)) : "null");
+  }
+  records_ = records;
 }
 
 void Hub::on_epoch(const SharedEpoch& epoch) {
@@ -102,21 +128,31 @@ void Hub::pass_time(Time now) {
 
 void Hub::each_second(bool linked, Time now) {
   if (linked_ && !linked) stream_.interrupt();
-  if (linked && !linked_) settings_asked_ = false;
+  if (linked && !linked_) {
+    settings_known_ = false;
+    settings_asked_.reset();
+  }
   linked_ = linked;
+  // Whoever can lose the lease may have left what he moves by a command.
+  if (lease_.silent(now)) helm_.release(now);
   pass_time(now);
+  deadline_moved();
   if (control_.empty()) return;
-  ask_for_settings();
+  ask_for_settings(now);
   const std::string clock =
       R"({"type":"clock","now":)" + std::to_string(millis_of(now)) + R"(,"echo":null})";
   for (ControlPeer* const peer : control_) peer->say(clock);
 }
 
-/// The report goes to every viewer of the service, so it is asked for once only.
-void Hub::ask_for_settings() {
-  if (!linked_ || settings_asked_ || !queue_.has_room()) return;
-  settings_asked_ = true;
-  queue_.push({.text = std::string(ctl::kReportRequest), .awaits = Reply::report}, Clock::now());
+/// The report goes to every viewer of the service, so it is asked for again only when a question or
+/// its answer was lost.
+void Hub::ask_for_settings(Time now) {
+  const bool asked = settings_asked_ && now - *settings_asked_ < CommandQueue::kReportPatience;
+  if (!linked_ || settings_known_ || asked || !queue_.has_room()) return;
+  // Others' commands do not wait for an answer that has failed to come before.
+  const Reply awaits = settings_asked_ ? Reply::none : Reply::report;
+  settings_asked_ = now;
+  queue_.push({.text = std::string(ctl::kReportRequest), .awaits = awaits}, now);
   deadline_moved();
 }
 
@@ -126,7 +162,6 @@ void Hub::refresh(Time now) {
   reports_.read_into(state_);
   state_.set("service", "linked", json_text(linked_));
   refresh_video(now);
-  refresh_recording(now);
   refresh_driving();
   state_.set("viewers", "browsers", std::to_string(video_.size()));
   state_.set("viewers", "watching", std::to_string(control_.size()));
@@ -154,18 +189,6 @@ void Hub::refresh_video(Time now) {
   state_.set("video", "loss", json_text(std::round(loss * 1e4) / 1e4));
   const Waiting waiting = stream_.waiting();
   state_.set("video", "waiting", waiting == Waiting::no ? "null" : quoted(web::name_of(waiting)));
-}
-
-/// Since when the camera records, as far as it was seen to begin.
-void Hub::refresh_recording(Time now) {
-  const std::string on = state_.get("recording", "on");
-  const bool records = on == "true";
-  if (records != recorded_) {
-    const bool seen = records && recording_known_;
-    state_.set("recording", "since", seen ? std::to_string(millis_of(now)) : "null");
-  }
-  recorded_ = records;
-  recording_known_ = !on.empty();
 }
 
 void Hub::refresh_driving() {
@@ -200,7 +223,7 @@ std::unique_ptr<Peer> Hub::open_control(Visitor visitor) {
   auto peer =
       std::make_unique<ControlPeer>(*this, std::move(visitor), "b" + std::to_string(next_name_++));
   tell_lease();
-  ask_for_settings();
+  ask_for_settings(now);
   return peer;
 }
 
@@ -215,9 +238,12 @@ std::string Hub::name_of(const std::optional<std::string>& who) const {
   return peer == nullptr ? "" : peer->visitor().address;
 }
 
-/// Whoever moved the gimbal does not any more.
+/// Whoever moved the gimbal does not any more, and what he has ordered is not done later.
 void Hub::lease_changed(Time now) {
   helm_.release(now);
+  queue_.drop(
+      [this](const QueuedCommand& one) { return !one.from.empty() && !lease_.held_by(one.from); },
+      "you no longer drive");
   tell_lease();
 }
 
@@ -245,13 +271,26 @@ void Hub::left(const ControlPeer& peer) {
 
 // --- Orders ------------------------------------------------------------------------------------
 
-void Hub::queue(const cJSON* order, std::function<void(bool)> done, Time now) {
+/// A person waits for a while only; a program is told nothing later, and waits for its turn.
+void Hub::queue(const cJSON* order, const std::string& from, Done done, Time now) {
   Orders orders = orders_of(order, report_.get());
   if (!linked_) throw tools::Failure("the service does not answer");
   if (!queue_.has_room(orders.size())) {
     throw tools::Failure("too many commands wait already; expected a moment's patience");
   }
-  orders.front().done = std::move(done);
+  QueuedCommand& first = orders.front();
+  first.from = from;
+  if (done) first.until = now + CommandQueue::kPatience;
+  first.done = [this, moves = first.moves, done = std::move(done)](bool sent,
+                                                                   std::string_view text) {
+    if (!sent) ++orders_refused_;
+    if (sent && moves) helm_.commanded(*moves);
+    if (done) done(sent, text);
+  };
+  if (orders.back().awaits == Reply::report) {
+    settings_known_ = false;
+    settings_asked_ = now;
+  }
   for (QueuedCommand& one : orders) queue_.push(std::move(one), now);
   deadline_moved();
 }
@@ -262,10 +301,12 @@ Hub::Result Hub::order(std::string_view text, Time now) {
     return {false, "no JSON object; expected one such as {\"words\":[\"shot\"]}"};
   if (lease_.holder()) return {false, name_of(lease_.holder()) + " drives", true};
   try {
-    queue(json.get(), {}, now);
+    queue(json.get(), kProgram, {}, now);
     return {true, "taken"};
   } catch (const tools::Failure& failure) {
     ++orders_refused_;
+    // What it needs to know of the service is there for its next try.
+    ask_for_settings(now);
     return {false, failure.what()};
   }
 }

@@ -101,11 +101,12 @@ class Hub final : private StreamListener {
   void on_waiting(Waiting reason) override;
   void refresh(Time now);
   void refresh_video(Time now);
-  void refresh_recording(Time now);
   void refresh_driving();
   void take_text(Bytes payload, Time now);
-  void ask_for_settings();
-  void queue(const cJSON* order, std::function<void(bool)> done, Time now);
+  void take_recording(Bytes payload, Time now);
+  void ask_for_settings(Time now);
+  using Done = std::function<void(bool sent, std::string_view text)>;
+  void queue(const cJSON* order, const std::string& from, Done done, Time now);
   void lease_changed(Time now);
   void tell_lease();
   void left(const ControlPeer& peer);
@@ -125,10 +126,11 @@ class Hub final : private StreamListener {
   RtpOutput* rtp_ = nullptr;
   bool has_password_ = false;
   bool linked_ = false;
-  bool settings_asked_ = false;
-  bool recorded_ = false;
-  bool recording_known_ = false;
-  std::uint64_t dropped_ = 0;  // by browsers that are gone
+  bool settings_known_ = false;
+  std::optional<Time> settings_asked_;
+  std::optional<bool> records_;  // as the camera said last
+  Time recording_told_{};        // and when
+  std::uint64_t dropped_ = 0;    // by browsers that are gone
   std::uint64_t orders_refused_ = 0;
   std::uint32_t next_name_ = 1;
   std::vector<VideoPeer*> video_;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -14,14 +15,18 @@ class Lease {
   /// Whoever has been silent for so long can lose the lease to the next that wants it.
   static constexpr std::chrono::seconds kSilence{3};
 
-  /// Takes the lease if it is free, one's own, or its holder silent. Otherwise the holder is asked,
-  /// and the answer is false.
+  /// Who was denied the lease is not heard again for so long.
+  static constexpr std::chrono::seconds kDenied{5};
+
+  /// Takes the lease if it is free, one's own, or its holder silent. Otherwise the answer is false,
+  /// and the holder is asked, unless he has just denied it.
   bool take(const std::string& who, Time now) {
-    if (!holder_ || *holder_ == who || now - heard_ >= kSilence) {
+    if (!holder_ || *holder_ == who || silent(now)) {
       hold(who, now);
       return true;
     }
-    asked_by_ = who;
+    const auto denied = denied_.find(who);
+    if (denied == denied_.end() || now - denied->second >= kDenied) asked_by_ = who;
     return false;
   }
 
@@ -35,8 +40,9 @@ class Lease {
     hold(to, now);
     return true;
   }
-  bool deny(const std::string& who) {
+  bool deny(const std::string& who, Time now) {
     if (holder_ != who) return false;
+    if (asked_by_) denied_[*asked_by_] = now;
     asked_by_.reset();
     return true;
   }
@@ -49,6 +55,9 @@ class Lease {
     if (asked_by_) hold(*asked_by_, now);
   }
 
+  /// Whether its holder can lose it to the next that wants it.
+  [[nodiscard]] bool silent(Time now) const { return holder_ && now - heard_ >= kSilence; }
+
   [[nodiscard]] bool held_by(const std::string& who) const { return holder_ == who; }
   [[nodiscard]] const std::optional<std::string>& holder() const { return holder_; }
   [[nodiscard]] const std::optional<std::string>& asked_by() const { return asked_by_; }
@@ -58,10 +67,12 @@ class Lease {
     holder_ = std::move(who);
     heard_ = now;
     asked_by_.reset();
+    denied_.clear();
   }
 
   std::optional<std::string> holder_;
   std::optional<std::string> asked_by_;
+  std::map<std::string, Time> denied_;  // by this holder
   Time heard_{};
 };
 

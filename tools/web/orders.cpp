@@ -1,6 +1,8 @@
 #include "tools/web/orders.h"
 
 #include <algorithm>
+#include <span>
+#include <string_view>
 
 #include "tools/common/failure.h"
 #include "tools/ctl/commands.h"
@@ -35,7 +37,20 @@ QueuedCommand checked(std::string text) {
 }
 
 QueuedCommand ask_report() {
-  return {.text = std::string(ctl::kReportRequest), .awaits = Reply::report};
+  return {.text = std::string(ctl::kReportRequest), .awaits = Reply::report, .follows = true};
+}
+
+// Either sets the same speed of the service.
+constexpr std::string_view kMove = "gimbal move";
+constexpr std::string_view kSpeed = "gimbal speed";
+
+/// Whether a command moves the gimbal until told otherwise, or ends that; nothing for any other.
+std::optional<bool> moves(const ctl::Command& command, std::span<const std::string> words) {
+  if (command.words != kMove && command.words != kSpeed) return std::nullopt;
+  const auto speeds = words.subspan(ctl::words_of(command.words).size());
+  return std::any_of(speeds.begin(), speeds.end(), [](const std::string& speed) {
+    return ctl::whole_integer(speed).value_or(0) != 0;
+  });
 }
 
 Orders command_orders(const cJSON* order) {
@@ -53,6 +68,7 @@ Orders command_orders(const cJSON* order) {
                   "; expected \"confirmed\":true as a sign that you mean it");
   }
   queued.busy = command.busy;
+  queued.moves = moves(command, words);
   return {queued};
 }
 
@@ -60,7 +76,7 @@ Orders setting_orders(const cJSON* order, const cJSON* report) {
   const std::string name = ctl::member_text(order, "name");
   const auto values = texts_of(member(order, "values"), "values");
   if (name == "wifi" && report == nullptr) {
-    throw Failure("the networks are not known yet; expected a report of the service before");
+    throw Failure("the networks are not known yet; try again in a moment");
   }
   // What the setting has become is seen by its report.
   return {checked(ctl::json_for_setting(name, values, false, report)), ask_report()};
@@ -78,6 +94,11 @@ Orders orders_of(const cJSON* order, const cJSON* report) {
   if (member(order, "name") != nullptr) return setting_orders(order, report);
   if (member(order, "interface") != nullptr) return scan_orders(order);
   throw Failure("no order; expected words, name and values, or interface");
+}
+
+std::string order_to_rest() {
+  const std::vector<std::string> words{"gimbal", "speed", "0", "0", "0"};
+  return ctl::json_for(ctl::find_command(words), words, false);
 }
 
 }  // namespace nimbus::web

@@ -19,4 +19,7 @@ using Orders = std::vector<QueuedCommand>;
 /// person.
 [[nodiscard]] Orders orders_of(const cJSON* order, const cJSON* report);
 
+/// The text that ends what a command has made the gimbal do.
+[[nodiscard]] std::string order_to_rest();
+
 }  // namespace nimbus::web

@@ -70,6 +70,7 @@ ControlPeer::ControlPeer(Hub& hub, Visitor visitor, std::string name)
 }
 
 ControlPeer::~ControlPeer() {
+  alive_.reset();
   std::erase(hub_.control_, this);
   hub_.left(*this);
 }
@@ -106,6 +107,10 @@ void ControlPeer::say_changes(const std::string& message) {
     return;
   }
   say(message);
+}
+
+void ControlPeer::say_notice(const std::string& text) {
+  say(R"({"type":"notice","text":)" + quoted(text) + "}");
 }
 
 void ControlPeer::say_result(const cJSON* message, bool ok, const std::string& text) {
@@ -167,6 +172,9 @@ void ControlPeer::on_take(const cJSON* /*message*/, Time now) {
     return;
   }
   if (hub_.lease_.take(name_, now)) return hub_.lease_changed(now);
+  if (hub_.lease_.asked_by() != name_) {
+    say_notice("Whoever drives has just kept the controls: ask again in a moment.");
+  }
   hub_.tell_lease();
 }
 
@@ -184,11 +192,11 @@ void ControlPeer::on_grant(const cJSON* message, Time now) {
   if (hub_.lease_.grant(name_, to, now)) hub_.lease_changed(now);
 }
 
-void ControlPeer::on_deny(const cJSON* /*message*/, Time /*now*/) {
+void ControlPeer::on_deny(const cJSON* /*message*/, Time now) {
   const auto asked_by = hub_.lease_.asked_by();
-  if (!hub_.lease_.deny(name_)) return;
+  if (!hub_.lease_.deny(name_, now)) return;
   if (ControlPeer* const other = hub_.peer_of(asked_by.value_or(""))) {
-    other->say(R"({"type":"notice","text":"Whoever drives keeps the controls."})");
+    other->say_notice("Whoever drives keeps the controls.");
   }
   hub_.tell_lease();
 }
@@ -198,8 +206,13 @@ bool ControlPeer::drives() const { return hub_.lease_.held_by(name_); }
 void ControlPeer::on_speed(const cJSON* message, Time now) {
   if (!drives()) return;
   hub_.lease_.heartbeat(name_, now);
-  hub_.helm_.steer({number(message, "pan"), number(message, "tilt"), number(message, "roll")},
-                   count_of(number(message, "n")), now);
+  const std::array<double, 3> parts{number(message, "pan"), number(message, "tilt"),
+                                    number(message, "roll")};
+  if (parts == std::array<double, 3>{}) {
+    hub_.queue_.drop([](const QueuedCommand& one) { return one.moves.value_or(false); },
+                     "the gimbal was told to stop");
+  }
+  hub_.helm_.steer(parts, count_of(number(message, "n")), now);
 }
 
 void ControlPeer::on_order(const cJSON* message, Time now) {
@@ -208,10 +221,9 @@ void ControlPeer::on_order(const cJSON* message, Time now) {
   const std::shared_ptr<cJSON> kept(cJSON_Duplicate(message, 1), cJSON_Delete);
   try {
     hub_.queue(
-        message,
-        [this, kept, alive = std::weak_ptr<int>(alive_)](bool sent) {
-          if (alive.expired()) return;
-          say_result(kept.get(), sent, sent ? "sent" : "the service does not answer");
+        message, name_,
+        [this, kept, alive = std::weak_ptr<int>(alive_)](bool sent, std::string_view text) {
+          if (!alive.expired()) say_result(kept.get(), sent, std::string(text));
         },
         now);
   } catch (const tools::Failure& failure) {

@@ -55,6 +55,7 @@ class ControlPeer final : public Peer {
  private:
   friend struct ControlRows;
   [[nodiscard]] bool drives() const;
+  void say_notice(const std::string& text);
   void say_result(const cJSON* message, bool ok, const std::string& text);
   void say_greeting();
   void on_ping(const cJSON* message, Time now);

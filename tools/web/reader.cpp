@@ -29,7 +29,8 @@ void Reader::on_picture(const SharedPicture& picture) {
   if (needs_key_ && !picture->key) return;
   const bool full =
       pictures_.size() >= kMostPictures || bytes_ + picture->units.size() > kMostBytes;
-  if (!pictures_.empty() && full && (picture->key || !catches_up_)) overflow();
+  const bool late = pictures_.size() >= Stream::kMostKept || bytes_ > Stream::kMostKeptBytes;
+  if (!pictures_.empty() && (late || (full && (picture->key || !catches_up_)))) overflow();
   if (needs_key_ && !picture->key) return;
   needs_key_ = false;
   waiting_.reset();

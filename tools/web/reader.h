@@ -1,8 +1,9 @@
 // What one browser still has to get of the picture.
 //
 // A browser on a slow link must not fall behind for good, nor cost memory, nor be noticed by the
-// others. So little waits for it; when that is too much, all of it is thrown away, and the browser
-// goes on with the next key picture.
+// others. So little waits for it, or, as long as it has just joined, what the stream keeps for
+// that; when it is too much, all of it is thrown away, and the browser goes on with the next key
+// picture.
 #pragma once
 
 #include <cstdint>

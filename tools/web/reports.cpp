@@ -70,15 +70,6 @@ void take_connection(State& state, const ctl::Message& message, std::uint64_t no
   state.reported(group, now);
 }
 
-/// Whether the camera records: its state is 2 then.
-void take_recording(State& state, const ctl::Message& message) {
-  constexpr std::int64_t kRecords = 2;
-  for (const ctl::Field& field : message.fields) {
-    if (field.name != "state") continue;
-    state.set("recording", "on", json_text(field.value == ctl::Value(kRecords)));
-  }
-}
-
 void set_member(State& state, std::string_view group, std::string_view name, const cJSON* object) {
   const cJSON* const item = ctl::member(object, std::string(name).c_str());
   if (item != nullptr) state.set(group, name, ctl::line_of(item));
@@ -113,12 +104,22 @@ void take_scan(State& state, const std::string& text, std::uint64_t now) {
 
 }  // namespace
 
+/// The camera's state is 2 while it records.
+std::optional<bool> records(Bytes payload) {
+  constexpr std::int64_t kRecords = 2;
+  if (payload.empty() || payload[0] != type_of(ToViewer::recording_timer)) return std::nullopt;
+  for (const ctl::Field& field : ctl::decode_message(payload).fields) {
+    if (field.name == "state") return field.value == ctl::Value(kRecords);
+  }
+  return std::nullopt;  // it is cut
+}
+
 void take_message(State& state, Bytes payload, std::uint64_t now) {
   const ctl::Message message = ctl::decode_message(payload);
   if (message.name == "connection") return take_connection(state, message, now);
   if (message.name == "report") return take_report(state, message.json, now);
   if (message.name == "wifi_scan") return take_scan(state, message.json, now);
-  if (message.name == "recording_timer") take_recording(state, message);
+  if (const auto on = records(payload)) state.set("recording", "on", json_text(*on));
   take_fields(state, message, now);
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 
 #include "tools/web/bytes.h"
@@ -29,6 +30,9 @@ class Reports {
   /// By type, and by the source of those that have one.
   std::map<unsigned, Last> last_;
 };
+
+/// Whether the camera records, by the message that says so; nothing for any other.
+[[nodiscard]] std::optional<bool> records(Bytes payload);
 
 /// Takes a message into the state.
 void take_message(State& state, Bytes payload, std::uint64_t now);

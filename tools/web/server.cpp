@@ -20,6 +20,7 @@
 #include "tools/web/guests.h"
 #include "tools/web/hub.h"
 #include "tools/web/link.h"
+#include "tools/web/orders.h"
 #include "tools/web/own_names.h"
 #include "tools/web/rtp_link.h"
 #include "tools/web/site.h"
@@ -70,7 +71,11 @@ int handed_over() {
 class Server {
  public:
   explicit Server(const ServerOptions& options);
-  void run();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+  /// What the loop still holds must not outlive the hub.
+  ~Server();
+  void run() { loop_.run(); }
 
  private:
   struct Listener {
@@ -155,6 +160,7 @@ Server::Server(const ServerOptions& options)
   watch_verifier();
   // One before this may have been killed while somebody drove.
   link_.speed({});
+  link_.command(order_to_rest());
   on_second();
 }
 
@@ -169,10 +175,16 @@ void Server::watch_signals() {
 
 /// What is read from files: the passwords, and the certificate.
 void Server::load() {
-  if (!options_.passwords.empty()) site_.use(Passwords::read(options_.passwords));
-  if (options_.tls.certificate.empty()) return;
-  if (options_.makes_certificate) make_certificate(options_.tls, names_of(options_));
-  tls_ = std::make_unique<Tls>(options_.tls);
+  Passwords passwords;
+  std::unique_ptr<Tls> tls;
+  if (!options_.passwords.empty()) passwords = Passwords::read(options_.passwords);
+  if (!options_.tls.certificate.empty()) {
+    if (options_.makes_certificate) make_certificate(options_.tls, names_of(options_));
+    tls = std::make_unique<Tls>(options_.tls);
+  }
+  // All of it is good.
+  site_.use(std::move(passwords));
+  tls_ = std::move(tls);
 }
 
 /// Files that are no good change nothing.
@@ -185,9 +197,7 @@ void Server::reload() {
   }
 }
 
-void Server::run() {
-  loop_.run();
-  // What the loop still holds must not outlive the hub.
+Server::~Server() {
   for (const auto& guest : connections_) {
     if (const auto connection = guest.lock()) connection->close();
   }

@@ -173,6 +173,12 @@ bool same_origin(const Request& request) {
   return lower(request.origin) == (request.secure ? "https://" : "http://") + lower(request.host);
 }
 
+ConsoleSite::ConsoleSite(Hub& hub, const Guests& guests, SiteOptions options)
+    : hub_(hub), guests_(guests), options_(std::move(options)) {
+  // Capitals make no other name.
+  for (std::string& name : options_.names) name = lower(name);
+}
+
 /// A name of somebody else that leads here would make a stranger's page one of ours.
 bool ConsoleSite::knows_host(std::string_view header) const {
   const std::string host = host_of(header);
@@ -308,7 +314,9 @@ Answer ConsoleSite::log_in(const Request& request, Time now) {
   }
   return {.later = [this, request](const Respond& respond) {
     options_.verify(passwords_, password_in(request),
-                    [this, request, respond](std::optional<Role> role) {
+                    [this, request, respond, asked = passwords_](std::optional<Role> role) {
+                      // It may have been set anew meanwhile.
+                      if (role && !passwords_.agrees(asked, *role)) role.reset();
                       Response response = logged_in(request, role);
                       harden(response, request);
                       respond(std::move(response));
@@ -319,7 +327,8 @@ Answer ConsoleSite::log_in(const Request& request, Time now) {
 Response ConsoleSite::logged_in(const Request& request, std::optional<Role> role) {
   if (!role) {
     return no_log_in(request, 403, "that is not the password",
-                     "try again, or set a new one on the board with nimbus-web --set-password");
+                     "try again, or set a new one on the board with sudo nimbus-web --set-password "
+                     "and sudo systemctl reload nimbus-web");
   }
   Response response = go_to("/");
   const std::string word = sessions_.begin(*role, Clock::now());

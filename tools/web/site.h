@@ -27,8 +27,7 @@ struct SiteOptions {
 
 class ConsoleSite final : public Site {
  public:
-  ConsoleSite(Hub& hub, const Guests& guests, SiteOptions options)
-      : hub_(hub), guests_(guests), options_(std::move(options)) {}
+  ConsoleSite(Hub& hub, const Guests& guests, SiteOptions options);
 
   /// Who may come in. Nobody needs a password as long as none is set. Whoever came in by one that
   /// has changed is out.

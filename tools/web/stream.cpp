@@ -18,10 +18,6 @@ constexpr std::chrono::seconds kSilence{1};
 // Three packets of a transport stream.
 constexpr std::size_t kSurelyPackets = std::size_t{3} * 188;
 
-// What is kept for browsers that join: one that has to catch up with more would not.
-constexpr std::size_t kMostPictures = 600;
-constexpr std::size_t kMostBytes = std::size_t{4} * 1024 * 1024;
-
 // Microseconds. Browsers do not show what is shorter.
 constexpr std::uint64_t kShortest = 1'000;
 constexpr std::uint64_t kUsual = 40'000;
@@ -182,7 +178,7 @@ void Stream::publish(const AccessUnit& unit, Look look) {
 }
 
 void Stream::keep(const SharedPicture& picture) {
-  if (picture->key || group_.size() >= kMostPictures || group_bytes_ > kMostBytes) {
+  if (picture->key || group_.size() >= kMostKept || group_bytes_ > kMostKeptBytes) {
     group_.clear();
     group_bytes_ = 0;
   }

@@ -42,6 +42,10 @@ struct StreamCounts {
 
 class Stream {
  public:
+  // What is kept for browsers that join: one that has to catch up with more would not.
+  static constexpr std::size_t kMostKept = 600;  ///< pictures
+  static constexpr std::size_t kMostKeptBytes = std::size_t{4} * 1024 * 1024;
+
   explicit Stream(StreamListener& listener, Ends ends = Ends::guessed);
 
   /// Takes a frame of the service: a datagram of video, or anything else, whose number counts too.
