@@ -117,6 +117,21 @@ def test_recording(page):
     assert page.run("return document.querySelector('[data-chip=recording]').hidden")
 
 
+def test_recording_of_a_camera_that_is_gone(page, camera):
+    """Nobody knows whether it goes on: no border, and the timer stands, dimmed."""
+    page.find("#record").click()
+    page.wait("return document.body.classList.contains('recording')")
+    camera.kill()
+    chip = page.find("[data-chip=recording]")
+    page.wait("return arguments[0].classList.contains('stale') &&"
+              " /REC 00:0\\d since \\d+ s/.test(arguments[0].textContent)", chip)
+    assert not page.run("return document.body.classList.contains('recording')")
+    timer = "return document.querySelector('[data-chip=recording] b').textContent"
+    stands = page.run(timer)
+    time.sleep(2)
+    assert page.run(timer) == stands
+
+
 def test_keys(page):
     """Letters are commands wherever the focus is, but in a dialog."""
     page.keys("r")
@@ -248,6 +263,27 @@ def test_settings(page, standins):
     page.wait("return document.querySelector('#toasts').textContent.includes("
               "'Bits a second: saved')")
     assert ["killall", "-q", "rtsp-server", "gst-launch-1.0"] in standins.calls("killall")
+
+
+def test_settings_that_are_reported_later(browser, webs, start):
+    """They come into the fields that nobody has touched."""
+    def fields():
+        return [browser.find(f"[aria-label='{name}']").get_attribute("value") for name in
+                ("Bits a second", "Size of the stream", "Channel 20 drives", "Wi-Fi: Name")]
+
+    browser.open(webs().address())
+    browser.wait("return document.querySelector('#foot').textContent !== ''")
+    browser.find("#settings").click()
+    browser.wait("return document.querySelector('dialog[open] fieldset')")
+    browser.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
+    assert fields() == [""] * 4
+    Select(browser.find("[aria-label='Size of the stream']")).select_by_visible_text("320x240")
+    start("video_bitrate=1234567\nvideo_width=1280\nvideo_height=720\n"
+          f"rc_input_map={',' * 19}iso\nwifi_ssid=\"shore\"\n")
+    browser.wait("return document.querySelector('[aria-label=\"Bits a second\"]').value !== ''",
+                 seconds=20)
+    assert fields() == ["1234567", "320x240", "iso", "shore"]
+    assert browser.find("[aria-label='Channel 20 drives']").is_displayed()
 
 
 def test_channel_map(page):

@@ -112,8 +112,8 @@ def test_rest_is_said(page, gimbal):
     page.hear()
     page.actions.key_down(Keys.ARROW_RIGHT).perform()
     gimbal.wait_moves()
-    at_once = page.run("document.body.dispatchEvent(new KeyboardEvent('keyup',"
-                       " { key: 'ArrowRight', bubbles: true })); return window.said.at(-1)")
+    at_once = page.run("document.body.dispatchEvent(new KeyboardEvent('keyup', { code:"
+                       " 'ArrowRight', bubbles: true })); return window.said.at(-1)")
     assert (at_once["type"], at_once["pan"]) == ("speed", 0)
     page.actions.key_up(Keys.ARROW_RIGHT).perform()
 
@@ -131,6 +131,49 @@ def test_escape(page, gimbal):
     page.keys(Keys.ESCAPE)
     gimbal.wait_rest(time.time())
     page.actions.key_up(Keys.ARROW_RIGHT).perform()
+
+
+def command_speed(page):
+    """As a person does who has found it among all commands; their dialog stays open."""
+    page.wait("return fetch('/api/state').then((answer) => answer.json()).then(({ service }) =>"
+              " service.linked)")
+    page.find("#more").click()
+    page.wait("return document.querySelector('dialog[open]')")
+    page.run("const form = [...document.querySelectorAll('dialog form')].find((one) =>"
+             " one.textContent.includes('0 0 0 ends it'));"
+             "['1', '0', '0'].forEach((value, i) =>"
+             " (form.querySelectorAll('input')[i].value = value)); form.requestSubmit()")
+
+
+def test_escape_ends_what_a_command_moves(page, gimbal):
+    """Also in the dialog in which it was commanded."""
+    command_speed(page)
+    gimbal.wait_moves()
+    page.keys(Keys.ESCAPE)
+    gimbal.wait_rest(time.time())
+
+
+def test_stick_ends_what_a_command_moves(page, gimbal):
+    """Whoever has no Escape key touches a stick, and lets it go."""
+    command_speed(page)
+    gimbal.wait_moves()
+    page.run("document.querySelector('dialog').close()")
+    hold_stick(page, right=-60)
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
+
+
+def test_escape_is_said_by_whoever_drives(page, gimbal):
+    """Though the page itself moves nothing."""
+    page.hear()
+    page.keys(Keys.ESCAPE)
+    time.sleep(0.3)
+    page.find("#take").click()
+    page.wait("return document.body.dataset.driver === 'me'")
+    assert page.said("speed") == []
+    page.keys(Keys.ESCAPE)
+    page.wait("return window.said.some(({ type }) => type === 'speed')")
+    assert {(one["pan"], one["tilt"], one["roll"]) for one in page.said("speed")} == {(0, 0, 0)}
 
 
 def test_up_is_up_and_roll_is_roll(page, gimbal):
@@ -260,6 +303,29 @@ def test_arrow_keys(page, gimbal):
                      else page.run("return window.noted.keyup") + 0.05)
 
 
+# What is held, by its name, its name with Shift, and its place; and what has the focus.
+SHIFTED = [(",", "<", "Comma", "body"), (",", ";", "Comma", "body"),
+           ("ArrowLeft", "4", "Numpad4", "body"), ("ArrowLeft", "4", "Numpad4", "#stick")]
+
+
+@pytest.mark.parametrize("key, shifted, place, focus", SHIFTED)
+def test_key_let_go_under_shift(page, gimbal, key, shifted, place, focus):
+    """It has another name then, and is the same key."""
+    def press(kind, name, code, shift):
+        page.cdp("Input.dispatchKeyEvent", type=kind, key=name, code=code, modifiers=8 * shift)
+
+    page.run("document.querySelector(arguments[0]).focus()", focus)
+    press("rawKeyDown", key, place, 0)
+    gimbal.wait_moves()
+    press("rawKeyDown", "Shift", "ShiftLeft", 1)
+    press("keyUp", shifted, place, 1)
+    gimbal.wait_rest(time.time())
+    let_go = time.time()
+    press("keyUp", "Shift", "ShiftLeft", 0)
+    time.sleep(0.3)
+    assert not gimbal.moves(let_go)
+
+
 # A pad whose axes the test moves; browsers have no other way to be given one.
 PAD = """
 window.pad = { index: 0, connected: true, axes: [0, 0, 0, 0], buttons: [], timestamp: 1,
@@ -291,7 +357,10 @@ def test_gamepad(page, gimbal):
     gimbal.wait_rest(let_go + 0.1)
 
 
-def test_gamepad_that_froze(page, gimbal):
+# How far a stick is when its pad falls silent, for how many seconds it still counts, and for how
+# many at most: a hand trembles, but not at the end of a stick's way.
+@pytest.mark.parametrize("far, counts, most", [(0.6, 2, 8), (1, 7, 15)])
+def test_gamepad_that_froze(page, gimbal, far, counts, most):
     """After a lost radio link browsers go on with the last axes: nothing moves by them before the
     stick was at rest."""
     page.run(PAD.replace("axes: [0, 0, 0, 0]", "axes: [0.9, 0, 0, 0]"))
@@ -300,10 +369,13 @@ def test_gamepad_that_froze(page, gimbal):
     assert not gimbal.moves()
     page.run("push(0, 0)")
     looked_at(page)
-    page.run("push(0.6, 0)")
+    page.run("push(arguments[0], 0)", far)
     gimbal.wait_moves()
     page.run("window.frozen = true")
-    wait_until(lambda: not any(gimbal.speeds[-1][1]), 8, "rest of a silent pad")
+    time.sleep(counts)
+    assert any(gimbal.speeds[-1][1]), "a pad that is held still is given up too soon"
+    wait_until(lambda: not any(gimbal.speeds[-1][1]), most - counts, "rest of a silent pad")
+    page.wait("return document.querySelector('#toasts').textContent.includes('centre its sticks')")
 
 
 def test_maximum_and_curve(page, gimbal):
@@ -338,7 +410,7 @@ def test_two_browsers_and_one_lease(page, gimbal, web, chromiums):
     other.actions.release().perform()
     assert not gimbal.moves(start), "moved without the lease"
     other.find("#take").click()
-    page.button("Hand over", "dialog").click()
+    page.button("Hand over", "#ask").click()
     other.wait("return document.querySelector('#who').textContent === 'You drive'")
     page.wait("return document.body.dataset.driver === 'other'")
     hold_stick(other)
@@ -354,8 +426,157 @@ def test_whoever_drives_may_rest(page, gimbal):
     page.wait("return document.body.dataset.driver === 'me'")
     time.sleep(3.5)
     page.run("other.send('{\"type\":\"take\"}')")
-    assert page.button("Hand over", "dialog")
+    assert page.button("Hand over", "#ask")
     assert page.run("return document.body.dataset.driver") == "me"
+
+
+@pytest.fixture
+def asked(page, gimbal):
+    """asked() has one more ask the page, which drives, for control."""
+    def ask():
+        page.run("window.other = new WebSocket(`ws://${location.host}/ws/control`);"
+                 "other.onopen = () => other.send('{\"type\":\"take\"}')")
+        page.wait("return document.querySelector('#ask').checkVisibility() &&"
+                  " document.querySelector('#asks').textContent === arguments[0]",
+                  f"{PLAIN_HOST} asks for control.")
+
+    return ask
+
+
+def test_question_stops_nothing(page, gimbal, asked):
+    """Whoever pans goes on, and answers with a hand that is free."""
+    hold_stick(page)
+    gimbal.wait_moves()
+    asked()
+    at = time.time()
+    time.sleep(1)
+    assert gimbal.moves(at)
+    assert all(any(speed) for moment, speed in gimbal.speeds if moment > at)
+    page.actions.release().perform()
+    gimbal.wait_rest(noted(page, "pointerup"))
+
+
+@pytest.mark.parametrize("times, driver", [(1, "other"), (2, "me")], ids=["gives", "keeps"])
+def test_question_by_keyboard(page, gimbal, asked, times, driver):
+    page.find("#take").click()
+    page.wait("return document.body.dataset.driver === 'me'")
+    asked()
+    page.run("document.querySelector('#take').focus()")
+    page.keys(*[Keys.TAB] * times, Keys.ENTER)
+    page.wait("return document.querySelector('#ask').hidden")
+    assert page.run("return document.body.dataset.driver") == driver
+
+
+def test_question_over_a_dialog(page, gimbal, asked):
+    """It can be read and answered there, and asked again."""
+    page.find("#take").click()
+    page.wait("return document.body.dataset.driver === 'me'")
+    page.find("#help").click()
+    page.wait("return document.querySelector('dialog[open]')")
+    for _ in range(2):
+        asked()
+        page.button("Keep", "#ask").click()
+        page.wait("return document.querySelector('#ask').hidden")
+    assert page.run("return document.querySelector('dialog[open]') !== null")
+    asked()
+    page.run("document.querySelector('dialog').close()")
+    page.wait("return !document.querySelector('dialog')")
+    page.run("other.close()")
+    page.wait("return document.querySelector('#ask').hidden")
+
+
+def test_control_that_does_not_come(page, gimbal):
+    """Nobody has it, and the board says nothing: the page makes nobody up."""
+    page.run("const { send } = WebSocket.prototype; WebSocket.prototype.send = function (text) {"
+             " if (!text.includes('\"take\"')) send.call(this, text); }")
+    hold_stick(page)
+    page.wait("return document.querySelector('#alerts').textContent ==="
+              " 'The board has not given you control yet: try again.'")
+    page.actions.release().perform()
+
+
+# --- Two fingers ---------------------------------------------------------------------------------
+
+class Thumb:
+    """A thumb that holds the stick of a page, and another finger beside it."""
+
+    def __init__(self, page, gimbal):
+        self.page = page
+        page.cdp("Emulation.setTouchEmulationEnabled", enabled=True, maxTouchPoints=5)
+        x, y = self._middle("#stick")
+        self.held = [{"x": x + 40, "y": y, "id": 0}]
+        self._touch("touchStart", {"x": x, "y": y, "id": 0})
+        self._touch("touchMove", *self.held)
+        gimbal.wait_moves()
+        page.hear()
+
+    def _middle(self, selector):
+        return self.page.run("const box = document.querySelector(arguments[0])"
+                             ".getBoundingClientRect(); return [box.x + box.width / 2,"
+                             " box.y + box.height / 2]", selector)
+
+    def _touch(self, kind, *points):
+        self.page.cdp("Input.dispatchTouchEvent", type=kind, touchPoints=list(points))
+
+    def tap(self, selector, right=0, down=0):
+        """The other finger's tap; it is lifted so far from where it landed."""
+        x, y = self._middle(selector)
+        self._touch("touchStart", *self.held, {"x": x, "y": y, "id": 1})
+        landed = {"x": x + right, "y": y + down, "id": 1}
+        if right or down:
+            self._touch("touchMove", *self.held, landed)
+        time.sleep(0.1)
+        self._touch("touchEnd", landed)
+
+    def let_go(self):
+        self._touch("touchEnd", *self.held)
+        self.held = []
+
+    def commanded(self, count=1):
+        """The page's commands once there are so many, and no more come."""
+        self.page.wait("return window.said.filter(({ type }) => type === 'command').length >="
+                       " arguments[0]", count)
+        time.sleep(0.5)
+        return [" ".join(one["words"]) for one in self.page.said("command")]
+
+
+@pytest.fixture
+def thumb(own_page, gimbal):
+    """In a browser of its own: touch emulation that was switched off does not come back."""
+    return Thumb(own_page, gimbal)
+
+
+def test_button_beside_a_held_stick(gimbal, thumb):
+    """Each tap counts once, and the stick goes on."""
+    at = time.time()
+    thumb.tap("#shot")
+    assert thumb.commanded() == ["shot"]
+    thumb.tap("#shot")
+    assert thumb.commanded(2) == ["shot"] * 2
+    assert all(any(speed) for moment, speed in gimbal.speeds if moment > at)
+    thumb.let_go()
+    gimbal.wait_zero()
+    thumb.tap("#shot")
+    assert thumb.commanded(3) == ["shot"] * 3
+
+
+def test_finger_that_leaves_a_button(thumb):
+    thumb.tap("#shot", down=-120)
+    time.sleep(0.5)
+    assert thumb.commanded(0) == []
+
+
+def test_picture_beside_a_held_stick(film, gimbal, thumb):
+    """Tap to focus, drag to track."""
+    thumb.page.picture()
+    thumb.page.wait("return document.querySelector('#stale').textContent === ''")
+    at = time.time()
+    thumb.tap("#touch")
+    assert thumb.commanded() == ["focus 0.5 0.5"]
+    thumb.tap("#touch", right=80, down=-60)
+    start, = thumb.commanded(2)[1:]
+    assert start.startswith("tracking start 0.5 "), start
+    assert all(any(speed) for moment, speed in gimbal.speeds if moment > at)
 
 
 # What two people do who both want it: they take, drive, and let go, on and on.
@@ -364,11 +585,11 @@ window.drove = 0;
 const mine = () => document.body.dataset.driver === "me";
 const other = () => document.body.dataset.driver === "other";
 window.fight = setInterval(() => {
-  const yes = [...document.querySelectorAll("dialog button")].find((one) =>
-    one.textContent === "Hand over");
-  if (yes) yes.click();
-  else if (mine()) { window.drove += 1; document.querySelector("#take").click(); }
-  else if (!document.querySelector("dialog")) document.querySelector("#take").click();
+  if (!document.querySelector("#ask").hidden) document.querySelector("#grant").click();
+  else {
+    if (mine()) window.drove += 1;
+    document.querySelector("#take").click();
+  }
 }, arguments[0]);
 """
 
@@ -388,8 +609,7 @@ def test_two_browsers_fight_for_the_lease(page, gimbal, web, chromiums):
     wait_until(lambda: sum(one.run("return document.body.dataset.driver === 'me'")
                            for one in (page, other)) <= 1, 5, "one driver at most")
     other.close()
-    page.run("document.querySelector('dialog')?.close();"
-             "document.body.dataset.driver !== 'me' && document.querySelector('#take').click()")
+    page.run("document.body.dataset.driver !== 'me' && document.querySelector('#take').click()")
     hold_stick(page)
     gimbal.wait_moves()
     page.actions.release().perform()

@@ -109,6 +109,64 @@ def test_live_edge_bears_jitter(module):
     assert module("live-edge", PLAY, 0.08, 35, 300)["fastest"] == 1
 
 
+# A decoder that notes what it is given, behind a browser that thinks until answer() is called.
+DECODER = """
+window.fed = [];
+window.answers = [];
+window.answer = async (supported) => {
+  answers.shift()({ supported });
+  await new Promise((resolve) => setTimeout(resolve));
+};
+window.EncodedVideoChunk = class { constructor(init) { Object.assign(this, init); } };
+window.VideoDecoder = class {
+  static isConfigSupported = () => new Promise((resolve) => answers.push(resolve));
+  state = "unconfigured";
+  decodeQueueSize = 0;
+  configure({ codec }) { this.state = "configured"; this.codec = codec; }
+  decode({ timestamp }) {
+    this.decodeQueueSize += 1;
+    fed.push(`${this.codec}${timestamp / 1000}`);
+  }
+  close() { this.state = "closed"; }
+};
+const player = new m.CodecsPlayer({ canvas: document.createElement("canvas") }, {});
+const push = (number, key = false) => player.push({ number, key, bytes: new Uint8Array(1) });
+"""
+
+
+def decoded(module, body):
+    return module("video-webcodecs", f"{DECODER} return (async () => {{ {body}; return fed; }})()")
+
+
+def test_pictures_wait_for_the_decoder(module):
+    """From the key picture on, in their order."""
+    assert decoded(module, "player.configure({ codec: 'a' }); push(1); push(2, true); push(3);"
+                           "await answer(true); push(4)") == ["a2", "a3", "a4"]
+
+
+def test_many_pictures_wait_for_the_decoder(module):
+    """All that is kept for who joins; of too many, those from the next key picture on."""
+    pushes = ("player.configure({ codec: 'a' }); push(0, true);"
+              "for (let n = 1; n < count; ++n) push(n);")
+    all_kept = decoded(module, "const count = 600;" + pushes + "await answer(true)")
+    assert all_kept == [f"a{number}" for number in range(600)]
+    assert decoded(module, "const count = 601;" + pushes + "push(700, true); push(701);"
+                           "await answer(true)") == ["a700", "a701"]
+
+
+def test_pictures_of_another_stream(module):
+    """Neither the decoder nor the pictures of the one before it come into it."""
+    assert decoded(module, "player.configure({ codec: 'a' }); await answer(true); push(1, true);"
+                           "player.configure({ codec: 'b' }); push(2, true);"
+                           "player.configure({ codec: 'c' }); push(3, true); await answer(false);"
+                           "await answer(true); push(4)") == ["a1", "c3", "c4"]
+
+
+def test_player_that_is_closed_while_the_browser_thinks(module):
+    assert decoded(module, "player.configure({ codec: 'a' }); push(1, true); player.close();"
+                           "await answer(true); push(2, true)") == []
+
+
 def test_boxes(module):
     """Times are found in both versions of their boxes, and nothing in what is cut short."""
     long = [0, 0, 0, 20, *b"tfdt", 1, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2]

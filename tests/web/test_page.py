@@ -134,6 +134,20 @@ def test_page_waits_for_what_does_not_come(without):
     browser.picture()
 
 
+@pytest.mark.parametrize("button, part", [("settings", "settings.js"), ("settings", "rc-map.js"),
+                                          ("help", "help.js"), ("more", "all-commands.js"),
+                                          ("snapshot", "snapshot.js")])
+def test_later_part_that_does_not_come(without, button, part):
+    """Who asked for it is told, and the rest goes on."""
+    with without(part) as browser:
+        browser.picture()
+        browser.wait("return document.querySelector('#foot').textContent !== ''")
+        browser.run(f"document.querySelector('#{button}').click()")
+        browser.wait("return document.querySelector('#alerts').textContent ==="
+                     " 'This part of the page did not come. Load the page again.'")
+        browser.picture()
+
+
 def test_what_others_put_into_the_page(page):
     """As a browser's extensions do: that it does not come is nothing to the page."""
     page.run("window.same = true; for (const [kind, where] of [['script', 'src'], ['link', 'href']])"
@@ -404,6 +418,38 @@ return { bad, count };
 """
 
 
+# Of the question to whoever drives: whether all of it can be read, what of it is cut off or too
+# small for a thumb, and what it lies over.
+QUESTION = """
+const box = (one) => one.getBoundingClientRect();
+const ask = document.querySelector("#ask");
+const small = [...ask.querySelectorAll("button")].filter((one) =>
+  box(one).width < 44 || box(one).height < 44).map(({ id }) => id);
+const { left, top, right, bottom } = box(ask);
+const out = left < 0 || top < 0 || right > innerWidth || bottom > innerHeight ||
+  ask.scrollWidth > ask.clientWidth || ask.scrollHeight > ask.clientHeight;
+const upright = innerHeight > innerWidth;
+const others = "#stick, #rollstick, #right button, #values > *" + (upright ? ", #picture" : "");
+const over = [...document.querySelectorAll(others)].filter((one) => one.checkVisibility() &&
+  box(one).left < right && left < box(one).right && box(one).top < bottom &&
+  top < box(one).bottom).map((one) => one.id || one.textContent);
+return { small, out, over };
+"""
+
+
+@pytest.mark.parametrize("dark", THEMES, ids=["dark", "light"])
+@pytest.mark.parametrize("size", SIZES, ids=lambda size: f"{size[0]}x{size[1]}")
+def test_question_is_in_nobodys_way(page, size, dark):
+    page.show(size, dark)
+    page.run("document.querySelector('#take').click();"
+             "window.other = new WebSocket(`ws://${location.host}/ws/control`)")
+    page.wait("return document.body.dataset.driver === 'me' && other.readyState === 1")
+    page.run("other.send('{\"type\":\"take\"}')")
+    page.wait("return document.querySelector('#ask').checkVisibility()")
+    assert page.run(QUESTION) == {"small": [], "out": False, "over": []}
+    assert page.run(CONTRAST)["bad"] == []
+
+
 @pytest.mark.parametrize("dark", THEMES, ids=["dark", "light"])
 def test_contrast(page, dark):
     for size in ((360, 640), (844, 390), (1920, 1080)):
@@ -424,10 +470,12 @@ def test_contrast(page, dark):
 @pytest.mark.parametrize("dark", THEMES, ids=["dark", "light"])
 def test_contrast_of_what_is_old(page, camera, film, dark):
     """Dimmed is not unreadable."""
+    page.find("#record").click()
+    page.wait("return document.body.classList.contains('recording')")
     camera.kill()
     film.close()
     page.wait("return document.querySelector('#attitude').classList.contains('stale') &&"
-              " document.querySelector('.value.stale') &&"
+              " document.querySelector('.value.stale') && document.querySelector('.rec.stale') &&"
               " document.querySelector('#stale').textContent",
               seconds=15)
     for size in ((360, 640), (844, 390)):
@@ -489,7 +537,8 @@ def test_live_regions(page):
     """What happens is spoken: politely what went well, at once what did not."""
     assert page.run("return document.querySelector('#toasts').getAttribute('aria-live')") == \
         "polite"
-    for selector, role in (("#alerts", "alert"), ("#stale", "status"), ("#who", "status")):
+    for selector, role in (("#alerts", "alert"), ("#asks", "alert"), ("#stale", "status"),
+                           ("#who", "status")):
         assert page.find(selector).get_attribute("role") == role
 
 

@@ -140,6 +140,58 @@ def test_joins_between_two_key_pictures(browser, web, films):
     assert -1 not in browser.ages("#video", 10)
 
 
+# A browser that takes its time to say what it can decode.
+SLOW_TO_SAY = """
+const { isConfigSupported } = VideoDecoder;
+VideoDecoder.isConfigSupported = async (config) => {
+  await new Promise((resolve) => setTimeout(resolve, 700));
+  return isConfigSupported.call(VideoDecoder, config);
+};
+"""
+
+
+def test_what_comes_while_the_browser_thinks(browser, web, films):
+    """With WebCodecs, the key picture is there before the decoder, and the next one far away."""
+    films(keys=500)
+    browser.open(web.address())
+    browser.picture()
+    time.sleep(limit(1.5))
+    script = browser.cdp("Page.addScriptToEvaluateOnNewDocument", source=SLOW_TO_SAY)
+    try:
+        begun = time.monotonic()
+        browser.open(web.address(SECURE_HOST))
+        assert browser.picture() == "#canvas"
+        assert time.monotonic() - begun < limit(5)
+        wait_until(lambda: max(browser.ages("#canvas", 10)) < limit(1000), 5, "a live picture")
+        assert browser.errors() == []
+    finally:
+        browser.cdp("Page.removeScriptToEvaluateOnNewDocument", identifier=script["identifier"])
+
+
+def test_decoder_that_gives_up(browser, web, films):
+    """The other player's picture is seen then, and what the first one left is not."""
+    first = films()
+    browser.open(web.address(SECURE_HOST))
+    assert browser.picture() == "#canvas"
+    browser.run("VideoDecoder.isConfigSupported = async () => ({ supported: false })")
+    first.close()
+    films(scale="1280:720")
+    browser.wait("return document.querySelector('#stage').dataset.player === 'mse' &&"
+                 " document.querySelector('#video').videoWidth === 1280", seconds=20)
+    assert browser.run("return ['#video', '#canvas'].map((one) =>"
+                       " document.querySelector(one).checkVisibility())") == [True, False]
+    assert -1 not in browser.ages("#video", 20)
+
+
+def test_whoever_watches_says_nothing(browser, web, film):
+    """But what keeps the connection."""
+    browser.open(web.address())
+    browser.picture()
+    browser.hear()
+    time.sleep(2)
+    assert {one["type"] for one in browser.run("return window.said")} == {"ping"}
+
+
 def test_loss(browser, web, bridge, film):
     """Two datagrams of a hundred are lost: what is shown is never torn, and goes on."""
     bridge.lose = lambda number: number % 50 == 0

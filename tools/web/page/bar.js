@@ -17,11 +17,14 @@ export function clock(seconds) {
   return whole < 3600 ? minutes : `${Math.floor(whole / 3600)}:${minutes}`;
 }
 
+const isOld = (state) => state.age("recording") > STALE_MS;
+
 /** Since when is told by the server; not for a recording that is older than the server. */
 function recording(state, link) {
-  const { on, since: began } = state.group("recording");
+  const { on, since: began, at } = state.group("recording");
   if (!on) return null;
-  const ran = began === undefined ? "" : ` ${clock((link.now() - began) / 1000)}`;
+  const until = isOld(state) ? at : link.now();
+  const ran = began === undefined ? "" : ` ${clock((until - began) / 1000)}`;
   return { text: `REC${ran}`, tone: "rec" };
 }
 
@@ -51,7 +54,7 @@ const connected = (group) => (state) => {
 
 // Name, what it is called in the bar, the group whose age counts (null: none), and its value.
 const CHIPS = [
-  ["recording", "", null, recording],
+  ["recording", "", "recording", recording],
   ["camera", "Camera", "camera", connected("camera")],
   ["video", "Video", "video", connected("video")],
   ["latency", "Latency", null, null],
@@ -82,7 +85,8 @@ export class Bar {
     this.server.hidden = this.link.open;
     say(this.server, this.link.open ? "" : "no connection to the board");
     for (const chip of this.#chips) this.#update(chip);
-    document.body.classList.toggle("recording", this.state.get("recording", "on") === true);
+    const records = this.state.get("recording", "on") === true && !isOld(this.state);
+    document.body.classList.toggle("recording", records);
   }
 
   #add(chip) {

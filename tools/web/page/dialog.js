@@ -2,9 +2,9 @@
 // button and a click beside it close it; the focus goes back to where it was.
 import { $, el, icon } from "./dom.js";
 
-/** What is told stands where the person is: everything outside of an open dialog is dead. */
+/** What is asked and told stands where the person is: outside of an open dialog all is dead. */
 function hear(place) {
-  place.append($("toasts"), $("alerts"));
+  place.append($("ask"), $("toasts"), $("alerts"));
 }
 
 /** Opens a dialog with a title and that content; returns the element. */

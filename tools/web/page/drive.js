@@ -1,4 +1,4 @@
-// A dead man's switch: the gimbal moves only while somebody holds a stick, a key or a lever of a
+// A dead man's switch: sticks, keys and levers move the gimbal only while somebody holds them on a
 // live page. Twenty times a second the newest speeds are sent; once nobody holds anything, zeros,
 // at once.
 import { memory } from "./dom.js";
@@ -52,12 +52,12 @@ export class Drive extends EventTarget {
     else if (this.#sources.delete(name)) this.#rest();
   }
 
-  /** Everybody lets go. Sources that are still pressed count again after they were released. */
-  stop() {
-    const moved = this.#sources.size > 0;
+  /** Everybody lets go. Sources that are still pressed count again after they were released. It is
+   *  said when something moved, or in any case: a command may move the gimbal, too. */
+  stop(said = this.moving) {
     this.#sources.clear();
     this.dispatchEvent(new Event("stop"));
-    if (moved) this.#rest();
+    if (said) this.#rest();
   }
 
   get moving() {

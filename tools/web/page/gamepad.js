@@ -1,8 +1,9 @@
 // A gamepad's sticks. Browsers go on reporting the last axes of a pad that has been lost, so a pad
 // counts only after it has been at rest once, and no longer than it shows signs of life.
 const DEAD = { in: 0.16, out: 0.1 };
-const SILENT_MS = 4000; // a stick held in a hand trembles; full deflections may stand still
-const FULL = 0.98;
+const SILENT_MS = 4000; // a stick held in a hand trembles
+const FULL = 0.98; // from there on it may stand still,
+const FULL_MS = 10_000; // for longer than the gimbal needs from one end of pan to the other
 
 export class Gamepad {
   #index = null;
@@ -10,12 +11,14 @@ export class Gamepad {
   #moved = false;
   #alive = { stamp: -1, at: 0 };
 
-  constructor(told) {
-    this.told = told; // is told of news in words
+  /** `told` is told of news in words; `pad` is the first one. */
+  constructor(told, pad) {
+    this.told = told;
     addEventListener("gamepadconnected", ({ gamepad }) => this.#connected(gamepad));
     addEventListener("gamepaddisconnected", ({ gamepad }) => {
       if (gamepad.index === this.#index) this.#lost("The gamepad is gone.");
     });
+    this.#connected(pad);
   }
 
   /** Its sticks as {pan, tilt, roll}; null while they rest or nothing is known of them. */
@@ -38,10 +41,8 @@ export class Gamepad {
 
   #lives(pad, far) {
     const now = performance.now();
-    if (pad.timestamp !== this.#alive.stamp || far >= FULL) {
-      this.#alive = { stamp: pad.timestamp, at: now };
-    }
-    if (now - this.#alive.at < SILENT_MS) return true;
+    if (pad.timestamp !== this.#alive.stamp) this.#alive = { stamp: pad.timestamp, at: now };
+    if (now - this.#alive.at < (far < FULL ? SILENT_MS : FULL_MS)) return true;
     this.#armed = false;
     this.told("The gamepad says nothing new: centre its sticks.");
     return false;

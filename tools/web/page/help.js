@@ -40,7 +40,8 @@ export function showHelp(drive, keys, theme, password) {
   open("Help", { class: "wide" },
     el("p", { textContent: "Tap the picture to focus, drag a rectangle to track what is in it; " +
       "without a pointer, all commands (m) have both. " +
-      "The gimbal moves only while a stick, a key or a lever is held." }),
+      "The gimbal moves only while a stick, a key or a lever is held, or as a command has told " +
+      "it to: Esc stops that, or a stick that is let go." }),
     el("h3", { textContent: "Sticks, keys and gamepad" }),
     slider("Fastest speed", drive.feel.most, (most) => (drive.tuning = { ...drive.feel, most })),
     slider("Curve (slow around rest)", drive.feel.curve,

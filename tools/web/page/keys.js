@@ -12,7 +12,7 @@ const SLOW = 0.3; // with Shift
 const types = (target) => target.closest?.("input, select, textarea, [contenteditable]") !== null;
 
 export class Keys {
-  #down = new Set();
+  #down = new Map(); // what is down, by its place: what a key is called changes with Shift
   #slow = false;
 
   /** `hold(axes or null)` drives; `actions` are functions by their keys. */
@@ -30,11 +30,12 @@ export class Keys {
   }
 
   #pressed(event) {
+    if (event.key === "Escape") return this.actions.Escape(); // whatever is open
     if (event.ctrlKey || event.altKey || event.metaKey || isOpen() || types(event.target)) return;
     this.#slow = event.shiftKey;
     if (DRIVES[event.key]) {
       event.preventDefault();
-      if (!event.repeat) this.#down.add(event.key);
+      if (!event.repeat) this.#down.set(event.code, event.key);
       this.#sum();
     } else if (!event.repeat && this.#acts(event)) {
       event.preventDefault();
@@ -42,7 +43,7 @@ export class Keys {
   }
 
   #acts(event) {
-    if (!this.letters && event.key !== "Escape") return false;
+    if (!this.letters) return false;
     // The space bar belongs to the button that has the focus.
     if (event.key === " " && event.target.closest("button, a, [tabindex]")) return false;
     const action = this.actions[event.key];
@@ -52,14 +53,14 @@ export class Keys {
 
   #released(event) {
     if (event.key === "Shift") this.#slow = false;
-    this.#down.delete(event.key);
+    this.#down.delete(event.code);
     this.#sum();
   }
 
   #sum() {
     if (this.#down.size === 0) return this.hold(null);
     const axes = { pan: 0, tilt: 0, roll: 0 };
-    for (const key of this.#down) {
+    for (const key of this.#down.values()) {
       for (const [axis, way] of Object.entries(DRIVES[key])) {
         axes[axis] += way * (this.#slow ? SLOW : 1);
       }

@@ -1,12 +1,11 @@
 // Who drives. One browser at a time has the lease; the others watch, see who has it and can ask.
 import { $, mark, say } from "./dom.js";
-import { confirm } from "./dialog.js";
 import { tell } from "./toast.js";
 
 const HEARTBEAT_MS = 900;
 
 export class Lease extends EventTarget {
-  #asked = null; // whose wish the holder is being asked about
+  #asked = null; // who wants it from whoever has it
 
   constructor(link, state) {
     super();
@@ -21,6 +20,8 @@ export class Lease extends EventTarget {
     link.addEventListener("close", () => this.#holds({ holder: null, name: "" }));
     setInterval(() => this.mine && link.send({ type: "heartbeat" }), HEARTBEAT_MS);
     $("take").addEventListener("click", () => this.toggle());
+    $("grant").addEventListener("click", () => link.send({ type: "grant", to: this.#asked }));
+    $("keep").addEventListener("click", () => link.send({ type: "deny" }));
     this.#show();
   }
 
@@ -38,6 +39,7 @@ export class Lease extends EventTarget {
   refusal() {
     if (!this.link.open) return "There is no connection to the board.";
     if (this.role !== "operator") return "You are logged in to watch only.";
+    if (this.holder === null) return "The board has not given you control yet: try again.";
     return `${this.name || this.holder} drives. Ask for control first.`;
   }
 
@@ -80,20 +82,12 @@ export class Lease extends EventTarget {
       tell("You no longer drive.");
       this.dispatchEvent(new Event("lost"));
     }
-    if ("asked_by" in news) this.#ask(news.asked_by ?? null);
+    if ("asked_name" in news) {
+      this.#asked = news.asked_by;
+      say($("asks"), this.#asked ? `${news.asked_name || this.#asked} asks for control.` : "");
+    }
     this.#show();
     this.dispatchEvent(new Event("change"));
-  }
-
-  async #ask(who) {
-    if (!this.mine || who === null || who === this.#asked) {
-      this.#asked = who;
-      return;
-    }
-    this.#asked = who;
-    const yes = await confirm("Hand over?", `${who} asks for control of the camera.`, "Hand over");
-    this.link.send(yes ? { type: "grant", to: who } : { type: "deny" });
-    this.#asked = null;
   }
 
   #show() {
@@ -102,6 +96,7 @@ export class Lease extends EventTarget {
     say($("who"), this.mine ? "You drive"
       : free ? "Nobody drives" : `${this.name || this.holder} drives`);
     say($("take"), this.mine ? "Release" : free ? "Drive" : "Ask");
+    $("ask").hidden = !(this.mine && this.#asked); // takes no focus: whoever pans goes on
     $("take").disabled = watches || !this.link.open;
     mark(document.body, "data-driver", this.mine ? "me" : free ? "none" : "other");
   }

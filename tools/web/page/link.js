@@ -4,7 +4,7 @@
 const RETRY_MS = [300, 600, 1200, 2500];
 const PING_MS = 1000;
 const SILENT_MS = 3500; // pings are answered; a socket that says nothing for so long is dead
-const ANSWER_MS = 4000;
+const ANSWER_MS = 4000; // the board refuses what has waited for 3 s
 const CLOCK_SAMPLES = 10;
 const LOG_IN_AGAIN = 4001;
 const LOG_IN = "/login?ended=1"; // which says why
@@ -57,7 +57,7 @@ export class Link extends EventTarget {
       const late = setTimeout(() => {
         this.#waiting.delete(id);
         resolve({ ok: false, text: "The board has not answered." });
-      }, message.patience ?? ANSWER_MS);
+      }, ANSWER_MS);
       this.#waiting.set(id, { resolve, late });
     });
   }

@@ -3,7 +3,6 @@ import { Bar } from "./bar.js";
 import { Commands } from "./commands.js";
 import { $, mark, memory, say } from "./dom.js";
 import { Drive } from "./drive.js";
-import { Gamepad } from "./gamepad.js";
 import { Keys } from "./keys.js";
 import { Lease } from "./lease.js";
 import { Link } from "./link.js";
@@ -27,12 +26,12 @@ new Overlay(link, state, video, commands);
 
 // --- Driving -------------------------------------------------------------------------------------
 
-const gamepad = new Gamepad(tell);
+let gamepad = null; // fetched with the first
 const sticks = [
   new Stick($("stick"), ["pan", "tilt"], (axes) => drive.hold("stick", axes)),
   new Stick($("rollstick"), ["roll"], (axes) => drive.hold("rollstick", axes)),
 ];
-drive.poll("gamepad", () => gamepad.read());
+drive.poll("gamepad", () => gamepad?.read());
 drive.addEventListener("refused", ({ detail }) => warn(detail));
 
 // --- What buttons and keys do --------------------------------------------------------------------
@@ -49,53 +48,48 @@ function fullScreen() {
   done?.catch(() => warn("The browser allows no full screen here."));
 }
 
-function save() {
-  const canvas = video.still();
-  if (!canvas) return warn("There is no picture to save.");
-  const stamp = new Date().toISOString().replace(/[-:]/g, "").slice(0, 15);
-  return canvas.toBlob((blob) => {
-    const anchor = document.createElement("a");
-    anchor.href = URL.createObjectURL(blob);
-    anchor.download = `nimbus-${stamp}.png`;
-    anchor.click();
-    setTimeout(() => URL.revokeObjectURL(anchor.href), 10_000);
-    tell(`Saved ${anchor.download}.`);
-  }, "image/png");
-}
-
 function theme() {
   const next = document.documentElement.dataset.theme === "dark" ? "light" : "dark";
   memory.set("theme", next);
   document.documentElement.dataset.theme = next;
 }
 
-async function showSettings() {
-  if (!tables) return;
-  const { Settings } = await import("./settings.js");
-  new Settings(link, state, lease, tables).show();
-}
-
-const help = async () => (await import("./help.js")).showHelp(drive, keys, theme, tables?.password);
-const all = async () => (await import("./all-commands.js")).showCommands(commands);
+// What is fetched when it is first asked for. A browser may not ask again for what failed once.
+const missing = () => warn("This part of the page did not come. Load the page again.");
+const settings = () => tables && import("./settings.js")
+  .then(({ Settings }) => new Settings(link, state, lease, tables).show(), missing);
+const help = () => import("./help.js")
+  .then(({ showHelp }) => showHelp(drive, keys, theme, tables?.password), missing);
+const all = () => import("./all-commands.js")
+  .then(({ showCommands }) => showCommands(commands), missing);
+const save = () => import("./snapshot.js").then((one) => one.save(video), missing);
+addEventListener("gamepadconnected", ({ gamepad: pad }) => import("./gamepad.js")
+  .then(({ Gamepad }) => (gamepad = new Gamepad(tell, pad)), missing), { once: true });
 
 const keys = new Keys((axes) => drive.hold("keys", axes), {
   " ": shoot, r: record, c: () => commands.run("gimbal centre"), f: fullScreen, "?": help, d: theme,
   b: () => commands.run("gimbal selfie"), l: lock, t: () => commands.run("tracking stop"), m: all,
-  p: save, i: () => document.body.classList.toggle("bare"), Escape: () => drive.stop(),
+  p: save, i: () => document.body.classList.toggle("bare"), Escape: () => drive.stop(true),
 });
 
 drive.addEventListener("stop", () => {
   sticks.forEach((stick) => stick.release());
   keys.release();
-  gamepad.disarm();
+  gamepad?.disarm();
 });
 
 const CLICKS = {
   record, shot: () => commands.run("shot"), centre: () => commands.run("gimbal centre"),
   selfie: () => commands.run("gimbal selfie"), lock, more: all, help, theme, full: fullScreen,
-  snapshot: save, settings: showSettings, play: () => video.play(),
+  snapshot: save, settings, play: () => video.play(),
 };
 for (const [id, act] of Object.entries(CLICKS)) $(id).addEventListener("click", act);
+
+// A tap beside a finger that is down, as on a stick, is no click for browsers.
+addEventListener("pointerup", ({ isPrimary, target, clientX, clientY }) => {
+  const button = !isPrimary && target.closest("button");
+  if (button && button.contains(document.elementFromPoint(clientX, clientY))) button.click();
+});
 
 // --- What follows the state ----------------------------------------------------------------------
 

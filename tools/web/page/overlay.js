@@ -21,7 +21,7 @@ const clamp = (value) => Math.min(1, Math.max(0, value));
 const part = (value) => String(Math.round(1e4 * clamp(value)) / 1e4);
 
 export class Overlay {
-  #from = null; // where the pointer went down
+  #from = null; // where a pointer went down, and which
 
   constructor(link, state, video, commands) {
     this.link = link;
@@ -37,7 +37,9 @@ export class Overlay {
     touch.addEventListener("pointerdown", (event) => this.#down(event));
     touch.addEventListener("pointermove", (event) => this.#move(event));
     touch.addEventListener("pointerup", (event) => this.#up(event));
-    touch.addEventListener("pointercancel", () => this.#end());
+    for (const end of ["pointercancel", "lostpointercapture"]) {
+      touch.addEventListener(end, (event) => this.#is(event) && this.#end());
+    }
     this.#fit();
     this.#age();
   }
@@ -130,21 +132,25 @@ export class Overlay {
       width: Math.abs(this.#from.x - to.x), height: Math.abs(this.#from.y - to.y) };
   }
 
+  #is(event) {
+    return this.#from?.pointer === event.pointerId;
+  }
+
   #down(event) {
-    if (event.button !== 0 || !event.isPrimary) return;
+    if (event.button !== 0 || this.#from) return;
     $("touch").setPointerCapture(event.pointerId);
-    this.#from = this.#at(event);
+    this.#from = { ...this.#at(event), pointer: event.pointerId };
   }
 
   #move(event) {
-    if (!this.#from) return;
+    if (!this.#is(event)) return;
     const rectangle = this.#rectangle(event);
     $("drag").hidden = rectangle.width < TAP || rectangle.height < TAP;
     place($("drag"), rectangle);
   }
 
   #up(event) {
-    if (!this.#from) return;
+    if (!this.#is(event)) return;
     const { x, y, width, height } = this.#rectangle(event);
     this.#end();
     if (width < TAP && height < TAP) this.focus(x, y);

@@ -6,11 +6,10 @@ const SHOWN_AT_FIRST = 16;
 const LEAST = 800; // raw values of a channel, in microseconds of its pulses
 const MOST = 2200;
 
-function channel(number, words, now) {
+function channel(number, words) {
   const select = el("select", { "aria-label": `Channel ${number} drives` },
     el("option", { value: "", textContent: "nothing" }),
     ...words.map((word) => el("option", { value: word, textContent: word })));
-  select.value = now ?? "";
   const bar = el("meter", { min: LEAST, max: MOST, "aria-label": `Channel ${number} now` });
   return { select, bar, value: el("output", {}), number };
 }
@@ -18,11 +17,14 @@ function channel(number, words, now) {
 /** The map as a part of the settings. */
 export function rcMap(settings) {
   const { choices } = settings.row("rcin_map").arguments[0];
-  const now = String(settings.state.get("settings", "rcin_map") ?? "").split(",");
-  const channels = Array.from({ length: CHANNELS }, (_, i) => channel(i + 1, choices, now[i]));
+  const channels = Array.from({ length: CHANNELS }, (_, i) => channel(i + 1, choices));
   const lines = channels.map(({ number, select, bar, value }) => el("li",
-    { hidden: number > SHOWN_AT_FIRST && !select.value },
-    el("span", { textContent: number }), select, bar, value));
+    { hidden: number > SHOWN_AT_FIRST }, el("span", { textContent: number }), select, bar, value));
+  channels.forEach(({ select }, i) => settings.fillIn(select, () => {
+    const map = String(settings.state.get("settings", "rcin_map") ?? "");
+    select.value = map.split(",")[i] ?? "";
+    if (select.value) lines[i].hidden = false;
+  }));
   const list = el("ol", { class: "channels", "aria-label": "Channels" }, ...lines);
 
   const live = () => {

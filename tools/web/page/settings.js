@@ -58,6 +58,7 @@ const WITHIN = ["rcin_pan", "rcin_tilt", "rcin_dutch", "osd_top_offset", "osd_bo
 export class Settings {
   #table;
   #wifi;
+  #fills = [];
 
   /** `tables`: "settings" and "wifi" of the server's hello. */
   constructor(link, state, lease, tables) {
@@ -79,7 +80,25 @@ export class Settings {
     const receiver = parts[GROUPS.findIndex(([title]) => title === "RC receiver")];
     if (this.row("rcin_map")) receiver.append(rcMap(this));
     parts.push(wireless(this, this.#wifi));
-    return open("Settings", { class: "wide", id: "settings-dialog" }, ...parts);
+    const dialog = open("Settings", { class: "wide", id: "settings-dialog" }, ...parts);
+    let seen = this.state.get("settings", "at");
+    const follow = () => {
+      const at = this.state.get("settings", "at");
+      if (at !== seen) this.#fills.forEach((fill) => fill());
+      seen = at;
+    };
+    this.state.addEventListener("change", follow);
+    dialog.addEventListener("close", () => this.state.removeEventListener("change", follow));
+    return dialog;
+  }
+
+  /** `fill` writes into a field what the board reports: now, and again with every report until
+   *  somebody has touched the field. */
+  fillIn(field, fill) {
+    let touched = false;
+    for (const kind of ["input", "change"]) field.addEventListener(kind, () => (touched = true));
+    this.#fills.push(() => touched || fill());
+    fill();
   }
 
   /** Changes a setting, which people know by its label, and says whether the members of the
@@ -121,7 +140,7 @@ export class Settings {
     const fields = row.arguments.map((value, i) => {
       const many = row.arguments.length > 1;
       const made = field(value, many ? `${label}: ${value.name.toLowerCase()}` : label);
-      if (members[i]) made.set(this.#read(members[i]));
+      if (members[i]) this.fillIn(made.element, () => made.set(this.#read(members[i])));
       return { ...made, name: value.name.toLowerCase(), many };
     });
     const send = () => {

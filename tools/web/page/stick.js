@@ -8,6 +8,7 @@ const NUDGE = { ArrowLeft: [-1, 0], ArrowRight: [1, 0], ArrowUp: [0, 1], ArrowDo
 export class Stick {
   #pointer = null;
   #moved = false;
+  #nudge = null; // the place of the key that is down
 
   /** `axes`: two names, right and up, or one. `on(axes or null)` is told of every change. */
   constructor(element, axes, on) {
@@ -22,7 +23,7 @@ export class Stick {
     }
     element.addEventListener("contextmenu", (event) => event.preventDefault());
     element.addEventListener("keydown", (event) => this.#key(event));
-    element.addEventListener("keyup", (event) => NUDGE[event.key] && this.release());
+    element.addEventListener("keyup", (event) => event.code === this.#nudge && this.release());
     element.addEventListener("blur", () => this.release());
   }
 
@@ -31,6 +32,7 @@ export class Stick {
       this.element.releasePointerCapture(this.#pointer);
     }
     this.#pointer = null;
+    this.#nudge = null;
     this.#moved = false;
     this.#show(0, 0);
     this.on(null);
@@ -72,6 +74,7 @@ export class Stick {
     if (!way || event.ctrlKey || event.altKey || event.metaKey) return;
     event.preventDefault();
     event.stopPropagation();
+    this.#nudge = event.code;
     const [x, y] = this.axes.length < 2 ? [way[0] || way[1], 0] : way;
     this.#show(x / 2, y / 2);
     this.on(this.#named(x / 2, y / 2));

@@ -65,7 +65,6 @@ export class MsePlayer {
     source.addEventListener("startstreaming", () => (this.#wanted = true));
     source.addEventListener("endstreaming", () => (this.#wanted = false));
     source.addEventListener("sourceopen", () => this.#opened(source), { once: true });
-    this.element.hidden = false;
     this.element.disableRemotePlayback = true;
     if (window.ManagedMediaSource) {
       this.element.srcObject = source;

@@ -2,6 +2,8 @@
 // secure contexts only.
 
 const MOST_WAITING = 12; // pictures in the decoder before it counts as stuck
+const MOST_HELD = 600; // pictures: as many as the board keeps
+const JOINS_MS = 3000; // in which what was before is decoded
 
 export class CodecsPlayer {
   static kind = "webcodecs";
@@ -9,6 +11,8 @@ export class CodecsPlayer {
   static available = () => typeof VideoDecoder === "function";
 
   #decoder = null;
+  #held = null; // what comes while the browser says whether it can
+  #joins = 0; // until when
   #needsKey = true;
   #pending = new Map(); // what belongs to a decoded picture, by its time stamp
 
@@ -21,26 +25,32 @@ export class CodecsPlayer {
 
   /** Begins a stream; false when the browser cannot decode it. */
   async configure({ codec }) {
+    this.#end(); // the pictures from here on are not for it
+    const held = (this.#held = []);
     const config = { codec, optimizeForLatency: true };
     const { supported } = await VideoDecoder.isConfigSupported(config).catch(() => ({}));
+    if (held !== this.#held) return true; // closed, or another stream has begun
+    this.#held = null;
     if (!supported) return false;
-    this.#end();
     this.#needsKey = true;
+    this.#joins = performance.now() + JOINS_MS;
     this.#decoder = new VideoDecoder({
       output: (frame) => this.#draw(frame),
       error: () => this.failed(false),
     });
     this.#decoder.configure(config);
-    this.element.hidden = false;
+    held.forEach((picture) => this.push(picture));
     return true;
   }
 
   initialise() {}
 
   push(picture) {
+    if (this.#held?.length === MOST_HELD) this.#held.length = 0; // on with the next key picture
+    if (this.#held) return void this.#held.push(picture);
     if (this.#decoder?.state !== "configured") return;
     if (this.#needsKey && !picture.key) return;
-    if (this.#decoder.decodeQueueSize > MOST_WAITING) {
+    if (this.#decoder.decodeQueueSize > MOST_WAITING && performance.now() > this.#joins) {
       // Slower than the camera: on with the next key picture instead of later and later.
       this.#needsKey = true;
       return;
@@ -69,6 +79,7 @@ export class CodecsPlayer {
   #end() {
     if (this.#decoder && this.#decoder.state !== "closed") this.#decoder.close();
     this.#decoder = null;
+    this.#held = null;
     this.#pending.clear();
   }
 

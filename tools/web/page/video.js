@@ -8,7 +8,6 @@ const HEADER = 16;
 const INITIALISATION = 1;
 const PICTURE = 2;
 const RETRY_MS = [300, 600, 1200, 2500];
-const SHOWN_MS = 500; // the server is told no more often
 
 /** One binary message; `time` in ms of the server's clock. */
 function parse(buffer) {
@@ -28,7 +27,6 @@ export class Video extends EventTarget {
   #player = null;
   #socket = null;
   #tries = 0;
-  #told = 0;
   #late = []; // latencies of the pictures of the last second, in ms
 
   /** `elements`: the video and the canvas of the page; `clock()`: the server's time in ms. */
@@ -73,17 +71,6 @@ export class Video extends EventTarget {
     return undefined;
   }
 
-  /** What is on the screen, as a canvas of the picture's own size; null when there is none. */
-  still() {
-    const source = this.#player?.element;
-    if (!source || !this.size) return null;
-    const canvas = document.createElement("canvas");
-    canvas.width = this.size.width;
-    canvas.height = this.size.height;
-    canvas.getContext("2d").drawImage(source, 0, 0, canvas.width, canvas.height);
-    return canvas;
-  }
-
   /** Plays on after the browser wanted a person's consent. */
   play() {
     this.#player?.play?.();
@@ -111,7 +98,9 @@ export class Video extends EventTarget {
     if (!message.codec) return this.#because("kind");
     const socket = this.#socket;
     const able = await this.#player.configure(message);
-    if (!able && socket === this.#socket) this.#fail(true);
+    if (socket !== this.#socket) return undefined;
+    if (!able) return this.#fail(true);
+    for (const one of Object.values(this.elements)) one.hidden = one !== this.#player.element;
     return undefined;
   }
 
@@ -123,10 +112,6 @@ export class Video extends EventTarget {
     if (clock !== null) this.#late.push({ at: now, ms: Math.max(0, clock - picture.time) });
     if (this.#late.length > 200) this.#late.splice(0, 100);
     this.#because(null);
-    if (now - this.#told > SHOWN_MS && this.#socket.readyState === WebSocket.OPEN) {
-      this.#told = now;
-      this.#socket.send(JSON.stringify({ type: "shown", number: picture.number }));
-    }
     this.dispatchEvent(new Event("picture"));
   }
 

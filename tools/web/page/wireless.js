@@ -49,7 +49,7 @@ function network(settings, rows, [prefix, title, verb]) {
     const kind = row.name.slice(prefix.length + 1);
     const label = LABELS[kind] ?? kind;
     const made = field({ ...row, secret: kind === "psk" }, `${title}: ${label}`);
-    made.set(reported(settings, row.name));
+    settings.fillIn(made.element, () => made.set(reported(settings, row.name)));
     fields.set(row.name, { ...made, label: `${title}: ${label}`, row });
     return el("label", {}, el("span", { textContent: label }), made.element);
   });
