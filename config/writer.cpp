@@ -91,8 +91,8 @@ std::size_t saved_length = 0;
 bool keep_unread_settings() {
   if (!config_unread && access(kCardUnread, F_OK) != 0) return true;
   if (saved_length > 0 && file_holds(CARD_FILE, {saved.data(), saved_length})) return true;
-  return keep_copy(CARD_FILE, has_copy(CARD_FILE, kFirstKeptSuffix) ? kLastKeptSuffix
-                                                                    : kFirstKeptSuffix);
+  return keep_copy(CARD_FILE,
+                   has_copy(CARD_FILE, kFirstKeptSuffix) ? kLastKeptSuffix : kFirstKeptSuffix);
 }
 
 /// Refused: the file cannot be opened. Failed or torn: there was no room for the text, or for a

@@ -22,10 +22,11 @@ inline constexpr std::size_t kMaxViewers = 10;
 /// A viewer that has not registered again for longer than this is lost.
 inline constexpr std::uint32_t kViewerTimeoutMs = 5000;
 
-/// One slot of the viewer table. `address` is the slot's ownership, written before `tenancy` when it
-/// fills (and both behind the rest) and last when it empties; `tenancy` is its visibility to broadcasts, written last when it fills and
-/// first when it empties. No two of 65,536 tenancies in a row are equal, so that whoever looked at
-/// one viewer cannot empty the slot of the next, be it one with the same port.
+/// One slot of the viewer table. `address` is the slot's ownership, written before `tenancy` when
+/// it fills (and both behind the rest) and last when it empties; `tenancy` is its visibility to
+/// broadcasts, written last when it fills and first when it empties. No two of 65,536 tenancies in
+/// a row are equal, so that whoever looked at one viewer cannot empty the slot of the next, be it
+/// one with the same port.
 struct ViewerClient {
   Shared<in_addr_t> address;           ///< network byte order; 0: the slot is free
   Shared<std::uint32_t> tenancy;       ///< a count, and the port in its low 16 bits; 0: not served
