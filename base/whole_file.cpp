@@ -181,6 +181,22 @@ bool has_copy(const char* path, std::string_view suffix) noexcept {
          stat(copy.data(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
 }
 
+bool copy_agrees(const char* path, std::string_view suffix) noexcept {
+  Path file;
+  Path copy;
+  if (!follow_links(path, file) || !join(file.data(), suffix, copy)) return false;
+  const UniqueFd one(open(file.data(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const UniqueFd other(open(copy.data(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!one || !other) return false;
+  Piece of_one;
+  Piece of_other;
+  for (;;) {
+    const std::string_view piece = next_piece(one.get(), of_one);
+    if (piece != next_piece(other.get(), of_other)) return false;
+    if (piece.empty()) return true;
+  }
+}
+
 bool file_holds(const char* path, std::string_view content) noexcept {
   // Without waiting: whatever may stand there, a pipe has nobody at its other end.
   const UniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));

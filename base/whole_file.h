@@ -30,6 +30,9 @@ enum class Replaced : std::uint8_t {
 /// Whether there is such a copy: a file with something in it. Any thread.
 [[nodiscard]] bool has_copy(const char* path, std::string_view suffix) noexcept;
 
+/// Whether there is such a copy, and it holds what the file does. Any thread.
+[[nodiscard]] bool copy_agrees(const char* path, std::string_view suffix) noexcept;
+
 /// Whether a file can be read and holds exactly that. Any thread.
 [[nodiscard]] bool file_holds(const char* path, std::string_view content) noexcept;
 

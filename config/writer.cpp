@@ -91,6 +91,10 @@ std::size_t saved_length = 0;
 bool keep_unread_settings() {
   if (!config_unread && access(kCardUnread, F_OK) != 0) return true;
   if (saved_length > 0 && file_holds(CARD_FILE, {saved.data(), saved_length})) return true;
+  // A save that failed behind the copy has left what was copied.
+  if (copy_agrees(CARD_FILE, kFirstKeptSuffix) || copy_agrees(CARD_FILE, kLastKeptSuffix)) {
+    return true;
+  }
   return keep_copy(CARD_FILE,
                    has_copy(CARD_FILE, kFirstKeptSuffix) ? kLastKeptSuffix : kFirstKeptSuffix);
 }

@@ -213,6 +213,23 @@ TEST_F(WholeFile, TellsWhetherThereIsACopy) {
   EXPECT_FALSE(has());
 }
 
+TEST_F(WholeFile, IsComparedWithItsCopy) {
+  const auto agrees = [&] { return copy_agrees(file_.c_str(), ".kept"); };
+  EXPECT_FALSE(agrees());
+  for (const std::string& text :
+       {std::string("one"), std::string(4096, 'x'), std::string(9000, 'x')}) {
+    write_file(file_, text);
+    EXPECT_FALSE(agrees());
+    write_file(file_.string() + ".kept", text);
+    EXPECT_TRUE(agrees());
+    write_file(file_.string() + ".kept", text + "x");
+    EXPECT_FALSE(agrees());
+    write_file(file_, text + "y");
+    EXPECT_FALSE(agrees());
+    fs::remove(file_.string() + ".kept");
+  }
+}
+
 /// Whether there is something to keep is not known then.
 TEST_F(WholeFile, WhatCannotBeSeenIsNotKept) {
   write_file(folder_ / "no folder", "");

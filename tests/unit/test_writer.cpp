@@ -381,6 +381,22 @@ TEST_F(UnreadCard, WhatWasKeptFirstStays) {
   EXPECT_EQ(read_file(kept.string() + ".last"), "elsewhere");
 }
 
+/// A card that is nearly full has no room for what is kept already.
+TEST_F(UnreadCard, IsKeptOnce) {
+  for (int i = 0; i < 2; ++i) {
+    for (const char* const found : {"home", "away"}) {
+      write_file(kCardFile, found);
+      EXPECT_EQ(config_save(), 0);
+    }
+  }
+  EXPECT_EQ(read_file(kept), "home");
+  EXPECT_EQ(read_file(kept.string() + ".last"), "away");
+  fs::remove(kept.string() + ".last");
+  write_file(kCardFile, "home");
+  EXPECT_EQ(config_save(), 0);
+  EXPECT_FALSE(fs::exists(kept.string() + ".last"));
+}
+
 /// A first save may have gone to the folder below the mount point.
 TEST_F(UnreadCard, AlsoWhenItComesLater) {
   fs::remove(kCardFile);
