@@ -341,6 +341,25 @@ def test_rules_whose_unit_has_failed(filtering, system_rules, tmp_path, rules):
         assert set(run("nft list tables").splitlines()) == {"table ip nimbus"} | others
 
 
+@pytest.mark.parametrize("units, stays", [
+    ("nimbus.service nimbus-filter.service", False), ("nimbus-web.service", True)])
+def test_removal_takes_rules_whose_unit_has_failed(filtering, tmp_path, units, stays):
+    """With their package, and no other."""
+    script, stop = tmp_path / "prerm", tmp_path / "deb-systemd-invoke"
+    script.write_text((INSTALL / "debian/prerm").read_text().replace("@UNITS@", units))
+    stop.write_text("#!/bin/sh\n")
+    stop.chmod(0o755)
+    systemd = pathlib.Path("/run/systemd/system")
+    systemd.mkdir(parents=True)
+    try:
+        subprocess.run(["sh", script, "remove"], check=True,
+                       env={**os.environ, "PATH": f"{tmp_path}:{os.environ['PATH']}"})
+    finally:
+        systemd.rmdir()
+        systemd.parent.rmdir()
+    assert ("table ip nimbus" in run("nft list tables")) == stays
+
+
 def test_rules_that_were_taken_away_on_purpose(filtering, system_rules):
     run(command_of_unit("ExecStop"))
     system_rules((INSTALL / "filter.nft").read_text())
