@@ -1,9 +1,11 @@
 """Steering with the page, and every way to let go: what counts is what comes out at the bridge."""
 
+import json
 import struct
 import subprocess
 import threading
 import time
+import urllib.request
 
 import pytest
 from selenium.webdriver.common.keys import Keys
@@ -133,10 +135,14 @@ def test_escape(page, gimbal):
     page.actions.key_up(Keys.ARROW_RIGHT).perform()
 
 
-def command_speed(page):
-    """As a person does who has found it among all commands; their dialog stays open."""
+def wait_linked(page):
     page.wait("return fetch('/api/state').then((answer) => answer.json()).then(({ service }) =>"
               " service.linked)")
+
+
+def command_speed(page):
+    """As a person does who has found it among all commands; their dialog stays open."""
+    wait_linked(page)
     page.find("#more").click()
     page.wait("return document.querySelector('dialog[open]')")
     page.run("const form = [...document.querySelectorAll('dialog form')].find((one) =>"
@@ -149,6 +155,21 @@ def test_escape_ends_what_a_command_moves(page, gimbal):
     """Also in the dialog in which it was commanded."""
     command_speed(page)
     gimbal.wait_moves()
+    page.keys(Keys.ESCAPE)
+    gimbal.wait_rest(time.time())
+
+
+def test_escape_ends_what_a_program_moves(page, web, gimbal):
+    """Nobody drives then."""
+    wait_linked(page)
+    order = json.dumps({"words": ["gimbal", "speed", "1", "0", "0"]}).encode()
+    with urllib.request.urlopen(urllib.request.Request(
+            web.address() + "api/command", data=order,
+            headers={"Content-Type": "application/json"}), timeout=5) as answer:
+        assert answer.status == 200
+    gimbal.wait_moves()
+    page.wait("return document.body.dataset.driver === 'none'")
+    time.sleep(0.3)  # until the page has heard of it
     page.keys(Keys.ESCAPE)
     gimbal.wait_rest(time.time())
 

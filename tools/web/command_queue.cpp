@@ -84,6 +84,10 @@ void CommandQueue::send_rest(Time now) {
   if (send_(rest_)) --rests_left_;
   taken_ = now + kPeriod;
   free_ = std::max(free_, taken_);
+  if (rests_left_ > 0 || awaited_ != Reply::report) return;
+  // It has taken the question's place, if the service was busy: it is put again.
+  waiting_.push_front({.text = question_, .awaits = awaited_});
+  free_ = taken_;
 }
 
 void CommandQueue::send_front(Time now) {
@@ -92,6 +96,7 @@ void CommandQueue::send_front(Time now) {
   const bool sent = send_(command.text);
   if (sent) ++sent_;
   awaited_ = command.awaits;
+  question_ = command.text;
   taken_ = now + kPeriod + command.busy;
   free_ = taken_ + patience(command.awaits);
   if (command.done) command.done(sent, sent ? "sent" : "the service does not answer");

@@ -85,6 +85,7 @@ class CommandQueue {
   std::string rest_;
   int rests_left_ = 0;
   Reply awaited_ = Reply::none;
+  std::string question_;  // what it answers
   std::uint64_t sent_ = 0;
 };
 

@@ -19,7 +19,8 @@ namespace {
 constexpr const char* kProgram = "program";
 
 // The camera tells of its recording several times a second: what it does in such a pause is unseen.
-constexpr std::chrono::seconds kUnseen{3};
+// In a shorter one, as of a bad link, nobody stops a recording and begins another.
+constexpr std::chrono::seconds kUnseen{10};
 
 std::string quoted_or_null(const std::optional<std::string>& text) {
   return text ? quoted(*text) : "null";
@@ -305,7 +306,8 @@ Hub::Result Hub::order(std::string_view text, Time now) {
     return {true, "taken"};
   } catch (const tools::Failure& failure) {
     ++orders_refused_;
-    // What it needs to know of the service is there for its next try.
+    // What it needs to know of the service is there for its next try. What came may be unreadable.
+    if (report_ == nullptr) settings_known_ = false;
     ask_for_settings(now);
     return {false, failure.what()};
   }

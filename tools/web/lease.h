@@ -19,14 +19,16 @@ class Lease {
   static constexpr std::chrono::seconds kDenied{5};
 
   /// Takes the lease if it is free, one's own, or its holder silent. Otherwise the answer is false,
-  /// and the holder is asked, unless he has just denied it.
+  /// and the holder is asked, unless he has just denied it, or is asked by somebody else: what he
+  /// answers is what he has read.
   bool take(const std::string& who, Time now) {
     if (!holder_ || *holder_ == who || silent(now)) {
       hold(who, now);
       return true;
     }
     const auto denied = denied_.find(who);
-    if (denied == denied_.end() || now - denied->second >= kDenied) asked_by_ = who;
+    const bool heard = denied == denied_.end() || now - denied->second >= kDenied;
+    if (heard && !asked_by_) asked_by_ = who;
     return false;
   }
 

@@ -172,8 +172,9 @@ void ControlPeer::on_take(const cJSON* /*message*/, Time now) {
     return;
   }
   if (hub_.lease_.take(name_, now)) return hub_.lease_changed(now);
-  if (hub_.lease_.asked_by() != name_) {
-    say_notice("Whoever drives has just kept the controls: ask again in a moment.");
+  if (const auto& asked_by = hub_.lease_.asked_by(); asked_by != name_) {
+    say_notice(asked_by ? "Somebody else asks for the controls already: ask again in a moment."
+                        : "Whoever drives has just kept the controls: ask again in a moment.");
   }
   hub_.tell_lease();
 }

@@ -44,10 +44,7 @@ export class Lease extends EventTarget {
   }
 
   toggle() {
-    if (this.mine) this.link.send({ type: "release" });
-    else if (this.link.send({ type: "take" }) && this.holder !== null) {
-      tell(`Asked ${this.name || this.holder} for control.`);
-    }
+    this.link.send({ type: this.mine ? "release" : "take" });
   }
 
   #comes(milliseconds) {
@@ -83,6 +80,9 @@ export class Lease extends EventTarget {
       this.dispatchEvent(new Event("lost"));
     }
     if ("asked_name" in news) {
+      if (news.asked_by === this.me && this.#asked !== this.me) {
+        tell(`Asked ${this.name || this.holder} for control.`);
+      }
       this.#asked = news.asked_by;
       say($("asks"), this.#asked ? `${news.asked_name || this.#asked} asks for control.` : "");
     }

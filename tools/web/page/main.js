@@ -66,10 +66,16 @@ const save = () => import("./snapshot.js").then((one) => one.save(video), missin
 addEventListener("gamepadconnected", ({ gamepad: pad }) => import("./gamepad.js")
   .then(({ Gamepad }) => (gamepad = new Gamepad(tell, pad)), missing), { once: true });
 
+function stop() {
+  // What a program moves ends when somebody takes control.
+  if (state.get("driving", "moving")) lease.need();
+  drive.stop(true);
+}
+
 const keys = new Keys((axes) => drive.hold("keys", axes), {
   " ": shoot, r: record, c: () => commands.run("gimbal centre"), f: fullScreen, "?": help, d: theme,
   b: () => commands.run("gimbal selfie"), l: lock, t: () => commands.run("tracking stop"), m: all,
-  p: save, i: () => document.body.classList.toggle("bare"), Escape: () => drive.stop(true),
+  p: save, i: () => document.body.classList.toggle("bare"), Escape: stop,
 });
 
 drive.addEventListener("stop", () => {
