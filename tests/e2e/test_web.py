@@ -172,12 +172,19 @@ def until_still(bridge, seconds=5):
 
 
 @contextlib.contextmanager
-def driving(web, data, service):
-    """A browser whose speed has come to the gimbal."""
+def at_the_helm(web, data, service):
+    """A browser that has the lease, and a service that has a bridge."""
     data.send(b"\0" * 20)
     service.err.wait("Data found")
     with web.control() as browser:
         drive(browser)
+        yield browser
+
+
+@contextlib.contextmanager
+def driving(web, data, service):
+    """A browser whose speed has come to the gimbal."""
+    with at_the_helm(web, data, service) as browser:
         browser.send(type="speed", pan=1, tilt=0, roll=0, n=1)
         data.receive()
         yield browser
@@ -185,10 +192,7 @@ def driving(web, data, service):
 
 def test_driving_moves_and_silence_stops(web, data, service):
     """The gimbal's last frame is a zero one within 400 ms of the last word."""
-    data.send(b"\0" * 20)
-    service.err.wait("Data found")
-    with web.control() as browser:
-        drive(browser)
+    with at_the_helm(web, data, service) as browser:
         for count in range(1, 6):
             browser.send(type="speed", pan=0.5, tilt=0, roll=0, n=count)
             time.sleep(0.05)
@@ -228,10 +232,7 @@ def test_one_that_was_killed_is_made_up_for_by_the_next(web, serve, data, servic
 @contextlib.contextmanager
 def turning(web, data, service):
     """A browser whose command turns the gimbal, on and on."""
-    data.send(b"\0" * 20)
-    service.err.wait("Data found")
-    with web.control() as browser:
-        drive(browser)
+    with at_the_helm(web, data, service) as browser:
         browser.send(type="command", id=1, words=["gimbal", "move", "1000", "0"])
         assert browser.message("result", id=1)["ok"] is True
         while data.receive()[11:17] == ZERO:
