@@ -51,11 +51,12 @@ export class Lease extends EventTarget {
     return new Promise((resolve) => {
       const end = () => {
         clearTimeout(late);
-        this.removeEventListener("change", end);
+        this.removeEventListener("change", look);
         resolve(this.mine);
       };
+      const look = () => this.holder !== null && end(); // that it is free may be older news
       const late = setTimeout(end, milliseconds);
-      this.addEventListener("change", end);
+      this.addEventListener("change", look);
     });
   }
 
