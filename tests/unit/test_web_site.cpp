@@ -177,6 +177,10 @@ TEST(WebSite, NothingForOtherSites) {
   for (const auto& [name, value] : console.get("/api/state").headers) {
     EXPECT_NE(name.substr(0, 29), "Access-Control-Allow-Origin");
   }
+  EXPECT_EQ(header(page, "Cross-Origin-Opener-Policy"), "");
+  Request request;
+  request.secure = true;
+  EXPECT_EQ(header(console.get("/", request), "Cross-Origin-Opener-Policy"), "same-origin");
 }
 
 TEST(WebSite, Programs) {

@@ -10,6 +10,7 @@ import subprocess
 import tempfile
 
 from selenium import webdriver
+from selenium.common.exceptions import TimeoutException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
@@ -32,6 +33,9 @@ PREFERENCES = {"credentials_enable_service": False, "profile": {"password_manage
                "autofill": {"enabled": False}, "translate": {"enabled": False}}
 HOST = "127.0.0.1"
 
+
+# How many pictures the page has shown.
+SHOWN = "return Number(document.querySelector('#stage').dataset.shown)"
 
 # Notes what the page says to the server.
 HEARING = """
@@ -103,10 +107,12 @@ class Chromium:
 
     def wait(self, script, *arguments, seconds=10, what=None):
         """Waits until the script answers with something, and returns it."""
-        message = what or script
-        return WebDriverWait(self.driver, limit(seconds), poll_frequency=0.02).until(
-            lambda _: self.run(script, *arguments), f"{message} did not come true: "
-            f"{self.errors()}")
+        try:
+            return WebDriverWait(self.driver, limit(seconds), poll_frequency=0.02).until(
+                lambda _: self.run(script, *arguments))
+        except TimeoutException:
+            raise AssertionError(
+                f"{what or script} did not come true: {self.errors()}") from None
 
     def find(self, selector):
         return self.driver.find_element(By.CSS_SELECTOR, selector)

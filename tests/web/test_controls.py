@@ -250,10 +250,15 @@ def test_all_commands_are_there(page, build):
     assert len(shown) > 30
 
 
+def open_settings(page):
+    """Their dialog, once the board's report stands in it: that fills what nobody has touched."""
+    page.find("#settings").click()
+    page.wait("return document.querySelector('dialog[open] [aria-label=\"Bits a second\"]')?.value")
+
+
 def test_settings(page, standins):
     """A setting is saved on the card; what it restarts is said before."""
-    page.find("#settings").click()
-    page.wait("return document.querySelector('dialog[open] [aria-label=\"Bits a second\"]')")
+    open_settings(page)
     field = page.find("[aria-label='Bits a second']")
     assert "Restarts" in page.run(
         "return document.querySelector('[aria-label=\"Bits a second\"]').form.textContent")
@@ -287,10 +292,10 @@ def test_settings_that_are_reported_later(browser, webs, start):
 
 
 def test_channel_map(page):
-    page.find("#settings").click()
-    page.wait("return document.querySelector('dialog[open] .channels')")
+    open_settings(page)
     page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true));"
-             "document.querySelector('[aria-label=\"Channel 3 drives\"]').value = 'record'")
+             "const channel = document.querySelector('[aria-label=\"Channel 3 drives\"]');"
+             "channel.value = 'record'; channel.dispatchEvent(new Event('change'))")
     page.button("Save the channels", "dialog").click()
     page.wait("return document.querySelector('#toasts').textContent.includes('Channels: saved')")
     close_dialog(page)
@@ -304,8 +309,7 @@ def test_channel_map(page):
 def test_scan(page, standins):
     """What the board hears becomes what the network's name can be chosen from."""
     standins.answer("iwlist", r"""printf 'x\n   ESSID:"alpha"\n  Quality=1\nESSID:"beta"\n'""")
-    page.find("#settings").click()
-    page.wait("return document.querySelector('dialog[open] fieldset')")
+    open_settings(page)
     page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
     Select(page.find("[aria-label='Wi-Fi: Interface']")).select_by_visible_text("wlan0")
     page.run("document.querySelector('#names-lan').parentElement.querySelector('button').click()")
@@ -315,8 +319,7 @@ def test_scan(page, standins):
 
 
 def test_pass_phrases_are_write_only(page):
-    page.find("#settings").click()
-    page.wait("return document.querySelector('dialog[open] fieldset')")
+    open_settings(page)
     page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
     field = page.find("[aria-label='Wi-Fi: Pass phrase']")
     assert field.get_attribute("type") == "password" and field.get_attribute("value") == ""
@@ -448,8 +451,7 @@ def fill(page, field, press):
 @PRESSES
 def test_every_setting(page, press):
     """Each is filled in and set, and the board takes it."""
-    page.find("#settings").click()
-    page.wait("return document.querySelector('dialog[open] form.setting')")
+    open_settings(page)
     page.run("document.querySelectorAll('dialog details').forEach((one) => (one.open = true))")
     forms = page.run("return [...document.querySelectorAll('dialog form.setting')]")
     assert len(forms) > 20

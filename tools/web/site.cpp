@@ -40,7 +40,10 @@ void harden(Response& response, const Request& request) {
   // would.
   response.headers.emplace_back("Referrer-Policy", "same-origin");
   response.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
-  response.headers.emplace_back("Cross-Origin-Opener-Policy", "same-origin");
+  // Without TLS browsers only complain of it.
+  if (request.secure) {
+    response.headers.emplace_back("Cross-Origin-Opener-Policy", "same-origin");
+  }
 }
 
 Response refusal(unsigned status, std::string text) {
