@@ -9,6 +9,7 @@ import time
 
 import websockets
 
+from chromium import SHOWN
 from conftest import PLAIN_HOST, PORT
 
 ADDRESS = f"ws://{PLAIN_HOST}:{PORT}"
@@ -142,9 +143,6 @@ class Pages:
             self.browser.driver.switch_to.window(window)
             ages += self.browser.ages(self.browser.picture(), times)
         return ages
-
-
-SHOWN = "return Number(document.querySelector('#stage').dataset.shown)"
 
 
 def memory(pid):

@@ -9,7 +9,8 @@ import threading
 import time
 
 from harness.timing import limit, wait_until
-from crowd import SHOWN, Pages, Scripted, memory, run_all
+from chromium import SHOWN
+from crowd import Pages, Scripted, memory, run_all
 
 MOST_MEMORY = 40 * 1024  # KiB
 RATE = 5  # pictures a second: all the browsers are one machine's

@@ -22,7 +22,8 @@ def guarded(service, webs, build, tmp_path):
 
 def log_in(browser, password):
     field = browser.wait("return document.querySelector('#password')")
-    assert browser.run("return document.activeElement === arguments[0]", field), "not ready to type"
+    browser.wait("return document.activeElement === arguments[0]", field,
+                 what="a field to type into")
     browser.run("window.before = true")
     browser.keys(password, Keys.ENTER)
     browser.wait("return !window.before && document.readyState === 'complete'")
@@ -37,7 +38,8 @@ def path(browser):
 
 
 def who(browser, label):
-    browser.wait("return document.querySelector('#take')?.textContent === arguments[0]", label)
+    browser.wait("const take = document.querySelector('#take');"
+                 " return take?.textContent === arguments[0] && !take.disabled", label)
 
 
 def test_the_operator_logs_in_and_out(browser, guarded, camera, film):
@@ -77,7 +79,7 @@ def test_viewers_watch(browser, guarded, camera, film):
     browser.open(guarded.address())
     log_in(browser, "shore")
     browser.picture()
-    browser.wait("return document.querySelector('#who').textContent !== ''")
+    browser.wait("return document.querySelector('#foot').textContent !== ''")
     assert not browser.run("return document.querySelector('#take').checkVisibility() &&"
                            " !document.querySelector('#take').disabled")
     browser.find("#record").click()

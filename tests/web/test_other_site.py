@@ -117,7 +117,7 @@ def test_other_site(browser, service, data, web, other_site):
     # And in the page's frame is the browser's word that it shows nothing.
     browser.driver.switch_to.frame(browser.find("#framed"))
     try:
-        assert browser.run("return location.href").startswith("chrome-error:")
+        browser.wait("return location.href.startsWith('chrome-error:')")
     finally:
         browser.driver.switch_to.default_content()
 
