@@ -190,6 +190,7 @@ def test_form(live, ctl, word):
     rows = {form: effects for form, effects in FORMS.items() if form.split()[0] == word}
     for form, effects in rows.items():
         assert ctl(*form.split()) == ""
+        live.wait_taken()
         _, fence = live.fence()
         assert live.effects() == live.numbered([*effects, *fence]), form
 
@@ -224,17 +225,17 @@ def test_every_command_has_an_example(ctl):
 
 def test_orientation(live, ctl, region):
     ctl("orientation", "lock")
-    assert region.u8(region.ORIENTATION_LOCK) == 1
+    wait_until(lambda: region.u8(region.ORIENTATION_LOCK) == 1, 5, "orientation lock")
     live.camera.wait_text("Set orientation lock\n")
     ctl("orientation", "unlock")
-    assert region.u8(region.ORIENTATION_LOCK) == 0
+    wait_until(lambda: region.u8(region.ORIENTATION_LOCK) == 0, 5, "orientation unlock")
 
 
 def test_channels(live, ctl, region):
     ctl("channels", "on")
-    assert region.u8(region.SHOW_CHANNELS) == 1
+    wait_until(lambda: region.u8(region.SHOW_CHANNELS) == 1, 5, "channels on")
     ctl("channels", "off")
-    assert region.u8(region.SHOW_CHANNELS) == 0
+    wait_until(lambda: region.u8(region.SHOW_CHANNELS) == 0, 5, "channels off")
 
 
 @pytest.mark.parametrize("typed, expected", [

@@ -60,6 +60,7 @@ class Neighbour:
         for address in HOSTS:
             self.run(f"ip addr add {address}/24 dev host")
         self.run("ip link set host up")
+        wait_until(lambda: "state UP" in run("ip link show board"), 5, "the link")
 
     def move(self, address):
         """The other host has that address, too, and the board finds it there."""

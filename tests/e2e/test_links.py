@@ -12,6 +12,7 @@ import pytest
 from harness.bridge import Bridge
 from harness.console import connected, events, removed
 from harness.making import making
+from harness.reports import GIMBAL, TAIL
 from harness.service import SOCKETS
 from harness.timing import limit, wait_until
 from harness.udp import DATA_PORT, PORTS, VIDEO_PORT, VIEWER_PORT, bound_ports, socket_queue
@@ -33,10 +34,9 @@ def serves(join, bridge):
     def check(service):
         viewer = join(service)
         viewer.message(11)
-        bridge(DATA_PORT).send(b"data")
-        service.err.wait("Data found\n")
+        bridge(DATA_PORT).send(GIMBAL.frame() + TAIL)
+        viewer.message(0)
         bridge(VIDEO_PORT).send(b"video")
-        service.err.wait("Video found\n")
         viewer.wait(lambda f: f.video and f.payload == b"video")
 
     return check

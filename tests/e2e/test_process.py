@@ -324,6 +324,7 @@ def test_resident_memory(unsanitized, launch, passes, everything):
     assert resources(service)[0] < 4 * 1024 * 1024
 
 
+@pytest.mark.timing
 def test_time_to_ready(unsanitized, start, standins, passes):
     """Under 20 ms. The best of several starts: the others tell of the machine's other work."""
     best = float("inf")

@@ -115,7 +115,7 @@ def assert_from_a_key_picture(pictures, source):
     assert pictures == [source[(first + i) % len(source)] for i in range(len(pictures))]
 
 
-# Where a camera that is held up in the middle of a picture has it torn, these two are no fair
+# Where a camera that is held up in the middle of a picture has it torn, those marked are no fair
 # judges.
 @pytest.mark.timing
 def test_ffmpeg(camera, console, source, tmp_path):
@@ -212,6 +212,7 @@ def test_nobody_receives(camera, console):
     assert web.run.poll() is None
 
 
+@pytest.mark.timing
 def test_a_way_that_takes_nothing(camera, console, links):
     """Each picture is counted as dropped then, and whoever looks at the page misses none. When the
     way is there again, so are the pictures."""

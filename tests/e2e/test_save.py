@@ -282,6 +282,7 @@ def test_save_is_announced_first(saver, standins):
     hold(standins, "mount")
     saver.switch()
     wait_held(standins)
+    saver.service.err.wait("Save config\n")
     assert saver.service.err.text().endswith("Save config\n")
     assert not CARD_FILE.exists() and not WORKING_COPY.exists()
     release(standins)

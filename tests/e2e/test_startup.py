@@ -1,5 +1,6 @@
 """Start-up as a person at the console and the sibling processes see it."""
 
+import contextlib
 import os
 import select
 import signal
@@ -159,7 +160,12 @@ def test_splash_comes_before_the_settings(launch, region, tmp_path):
     wait_until(lambda: region.bytes(version, 8) == b"v.0.3.7\0", 5, "the splash")
     assert region.text(*region.PRODUCT_NAME) == "Tervado Nimbus"
     assert region.u8(region.OSD_ENABLED) == BEFORE[0]
-    pipe = os.open(settings, os.O_WRONLY | os.O_NONBLOCK)  # which fails when nobody reads it
+
+    def opened():
+        with contextlib.suppress(OSError):  # nobody reads it yet
+            return os.open(settings, os.O_WRONLY | os.O_NONBLOCK)
+
+    pipe = wait_until(opened, 5, "the reader of the settings")
     os.write(pipe, b"osd_enabled=1\n")
     os.close(pipe)
     wait_until(lambda: region.u8(region.OSD_ENABLED) == 1, 5, "the settings")

@@ -190,6 +190,7 @@ def driving(web, data, service):
         yield browser
 
 
+@pytest.mark.timing
 def test_driving_moves_and_silence_stops(web, data, service):
     """The gimbal's last frame is a zero one within 400 ms of the last word."""
     with at_the_helm(web, data, service) as browser:
@@ -202,6 +203,7 @@ def test_driving_moves_and_silence_stops(web, data, service):
     assert frames[-1][0] - said < 0.4 * TIME_SCALE
 
 
+@pytest.mark.timing
 def test_a_driver_that_vanishes_stops_the_gimbal(web, data, service):
     with driving(web, data, service):
         pass

@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from harness.console import connected, events
+from harness.console import connected, events, lost
 from harness.timing import limit, wait_until
 from harness.udp import DATA_PORT, VIDEO_PORT, VIEWER_PORT, occupied
 
@@ -71,7 +71,7 @@ def test_second_instance(start, viewers, video, times):
         assert second.err.text() == "Loading config file... done\nInit network... fail\n"
         video.send(b"%d" % number)
         viewer.wait(lambda frame, number=number: frame.payload == b"%d" % number)
-    assert "lost" not in events(first)
+    assert lost(viewer) not in events(first)
 
 
 @pytest.mark.parametrize("size", [0, 2671])

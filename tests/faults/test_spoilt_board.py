@@ -33,7 +33,8 @@ def mounted(where, *options):
     try:
         yield
     finally:
-        subprocess.run(["/bin/umount", where], check=True)
+        # A command of the service may have a stand-in's file open at this moment.
+        subprocess.run(["/bin/umount", "--lazy", where], check=True)
 
 
 @contextlib.contextmanager

@@ -212,7 +212,7 @@ def test_tools_that_fill_the_console(unsanitized, launch, tmp_path, viewers, sta
     viewer.command(json.dumps({**SAVE, "value": "2"}))
     # Two mounts, the umount and the killall.
     wait_until(lambda: console.stat().st_size >= 4 * size, 60, "the end of the save")
-    viewer.message(11)
+    viewer.message(11, start=len(viewer.frames))
     viewer.command('{"cmd":"shot"}')
     wait_until(lambda: tail(console).endswith(b"Camera shot\n"), 60, "the next command")
     passed = time.monotonic() - begin

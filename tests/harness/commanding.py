@@ -12,6 +12,7 @@ from harness.camera import Camera
 from harness.console import removed
 from harness.duml import Command, command
 from harness.making import making
+from harness.service import wait_for_ports
 from harness.timing import wait_until
 
 # What the links say of themselves, at moments of their own.
@@ -32,6 +33,7 @@ class Station:
         self.viewer = viewer
         self.region = region
         self.sequence = 0  # of the next frame
+        wait_for_ports()
         self.service = start(conf, env=env, wait_ready=False,
                              preexec_fn=self.camera.take_console)
         self.camera.wait_text("Init control\n", 10)
@@ -59,6 +61,10 @@ class Station:
     def send(self, what):
         """Posts a command and waits until it has been taken, so that another can follow."""
         self.post(what)
+        self.wait_taken()
+
+    def wait_taken(self):
+        """Waits until the command in the mailbox, if there is one, has been taken."""
         wait_until(lambda: self.region.u8(self.region.COMMAND_MAILBOX[0]) == 0, 5, "the command")
 
     def effects(self):

@@ -303,10 +303,10 @@ TEST_F(RcReport, HasTheReceiverStateAndAllChannels) {
 }
 
 TEST_F(RcReport, IsSentAgainAfterMoreThan500Ms) {
-  config_get()->rc_input_enabled = 1;
   for (const std::int64_t moment : {later(), kMoments[1]}) {
     SCOPED_TRACE(moment);
     set_clock(moment);
+    config_get()->rc_input_enabled = 1;
     ASSERT_FALSE(report().empty());
     expect_no_report();
     set_clock(moment + 500);
