@@ -9,7 +9,6 @@ import time
 
 import websockets
 
-from chromium import SHOWN
 from conftest import PLAIN_HOST, PORT
 
 ADDRESS = f"ws://{PLAIN_HOST}:{PORT}"
