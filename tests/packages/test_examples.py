@@ -97,7 +97,9 @@ def test_janus(machine, camera):
     machine.succeed("systemctl", "start", "nimbus-janus")
     machine.wait(lambda: "Janus" in machine.run("python3", "-c", FETCH,
                                                 "http://127.0.0.1:8188/janus/info").stdout, "Janus")
-    assert machine.active("janus") == "inactive" and machine.active("nimbus-janus") == "active"
+    # Debian's own may not take it well that it is stopped while it starts.
+    assert machine.active("janus") in ("inactive", "failed")
+    assert machine.active("nimbus-janus") == "active"
     info = json.loads(machine.succeed("python3", "-c", FETCH, "http://127.0.0.1:8188/janus/info"))
     assert list(info["plugins"]) == ["janus.plugin.streaming"]
     assert "5004" in machine.succeed("ss", "-lun")
