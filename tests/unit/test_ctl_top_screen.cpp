@@ -182,8 +182,8 @@ TEST_F(TopScreenTest, FitsAnySize) {
   std::vector<std::uint8_t> histogram(65, 9);
   histogram[0] = 14;
   take(histogram);
-  for (const std::size_t width : {0, 1, 2, 40, 80, 300}) {
-    for (const std::size_t height : {0, 1, 2, 10, 100}) {
+  for (const std::size_t width : {0U, 1U, 2U, 40U, 80U, 300U}) {
+    for (const std::size_t height : {0U, 1U, 2U, 10U, 100U}) {
       const auto lines = screen_.lines(now_, width, height);
       EXPECT_LE(lines.size(), height);
       for (const ScreenLine& line : lines) EXPECT_LE(line.text.size(), width);

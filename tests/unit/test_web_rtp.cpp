@@ -221,7 +221,7 @@ TEST(RtpOutput, TellsOfParameterSetsSeldom) {
   begin(output, Kind::h264, sets[0]);
   show(output, false, 10, 5 * kSecond);
   EXPECT_TRUE(told.empty());
-  for (const std::uint64_t second : {5, 6, 20}) show(output, true, 10, second * kSecond);
+  for (const std::uint64_t second : {5U, 6U, 20U}) show(output, true, 10, second * kSecond);
   EXPECT_EQ(told, (Packets{sets[0]}));
   begin(output, Kind::h264, sets[1]);
   show(output, true, 10, 21 * kSecond);

@@ -145,7 +145,7 @@ Buffer hardware_sps(std::uint8_t profile = 100, Usage usage = Usage::none, bool 
   out.flag(true);
   out.flag(true);
   out.flag(true);  // cropped by 8 rows
-  for (const std::uint32_t side : {0, 0, 0, 4}) out.ue(side);
+  for (const std::uint32_t side : {0U, 0U, 0U, 4U}) out.ue(side);
   out.flag(usage != Usage::none);
   if (usage != Usage::none) write_usage(out, usage == Usage::reordering);
   return escaped(out.finish());
@@ -399,9 +399,10 @@ TEST(WebH265, ASetOfAHighDefinitionPicture) {
   out.bits(0x4201, 16);
   out.bits(1, 8);  // one layer, nested
   for (int i = 0; i < 12; ++i) out.bits(1, 8);
-  for (const std::uint32_t code : {0, 1, 1920, 1088}) out.ue(code);  // id, colours, size
+  for (const std::uint32_t code : {0U, 1U, 1920U, 1088U}) out.ue(code);  // id, colours, size
   out.flag(true);
-  for (const std::uint32_t code : {0, 0, 0, 4, 0, 0}) out.ue(code);  // what is cut off, depths
+  for (const std::uint32_t code : {0U, 0U, 0U, 4U, 0U, 0U})
+    out.ue(code);  // what is cut off, depths
   const auto sps = h265::parse_sps(escaped(out.finish()));
   ASSERT_TRUE(sps);
   EXPECT_EQ(sps->width, 1920U);
