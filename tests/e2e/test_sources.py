@@ -226,8 +226,7 @@ def test_flag_of_camera_data_outlasts_the_video(steady, counted, data, video):
     with steady_traffic(data, 0.2):
         steady.err.wait("Data found\n")
         steady.err.wait("Video lost\n", LOSS_SECONDS)
-        next_round(viewer)
-        assert next_round(viewer) == status_messages(True, False)
+        assert round_after(viewer) == status_messages(True, False)
 
 
 def test_data_is_reported_lost_before_video(steady, standins, data, video):
@@ -248,6 +247,12 @@ def next_round(viewer):
     last = viewer.message(11, start=viewer.frames.index(first))
     return [f.payload for f in viewer.frames
             if not f.video and first.counter <= f.counter <= last.counter]
+
+
+def round_after(viewer):
+    """The one behind the next: that may have begun before what has just happened."""
+    next_round(viewer)
+    return next_round(viewer)
 
 
 def status_messages(data_connected, video_connected):
@@ -278,10 +283,10 @@ def test_viewers_are_told(steady, counted, source):
     assert next_round(viewer) == status_messages(False, False)
     with steady_traffic(sender, 0.2):
         steady.err.wait(f"{name} found\n")
-        assert next_round(viewer) == connected
+        assert round_after(viewer) == connected
         assert next_round(viewer) == connected
     steady.err.wait(f"{name} lost\n", LOSS_SECONDS, count=2)
-    assert next_round(viewer) == status_messages(False, False)
+    assert round_after(viewer) == status_messages(False, False)
 
 
 @pytest.mark.parametrize("seconds_after_a_round", [0.1, 0.7])
@@ -308,12 +313,11 @@ def test_time_to_loss(steady, standins, counted, source, seconds_after_a_round):
             assert frame.payload[2] == 0 or age < 1 + limit(0.25)
 
 
-def test_camera_data_is_not_relayed(steady, counted, data, region):
+def test_camera_data_is_not_relayed(steady, counted, data):
     viewer = counted()
     with steady_traffic(data, 0.01):
         steady.err.wait("Data found\n")
-        wait_until(lambda: region.u8(DATA_CONNECTED) == 1, 5)  # it is said before it is so
-        assert next_round(viewer) == status_messages(True, False)
+        assert round_after(viewer) == status_messages(True, False)
     assert {f.payload[0] for f in viewer.frames} <= {5, 6, 11}
 
 
@@ -323,7 +327,7 @@ def test_disabled_video_stream(start, counted, video, region):
     viewer = counted()
     with steady_traffic(video, 0.1):
         service.err.wait("Video found\n")
-        assert next_round(viewer) == status_messages(False, True)
+        assert round_after(viewer) == status_messages(False, True)
         assert region.u8(VIDEO_CONNECTED) == 1
         assert region.text(*region.VIDEO_STATUS_TEXT) == ""
         assert next_round(viewer) == status_messages(False, True)
