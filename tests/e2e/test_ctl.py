@@ -190,6 +190,7 @@ def test_form(live, ctl, word):
     rows = {form: effects for form, effects in FORMS.items() if form.split()[0] == word}
     for form, effects in rows.items():
         assert ctl(*form.split()) == ""
+        live.wait_handled()
         live.wait_taken()
         _, fence = live.fence()
         assert live.effects() == live.numbered([*effects, *fence]), form

@@ -164,7 +164,7 @@ def test_table_by_a_model(held, viewers, settled):
     everybody = [viewers(f"127.0.{n % 3}.{n % 7 + 1}") for n in range(30)]
     table, expected = set(), []
     for number in range(4000):
-        if number % 1000 == 0:  # the service's queue holds some two thousand
+        if number % 250 == 0:  # the service's queue holds some hundreds at the least
             wait_until(lambda: socket_queue(VIEWER_PORT)[0] == 0, 5, "the service")
         viewer = chance.choice(everybody)
         if chance.random() < 0.5:

@@ -662,6 +662,12 @@ TEST(WebHub, TheLeaseGoesByConsent) {
   two->received(R"({"type":"take"})");
   EXPECT_NE(hear(*one).at("lease").find(R"("asked_by":"b2","asked_name":"10.0.0.2","you":true)"),
             std::string::npos);
+  // Neither the question nor a command of whoever drives stops what he moves.
+  ASSERT_FALSE(house.speeds.empty());
+  EXPECT_NE(house.speeds.back(), (std::array<std::int16_t, 3>{}));
+  one->received(R"({"type":"command","id":1,"words":["shot"]})");
+  house.pass(milliseconds(60));
+  EXPECT_NE(house.speeds.back(), (std::array<std::int16_t, 3>{}));
   one->received(R"({"type":"deny"})");
   EXPECT_NE(hear(*two).at("notice").find("keeps"), std::string::npos);
   two->received(R"({"type":"take"})");

@@ -34,7 +34,7 @@ PREFERENCES = {"credentials_enable_service": False, "profile": {"password_manage
 HOST = "127.0.0.1"
 
 
-# How many pictures the page has shown.
+# The number of the picture that the page shows; the server counts them.
 SHOWN = "return Number(document.querySelector('#stage').dataset.shown)"
 
 # Notes what the page says to the server.

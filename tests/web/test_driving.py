@@ -533,10 +533,11 @@ def test_question_over_a_dialog(page, gimbal, asked):
 
 def test_control_that_comes_late(page, gimbal):
     """What the page hears before, that nobody has it, is no refusal."""
+    page.run("window.other = new WebSocket(`ws://${location.host}/ws/control`)")
+    page.wait("return other.readyState === 1")
     page.run("const { send } = WebSocket.prototype; WebSocket.prototype.send = function (text) {"
              " if (!text.includes('\"take\"')) return send.call(this, text);"
-             " const other = new WebSocket(`ws://${location.host}/ws/control`);"
-             " other.onopen = () => setTimeout(() => send.call(this, text), 300); }")
+             " other.close(); setTimeout(() => send.call(this, text), 200); }")
     hold_stick(page)
     gimbal.wait_moves()
     page.actions.release().perform()

@@ -40,7 +40,7 @@ void harden(Response& response, const Request& request) {
   // would.
   response.headers.emplace_back("Referrer-Policy", "same-origin");
   response.headers.emplace_back("Cross-Origin-Resource-Policy", "same-origin");
-  // Without TLS browsers only complain of it.
+  // Without TLS browsers complain of it, but on the board itself.
   if (request.secure) {
     response.headers.emplace_back("Cross-Origin-Opener-Policy", "same-origin");
   }

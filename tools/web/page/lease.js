@@ -31,8 +31,7 @@ export class Lease extends EventTarget {
     if (this.holder !== null || this.role !== "operator") {
       return false;
     }
-    this.link.send({ type: "take" });
-    return this.#comes(1000);
+    return this.link.send({ type: "take" }) && this.#comes(1000);
   }
 
   /** Why nothing can be done, for people. */
@@ -54,7 +53,8 @@ export class Lease extends EventTarget {
         this.removeEventListener("change", look);
         resolve(this.mine);
       };
-      const look = () => this.holder !== null && end(); // that it is free may be older news
+      // That it is free may be older news.
+      const look = () => (this.holder !== null || !this.link.open) && end();
       const late = setTimeout(end, milliseconds);
       this.addEventListener("change", look);
     });
