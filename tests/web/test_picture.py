@@ -271,13 +271,18 @@ def test_snapshot(browser, web, film, tmp_path):
 
 def test_transport_stream(browser, web, bridge):
     """What no browser plays is named instead of a black picture."""
-    browser.open(web.address())
     packet = b"\x47\x00\x11\x10" + bytes(184)
 
     def named():
         bridge.take(packet * 7)
         return "MPEG-TS" in stale(browser)
 
+    browser.open(web.address())
+    wait_until(named, 10, "the name of the stream")
+    browser.open(web.address())  # it is known already
+    browser.wait("return document.querySelector('#foot').textContent !== ''")
+    wait_until(named, 10, "the name of the stream")
+    time.sleep(1.5)  # and silent for a second
     wait_until(named, 10, "the name of the stream")
 
 

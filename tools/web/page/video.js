@@ -88,8 +88,12 @@ export class Video extends EventTarget {
   }
 
   async #text(message) {
-    const unable = this.#players.length === 0;
-    if (message.type === "waiting") return unable ? undefined : this.#because(message.reason);
+    if (message.type === "waiting") {
+      // A stream that cannot be played has no pictures to wait for.
+      const { kind, codec } = this.stream ?? { kind: "none" };
+      const unable = this.#players.length === 0 || (kind !== "none" && !codec);
+      return unable ? undefined : this.#because(message.reason);
+    }
     if (message.type !== "stream") return undefined;
     const another = message.codec !== this.stream?.codec;
     this.stream = message;
