@@ -544,6 +544,16 @@ def test_control_that_comes_late(page, gimbal):
     gimbal.wait_rest(noted(page, "pointerup"))
 
 
+def test_control_when_the_connection_goes(page, gimbal):
+    """It is said at once, before there is another one."""
+    page.run("const { send } = WebSocket.prototype; WebSocket.prototype.send = function (text) {"
+             " if (text.includes('\"take\"')) this.close(); else send.call(this, text); }")
+    hold_stick(page)
+    page.wait("return document.querySelector('#alerts').textContent ==="
+              " 'There is no connection to the board.'")
+    page.actions.release().perform()
+
+
 def test_control_that_does_not_come(page, gimbal):
     """Nobody has it, and the board says nothing: the page makes nobody up."""
     page.run("const { send } = WebSocket.prototype; WebSocket.prototype.send = function (text) {"
